@@ -1,0 +1,23 @@
+#ifndef BUNDLE_LOG_H
+#define BUNDLE_LOG_H
+
+#include <zq_log.h>
+
+namespace SystemServer {
+
+/// The server's module code in the device's log, and the one under which two-language records are kept.
+constexpr int LOG_MODULE = 4;
+constexpr int LANGUAGE_LOG_MODULE = 5;
+
+/// The levels of the device's log that the server uses.
+constexpr int LOG_LEVEL_INFO = 1;
+constexpr int LOG_LEVEL_ERROR = 3;
+
+} // namespace SystemServer
+
+/// Writes one record. Any thread; takes no lock and no heap of ours, so it may be used between fork and exec.
+#define BUNDLE_LOG(level, ...) ZQ_WriteLog(SystemServer::LOG_MODULE, (level), 0, 0, __FILE__, __LINE__, __VA_ARGS__)
+#define BUNDLE_INFO(...) BUNDLE_LOG(SystemServer::LOG_LEVEL_INFO, __VA_ARGS__)
+#define BUNDLE_ERROR(...) BUNDLE_LOG(SystemServer::LOG_LEVEL_ERROR, __VA_ARGS__)
+
+#endif

@@ -1,0 +1,125 @@
+#include "bundle_manifest.h"
+
+#include "bundle_log.h"
+#include "item_kind.h"
+
+#include <Poco/Exception.h>
+#include <Poco/StringTokenizer.h>
+
+#include <array>
+#include <istream>
+#include <sstream>
+#include <stdexcept>
+
+namespace SystemServer {
+
+const std::string BundleManifest::GLOBAL_SECTION_NAME = "global";
+const std::string BundleManifest::BUNDLE_NAME = "bundle_name";
+const std::string BundleManifest::BUNDLE_LOAD_MODE = "bundle_load_mode";
+const std::string BundleManifest::BUNDLE_DEPENDENCY = "bundle_dependencies";
+const std::string BundleManifest::DEFAULT_SEPARATOR = ",";
+const std::string BundleManifest::ITEM_NAME = "item_name";
+const std::string BundleManifest::ENTRY_FUNC = "entry_func";
+
+namespace {
+
+// The INI reader reads until the end of the file and takes an error for more to come: it would never return.
+std::string ReadWhole(std::istream& stream)
+{
+    std::string text;
+    std::array<char, 4096> chunk;
+    while (stream.read(chunk.data(), chunk.size()) || stream.gcount() > 0) {
+        text.append(chunk.data(), static_cast<std::size_t>(stream.gcount()));
+        if (text.size() > BundleManifest::MAX_SIZE) {
+            throw Poco::DataFormatException("bundle manifest is longer than " +
+                                            std::to_string(BundleManifest::MAX_SIZE) + " bytes");
+        }
+    }
+    if (stream.bad()) {
+        throw Poco::ReadFileException("bundle manifest can not be read");
+    }
+    return text;
+}
+
+} // namespace
+
+BundleManifest::BundleManifest(std::istream& stream)
+{
+    std::istringstream text(ReadWhole(stream));
+    m_config = new Poco::Util::IniFileConfiguration(text);
+    try {
+        Parse();
+    } catch (...) {
+        Clear();
+        BUNDLE_ERROR("parse bundle manifest fail.");
+        throw;
+    }
+}
+
+BundleManifest::~BundleManifest() = default;
+
+void BundleManifest::Parse()
+{
+    ParseGlobalSection();
+    ParseDependencies();
+    Poco::Util::AbstractConfiguration::Keys sections;
+    m_config->keys(sections);
+    for (const std::string& section : sections) {
+        // Byte for byte, unlike the look-up of keys: "[Global]" gives the global keys and is an item section as well.
+        if (section != GLOBAL_SECTION_NAME) {
+            ParseLoadItem(section);
+        }
+    }
+    BUNDLE_INFO("==================================================");
+}
+
+void BundleManifest::ParseGlobalSection()
+{
+    m_bundleName = m_config->getString(GLOBAL_SECTION_NAME + "." + BUNDLE_NAME);
+    m_loadMode = static_cast<LoadModeType>(m_config->getInt(GLOBAL_SECTION_NAME + "." + BUNDLE_LOAD_MODE));
+    BUNDLE_INFO("=================bundle info=================");
+    BUNDLE_INFO("bundle name ------> [%s]", m_bundleName.c_str());
+    BUNDLE_INFO("bundle load mode ------> [%d]", static_cast<int>(m_loadMode));
+}
+
+void BundleManifest::ParseDependencies()
+{
+    const std::string names = m_config->getString(GLOBAL_SECTION_NAME + "." + BUNDLE_DEPENDENCY, "");
+    const Poco::StringTokenizer tokens(names, DEFAULT_SEPARATOR,
+                                       Poco::StringTokenizer::TOK_IGNORE_EMPTY | Poco::StringTokenizer::TOK_TRIM);
+    for (const std::string& name : tokens) {
+        BUNDLE_INFO("bundle dependencies ------> [%s]", name.c_str());
+        m_dependencies.push_back(name);
+    }
+}
+
+void BundleManifest::ParseLoadItem(const std::string& section)
+{
+    LoadItem item;
+    item.itemName = m_config->getString(section + "." + ITEM_NAME);
+    BUNDLE_INFO("==================");
+    BUNDLE_INFO("bundle item info : ");
+    BUNDLE_INFO("bundle item name ------> [%s]", item.itemName.c_str());
+    const ItemKind kind = KindOf(item.itemName);
+    if (kind == ItemKind::TOO_SHORT) {
+        // No Poco::Exception, and so no matter of this one bundle when the whole collection is loaded: it ends the
+        // start.
+        throw std::out_of_range("item name[" + item.itemName + "] is shorter than three characters");
+    }
+    if (kind == ItemKind::LIBRARY) {
+        item.entryFunc = m_config->getString(section + "." + ENTRY_FUNC);
+        BUNDLE_INFO("bundle item[dyn lib] entry func ------> [%s]", item.entryFunc.c_str());
+    }
+    BUNDLE_INFO("==================");
+    m_loadItems.push_back(item);
+}
+
+void BundleManifest::Clear()
+{
+    m_config = nullptr;
+    m_loadItems.clear();
+    m_dependencies.clear();
+    m_bundleName.clear();
+}
+
+} // namespace SystemServer

@@ -1,0 +1,62 @@
+#include "bundle_storage_dir.h"
+
+#include "bundle_log.h"
+
+#include <Poco/Exception.h>
+#include <Poco/File.h>
+#include <Poco/FileStream.h>
+
+#include <memory>
+
+namespace SystemServer {
+
+BundleStorage::~BundleStorage() = default;
+BundleStorageDir::~BundleStorageDir() = default;
+
+Poco::Path BundleStorageDir::GetResourceAbsPath(const std::string& relativePath) const
+{
+    Poco::Path result(m_rootPath);
+    result.makeDirectory();
+    if (relativePath.empty()) {
+        throw Poco::InvalidArgumentException("relativePath is empty.");
+    }
+    const Poco::Path relative(relativePath, Poco::Path::PATH_UNIX);
+    if (relative.isAbsolute()) {
+        throw Poco::InvalidArgumentException("Path is not relative path.");
+    }
+    // Anywhere, not only as a component: a name like "a..b" is given up for a test that cannot be outwitted.
+    if (relativePath.find("..") != std::string::npos) {
+        throw Poco::InvalidArgumentException("Path must not contain '..'");
+    }
+    if (relativePath.back() == '/') {
+        throw Poco::InvalidArgumentException("Path must contain file");
+    }
+    for (int i = 0; i < relative.depth(); ++i) {
+        if (relative.directory(i) != ".") {
+            result.pushDirectory(relative.directory(i));
+        }
+    }
+    result.setFileName(relative.getFileName());
+    return result;
+}
+
+std::istream* BundleStorageDir::GetResourceFile(const std::string& relativePath) const
+{
+    const std::string path = GetResourceAbsPath(relativePath).toString();
+    const Poco::File file(path);
+    if (!file.exists()) {
+        BUNDLE_ERROR("resource file[%s] does not exist.", path.c_str());
+        return nullptr;
+    }
+    if (file.isDirectory()) {
+        BUNDLE_ERROR("[%s] is directory.", path.c_str());
+        return nullptr;
+    }
+    // Opening a FIFO waits for its writer, and a manifest is opened with the manager's lock held.
+    if (!file.isFile()) {
+        throw Poco::OpenFileException("not a regular file", path);
+    }
+    return std::make_unique<Poco::FileInputStream>(path, std::ios::in).release();
+}
+
+} // namespace SystemServer
