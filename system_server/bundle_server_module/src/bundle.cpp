@@ -1,0 +1,72 @@
+#include "bundle.h"
+
+#include "child_process.h"
+
+#include <Poco/Exception.h>
+#include <Poco/File.h>
+#include <Poco/Process.h>
+
+#include <istream>
+#include <utility>
+
+namespace SystemServer {
+
+const std::string Bundle::BUNDLE_MANIFEST_FILE = "BundleManifest.ini";
+const std::string Bundle::BUNDLE_MANIFEST_FILE_PATH = "./";
+const std::string& Bundle::BUNDLE_BIN_FILE_PATH = *new std::string("./bin/");
+const std::string Bundle::BUNDLE_SCRIPT_FILE_PATH = "./script/";
+const std::string Bundle::BUNDLE_MANIFEST_FILE_LOCATION = BUNDLE_MANIFEST_FILE_PATH + BUNDLE_MANIFEST_FILE;
+const std::string Bundle::BUNDLE_INSTALLED_STATE_STR = "Installed";
+const std::string Bundle::BUNDLE_UNINSTALLED_STATE_STR = "Uninstalled";
+const std::string Bundle::BUNDLE_RESOLVED_STATE_STR = "Resolved";
+const std::string Bundle::BUNDLE_STARTING_STATE_STR = "Starting";
+const std::string Bundle::BUNDLE_STOPPING_STATE_STR = "Stopping";
+const std::string Bundle::BUNDLE_ACTIVE_STATE_STR = "Active";
+const std::unordered_map<Bundle::BUNDLE_STATE_E, std::string> Bundle::m_bundleStateStrMap = {
+    {BUNDLE_INSTALLED, BUNDLE_INSTALLED_STATE_STR}, {BUNDLE_UNINSTALLED, BUNDLE_UNINSTALLED_STATE_STR},
+    {BUNDLE_RESOLVED, BUNDLE_RESOLVED_STATE_STR},   {BUNDLE_STARTING, BUNDLE_STARTING_STATE_STR},
+    {BUNDLE_STOPPING, BUNDLE_STOPPING_STATE_STR},   {BUNDLE_ACTIVE, BUNDLE_ACTIVE_STATE_STR},
+};
+
+Bundle::Bundle(std::shared_ptr<BundleStorage> storage) : m_storage(std::move(storage))
+{
+    m_manifest = ReadManifest();
+}
+
+Bundle::~Bundle() = default;
+
+std::shared_ptr<BundleManifest> Bundle::ReadManifest() const
+{
+    const std::unique_ptr<std::istream> stream(m_storage->GetResourceFile(BUNDLE_MANIFEST_FILE_LOCATION));
+    if (!stream) {
+        throw Poco::FileNotFoundException("[" + BUNDLE_MANIFEST_FILE_LOCATION + "] not found.");
+    }
+    return std::make_shared<BundleManifest>(*stream);
+}
+
+void Bundle::RunScript(const std::string& scriptName) const
+{
+    const std::string path = m_storage->GetRootPath() + "/" + BUNDLE_SCRIPT_FILE_PATH + scriptName;
+    if (!Poco::File(path).exists()) {
+        return;
+    }
+    try {
+        BUNDLE_INFO("run script[%s]...", path.c_str());
+        const GroupLeader script = LaunchInOwnGroup(path, {});
+        if (script.groupError != 0) {
+            BUNDLE_ERROR("setpgid %d to pgid %d failed errno %d ", script.process.id(), 0, script.groupError);
+        }
+        script.process.wait();
+        BUNDLE_INFO("run script[%s] done.", path.c_str());
+    } catch (const Poco::Exception& e) {
+        BUNDLE_ERROR("exception info: [%s].", e.displayText().c_str());
+    }
+}
+
+void Bundle::Update()
+{
+    std::atomic_store(&m_manifest, ReadManifest());
+    RunScript("update.sh");
+}
+
+} // namespace SystemServer

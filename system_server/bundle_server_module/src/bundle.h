@@ -1,0 +1,95 @@
+#ifndef BUNDLE_H
+#define BUNDLE_H
+
+#include "bundle_log.h"
+#include "bundle_manifest.h"
+#include "bundle_storage_dir.h"
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <unordered_map>
+
+namespace SystemServer {
+
+/// One bundle directory as the server knows it: its files, its manifest, its state. Which changes of state make sense
+/// is the manager's business, which makes them under its lock; reading the state or the manifest is safe on any thread.
+class Bundle {
+public:
+    /// Powers of two, so that a set of states fits one integer.
+    enum BUNDLE_STATE_E : int {
+        BUNDLE_INSTALLED = 1,
+        BUNDLE_UNINSTALLED = 2,
+        BUNDLE_RESOLVED = 4,
+        BUNDLE_STARTING = 8,
+        BUNDLE_STOPPING = 16,
+        BUNDLE_ACTIVE = 32
+    };
+
+    static const std::string BUNDLE_MANIFEST_FILE;
+    static const std::string BUNDLE_MANIFEST_FILE_PATH;
+    /// A reference to a string that is never destroyed: item threads use it and may still run when the process ends.
+    static const std::string& BUNDLE_BIN_FILE_PATH;
+    static const std::string BUNDLE_SCRIPT_FILE_PATH;
+    static const std::string BUNDLE_MANIFEST_FILE_LOCATION;
+    static const std::string BUNDLE_INSTALLED_STATE_STR;
+    static const std::string BUNDLE_UNINSTALLED_STATE_STR;
+    static const std::string BUNDLE_RESOLVED_STATE_STR;
+    static const std::string BUNDLE_STARTING_STATE_STR;
+    static const std::string BUNDLE_STOPPING_STATE_STR;
+    static const std::string BUNDLE_ACTIVE_STATE_STR;
+    static const std::unordered_map<BUNDLE_STATE_E, std::string> m_bundleStateStrMap;
+
+    /// Reads the manifest through the storage, which is the bundle's for its whole life.
+    /// @throws Poco::FileNotFoundException there is no manifest; the storage's log record says why
+    /// @throws what the storage and BundleManifest throw
+    explicit Bundle(std::shared_ptr<BundleStorage> storage);
+    virtual ~Bundle();
+    Bundle(const Bundle&) = delete;
+    Bundle& operator=(const Bundle&) = delete;
+
+    BUNDLE_STATE_E GetCurState() const { return m_curState; }
+
+    /// Logs the change, one to the same state too, and makes it.
+    /// @throws std::out_of_range state is none of the six; nothing has changed
+    void SetCurState(BUNDLE_STATE_E state)
+    {
+        const std::string& from = m_bundleStateStrMap.at(m_curState);
+        const std::string& to = m_bundleStateStrMap.at(state);
+        BUNDLE_INFO("bundle[%s] state changing[%s] -> [%s]", GetManifest()->GetBundleName().c_str(), from.c_str(),
+                    to.c_str());
+        m_curState = state;
+    }
+
+    /// The manifest in force, never null. A holder keeps it whole across an Update.
+    std::shared_ptr<BundleManifest> GetManifest() const { return std::atomic_load(&m_manifest); }
+
+    std::shared_ptr<BundleStorage> GetStorage() const { return m_storage; }
+
+    /// Runs one script of the bundle's "./script/" directory, if it is there, as a child in a process group of its own
+    /// and waits for it, without a limit of time. Whether it succeeds makes no difference. Any thread.
+    void RunScript(const std::string& scriptName) const;
+
+    /// Takes in the manifest as it is now, then runs "update.sh": what that script does to the manifest is left for the
+    /// next update. The state stays, and nothing is restarted.
+    /// @throws as the constructor; the old manifest stays in force and "update.sh" has not run
+    void Update();
+
+private:
+    std::shared_ptr<BundleManifest> ReadManifest() const;
+
+    std::atomic<BUNDLE_STATE_E> m_curState{BUNDLE_INSTALLED};
+    std::shared_ptr<BundleManifest> m_manifest; // replaced on one thread while others read it: atomic access only
+    const std::shared_ptr<BundleStorage> m_storage;
+};
+
+/// The name under which other bundles and the requests know it: the manifest's, and so another one after an Update that
+/// has changed it.
+inline std::string NameOf(const Bundle& bundle)
+{
+    return bundle.GetManifest()->GetBundleName();
+}
+
+} // namespace SystemServer
+
+#endif

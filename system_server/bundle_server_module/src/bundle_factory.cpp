@@ -1,0 +1,27 @@
+#include "bundle_factory.h"
+
+#include "bundle_log.h"
+#include "bundle_storage_dir.h"
+
+#include <Poco/File.h>
+
+namespace SystemServer {
+
+BundleFactory::~BundleFactory() = default;
+BundleStorageDirFactory::~BundleStorageDirFactory() = default;
+
+std::shared_ptr<Bundle> BundleStorageDirFactory::CreateBundle(const std::string& bundleStoragePath)
+{
+    if (!Poco::File(bundleStoragePath).isDirectory()) {
+        BUNDLE_ERROR("BundleStoragePath[%s] is not a directory.", bundleStoragePath.c_str());
+        return nullptr;
+    }
+    const std::shared_ptr<BundleStorage> pBundleStorage = std::make_shared<BundleStorageDir>(bundleStoragePath);
+    if (!pBundleStorage) {
+        BUNDLE_ERROR("pBundleStorage is nullptr.");
+        return nullptr;
+    }
+    return std::make_shared<Bundle>(pBundleStorage);
+}
+
+} // namespace SystemServer

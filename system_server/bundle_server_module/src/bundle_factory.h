@@ -1,0 +1,35 @@
+#ifndef BUNDLE_FACTORY_H
+#define BUNDLE_FACTORY_H
+
+#include "bundle.h"
+
+#include <memory>
+#include <string>
+
+namespace SystemServer {
+
+/// Makes bundles. Stateless, so any thread may use it.
+class BundleFactory {
+public:
+    BundleFactory() = default;
+    virtual ~BundleFactory();
+    BundleFactory(const BundleFactory&) = delete;
+    BundleFactory& operator=(const BundleFactory&) = delete;
+
+    /// @return the bundle in the Installed state; empty when there is none at that path, the log says why
+    /// @throws what the Bundle constructor throws
+    virtual std::shared_ptr<Bundle> CreateBundle(const std::string& bundleStoragePath) = 0;
+};
+
+/// Makes bundles of plain directories. Runs no script: installing is the manager's business.
+class BundleStorageDirFactory : public BundleFactory {
+public:
+    ~BundleStorageDirFactory() override;
+
+    /// @throws Poco::FileNotFoundException nothing exists at that path
+    std::shared_ptr<Bundle> CreateBundle(const std::string& bundleStoragePath) override;
+};
+
+} // namespace SystemServer
+
+#endif
