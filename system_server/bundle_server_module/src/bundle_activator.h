@@ -1,0 +1,33 @@
+#ifndef BUNDLE_ACTIVATOR_H
+#define BUNDLE_ACTIVATOR_H
+
+#include "bundle.h"
+
+#include <memory>
+#include <utility>
+
+namespace SystemServer {
+
+/// Brings a bundle's items to life and takes them down again. Made once per bundle and used for every start and stop,
+/// which the manager calls under its lock. Destroying it stops nothing.
+class BundleActivator {
+public:
+    virtual ~BundleActivator() = default;
+    BundleActivator(const BundleActivator&) = delete;
+    BundleActivator& operator=(const BundleActivator&) = delete;
+
+    /// @throws Poco::Exception an item cannot be started; those before it stay started
+    virtual void Start() = 0;
+
+    /// @throws Poco::Exception an item cannot be stopped; those after it stay as they are
+    virtual void Stop() = 0;
+
+protected:
+    explicit BundleActivator(std::shared_ptr<Bundle> bundle) : m_bundle(std::move(bundle)) {}
+
+    const std::shared_ptr<Bundle> m_bundle;
+};
+
+} // namespace SystemServer
+
+#endif

@@ -1,0 +1,146 @@
+#include "bundle_thread_activator.h"
+
+#include "bundle_log.h"
+#include "child_process.h"
+#include "item_kind.h"
+
+#include <Poco/Exception.h>
+
+#include <cxxabi.h>
+#include <dlfcn.h>
+#include <pthread.h>
+#include <sys/prctl.h>
+
+#include <algorithm>
+#include <exception>
+#include <system_error>
+#include <thread>
+#include <type_traits>
+#include <utility>
+
+namespace SystemServer {
+
+static_assert(std::is_same<pthread_t, unsigned long>::value, "m_threadIds holds native thread handles");
+
+namespace {
+
+using EntryFunction = int (*)();
+
+/// The loader's error text is gone after the first call; the records have never carried a reason, and what reads them
+/// counts on that.
+const char* SecondLoaderError()
+{
+    dlerror();
+    const char* const text = dlerror();
+    return text != nullptr ? text : "(null)";
+}
+
+} // namespace
+
+/// Takes the calling thread out of the live ones when it ends, by return, by exception or by cancellation.
+class BundleThreadActivator::LiveThread {
+public:
+    explicit LiveThread(BundleThreadActivator& activator) : m_activator(activator) {}
+    ~LiveThread()
+    {
+        const std::lock_guard<std::mutex> lock(m_activator.m_liveThreadsMutex);
+        auto& live = m_activator.m_liveThreads;
+        live.erase(std::remove(live.begin(), live.end(), pthread_self()), live.end());
+    }
+    LiveThread(const LiveThread&) = delete;
+    LiveThread& operator=(const LiveThread&) = delete;
+
+private:
+    BundleThreadActivator& m_activator;
+};
+
+BundleThreadActivator::BundleThreadActivator(std::shared_ptr<Bundle> bundle) : BundleActivator(std::move(bundle)) {}
+
+BundleThreadActivator::~BundleThreadActivator() = default;
+
+void BundleThreadActivator::Start()
+{
+    const std::shared_ptr<BundleManifest> manifest = m_bundle->GetManifest();
+    for (const BundleManifest::LoadItem& item : manifest->GetLoadItems()) {
+        if (KindOf(item.itemName) != ItemKind::LIBRARY) {
+            // The text has gone out with its placeholder for so long that it is matched as it is.
+            throw Poco::InvalidArgumentException("item[%s] can not be loaded in thread mode.");
+        }
+        StartThread(manifest, item);
+    }
+}
+
+void BundleThreadActivator::StartThread(const std::shared_ptr<BundleManifest>& manifest,
+                                        const BundleManifest::LoadItem& item)
+{
+    const std::lock_guard<std::mutex> lock(m_liveThreadsMutex); // the thread cannot end before it counts as live
+    m_threadIds.reserve(m_threadIds.size() + 1);
+    m_liveThreads.reserve(m_liveThreads.size() + 1);
+    try {
+        const TerminationSignalsBlocked blocked;
+        // The manifest is held for the item, which is used where it lies, across an update of the bundle too.
+        std::thread thread([self = shared_from_this(), manifest, &item] {
+            const LiveThread live(*self);
+            self->ActivateDynLib(item);
+        });
+        m_threadIds.push_back(thread.native_handle());
+        m_liveThreads.push_back(thread.native_handle());
+        thread.detach();
+    } catch (const std::system_error& e) {
+        throw Poco::InvalidArgumentException("item[" + item.itemName + "] thread fail: " + e.what());
+    }
+}
+
+void BundleThreadActivator::ActivateDynLib(const BundleManifest::LoadItem& item)
+{
+    const std::string bundleName = m_bundle->GetManifest()->GetBundleName();
+    BUNDLE_INFO("bundle[%s] dyn lib[%s] activate start...", bundleName.c_str(), item.itemName.c_str());
+    prctl(PR_SET_NAME, (bundleName + "." + item.itemName).c_str());
+
+    const std::string file = m_bundle->GetStorage()->GetRootPath() + "/" + Bundle::BUNDLE_BIN_FILE_PATH + item.itemName;
+    void* const library = dlopen(file.c_str(), RTLD_LAZY); // stays open: its code may run on threads of its own
+    if (library == nullptr) {
+        BUNDLE_ERROR("open dynamic lib[%s] error : %s.", file.c_str(), SecondLoaderError());
+        return;
+    }
+    void* const entry = dlsym(library, item.entryFunc.c_str());
+    if (entry == nullptr) {
+        BUNDLE_ERROR("find entry func[%s] fail:%s.", item.entryFunc.c_str(), SecondLoaderError());
+        return;
+    }
+    CallEntryFunction(entry, bundleName, item);
+}
+
+void BundleThreadActivator::CallEntryFunction(void* entry, const std::string& bundleName,
+                                              const BundleManifest::LoadItem& item)
+{
+    try {
+        if (reinterpret_cast<EntryFunction>(entry)() == 0) {
+            BUNDLE_INFO("bundle[%s] dyn lib[%s] activate done.", bundleName.c_str(), item.itemName.c_str());
+        } else {
+            BUNDLE_ERROR("entry func[%s] return fail.", item.entryFunc.c_str());
+        }
+    } catch (const abi::__forced_unwind&) {
+        throw; // cancelled by Stop: the C library ends the process when this is kept from passing
+    } catch (const std::exception& e) {
+        BUNDLE_ERROR("entry func[%s] return fail. exception info: [%s].", item.entryFunc.c_str(), e.what());
+    } catch (...) {
+        BUNDLE_ERROR("entry func[%s] return fail. exception info: [unknown].", item.entryFunc.c_str());
+    }
+}
+
+void BundleThreadActivator::Stop()
+{
+    for (const unsigned long id : m_threadIds) {
+        BUNDLE_INFO("cancel tid[%lu]...", id);
+        {
+            const std::lock_guard<std::mutex> lock(m_liveThreadsMutex); // a live thread cannot end while it is held
+            if (std::find(m_liveThreads.begin(), m_liveThreads.end(), id) != m_liveThreads.end()) {
+                pthread_cancel(id);
+            }
+        }
+        BUNDLE_INFO("cancel done.");
+    }
+}
+
+} // namespace SystemServer

@@ -1,0 +1,46 @@
+#ifndef BUNDLE_THREAD_ACTIVATOR_H
+#define BUNDLE_THREAD_ACTIVATOR_H
+
+#include "bundle_activator.h"
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace SystemServer {
+
+/// Runs a bundle's items inside the server: each is a dynamic library whose entry function is called on a thread of its
+/// own. The threads are detached and not supervised; each keeps this object, and with it the bundle, alive until it
+/// ends. Held by shared pointers only.
+class BundleThreadActivator : public BundleActivator, public std::enable_shared_from_this<BundleThreadActivator> {
+public:
+    explicit BundleThreadActivator(std::shared_ptr<Bundle> bundle);
+    ~BundleThreadActivator() override;
+
+    /// Returns when the threads are started; what becomes of them only the log says.
+    /// @throws Poco::InvalidArgumentException an item is no dynamic library, or its thread cannot be created
+    void Start() override;
+
+    /// Asks every thread that still runs to end at its next cancellation point, and waits for none.
+    void Stop() override;
+
+protected:
+    std::vector<unsigned long> m_threadIds; ///< native handles in start order; the manager's thread only
+
+private:
+    class LiveThread;
+
+    void StartThread(const std::shared_ptr<BundleManifest>& manifest, const BundleManifest::LoadItem& item);
+    void ActivateDynLib(const BundleManifest::LoadItem& item);
+    void CallEntryFunction(void* entry, const std::string& bundleName, const BundleManifest::LoadItem& item);
+
+    // The handle of a thread that has ended is no longer anybody's, or already another thread's: only these may be
+    // used.
+    std::mutex m_liveThreadsMutex;
+    std::vector<unsigned long> m_liveThreads;
+};
+
+} // namespace SystemServer
+
+#endif
