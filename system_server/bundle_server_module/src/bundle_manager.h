@@ -1,0 +1,114 @@
+#ifndef BUNDLE_MANAGER_H
+#define BUNDLE_MANAGER_H
+
+#include "bundle_activator.h"
+#include "bundle_factory.h"
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace SystemServer {
+
+/// Every bundle that the server knows, and what is done with them. All operations may be called from any thread; each
+/// lifecycle operation holds one recursive mutex for its whole length, scripts and launches included, so a slow script
+/// keeps every other operation waiting. The operations over all bundles hold it for one bundle at a time.
+class BundleManager {
+public:
+    struct BUNDLE_INFO_S {
+        std::shared_ptr<Bundle> pBundle;
+        std::shared_ptr<BundleActivator> pActivator; ///< made when the bundle was loaded, used for every start and stop
+    };
+
+    explicit BundleManager(std::shared_ptr<BundleFactory> bundleFactory);
+    /// Lets go of the bundles and does nothing to them: what runs goes on.
+    virtual ~BundleManager();
+    BundleManager(const BundleManager&) = delete;
+    BundleManager& operator=(const BundleManager&) = delete;
+
+    /// Loads every directory of the collection. One that fails with a Poco::Exception is logged and passed over.
+    /// @throws Poco::Exception the collection cannot be read
+    /// @throws std::out_of_range a manifest has an item name of fewer than three characters; the rest is not loaded
+    void LoadAllBundles(std::string& dir);
+
+    /// Creates, installs and registers the bundle in one directory. "install.sh" runs before the name is checked, so a
+    /// bundle that is refused as a duplicate or for its load mode has been installed all the same.
+    /// @param path kept as given: FindBundleByPath compares it byte by byte
+    /// @return shared with the registry; empty when refused, the log says why
+    /// @throws what BundleFactory::CreateBundle throws; nothing is registered and no script has run
+    std::shared_ptr<Bundle> LoadBundle(const std::string& path);
+
+    /// Runs "uninstall.sh" and takes the bundle off the registry. Its state stays, and so do bundles that require it.
+    /// @throws Poco::InvalidArgumentException it is Starting, Stopping, Active or not registered; nothing has changed
+    void UnloadBundle(std::shared_ptr<Bundle> bundle);
+
+    /// Stops what is Active and unloads everything in name order.
+    /// @throws what StopBundle and UnloadBundle throw; the bundles after that one stay
+    void UnloadAllBundles();
+
+    /// Resolves every bundle that is not, required bundles first. Those that fail are unloaded at the end.
+    void ResolveAllBundles();
+
+    /// @throws Poco::InvalidArgumentException it is resolved already, requires a bundle that is not registered, or is
+    /// part of a circle; its state is unchanged
+    void ResolveBundle(std::shared_ptr<Bundle> bundle);
+
+    /// Starts every Resolved bundle, required bundles first. Those that fail are unloaded at the end.
+    void StartAllBundles();
+
+    /// Starts the bundles it requires, then the bundle itself.
+    /// @throws Poco::Exception it is not Resolved (nothing has changed), or its start failed: it is Resolved again,
+    /// what was started before the failure goes on
+    void StartBundle(std::shared_ptr<Bundle> bundle);
+
+    /// Stops the bundle, not those that require it.
+    /// @throws Poco::Exception it is not Active (nothing has changed), or it cannot be stopped: it is Active again
+    void StopBundle(std::shared_ptr<Bundle> bundle);
+
+    /// Stops every Active bundle in name order.
+    /// @throws what StopBundle throws; the bundles after that one run on
+    void StopAllBundles();
+
+    /// Both return the bundle shared with the registry; empty, with an error record, when there is none.
+    std::shared_ptr<Bundle> FindBundleByName(const std::string& name);
+    std::shared_ptr<Bundle> FindBundleByPath(const std::string& path);
+
+    /// The directories of all registered bundles, as they were given to LoadBundle.
+    std::set<std::string> LoadedPaths();
+
+private:
+    template <class Visit> void ForEachBundle(const Visit& visit);
+    std::shared_ptr<Bundle> RequiredBundle(const std::string& name) const;
+    void ResolveBundleDependencies(std::shared_ptr<Bundle> bundle);
+    bool IsResolving(std::shared_ptr<Bundle> bundle) const;
+    void StartBundleDependencies(std::shared_ptr<Bundle> bundle);
+    std::shared_ptr<BundleActivator> ActivatorOf(const std::string& name) const;
+
+    const std::shared_ptr<BundleFactory> m_bundleFactory;
+    std::map<std::string, BUNDLE_INFO_S> m_bundleInfoMap;   // by the manifest's name; guarded by m_mutex
+    std::set<std::shared_ptr<Bundle>> m_resolvingBundleSet; // on the stack of ResolveBundle; guarded by m_mutex
+    std::recursive_mutex m_mutex;                           // recursive: the operations use one another
+};
+
+/// Collects the bundles that fail while all are walked over and unloads them when the walk is done: the registry is not
+/// changed under the walk's feet, and a dependant that fails after its requirement finds it still there.
+class BundleFailProcessor {
+public:
+    explicit BundleFailProcessor(BundleManager* bundleManager) : m_bundleManager(bundleManager) {}
+    /// A bundle that another thread or a later dependant has meanwhile started or unloaded is left as it is.
+    ~BundleFailProcessor();
+    BundleFailProcessor(const BundleFailProcessor&) = delete;
+    BundleFailProcessor& operator=(const BundleFailProcessor&) = delete;
+
+    std::vector<std::shared_ptr<Bundle>> m_failedBundles; ///< in the order in which they failed
+
+private:
+    BundleManager* const m_bundleManager; // not owned; outlives the walk
+};
+
+} // namespace SystemServer
+
+#endif
