@@ -1,0 +1,126 @@
+#ifndef BUNDLE_DIR_WATCHER_H
+#define BUNDLE_DIR_WATCHER_H
+
+#include <Poco/DirectoryWatcher.h>
+
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace SystemServer {
+
+/// Follows the collection directory by looking at it, which works on every file system: what the framework's own
+/// watcher is told by the kernel leaves out directories that are renamed in or out, and every change below an item. It
+/// raises the framework's three events, one at a time on a thread of its own:
+///
+/// - added: an item has come. A directory counts as having come once it is complete: at once when it was moved in, and
+///   when nothing in it has changed for one scan when it is being copied or unpacked in place.
+/// - removed: an item has gone. Raised before the additions of the same scan, so that a rename is seen as both.
+/// - modified: in a directory the manifest has changed, or a name was added, replaced or removed in the directory
+/// itself,
+///   in its "bin" or in its "script". Once a scan, however much has changed. Other folders are the running items' own.
+///
+/// While the collection cannot be read nothing is raised; what is there afterwards is compared with what was there
+/// before.
+class BundleDirWatcher : public Poco::DirectoryWatcher {
+public:
+    /// Takes what is there as known and starts the thread; the first scan follows one interval later.
+    /// @throws Poco::Exception path is no directory, or the framework's watcher cannot be made
+    explicit BundleDirWatcher(const std::string& path, std::chrono::milliseconds interval = std::chrono::seconds(1));
+
+    /// Waits for a handler that runs, and for nothing else. No event is raised any more when it returns.
+    ~BundleDirWatcher() override;
+
+    /// Takes what has changed in an item up to now for known. For a handler, after it has changed the item itself or
+    /// has read it; and for the server, after start-up has run its scripts. Any thread. Unknown items are passed over.
+    void AcceptChanges(const std::string& path);
+
+    /// As AcceptChanges, and offers the item again: its next change is raised as modified and then, when it has come to
+    /// rest, as added. For an item that could not be loaded as it is. Any thread.
+    void OfferAgain(const std::string& path);
+
+    /// The paths of all known directories. Any thread.
+    std::vector<std::string> Directories() const;
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    /// What shows that a file is another one or has another content.
+    struct FileMark {
+        std::uint64_t device = 0;
+        std::uint64_t inode = 0;
+        std::int64_t modified = 0; // nanoseconds
+        std::int64_t changed = 0;  // nanoseconds; not for directories, where it tells no more than the line above
+        std::int64_t size = 0;     // nor this
+        bool operator==(const FileMark& other) const;
+    };
+
+    /// The directory itself, its manifest, "bin" and "script".
+    using ItemMark = std::array<FileMark, 4>;
+
+    /// A whole tree, for the question whether it stands still.
+    struct TreeMark {
+        std::uint64_t entries = 0;
+        std::uint64_t bytes = 0;
+        std::int64_t newestChange = 0; // of all below the root, nanoseconds
+        bool operator==(const TreeMark& other) const;
+    };
+
+    enum class Phase {
+        ARRIVING, // to be raised as added when it is complete
+        KNOWN,
+        REFUSED // raised as added, but its handler could not take it as it is
+    };
+
+    struct Item {
+        bool isDirectory = false;
+        bool isRaised = false; // as added, or there from the beginning: its end is an event
+        Phase phase = Phase::ARRIVING;
+        ItemMark mark;
+        TreeMark tree; // of the last scan, while it is arriving
+        std::uint64_t lastScan = 0;
+    };
+
+    struct Change {
+        DirectoryEventType type;
+        std::string name;
+    };
+    using Changes = std::vector<Change>;
+
+    void Follow(Clock::time_point firstScan);
+    bool WaitUntil(Clock::time_point time);
+    bool IsStopping() const;
+    Changes Scan();
+    bool LookAtAll(Changes& changes);
+    void LookAt(int collection, const std::string& name, unsigned char type, Changes& changes);
+    bool HasArrived(const std::string& name, Item& item) const;
+    void FindGone(Changes& changes);
+    void NoteReadable(bool isReadable, int error);
+    bool Take(const Change& change);
+    void Raise(const Change& change);
+    void Remark(const std::string& path, bool offerAgain);
+
+    static ItemMark MarkItem(int directory, const std::string& path);
+    static TreeMark MarkTree(const std::string& path);
+
+    const std::string m_prefix; // of an item's path, ending in "/": made the way the manager makes its bundles' paths
+    const std::chrono::milliseconds m_interval;
+
+    mutable std::mutex m_mutex; // never held while an event is raised
+    std::condition_variable m_stopRequested;
+    bool m_stopping = false;             // guarded by m_mutex
+    std::map<std::string, Item> m_items; // by name; guarded by m_mutex
+    std::uint64_t m_scan = 0;            // guarded by m_mutex; 0 while the constructor looks
+    bool m_isReadable = true;            // guarded by m_mutex
+    std::thread m_thread;
+};
+
+} // namespace SystemServer
+
+#endif
