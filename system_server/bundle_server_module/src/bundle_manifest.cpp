@@ -41,12 +41,34 @@ std::string ReadWhole(std::istream& stream)
     return text;
 }
 
+/// References nest ten deep, and each may stand many times in its value: a few lines can stand for more text than any
+/// memory holds. What has been read, references included, is therefore counted.
+class BoundedIniConfiguration : public Poco::Util::IniFileConfiguration {
+public:
+    explicit BoundedIniConfiguration(std::istream& stream) : IniFileConfiguration(stream) {}
+
+protected:
+    bool getRaw(const std::string& key, std::string& value) const override
+    {
+        const bool exists = IniFileConfiguration::getRaw(key, value);
+        m_charactersRead += exists ? value.size() : 0;
+        if (m_charactersRead > BundleManifest::MAX_EXPANDED_SIZE) {
+            throw Poco::DataFormatException("bundle manifest expands to more than " +
+                                            std::to_string(BundleManifest::MAX_EXPANDED_SIZE) + " bytes");
+        }
+        return exists;
+    }
+
+private:
+    mutable std::size_t m_charactersRead = 0;
+};
+
 } // namespace
 
 BundleManifest::BundleManifest(std::istream& stream)
 {
     std::istringstream text(ReadWhole(stream));
-    m_config = new Poco::Util::IniFileConfiguration(text);
+    m_config = new BoundedIniConfiguration(text);
     try {
         Parse();
     } catch (...) {

@@ -28,8 +28,12 @@ public:
     /// grows) would be read with the manager's lock held.
     static constexpr std::size_t MAX_SIZE = std::size_t{1024} * 1024;
 
+    /// And one whose values come to more than this with their references expanded.
+    static constexpr std::size_t MAX_EXPANDED_SIZE = 4 * MAX_SIZE;
+
     /// Reads and checks the whole stream and logs a summary.
-    /// @throws Poco::Exception a key is missing or no integer, the stream cannot be read or is longer than MAX_SIZE
+    /// @throws Poco::Exception a key is missing or no integer, the stream cannot be read or is longer than the two
+    /// bounds
     /// @throws std::out_of_range an item's name is shorter than three characters
     explicit BundleManifest(std::istream& stream);
     virtual ~BundleManifest();
