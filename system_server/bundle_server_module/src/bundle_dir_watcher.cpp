@@ -2,10 +2,13 @@
 
 #include "bundle_log.h"
 #include "child_process.h"
+#include "unique_fd.h"
 
 #include <Poco/Exception.h>
 #include <Poco/File.h>
 #include <Poco/Path.h>
+#include <Poco/Runnable.h>
+#include <Poco/Thread.h>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -21,11 +24,16 @@
 #include <filesystem>
 #include <memory>
 #include <system_error>
+#include <tuple>
 #include <utility>
 
 namespace SystemServer {
 
 namespace {
+
+/// A change younger than this may be half of one: an editor empties a file before it writes it. It is also several
+/// times the tick of the kernel's clock, within which a second change could look like the first.
+constexpr std::chrono::milliseconds SETTLING_TIME(50);
 
 struct DirCloser {
     void operator()(DIR* dir) const { closedir(dir); }
@@ -44,55 +52,108 @@ std::string DirectoryPrefix(const std::string& path)
     return prefix.toString();
 }
 
+/// What a name stands for. A failing disk or an absent server leaves it unknown, which is no reason to stop a bundle.
+enum class Kind { ABSENT, DIRECTORY, OTHER, UNKNOWN };
+
+bool MeansAbsence(int error)
+{
+    return error == ENOENT || error == ENOTDIR || error == ELOOP;
+}
+
+Kind KindOfMode(mode_t mode)
+{
+    return S_ISDIR(mode) ? Kind::DIRECTORY : Kind::OTHER;
+}
+
 // A link counts as what it leads to; one that leads nowhere is there all the same, but no directory.
-bool IsDirectoryAt(int directory, const std::string& name, unsigned char type)
+Kind KindAt(int directory, const char* path)
 {
-    if (type != DT_LNK && type != DT_UNKNOWN) {
-        return type == DT_DIR;
-    }
     struct stat status {};
-    return fstatat(directory, name.c_str(), &status, 0) == 0 && S_ISDIR(status.st_mode);
+    if (fstatat(directory, path, &status, 0) == 0) {
+        return KindOfMode(status.st_mode);
+    }
+    if (MeansAbsence(errno) && fstatat(directory, path, &status, AT_SYMLINK_NOFOLLOW) == 0) {
+        return KindOfMode(status.st_mode);
+    }
+    return MeansAbsence(errno) ? Kind::ABSENT : Kind::UNKNOWN;
 }
 
-bool IsDirectory(const std::string& path)
+Kind KindOfEntry(int directory, const char* name, unsigned char type)
 {
-    return IsDirectoryAt(AT_FDCWD, path, DT_UNKNOWN);
+    if (type == DT_LNK || type == DT_UNKNOWN) {
+        return KindAt(directory, name);
+    }
+    return type == DT_DIR ? Kind::DIRECTORY : Kind::OTHER;
 }
 
-// The framework has opened a descriptor, which it closes neither on exec nor when it stops: every bundle would have it.
-void KeepInotifyFromChildren()
+std::vector<int> InotifyDescriptors()
 {
     const std::string descriptors = "/proc/self/fd/";
     const DirStream stream(opendir(descriptors.c_str()));
+    std::vector<int> found;
     while (const dirent* const entry = stream ? readdir(stream.get()) : nullptr) {
         std::array<char, 32> target{};
         if (readlink((descriptors + entry->d_name).c_str(), target.data(), target.size() - 1) > 0 &&
             std::strcmp(target.data(), "anon_inode:inotify") == 0) {
-            fcntl(std::atoi(entry->d_name), F_SETFD, FD_CLOEXEC); // NOLINT(cert-err34-c): the kernel wrote the number
+            found.push_back(std::stoi(entry->d_name));
+        }
+    }
+    return found;
+}
+
+// The framework has opened a descriptor that every bundle would inherit, and behind which the kernel goes on to collect
+// what nobody reads. The framework closes the number when it ends, so something must stand there.
+void CloseInotify(const std::vector<int>& othersDescriptors)
+{
+    const UniqueFd nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    for (const int descriptor : InotifyDescriptors()) {
+        if (std::find(othersDescriptors.begin(), othersDescriptors.end(), descriptor) == othersDescriptors.end() &&
+            dup3(nothing.Get(), descriptor, O_CLOEXEC) == -1) {
+            fcntl(descriptor, F_SETFD, FD_CLOEXEC);
         }
     }
 }
 
+/// Opens the framework's private thread to this file: an explicit instantiation may name what is private.
+struct FrameworkThread {
+    using Member = Poco::Thread Poco::DirectoryWatcher::*;
+    friend Member MemberOf(FrameworkThread);
+};
+template <class Name, typename Name::Member Value> struct Reveal {
+    friend typename Name::Member MemberOf(Name /*name*/) { return Value; }
+};
+template struct Reveal<FrameworkThread, &Poco::DirectoryWatcher::_thread>;
+
+class Nothing : public Poco::Runnable {
+public:
+    void run() override {}
+};
+
+// The framework joins its thread again when it is destroyed, and a thread that has been joined already cannot be: the
+// handle may by then be another thread's. So it is given one that ends at once and stays to be joined.
+void LeaveThreadToJoin(Poco::DirectoryWatcher& watcher)
+{
+    static Nothing nothing;
+    Poco::Thread& thread = watcher.*MemberOf(FrameworkThread());
+    thread.setStackSize(1); // the smallest there is
+    thread.start(nothing);
+}
+
 } // namespace
 
-bool BundleDirWatcher::FileMark::operator==(const FileMark& other) const
-{
-    return device == other.device && inode == other.inode && modified == other.modified && changed == other.changed &&
-           size == other.size;
-}
-
-bool BundleDirWatcher::TreeMark::operator==(const TreeMark& other) const
-{
-    return entries == other.entries && bytes == other.bytes && newestChange == other.newestChange;
-}
-
 BundleDirWatcher::BundleDirWatcher(const std::string& path, std::chrono::milliseconds interval)
+    : BundleDirWatcher(path, interval, InotifyDescriptors())
+{}
+
+BundleDirWatcher::BundleDirWatcher(const std::string& path, std::chrono::milliseconds interval,
+                                   const std::vector<int>& othersDescriptors)
     : DirectoryWatcher(path, DW_ITEM_ADDED | DW_ITEM_REMOVED | DW_ITEM_MODIFIED, 1), m_prefix(DirectoryPrefix(path)),
       m_interval(interval)
 {
     // At once, before the framework's thread has begun to look: once it has, it looks up only five times a second.
     stop();
-    KeepInotifyFromChildren();
+    LeaveThreadToJoin(*this);
+    CloseInotify(othersDescriptors);
     Scan();
     const TerminationSignalsBlocked blocked;
     m_thread = std::thread(&BundleDirWatcher::Follow, this, Clock::now() + m_interval);
@@ -100,9 +161,9 @@ BundleDirWatcher::BundleDirWatcher(const std::string& path, std::chrono::millise
 
 BundleDirWatcher::~BundleDirWatcher()
 {
+    m_stopping = true; // before the lock: a scan that holds it ends early
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        m_stopping = true;
     }
     m_stopRequested.notify_one();
     m_thread.join();
@@ -111,10 +172,12 @@ BundleDirWatcher::~BundleDirWatcher()
 void BundleDirWatcher::Follow(Clock::time_point firstScan)
 {
     prctl(PR_SET_NAME, "bundle_watcher");
-    for (auto next = firstScan; WaitUntil(next); next = std::max(next + m_interval, Clock::now())) {
+    for (auto next = firstScan; WaitUntil(next);) {
+        // From now on, not from when this scan was due: what stands still for a scan stands still for that long.
+        next = Clock::now() + m_interval;
         for (const Change& change : Scan()) {
-            if (IsStopping()) {
-                return;
+            if (!LetSettle(change) || eventsSuspended()) {
+                break; // a later scan finds the rest again
             }
             if (Take(change)) {
                 Raise(change);
@@ -126,13 +189,16 @@ void BundleDirWatcher::Follow(Clock::time_point firstScan)
 bool BundleDirWatcher::WaitUntil(Clock::time_point time)
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    return !m_stopRequested.wait_until(lock, time, [this] { return m_stopping; });
+    return !m_stopRequested.wait_until(lock, time, [this] { return m_stopping.load(); });
 }
 
-bool BundleDirWatcher::IsStopping() const
+bool BundleDirWatcher::LetSettle(const Change& change)
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_stopping;
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const std::chrono::nanoseconds age(Nanoseconds(now) - change.time);
+    const bool isYoung = age >= age.zero() && age < SETTLING_TIME;
+    return isYoung ? WaitUntil(Clock::now() + SETTLING_TIME - age) : !m_stopping;
 }
 
 // What is to be raised, in order. Nothing counts as raised yet: a handler may take long, and what has become of an item
@@ -141,101 +207,129 @@ BundleDirWatcher::Changes BundleDirWatcher::Scan()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     Changes changes;
-    if (!LookAtAll(changes)) {
-        return {};
+    if (!eventsSuspended()) {
+        LookAtAll(changes);
     }
-    ++m_scan;
     // Removals first: a bundle that is renamed would otherwise be refused as a duplicate of itself.
-    std::stable_partition(changes.begin(), changes.end(),
-                          [](const Change& change) { return change.type == DW_ITEM_REMOVED; });
+    std::sort(changes.begin(), changes.end(), [](const Change& one, const Change& other) {
+        return std::make_tuple(one.type != DW_ITEM_REMOVED, one.time, std::ref(one.name)) <
+               std::make_tuple(other.type != DW_ITEM_REMOVED, other.time, std::ref(other.name));
+    });
     return changes;
 }
 
-bool BundleDirWatcher::LookAtAll(Changes& changes)
+void BundleDirWatcher::LookAtAll(Changes& changes)
 {
+    ++m_scan;
     const DirStream collection(opendir(m_prefix.c_str()));
-    errno = collection ? 0 : errno;
-    std::string name;
-    while (const dirent* const entry = collection ? readdir(collection.get()) : nullptr) {
-        name = entry->d_name;
-        if (name != "." && name != "..") {
-            LookAt(dirfd(collection.get()), name, entry->d_type, changes);
-        }
+    if (!collection) {
+        NoteReadable(errno);
+        return;
+    }
+    const int descriptor = dirfd(collection.get());
+    for (;;) {
         errno = 0;
+        const dirent* const entry = readdir(collection.get());
+        if (entry == nullptr || m_stopping) {
+            break;
+        }
+        const char* const name = entry->d_name;
+        if (std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0) {
+            LookAt(descriptor, name, entry->d_type, changes);
+        }
     }
     const int error = errno;
-    NoteReadable(error == 0, error);
+    NoteReadable(error);
     if (error != 0) {
-        return false;
+        changes.clear();
+    } else if (!m_stopping) {
+        FindGone(descriptor, changes);
     }
-    FindGone(changes);
-    return true;
 }
 
-void BundleDirWatcher::LookAt(int collection, const std::string& name, unsigned char type, Changes& changes)
+void BundleDirWatcher::LookAt(int collection, const char* name, unsigned char type, Changes& changes)
 {
-    const bool isDirectory = IsDirectoryAt(collection, name, type);
+    const Kind kind = KindOfEntry(collection, name, type);
     auto position = m_items.find(name);
+    if (kind == Kind::ABSENT || kind == Kind::UNKNOWN) {
+        return; // what it was is told apart when those that have gone are looked for
+    }
+    const bool isDirectory = kind == Kind::DIRECTORY;
     if (position == m_items.end()) {
         position = m_items.emplace(name, Item()).first;
-        position->second.isDirectory = isDirectory;
-        if (m_scan == 0) {
-            position->second.isRaised = true;
-            position->second.phase = Phase::KNOWN;
-            position->second.mark = MarkItem(collection, name);
+        Item& item = position->second;
+        item.isDirectory = isDirectory;
+        if (m_scan == 1) { // there from the beginning
+            item.isRaised = true;
+            item.phase = Phase::KNOWN;
+            item.mark = MarkItem(collection, position->first, item.mark);
         }
     }
     Item& item = position->second;
     if (item.isDirectory != isDirectory) {
-        return; // another thing under the same name: the old one is gone, the next scan finds the new one
+        return; // another thing under the same name: the old one has gone, the next scan finds the new one
     }
     item.lastScan = m_scan;
     if (item.phase == Phase::ARRIVING) {
-        if (HasArrived(name, item)) {
-            changes.push_back({DW_ITEM_ADDED, name});
+        if (HasArrived(collection, position->first, item)) {
+            changes.push_back({DW_ITEM_ADDED, name, std::max(item.tree.newestChange, item.mark[ROOT].changed)});
         }
-    } else if (isDirectory && item.mark != MarkItem(collection, name)) {
-        changes.push_back({DW_ITEM_MODIFIED, name});
+    } else if (isDirectory) {
+        const ItemMark mark = MarkItem(collection, position->first, item.mark);
+        if (mark != item.mark) {
+            std::int64_t newest = 0;
+            for (const FileMark& part : mark) {
+                newest = std::max(newest, part.changed);
+            }
+            changes.push_back({DW_ITEM_MODIFIED, name, newest});
+        }
     }
 }
 
-// A directory that was moved in was complete when it came: the move is the latest change of its inode, later than the
-// last change of its content, and nothing below has changed since. Any other must have stood still for one scan.
-bool BundleDirWatcher::HasArrived(const std::string& name, Item& item) const
+// A directory that was moved in was complete when it came: the move is the latest change of its inode, later than that
+// of its content, and nothing below has changed since. That can be told only when it is seen for the first time; later,
+// or without a manifest, the same signs are those of a copy whose beginning has set its owner or mode. Whatever was not
+// moved in must have stood still for one scan.
+bool BundleDirWatcher::HasArrived(int collection, const std::string& name, Item& item)
 {
     if (!item.isDirectory) {
         return true;
     }
-    const std::string path = m_prefix + name;
-    struct stat root {};
-    if (stat(path.c_str(), &root) != 0) {
-        return false;
-    }
-    TreeMark tree = MarkTree(path);
-    const std::int64_t moved = Nanoseconds(root.st_ctim);
-    const bool wasMovedIn = moved > Nanoseconds(root.st_mtim) && tree.newestChange <= moved;
-    tree.newestChange = std::max(tree.newestChange, moved);
-    const bool stoodStill = tree == item.tree;
+    const ItemMark mark = MarkItem(collection, name, item.mark);
+    const TreeMark tree = MarkTree(name, item.isRaised);
+    const FileMark& root = mark[ROOT];
+    const bool wasMovedIn = !root.IsSameFile(item.mark[ROOT]) && mark[MANIFEST].inode != 0 &&
+                            root.changed > root.modified && root.changed > tree.newestChange;
+    const bool stoodStill = mark == item.mark && tree == item.tree;
+    item.mark = mark;
     item.tree = tree;
     return wasMovedIn || stoodStill;
 }
 
-void BundleDirWatcher::FindGone(Changes& changes)
+void BundleDirWatcher::FindGone(int collection, Changes& changes)
 {
-    for (auto item = m_items.begin(); item != m_items.end();) {
-        if (item->second.lastScan == m_scan) {
-            ++item;
-        } else if (item->second.isRaised) {
-            changes.push_back({DW_ITEM_REMOVED, item->first});
-            ++item;
-        } else {
-            item = m_items.erase(item);
+    for (auto position = m_items.begin(); position != m_items.end();) {
+        const auto& [name, item] = *position;
+        bool isGone = false;
+        if (item.lastScan != m_scan) {
+            // Asked for by name: a listing may leave out what is there while others come and go.
+            const Kind kind = KindAt(collection, name.c_str());
+            isGone = kind != Kind::UNKNOWN && kind != (item.isDirectory ? Kind::DIRECTORY : Kind::OTHER);
         }
+        if (isGone && !item.isRaised) {
+            position = m_items.erase(position);
+            continue;
+        }
+        if (isGone) {
+            changes.push_back({DW_ITEM_REMOVED, name, 0});
+        }
+        ++position;
     }
 }
 
-void BundleDirWatcher::NoteReadable(bool isReadable, int error)
+void BundleDirWatcher::NoteReadable(int error)
 {
+    const bool isReadable = error == 0;
     if (isReadable == m_isReadable) {
         return;
     }
@@ -248,30 +342,42 @@ void BundleDirWatcher::NoteReadable(bool isReadable, int error)
     }
 }
 
-// Makes the change the watcher's own knowledge, just before it is raised. False when there is no longer anything to
-// raise.
+// Makes the change the watcher's own knowledge, just before it is raised: what is done to the item while its handler
+// runs is a change of its own. False when there is no longer anything to raise.
 bool BundleDirWatcher::Take(const Change& change)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    const auto position = m_items.find(change.name);
-    Item& item = position->second; // only this thread takes items away
-    const std::string path = m_prefix + change.name;
+    const auto position = m_items.find(change.name); // there: only this thread takes items away
+    Item& item = position->second;
     if (change.type == DW_ITEM_REMOVED) {
         m_items.erase(position);
         return true;
     }
-    if (item.isDirectory && !IsDirectory(path)) {
-        return false; // the next scan sees that it has gone
-    }
-    const ItemMark mark = MarkItem(AT_FDCWD, path);
-    if (change.type == DW_ITEM_MODIFIED && mark == item.mark) {
-        return false; // accepted meanwhile
+    if (item.isDirectory && !IsToBeRaised(change, item)) {
+        return false;
     }
     const bool isOffered = change.type == DW_ITEM_MODIFIED && item.phase == Phase::REFUSED;
     item.phase = isOffered ? Phase::ARRIVING : Phase::KNOWN;
     item.isRaised = true;
-    item.mark = mark;
     item.tree = TreeMark();
+    return true;
+}
+
+// Not when the directory has gone, when a copy into it has begun or gone on, or when somebody has accepted the change.
+bool BundleDirWatcher::IsToBeRaised(const Change& change, Item& item)
+{
+    const std::string path = m_prefix + change.name;
+    if (KindAt(AT_FDCWD, path.c_str()) != Kind::DIRECTORY) {
+        return false; // the next scan sees what has become of it
+    }
+    const ItemMark mark = MarkItem(AT_FDCWD, path, item.mark);
+    if (change.type == DW_ITEM_ADDED) {
+        return mark == item.mark && MarkTree(change.name, item.isRaised) == item.tree;
+    }
+    if (mark == item.mark) {
+        return false;
+    }
+    item.mark = mark;
     return true;
 }
 
@@ -291,32 +397,41 @@ void BundleDirWatcher::Raise(const Change& change)
             itemModified(this, event);
             break;
         }
+    } catch (const Poco::Exception& e) {
+        BUNDLE_ERROR("handler of [%s] fail. exception info: [%s].", file.path().c_str(), e.displayText().c_str());
     } catch (const std::exception& e) {
         BUNDLE_ERROR("handler of [%s] fail. exception info: [%s].", file.path().c_str(), e.what());
+    } catch (...) {
+        BUNDLE_ERROR("handler of [%s] fail.", file.path().c_str());
     }
 }
 
 void BundleDirWatcher::AcceptChanges(const std::string& path)
 {
-    Remark(path, false);
+    Remark(path, Phase::KNOWN);
 }
 
 void BundleDirWatcher::OfferAgain(const std::string& path)
 {
-    Remark(path, true);
+    Remark(path, Phase::REFUSED);
 }
 
-void BundleDirWatcher::Remark(const std::string& path, bool offerAgain)
+void BundleDirWatcher::Remark(const std::string& path, Phase phase)
 {
+    if (path.compare(0, m_prefix.size(), m_prefix) != 0) {
+        return;
+    }
     const std::lock_guard<std::mutex> lock(m_mutex);
-    const auto position = m_items.find(path.substr(std::min(path.size(), m_prefix.size())));
+    const auto position = m_items.find(path.substr(m_prefix.size()));
     if (position == m_items.end() || position->second.phase == Phase::ARRIVING) {
         return;
     }
-    position->second.mark = MarkItem(AT_FDCWD, path);
-    if (offerAgain) {
-        position->second.phase = Phase::REFUSED;
+    Item& item = position->second;
+    const ItemMark mark = MarkItem(AT_FDCWD, path, item.mark);
+    if (mark[ROOT].IsSameFile(item.mark[ROOT])) {
+        item.mark = mark;
     }
+    item.phase = phase;
 }
 
 std::vector<std::string> BundleDirWatcher::Directories() const
@@ -331,41 +446,46 @@ std::vector<std::string> BundleDirWatcher::Directories() const
     return paths;
 }
 
-BundleDirWatcher::ItemMark BundleDirWatcher::MarkItem(int directory, const std::string& path)
+// What cannot be told now is taken to be as it was.
+BundleDirWatcher::ItemMark BundleDirWatcher::MarkItem(int directory, const std::string& path, const ItemMark& last)
 {
-    constexpr std::array<const char*, 4> parts{"", "/BundleManifest.ini", "/bin", "/script"};
-    ItemMark mark;
-    std::string part;
-    for (std::size_t i = 0; i < parts.size(); ++i) {
-        part.assign(path).append(parts[i]);
+    constexpr std::array<const char*, PARTS> names{"", "/BundleManifest.ini", "/bin", "/script"};
+    ItemMark mark = last;
+    for (std::size_t part = 0; part < mark.size(); ++part) {
+        m_partPath.assign(path).append(names[part]);
         struct stat status {};
-        if (fstatat(directory, part.c_str(), &status, 0) != 0) {
-            continue;
-        }
-        mark[i].device = status.st_dev;
-        mark[i].inode = status.st_ino;
-        mark[i].modified = Nanoseconds(status.st_mtim);
-        if (!S_ISDIR(status.st_mode)) {
-            mark[i].changed = Nanoseconds(status.st_ctim);
-            mark[i].size = status.st_size;
+        if (fstatat(directory, m_partPath.c_str(), &status, 0) == 0) {
+            mark[part] = {status.st_dev, status.st_ino, Nanoseconds(status.st_mtim), Nanoseconds(status.st_ctim),
+                          status.st_size};
+        } else if (MeansAbsence(errno)) {
+            mark[part] = FileMark();
         }
     }
     return mark;
 }
 
-BundleDirWatcher::TreeMark BundleDirWatcher::MarkTree(const std::string& path)
+// Of an item in use, only what the marks are about: what it runs may be writing to the rest, without an end.
+BundleDirWatcher::TreeMark BundleDirWatcher::MarkTree(const std::string& name, bool isInUse) const
 {
     TreeMark mark;
     std::error_code error;
     using Options = std::filesystem::directory_options;
-    std::filesystem::recursive_directory_iterator entry(path, Options::skip_permission_denied, error);
-    for (const std::filesystem::recursive_directory_iterator end; !error && entry != end; entry.increment(error)) {
+    std::filesystem::recursive_directory_iterator entry(m_prefix + name, Options::skip_permission_denied, error);
+    for (const std::filesystem::recursive_directory_iterator end; !error && entry != end && !m_stopping;
+         entry.increment(error)) {
+        const std::filesystem::path& path = entry->path();
         struct stat status {};
-        if (lstat(entry->path().c_str(), &status) == 0) {
-            ++mark.entries;
-            mark.bytes += static_cast<std::uint64_t>(status.st_size);
-            mark.newestChange = std::max(mark.newestChange, Nanoseconds(status.st_ctim));
+        if (lstat(path.c_str(), &status) != 0) {
+            continue;
         }
+        const bool isOwn = path.filename() == "bin" || path.filename() == "script";
+        if (isInUse && S_ISDIR(status.st_mode) && entry.depth() == 0 && !isOwn) {
+            entry.disable_recursion_pending();
+            continue;
+        }
+        ++mark.entries;
+        mark.bytes += static_cast<std::uint64_t>(status.st_size);
+        mark.newestChange = std::max(mark.newestChange, Nanoseconds(status.st_ctim));
     }
     return mark;
 }

@@ -4,9 +4,11 @@
 #include <Poco/DirectoryWatcher.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -23,11 +25,14 @@ namespace SystemServer {
 ///   when nothing in it has changed for one scan when it is being copied or unpacked in place.
 /// - removed: an item has gone. Raised before the additions of the same scan, so that a rename is seen as both.
 /// - modified: in a directory the manifest has changed, or a name was added, replaced or removed in the directory
-/// itself,
-///   in its "bin" or in its "script". Once a scan, however much has changed. Other folders are the running items' own.
+///   itself, in its "bin" or in its "script". Once a scan, however much has changed. Other folders are the running
+///   items' own.
+///
+/// Additions and modifications are raised in the order in which they were made, so that what is required may be
+/// installed just before what requires it.
 ///
 /// While the collection cannot be read nothing is raised; what is there afterwards is compared with what was there
-/// before.
+/// before. While events are suspended nothing is looked at, so nothing is lost either.
 class BundleDirWatcher : public Poco::DirectoryWatcher {
 public:
     /// Takes what is there as known and starts the thread; the first scan follows one interval later.
@@ -37,8 +42,12 @@ public:
     /// Waits for a handler that runs, and for nothing else. No event is raised any more when it returns.
     ~BundleDirWatcher() override;
 
+    BundleDirWatcher(const BundleDirWatcher&) = delete;
+    BundleDirWatcher& operator=(const BundleDirWatcher&) = delete;
+
     /// Takes what has changed in an item up to now for known. For a handler, after it has changed the item itself or
-    /// has read it; and for the server, after start-up has run its scripts. Any thread. Unknown items are passed over.
+    /// has read it; and for the server, after start-up has run its scripts. A directory that has been replaced by
+    /// another is no such change: it is raised as modified all the same. Any thread. Unknown items are passed over.
     void AcceptChanges(const std::string& path);
 
     /// As AcceptChanges, and offers the item again: its next change is raised as modified and then, when it has come to
@@ -49,27 +58,40 @@ public:
     std::vector<std::string> Directories() const;
 
 private:
+    friend class ScanTimer; // measures what one scan costs
+
     using Clock = std::chrono::steady_clock;
 
-    /// What shows that a file is another one or has another content.
+    /// What shows that a file is another one or has another content. Of a directory the times alone would not do:
+    /// archives and mirrors put back the time of its last change when they have changed it.
     struct FileMark {
         std::uint64_t device = 0;
-        std::uint64_t inode = 0;
-        std::int64_t modified = 0; // nanoseconds
-        std::int64_t changed = 0;  // nanoseconds; not for directories, where it tells no more than the line above
-        std::int64_t size = 0;     // nor this
-        bool operator==(const FileMark& other) const;
+        std::uint64_t inode = 0; // 0: there is none
+        std::int64_t modified = 0;
+        std::int64_t changed = 0; // of the inode; both in nanoseconds
+        std::int64_t size = 0;
+
+        bool IsSameFile(const FileMark& other) const { return device == other.device && inode == other.inode; }
+        bool operator==(const FileMark& other) const
+        {
+            return IsSameFile(other) && modified == other.modified && changed == other.changed && size == other.size;
+        }
     };
 
     /// The directory itself, its manifest, "bin" and "script".
-    using ItemMark = std::array<FileMark, 4>;
+    enum Part { ROOT, MANIFEST, BIN, SCRIPT, PARTS };
+    using ItemMark = std::array<FileMark, PARTS>;
 
     /// A whole tree, for the question whether it stands still.
     struct TreeMark {
         std::uint64_t entries = 0;
         std::uint64_t bytes = 0;
         std::int64_t newestChange = 0; // of all below the root, nanoseconds
-        bool operator==(const TreeMark& other) const;
+
+        bool operator==(const TreeMark& other) const
+        {
+            return entries == other.entries && bytes == other.bytes && newestChange == other.newestChange;
+        }
     };
 
     enum class Phase {
@@ -82,7 +104,7 @@ private:
         bool isDirectory = false;
         bool isRaised = false; // as added, or there from the beginning: its end is an event
         Phase phase = Phase::ARRIVING;
-        ItemMark mark;
+        ItemMark mark; // as raised; of the last scan, while it is arriving
         TreeMark tree; // of the last scan, while it is arriving
         std::uint64_t lastScan = 0;
     };
@@ -90,34 +112,39 @@ private:
     struct Change {
         DirectoryEventType type;
         std::string name;
+        std::int64_t time; // when it was made, nanoseconds; 0 when that cannot be told
     };
     using Changes = std::vector<Change>;
 
+    BundleDirWatcher(const std::string& path, std::chrono::milliseconds interval,
+                     const std::vector<int>& othersDescriptors);
+
     void Follow(Clock::time_point firstScan);
     bool WaitUntil(Clock::time_point time);
-    bool IsStopping() const;
+    bool LetSettle(const Change& change);
     Changes Scan();
-    bool LookAtAll(Changes& changes);
-    void LookAt(int collection, const std::string& name, unsigned char type, Changes& changes);
-    bool HasArrived(const std::string& name, Item& item) const;
-    void FindGone(Changes& changes);
-    void NoteReadable(bool isReadable, int error);
+    void LookAtAll(Changes& changes);
+    void LookAt(int collection, const char* name, unsigned char type, Changes& changes);
+    bool HasArrived(int collection, const std::string& name, Item& item);
+    void FindGone(int collection, Changes& changes);
+    void NoteReadable(int error);
     bool Take(const Change& change);
+    bool IsToBeRaised(const Change& change, Item& item);
     void Raise(const Change& change);
-    void Remark(const std::string& path, bool offerAgain);
-
-    static ItemMark MarkItem(int directory, const std::string& path);
-    static TreeMark MarkTree(const std::string& path);
+    void Remark(const std::string& path, Phase phase);
+    ItemMark MarkItem(int directory, const std::string& path, const ItemMark& last);
+    TreeMark MarkTree(const std::string& name, bool isInUse) const;
 
     const std::string m_prefix; // of an item's path, ending in "/": made the way the manager makes its bundles' paths
     const std::chrono::milliseconds m_interval;
+    std::atomic<bool> m_stopping{false};
 
     mutable std::mutex m_mutex; // never held while an event is raised
     std::condition_variable m_stopRequested;
-    bool m_stopping = false;             // guarded by m_mutex
-    std::map<std::string, Item> m_items; // by name; guarded by m_mutex
-    std::uint64_t m_scan = 0;            // guarded by m_mutex; 0 while the constructor looks
-    bool m_isReadable = true;            // guarded by m_mutex
+    std::map<std::string, Item, std::less<>> m_items; // by name; guarded by m_mutex
+    std::uint64_t m_scan = 0;                         // number of the last one; guarded by m_mutex
+    bool m_isReadable = true;                         // guarded by m_mutex
+    std::string m_partPath;                           // spares each mark its allocations; guarded by m_mutex
     std::thread m_thread;
 };
 

@@ -20,6 +20,7 @@ thread_local bool t_childLeadsGroup = false;
 struct StartState {
     StartState();
     sigset_t signalMask;
+    struct sigaction childEnded;
     rlimit descriptors;
 };
 
@@ -27,6 +28,7 @@ const StartState START_STATE;
 
 void PrepareChild()
 {
+    sigaction(SIGCHLD, &START_STATE.childEnded, nullptr);
     pthread_sigmask(SIG_SETMASK, &START_STATE.signalMask, nullptr);
     if (t_childLeadsGroup) {
         setpgid(0, 0);
@@ -38,6 +40,11 @@ StartState::StartState()
     pthread_sigmask(SIG_SETMASK, nullptr, &signalMask);
     // Blocked by the framework's library when it was loaded, not by who started the server.
     sigdelset(&signalMask, SIGPIPE);
+    // Who starts the server with SIGCHLD ignored asks the kernel to throw the ends of its children away: nothing could
+    // be waited for.
+    struct sigaction standard {};
+    standard.sa_handler = SIG_DFL;
+    sigaction(SIGCHLD, &standard, &childEnded);
     getrlimit(RLIMIT_NOFILE, &descriptors);
     pthread_atfork(nullptr, nullptr, PrepareChild);
 }

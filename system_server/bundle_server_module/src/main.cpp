@@ -3,12 +3,31 @@
 
 #include <Poco/Exception.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <exception>
 #include <iostream>
+
+namespace {
+
+// Started with one of the three closed, the next descriptor that is opened, a client's connection perhaps, would become
+// standard error, and the log would be sent to that client.
+void HoldStandardDescriptors()
+{
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(fd, F_GETFD) == -1) {
+            open("/dev/null", O_RDWR); // the lowest free number: this one
+        }
+    }
+}
+
+} // namespace
 
 int main(int argc, char** argv)
 {
     try {
+        HoldStandardDescriptors();
         SystemServer::BoundDescriptorLimit();
         SystemServer::BundleServer server;
         const int status = server.run(argc, argv);
