@@ -1,0 +1,61 @@
+#ifndef PLATFORM_HOST_EVENT_MANAGER_H
+#define PLATFORM_HOST_EVENT_MANAGER_H
+
+#include "event_owner.h"
+#include "packet.h"
+#include "server.h"
+#include "unique_fd.h"
+
+#include <bolt.h>
+
+#include <array>
+#include <list>
+#include <memory>
+
+/// The C interface's opaque name for the class below.
+struct bolt_event_mgr {};
+
+namespace HostPlatform {
+
+/// The event loop, the services on it and the signals that end it.
+class EventManager final : public bolt_event_mgr {
+public:
+    /// Blocks SIGINT, SIGTERM and SIGQUIT on the calling thread for good. Empty, with the reason in the log, on
+    /// failure.
+    /// @throws std::bad_alloc
+    static std::unique_ptr<EventManager> Make();
+
+    event_base& Base() { return *m_base; }
+
+    /// Where every connection receives: one packet is handled before the next is read, so one buffer is enough for all.
+    std::array<unsigned char, MAX_PACKET_SIZE>& ReceiveBuffer() { return m_receiveBuffer; }
+
+    /// False, with the reason in the log, when the service cannot be registered.
+    /// @throws std::bad_alloc
+    bool Register(const char* service, const bolt_server_ops* ops, void* arg);
+
+    /// Runs until a signal ends the loop and all services with it, or for that many milliseconds, unless negative,
+    /// after which the services stand as before. False when the loop fails or has ended before.
+    bool Run(int milliseconds);
+
+private:
+    EventManager() = default;
+
+    static void OnSignal(evutil_socket_t fd, short what, void* manager) noexcept;
+
+    bool Open();
+    bool WatchSignals();
+    void End();
+
+    EventBaseOwner m_base;
+    UniqueFd m_signals;
+    EventOwner m_signalled;
+    std::list<Server> m_servers;
+    bool m_endIsAsked = false;
+    bool m_hasEnded = false;
+    std::array<unsigned char, MAX_PACKET_SIZE> m_receiveBuffer; // not cleared: pages that are not used cost nothing
+};
+
+} // namespace HostPlatform
+
+#endif

@@ -1,0 +1,32 @@
+#ifndef PLATFORM_HOST_EVENT_OWNER_H
+#define PLATFORM_HOST_EVENT_OWNER_H
+
+#include <event2/event.h>
+
+#include <memory>
+#include <new>
+
+namespace HostPlatform {
+
+struct EventFree {
+    void operator()(event* watched) const { event_free(watched); }
+    void operator()(event_base* base) const { event_base_free(base); }
+};
+
+/// An event of the loop; it is taken out of the loop when it goes.
+using EventOwner = std::unique_ptr<event, EventFree>;
+using EventBaseOwner = std::unique_ptr<event_base, EventFree>;
+
+/// @throws std::bad_alloc
+inline EventOwner NewEvent(event_base& base, int fd, short what, event_callback_fn callback, void* argument)
+{
+    EventOwner owner(event_new(&base, fd, what, callback, argument));
+    if (!owner) {
+        throw std::bad_alloc();
+    }
+    return owner;
+}
+
+} // namespace HostPlatform
+
+#endif

@@ -1,0 +1,9 @@
+#ifndef PLATFORM_HOST_HOST_LOG_H
+#define PLATFORM_HOST_HOST_LOG_H
+
+#include <zq_log.h>
+
+/// The platform's own error records.
+#define HOST_LOG_ERROR(...) ZQ_WriteLog(4, 3, 0, 0, __FILE__, __LINE__, __VA_ARGS__)
+
+#endif

@@ -1,0 +1,31 @@
+#ifndef PLATFORM_HOST_LOG_FORMAT_H
+#define PLATFORM_HOST_LOG_FORMAT_H
+
+#include <cstdarg>
+#include <cstddef>
+#include <ctime>
+
+namespace HostPlatform {
+
+/// A record's most bytes, its line end included: what a pipe takes in one piece.
+constexpr std::size_t RECORD_SIZE = 4096;
+
+/// A record's columns but the message.
+struct RecordHead {
+    timespec time;
+    int module;
+    int level;
+    int flag;
+    int pid;
+    int tid;
+    const char* file; ///< null when the call gives none; line is then not shown
+    int line;
+};
+
+/// Formats one record, its line end included and not NUL-terminated. Returns its length. Takes no lock and no heap.
+std::size_t FormatRecord(char (&record)[RECORD_SIZE], const RecordHead& head, const char* format, va_list arguments)
+    __attribute__((format(printf, 3, 0)));
+
+} // namespace HostPlatform
+
+#endif

@@ -1,0 +1,69 @@
+#ifndef PLATFORM_HOST_MESSAGE_H
+#define PLATFORM_HOST_MESSAGE_H
+
+#include <lumo.h>
+
+#include <cstddef>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace HostPlatform {
+
+static_assert(sizeof(lumo_header) == 8, "the header is 8 bytes on the wire");
+static_assert(offsetof(lumo_header, kind) == 2 && offsetof(lumo_header, method) == 3 &&
+                  offsetof(lumo_header, uri) == 4 && offsetof(lumo_header, status) == 6,
+              "the header's fields stand where the wire has them");
+
+constexpr std::size_t MAX_PACKET_SIZE = 65536;
+constexpr std::size_t MAX_CONTENT_SIZE = MAX_PACKET_SIZE - sizeof(lumo_header);
+static_assert(MAX_CONTENT_SIZE <= std::numeric_limits<decltype(lumo_header::length)>::max(),
+              "the header's length can name every content");
+
+/// What every lumo_message of this platform is. The content stands where the packet has it, behind room for the header,
+/// so that a message is received and sent in one piece; the string's NUL is the one that stands behind every content.
+struct Message : lumo_message {
+    Message() : lumo_message{}, packet(sizeof header, '\0') {}
+
+    char* Content() { return packet.data() + sizeof header; }
+    std::size_t ContentSize() const { return packet.size() - sizeof header; }
+
+    /// Writes the content's length into the header, whatever a caller has written there.
+    void KeepLength() { header.length = static_cast<decltype(header.length)>(ContentSize()); }
+
+    /// The message as it goes over the wire; valid until the next change.
+    std::string_view Packet()
+    {
+        KeepLength();
+        std::memcpy(packet.data(), &header, sizeof header);
+        return packet;
+    }
+
+    unsigned references = 1;
+    std::string packet;
+};
+
+inline Message& Of(lumo_message* msg)
+{
+    return *static_cast<Message*>(msg);
+}
+
+struct MessagePut {
+    void operator()(lumo_message* msg) const { lumo_message_put(msg); }
+};
+
+/// One reference to a message.
+using MessageReference = std::unique_ptr<Message, MessagePut>;
+
+/// Another reference to a message.
+inline MessageReference Share(Message& msg)
+{
+    ++msg.references;
+    return MessageReference(&msg);
+}
+
+} // namespace HostPlatform
+
+#endif

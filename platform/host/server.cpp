@@ -1,0 +1,180 @@
+#include "server.h"
+
+#include "event_manager.h"
+#include "host_log.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <new>
+#include <utility>
+
+namespace HostPlatform {
+
+namespace {
+
+/// Calls into the service. What it throws ends here, for the event library is C. False when it threw.
+template <typename Call> bool Guarded(const std::string& service, const char* callback, const Call& call) noexcept
+{
+    try {
+        call();
+        return true;
+    } catch (const std::exception& exception) {
+        HOST_LOG_ERROR("service[%s]: its %s callback threw: %s.", service.c_str(), callback, exception.what());
+    } catch (...) {
+        HOST_LOG_ERROR("service[%s]: its %s callback threw what is no std::exception.", service.c_str(), callback);
+    }
+    return false;
+}
+
+} // namespace
+
+Server::Server(EventManager& manager, const char* service, const bolt_server_ops* ops, void* arg)
+    : bolt_server{nullptr}, m_manager(manager), m_service(service), m_ops(ops), m_arg(arg)
+{}
+
+bool Server::Start()
+{
+    if (!m_socket.Listen(m_service)) {
+        return false;
+    }
+    m_acceptable = NewEvent(m_manager.Base(), m_socket.Get(), EV_READ | EV_PERSIST, OnAcceptable, this);
+    m_pauseOver = NewEvent(m_manager.Base(), -1, 0, OnPauseOver, this);
+    if (event_add(m_acceptable.get(), nullptr) != 0) {
+        HOST_LOG_ERROR("service[%s]: the event loop does not take its socket.", m_service.c_str());
+        return false;
+    }
+    return StartService();
+}
+
+bool Server::StartService()
+{
+    if (m_ops == nullptr || m_ops->start == nullptr) {
+        return true;
+    }
+    int result = -1;
+    if (!Guarded(m_service, "start", [&] { result = m_ops->start(this, m_arg); })) {
+        return false;
+    }
+    if (result != 0) {
+        HOST_LOG_ERROR("service[%s]: it does not start, its start callback returned %d.", m_service.c_str(), result);
+    }
+    return result == 0;
+}
+
+void Server::Stop()
+{
+    if (m_ops != nullptr && m_ops->stop != nullptr) {
+        Guarded(m_service, "stop", [this] { m_ops->stop(this, m_arg); });
+    }
+    m_connections.clear();
+    m_acceptable.reset();
+    m_pauseOver.reset();
+    m_socket.Remove();
+}
+
+void Server::OnAcceptable(evutil_socket_t /*fd*/, short /*what*/, void* server) noexcept
+{
+    static_cast<Server*>(server)->AcceptSome();
+}
+
+void Server::OnPauseOver(evutil_socket_t /*fd*/, short /*what*/, void* server) noexcept
+{
+    event_add(static_cast<Server*>(server)->m_acceptable.get(), nullptr);
+}
+
+/// A few for each time that the loop comes round, so that a rush of new peers does not keep the old ones waiting.
+void Server::AcceptSome()
+{
+    constexpr int most = 16;
+    for (int i = 0; i < most; ++i) {
+        UniqueFd peer(::accept4(m_socket.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (!peer.IsOpen()) {
+            HandleAcceptFailure(errno);
+            return;
+        }
+        if (MayConnect(peer.Get())) {
+            Admit(std::move(peer));
+        }
+    }
+}
+
+void Server::HandleAcceptFailure(int error)
+{
+    if (error == EAGAIN || error == EINTR || error == ECONNABORTED) {
+        return;
+    }
+    // Out of descriptors, most likely. The waiting peer keeps the listener readable, so a loop that went on would spin.
+    constexpr timeval pause{0, 100'000};
+    event_del(m_acceptable.get());
+    event_add(m_pauseOver.get(), &pause);
+    if (m_exhaustions.Passes()) {
+        HOST_LOG_ERROR("service[%s]: a connection cannot be accepted: %s. Those that wait are tried again; "
+                       "%zu are open, %u earlier failures are not shown.",
+                       m_service.c_str(), std::strerror(error), m_connections.size(), m_exhaustions.LeftOut());
+    }
+}
+
+bool Server::MayConnect(int peer)
+{
+    ucred credentials{};
+    socklen_t size = sizeof credentials;
+    const bool known = ::getsockopt(peer, SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0;
+    if (known && (credentials.uid == ::geteuid() || credentials.uid == 0)) {
+        return true;
+    }
+    if (m_refusals.Passes()) {
+        HOST_LOG_ERROR("service[%s]: process %d of user %d is refused: only user %u and root may connect; "
+                       "%u earlier refusals are not shown.",
+                       m_service.c_str(), static_cast<int>(credentials.pid), static_cast<int>(credentials.uid),
+                       static_cast<unsigned>(::geteuid()), m_refusals.LeftOut());
+    }
+    return false;
+}
+
+void Server::Admit(UniqueFd peer)
+{
+    try {
+        m_connections.emplace_front(*this, std::move(peer));
+    } catch (const std::bad_alloc&) {
+        LogDrop("cannot be accepted", "out of memory");
+        return;
+    }
+    const auto connection = m_connections.begin();
+    if (!connection->Begin(connection)) {
+        LogDrop("cannot be accepted", "the event loop does not take it");
+        Forget(connection);
+        return;
+    }
+    if (!Welcome(*connection)) {
+        connection->Drop();
+    }
+}
+
+bool Server::Welcome(Connection& connection)
+{
+    if (protocol_ops == nullptr || protocol_ops->connected == nullptr) {
+        return true;
+    }
+    return Guarded(m_service, "connected", [&] { protocol_ops->connected(&connection); });
+}
+
+bool Server::Deliver(Message& msg, Connection& connection)
+{
+    if (protocol_ops == nullptr || protocol_ops->message == nullptr) {
+        return true;
+    }
+    return Guarded(m_service, "message", [&] { protocol_ops->message(&msg, &connection); });
+}
+
+void Server::LogDrop(const char* what, const char* why)
+{
+    if (m_drops.Passes()) {
+        HOST_LOG_ERROR("service[%s]: a peer %s (%s), its connection is closed; %u earlier ones are not shown.",
+                       m_service.c_str(), what, why, m_drops.LeftOut());
+    }
+}
+
+} // namespace HostPlatform

@@ -1,0 +1,71 @@
+#ifndef PLATFORM_HOST_SERVER_H
+#define PLATFORM_HOST_SERVER_H
+
+#include "connection.h"
+#include "event_owner.h"
+#include "record_limit.h"
+#include "service_socket.h"
+
+#include <bolt.h>
+
+#include <list>
+#include <string>
+
+namespace HostPlatform {
+
+class EventManager;
+
+/// One registered service: its socket, whom it admits and the connections.
+class Server final : public bolt_server {
+public:
+    /// @throws std::bad_alloc
+    Server(EventManager& manager, const char* service, const bolt_server_ops* ops, void* arg);
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+    ~Server() = default;
+
+    /// Takes the name, lets the service start and begins to accept. False, with the reason in the log, when any of it
+    /// fails; nothing is then left behind.
+    bool Start();
+
+    /// Lets the service stop, closes its connections and takes its socket away.
+    void Stop();
+
+    EventManager& Manager() { return m_manager; }
+
+    /// Hands a message to the service. False when the service threw.
+    bool Deliver(Message& msg, Connection& connection);
+
+    /// Ends a connection.
+    void Forget(Connection::Place connection) { m_connections.erase(connection); }
+
+    /// Tells the log why a connection is dropped.
+    void LogDrop(const char* what, const char* why);
+
+private:
+    static void OnAcceptable(evutil_socket_t fd, short what, void* server) noexcept;
+    static void OnPauseOver(evutil_socket_t fd, short what, void* server) noexcept;
+
+    bool StartService();
+    void AcceptSome();
+    void HandleAcceptFailure(int error);
+    bool MayConnect(int peer);
+    void Admit(UniqueFd peer);
+    bool Welcome(Connection& connection);
+
+    EventManager& m_manager;
+    const std::string m_service;
+    const bolt_server_ops* const m_ops;
+    void* const m_arg;
+    ServiceSocket m_socket;
+    EventOwner m_acceptable;
+    EventOwner m_pauseOver;
+    std::list<Connection> m_connections;
+    RecordLimit m_refusals;
+    RecordLimit m_drops;
+    RecordLimit m_exhaustions;
+};
+
+} // namespace HostPlatform
+
+#endif

@@ -1,0 +1,196 @@
+#include "service_socket.h"
+
+#include "host_log.h"
+#include "service_directory.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+namespace HostPlatform {
+
+namespace {
+
+/// The server's own user and group.
+constexpr mode_t SOCKET_MODE = 0660;
+
+/// The service directory, locked against every other server that is just taking a name in it. The lock is the
+/// directory's own, so nothing is left behind.
+class DirectoryLock {
+public:
+    DirectoryLock() = default;
+    DirectoryLock(const DirectoryLock&) = delete;
+    DirectoryLock& operator=(const DirectoryLock&) = delete;
+    // Given up in so many words: a child between fork and exec has the descriptor too, and closing ours alone would
+    // leave the lock with it.
+    ~DirectoryLock()
+    {
+        if (m_fd.IsOpen()) {
+            ::flock(m_fd.Get(), LOCK_UN);
+        }
+    }
+
+    /// False, with errno set, when it cannot be had within about a second.
+    bool Take()
+    {
+        m_fd.Reset(::open(SERVICE_DIRECTORY, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!m_fd.IsOpen()) {
+            return false;
+        }
+        constexpr int tries = 100;
+        for (int i = 0; i < tries; ++i) {
+            if (::flock(m_fd.Get(), LOCK_EX | LOCK_NB) == 0) {
+                return true;
+            }
+            if (errno != EWOULDBLOCK && errno != EINTR) {
+                return false;
+            }
+            const timespec pause{0, 10'000'000};
+            ::nanosleep(&pause, nullptr);
+        }
+        errno = EWOULDBLOCK;
+        return false;
+    }
+
+private:
+    UniqueFd m_fd;
+};
+
+UniqueFd NewSocket()
+{
+    return UniqueFd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+}
+
+sockaddr_un AddressOf(const std::string& path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    return address;
+}
+
+const sockaddr* Generic(const sockaddr_un& address)
+{
+    return reinterpret_cast<const sockaddr*>(&address);
+}
+
+bool IsFileName(const std::string& service)
+{
+    constexpr std::size_t longest = sizeof(sockaddr_un::sun_path) - sizeof SERVICE_DIRECTORY - 1;
+    return !service.empty() && service.size() <= longest && service != "." && service != ".." &&
+           service.find('/') == std::string::npos;
+}
+
+/// Makes the path free if a dead server's socket stands there. A dead one refuses a connection; any other answer comes
+/// from a live one, one that is too busy to accept included.
+bool ClearPath(const std::string& service, const std::string& path)
+{
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0) {
+        if (errno == ENOENT) {
+            return true;
+        }
+        HOST_LOG_ERROR("service[%s]: %s cannot be looked at: %s.", service.c_str(), path.c_str(), std::strerror(errno));
+        return false;
+    }
+    if (!S_ISSOCK(status.st_mode)) {
+        HOST_LOG_ERROR("service[%s]: %s is in the way and is no socket: remove it.", service.c_str(), path.c_str());
+        return false;
+    }
+    const UniqueFd probe = NewSocket();
+    if (!probe.IsOpen()) {
+        HOST_LOG_ERROR("service[%s]: no socket to be had: %s.", service.c_str(), std::strerror(errno));
+        return false;
+    }
+    const sockaddr_un address = AddressOf(path);
+    const bool connected = ::connect(probe.Get(), Generic(address), sizeof address) == 0;
+    if (connected || (errno != ECONNREFUSED && errno != ENOENT)) {
+        HOST_LOG_ERROR("service[%s]: a live server holds %s (%s): end that one first.", service.c_str(), path.c_str(),
+                       connected ? "it accepts connections" : std::strerror(errno));
+        return false;
+    }
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+        HOST_LOG_ERROR("service[%s]: the socket of a dead server at %s cannot be removed: %s.", service.c_str(),
+                       path.c_str(), std::strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+bool ServiceSocket::Listen(const std::string& service)
+{
+    if (!IsFileName(service)) {
+        HOST_LOG_ERROR("service[%s]: no name for a socket in %s: it is empty, too long or has a slash.",
+                       service.c_str(), SERVICE_DIRECTORY);
+        return false;
+    }
+    if (!MakeServiceDirectory()) {
+        HOST_LOG_ERROR("service[%s]: %s cannot be made: %s. Make it, writable for user %u.", service.c_str(),
+                       SERVICE_DIRECTORY, std::strerror(errno), static_cast<unsigned>(::geteuid()));
+        return false;
+    }
+    // Held from the first look at the path until the socket listens: of two servers that start at the same moment, the
+    // later one finds the other's socket alive.
+    DirectoryLock lock;
+    if (!lock.Take()) {
+        HOST_LOG_ERROR("service[%s]: %s cannot be locked: %s.", service.c_str(), SERVICE_DIRECTORY,
+                       std::strerror(errno));
+        return false;
+    }
+    return ListenAt(service);
+}
+
+bool ServiceSocket::ListenAt(const std::string& service)
+{
+    const std::string path = std::string(SERVICE_DIRECTORY) + '/' + service;
+    if (!ClearPath(service, path)) {
+        return false;
+    }
+    UniqueFd fd = NewSocket();
+    const sockaddr_un address = AddressOf(path);
+    // The mode is set before the socket has a name, so that it is at no moment open to others; and after, for the umask
+    // may have taken from it.
+    if (!fd.IsOpen() || ::fchmod(fd.Get(), SOCKET_MODE) != 0 ||
+        ::bind(fd.Get(), Generic(address), sizeof address) != 0) {
+        HOST_LOG_ERROR("service[%s]: no socket can be made at %s: %s.", service.c_str(), path.c_str(),
+                       std::strerror(errno));
+        return false;
+    }
+    struct stat status {};
+    if (::chmod(path.c_str(), SOCKET_MODE) != 0 || ::listen(fd.Get(), SOMAXCONN) != 0 ||
+        ::lstat(path.c_str(), &status) != 0) {
+        HOST_LOG_ERROR("service[%s]: the socket at %s cannot be made ready: %s.", service.c_str(), path.c_str(),
+                       std::strerror(errno));
+        ::unlink(path.c_str());
+        return false;
+    }
+    m_path = path;
+    m_fd = std::move(fd);
+    m_device = status.st_dev;
+    m_inode = status.st_ino;
+    return true;
+}
+
+void ServiceSocket::Remove()
+{
+    if (!m_fd.IsOpen()) {
+        return;
+    }
+    // Before the socket is closed: as long as it lives no other server replaces it, and no other file is given its
+    // number.
+    struct stat status {};
+    if (::lstat(m_path.c_str(), &status) == 0 && status.st_dev == m_device && status.st_ino == m_inode) {
+        ::unlink(m_path.c_str());
+    }
+    m_fd.Reset();
+}
+
+} // namespace HostPlatform

@@ -1,0 +1,40 @@
+#ifndef PLATFORM_HOST_SERVICE_SOCKET_H
+#define PLATFORM_HOST_SERVICE_SOCKET_H
+
+#include "unique_fd.h"
+
+#include <sys/types.h>
+
+#include <string>
+
+namespace HostPlatform {
+
+/// A service's listening socket in the service directory, and the duty to take it away again.
+class ServiceSocket {
+public:
+    ServiceSocket() = default;
+    ServiceSocket(const ServiceSocket&) = delete;
+    ServiceSocket& operator=(const ServiceSocket&) = delete;
+    ~ServiceSocket() { Remove(); }
+
+    /// Takes the name and listens. What a dead server left there is replaced. False, with the reason in the log, when
+    /// the name is no file name, a live server holds it, or the system refuses.
+    bool Listen(const std::string& service);
+
+    /// Takes the socket away, if what stands at its path is still this one, and closes it.
+    void Remove();
+
+    int Get() const { return m_fd.Get(); }
+
+private:
+    bool ListenAt(const std::string& service);
+
+    std::string m_path;
+    UniqueFd m_fd;
+    dev_t m_device = 0;
+    ino_t m_inode = 0;
+};
+
+} // namespace HostPlatform
+
+#endif
