@@ -1,0 +1,29 @@
+#!/bin/sh
+# Raises an alarm when the load of the machine is above the limit that data/alarm.conf sets, and another line when it
+# has fallen again. New settings are taken in the simplest way there is: the script ends with status 2, by which it asks
+# the server to be run again.
+bundle=$(cd "$(dirname "$0")/.." && pwd) || exit 1
+settings=$bundle/data/alarm.conf
+
+mark() {
+    stat -c '%i %s %y' "$settings"
+}
+
+first_mark=$(mark) || exit 1
+limit=$(sed -n 's/^limit=\([0-9][0-9.]*\)$/\1/p' "$settings")
+echo "load_alarm: the limit is ${limit:-not set}" >&2
+
+above=no
+# Two seconds: when the shell is killed, the sleep that it waits for lives on to its end.
+while sleep 2; do
+    if [ "$(mark)" != "$first_mark" ]; then
+        echo "load_alarm: new settings" >&2
+        exit 2
+    fi
+    [ -n "$limit" ] || continue
+    now=$(awk -v limit="$limit" '{ print ($1 > limit ? "yes" : "no") }' /proc/loadavg)
+    if [ "$now" != "$above" ]; then
+        above=$now
+        echo "$(date -u +%Y-%m-%dT%H:%M:%SZ) above the limit of $limit: $above" >> "$bundle/data/alarms.log"
+    fi
+done

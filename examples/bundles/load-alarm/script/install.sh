@@ -1,0 +1,6 @@
+#!/bin/sh
+# The first settings; those that somebody has changed since stay.
+set -eu
+bundle=$(cd "$(dirname "$0")/.." && pwd)
+mkdir -p "$bundle/data"
+[ -f "$bundle/data/alarm.conf" ] || echo "limit=4.0" > "$bundle/data/alarm.conf"

@@ -1,0 +1,6 @@
+#!/bin/sh
+# A first page, so that there is one before anybody writes another.
+set -eu
+bundle=$(cd "$(dirname "$0")/.." && pwd)
+mkdir -p "$bundle/data/www"
+[ -f "$bundle/data/www/index.html" ] || echo "<p>Nothing to report yet.</p>" > "$bundle/data/www/index.html"
