@@ -124,6 +124,9 @@ template <class Name, typename Name::Member Value> struct Reveal {
 };
 template struct Reveal<FrameworkThread, &Poco::DirectoryWatcher::_thread>;
 
+/// Small, for it is kept as long as the watcher.
+constexpr int LEFT_THREAD_STACK = 256 * 1024;
+
 class Nothing : public Poco::Runnable {
 public:
     void run() override {}
@@ -135,7 +138,7 @@ void LeaveThreadToJoin(Poco::DirectoryWatcher& watcher)
 {
     static Nothing nothing;
     Poco::Thread& thread = watcher.*MemberOf(FrameworkThread());
-    thread.setStackSize(1); // the smallest there is
+    thread.setStackSize(LEFT_THREAD_STACK);
     thread.start(nothing);
 }
 
@@ -176,8 +179,8 @@ void BundleDirWatcher::Follow(Clock::time_point firstScan)
         // From now on, not from when this scan was due: what stands still for a scan stands still for that long.
         next = Clock::now() + m_interval;
         for (const Change& change : Scan()) {
-            if (!LetSettle(change) || eventsSuspended()) {
-                break; // a later scan finds the rest again
+            if (!LetSettle(change)) {
+                return;
             }
             if (Take(change)) {
                 Raise(change);
@@ -192,12 +195,13 @@ bool BundleDirWatcher::WaitUntil(Clock::time_point time)
     return !m_stopRequested.wait_until(lock, time, [this] { return m_stopping.load(); });
 }
 
+// False when the watcher is being destroyed.
 bool BundleDirWatcher::LetSettle(const Change& change)
 {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     const std::chrono::nanoseconds age(Nanoseconds(now) - change.time);
-    const bool isYoung = age >= age.zero() && age < SETTLING_TIME;
+    const bool isYoung = age.count() >= 0 && age < SETTLING_TIME;
     return isYoung ? WaitUntil(Clock::now() + SETTLING_TIME - age) : !m_stopping;
 }
 
@@ -207,9 +211,7 @@ BundleDirWatcher::Changes BundleDirWatcher::Scan()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     Changes changes;
-    if (!eventsSuspended()) {
-        LookAtAll(changes);
-    }
+    LookAtAll(changes);
     // Removals first: a bundle that is renamed would otherwise be refused as a duplicate of itself.
     std::sort(changes.begin(), changes.end(), [](const Change& one, const Change& other) {
         return std::make_tuple(one.type != DW_ITEM_REMOVED, one.time, std::ref(one.name)) <

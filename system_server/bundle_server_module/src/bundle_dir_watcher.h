@@ -32,7 +32,7 @@ namespace SystemServer {
 /// installed just before what requires it.
 ///
 /// While the collection cannot be read nothing is raised; what is there afterwards is compared with what was there
-/// before. While events are suspended nothing is looked at, so nothing is lost either.
+/// before.
 class BundleDirWatcher : public Poco::DirectoryWatcher {
 public:
     /// Takes what is there as known and starts the thread; the first scan follows one interval later.

@@ -9,6 +9,7 @@
 
 #include <Poco/Delegate.h>
 #include <Poco/Exception.h>
+#include <Poco/File.h>
 #include <Poco/Logger.h>
 #include <Poco/Process.h>
 #include <Poco/Util/HelpFormatter.h>
@@ -124,7 +125,7 @@ void BundleServer::initialize(Application& self)
         logger().setChannel(nullptr); // the process entry tells what it was, and once is enough
         try {
             m_gate.set_value(nullptr);
-        } catch (const std::future_error&) { // open already: what failed came after the loading
+        } catch (const std::future_error&) { // open already: what failed came after the start of the bundles
         }
         throw;
     }
@@ -147,7 +148,7 @@ void BundleServer::StartUp()
     BUNDLE_INFO("LoadAllBundles...");
     m_bundleManager->LoadAllBundles(collectionDir);
     BUNDLE_INFO("LoadAllBundles done.");
-    OpenGate();
+    AcceptInstallations();
     BUNDLE_INFO("ResolveAllBundles...");
     m_bundleManager->ResolveAllBundles();
     BUNDLE_INFO("ResolveAllBundles done.");
@@ -155,6 +156,7 @@ void BundleServer::StartUp()
     m_bundleManager->StartAllBundles();
     BUNDLE_INFO("StartAllBundles done.");
     OfferUnloadedAgain();
+    m_gate.set_value(m_bundleManager);
 }
 
 // The one place where the watcher is made.
@@ -169,14 +171,15 @@ void BundleServer::WatchCollection(const std::string& collectionDir)
     m_dirWatcher->itemModified += Poco::delegate(this, &BundleServer::OnItemModified);
 }
 
-// An event that comes earlier waits: start-up reads the collection itself, and what it has loaded must not be loaded
-// again. What the bundles' "install.sh" have written so far is no change that anybody has made.
-void BundleServer::OpenGate()
+// What "install.sh" has written in a bundle is no change that anybody has made. Bundles without the script are left
+// out: whatever has changed in them since they were loaded, somebody has made.
+void BundleServer::AcceptInstallations()
 {
     for (const std::string& path : m_changes->Directories()) {
-        m_changes->AcceptChanges(path);
+        if (Poco::File(path + "/" + Bundle::BUNDLE_SCRIPT_FILE_PATH + "install.sh").exists()) {
+            m_changes->AcceptChanges(path);
+        }
     }
-    m_gate.set_value(m_bundleManager);
 }
 
 // A bundle that start-up could not load, resolve or start is loaded when somebody has mended it, and so is one whose
@@ -294,17 +297,21 @@ std::uint16_t BundleServer::DeleteBundle(const char* content, std::size_t length
 {
     try {
         const std::string name(content, strnlen(content, length));
-        const auto manager = dynamic_cast<BundleServer&>(Application::instance()).m_bundleManager;
+        const auto& server = dynamic_cast<BundleServer&>(Application::instance());
         BUNDLE_INFO("find bundle[%s]...", name.c_str());
-        const std::shared_ptr<Bundle> bundle = manager->FindBundleByName(name);
+        const std::shared_ptr<Bundle> bundle = server.m_bundleManager->FindBundleByName(name);
         if (!bundle) {
             BUNDLE_ERROR("find bundle[%s] fail.", name.c_str());
             return STATUS_NOT_FOUND;
         }
         BUNDLE_INFO("find bundle done.");
-        const bool deleted =
-            StopAndUnload(*manager, bundle) && RemoveBundleDirectory(bundle->GetStorage()->GetRootPath());
-        return deleted ? STATUS_OK : STATUS_BAD_REQUEST;
+        if (!StopAndUnload(*server.m_bundleManager, bundle)) {
+            return STATUS_BAD_REQUEST;
+        }
+        const std::string& path = bundle->GetStorage()->GetRootPath();
+        // Should another directory be there by the time the watcher looks, it is one to be loaded.
+        server.m_changes->OfferAgain(path);
+        return RemoveBundleDirectory(path) ? STATUS_OK : STATUS_BAD_REQUEST;
     } catch (const std::exception& e) {
         BUNDLE_ERROR("request fail.exception info: [%s].", e.what());
         return STATUS_BAD_REQUEST;

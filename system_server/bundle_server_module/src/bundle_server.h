@@ -78,7 +78,7 @@ protected:
 private:
     void StartUp();
     void WatchCollection(const std::string& collectionDir);
-    void OpenGate();
+    void AcceptInstallations();
     void OfferUnloadedAgain();
     std::shared_ptr<BundleManager> ManagerAtGate() const { return m_gateOpen.get(); }
 
@@ -96,7 +96,9 @@ private:
     std::shared_ptr<BundleManager> m_bundleManager; // the main thread's; the watcher's gets it through the gate
     std::shared_ptr<Poco::DirectoryWatcher> m_dirWatcher;
     BundleDirWatcher* m_changes = nullptr; // *m_dirWatcher, for its handlers, which run even while it is being released
-    Gate m_gate; // the events wait here until start-up has loaded the collection; empty when that has failed
+    // Events wait here until start-up has started the collection, for its walks over all bundles and a handler would
+    // get into each other's way; empty when it has failed.
+    Gate m_gate;
     std::shared_future<std::shared_ptr<BundleManager>> m_gateOpen;
     std::exception_ptr m_startupFailure;
 };
