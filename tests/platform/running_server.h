@@ -1,0 +1,91 @@
+#ifndef TESTS_PLATFORM_RUNNING_SERVER_H
+#define TESTS_PLATFORM_RUNNING_SERVER_H
+
+#include <bolt.h>
+
+#include <sys/types.h>
+
+#include <functional>
+#include <future>
+#include <string>
+#include <thread>
+
+/// Registers a service with the protocol's callbacks. Both must outlive the event manager's loop.
+int RegisterService(const std::string& service, bolt_event_mgr* mgr, const bolt_protocol_ops& protocol);
+
+/// Ends the loop that this thread runs or is about to run.
+void EndLoopOfThisThread();
+
+/// A service on a thread of this process.
+class RunningServer {
+public:
+    RunningServer(const std::string& service, const bolt_protocol_ops& protocol);
+    RunningServer(const RunningServer&) = delete;
+    RunningServer& operator=(const RunningServer&) = delete;
+    ~RunningServer() { End(); }
+
+    bool IsRegistered() const { return m_isRegistered; }
+
+    /// Ends the loop by a signal to its thread. Returns what bolt_event_mgr_run returned.
+    int End();
+
+private:
+    void Serve(const std::string& service, const bolt_protocol_ops& protocol, std::promise<bool> registered);
+
+    std::thread m_thread;
+    bool m_isRegistered = false;
+    int m_result = -1;
+};
+
+/// A service in a child process.
+class ServerProcess {
+public:
+    struct Steps {
+        std::function<void()> first = [] {};                              ///< before the event manager is made
+        std::function<int(int)> last = [](int result) { return result; }; ///< given the loop's result, the exit status
+    };
+    ServerProcess(const std::string& service, const bolt_protocol_ops& protocol, const Steps& steps);
+    ServerProcess(const std::string& service, const bolt_protocol_ops& protocol)
+        : ServerProcess(service, protocol, Steps())
+    {}
+    ServerProcess(const ServerProcess&) = delete;
+    ServerProcess& operator=(const ServerProcess&) = delete;
+    /// Kills it where it has not been waited for.
+    ~ServerProcess();
+
+    bool IsRegistered() const { return m_isRegistered; }
+    pid_t Pid() const { return m_pid; }
+
+    void Signal(int number) const;
+
+    /// The exit status, or the negative signal; -1000 when it does not end within seconds.
+    int Wait();
+
+private:
+    pid_t m_pid;
+    bool m_isRegistered = false;
+};
+
+/// A protocol for tests: the method of a request, without the response flag, says what to do.
+enum TestMethod : unsigned char {
+    ECHO = 1,      ///< sends the request back, with status 200
+    BIG = 2,       ///< replies with BIG_CONTENT bytes
+    THROW = 3,     ///< throws
+    FLOOD = 4,     ///< replies with BIG_CONTENT bytes until a reply is refused, then with an empty one
+    INSPECT = 5,   ///< replies with the number of descriptors, but those of before, that a program would inherit
+    THROW_INT = 6, ///< throws what is no exception
+};
+constexpr int BIG_CONTENT = 60000;
+extern const bolt_protocol_ops g_testProtocol;
+
+/// Contents that had no NUL behind them, connections that were announced, and what the last FLOOD met: how many replies
+/// were taken, and whether the one after the refused one was refused, too.
+int ContentsWithoutNul();
+int AnnouncedConnections();
+int RepliesTakenInFlood();
+bool IsRefusedAfterFlood();
+
+/// Remembers the descriptors that are open now, for INSPECT.
+void RememberDescriptors();
+
+#endif

@@ -1,0 +1,21 @@
+#ifndef TESTS_SUPPORT_EVENTUALLY_H
+#define TESTS_SUPPORT_EVENTUALLY_H
+
+#include <chrono>
+#include <ctime>
+
+/// Asks again and again whether the condition holds. False when it still does not after that time.
+template <typename Condition> bool Eventually(std::chrono::milliseconds timeout, Condition condition)
+{
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= end) {
+            return false;
+        }
+        const timespec pause{0, 2'000'000};
+        ::nanosleep(&pause, nullptr);
+    }
+    return true;
+}
+
+#endif

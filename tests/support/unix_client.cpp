@@ -1,0 +1,112 @@
+#include "support/unix_client.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// Room for more than the service sends in one packet.
+constexpr std::size_t PACKET_ROOM = 128UL * 1024;
+
+/// Waits for something to read, the connection's end included. False when the time is over.
+bool WaitReadable(int fd, Clock::time_point end)
+{
+    for (;;) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
+        pollfd watched{fd, POLLIN, 0};
+        const int ready = ::poll(&watched, 1, static_cast<int>(std::max<decltype(left)>(left, 0)));
+        if (ready >= 0 || errno != EINTR) {
+            return ready > 0;
+        }
+    }
+}
+
+} // namespace
+
+std::string PacketOf(lumo_header header, std::string_view content)
+{
+    header.length = static_cast<std::uint16_t>(content.size());
+    std::string packet(sizeof header, '\0');
+    std::memcpy(packet.data(), &header, sizeof header);
+    packet += content;
+    return packet;
+}
+
+std::string PacketOf(std::uint8_t method, std::uint16_t uri, std::string_view content)
+{
+    lumo_header header{};
+    header.method = method;
+    header.uri = uri;
+    return PacketOf(header, content);
+}
+
+lumo_header HeaderOf(std::string_view packet)
+{
+    lumo_header header{};
+    if (packet.size() >= sizeof header) {
+        std::memcpy(&header, packet.data(), sizeof header);
+    }
+    return header;
+}
+
+UnixClient::UnixClient(const std::string& path) : m_fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0))
+{
+    const timeval limit{5, 0};
+    ::setsockopt(m_fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    if (::connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        m_error = errno;
+    }
+}
+
+UnixClient::~UnixClient()
+{
+    ::close(m_fd);
+}
+
+bool UnixClient::Send(std::string_view packet) const
+{
+    return ::send(m_fd, packet.data(), packet.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(packet.size());
+}
+
+std::optional<std::string> UnixClient::Receive(std::chrono::milliseconds timeout) const
+{
+    if (!WaitReadable(m_fd, Clock::now() + timeout)) {
+        return std::nullopt;
+    }
+    std::vector<char> packet(PACKET_ROOM);
+    const ssize_t size = ::recv(m_fd, packet.data(), packet.size(), MSG_DONTWAIT);
+    if (size <= 0) {
+        return std::nullopt;
+    }
+    return std::string(packet.data(), static_cast<std::size_t>(size));
+}
+
+std::optional<std::string> UnixClient::Ask(std::string_view packet, std::chrono::milliseconds timeout) const
+{
+    return Send(packet) ? Receive(timeout) : std::nullopt;
+}
+
+bool UnixClient::IsClosedByPeer(std::chrono::milliseconds timeout) const
+{
+    const auto end = Clock::now() + timeout;
+    std::vector<char> packet(PACKET_ROOM);
+    while (WaitReadable(m_fd, end)) {
+        const ssize_t size = ::recv(m_fd, packet.data(), packet.size(), MSG_DONTWAIT);
+        if (size == 0 || (size < 0 && errno != EAGAIN && errno != EINTR)) {
+            return true;
+        }
+    }
+    return false;
+}

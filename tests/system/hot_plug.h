@@ -1,0 +1,45 @@
+#ifndef TESTS_SYSTEM_HOT_PLUG_H
+#define TESTS_SYSTEM_HOT_PLUG_H
+
+#include "system/system_test.h"
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+/// A daemon that serves, on a collection that is empty at first.
+class HotPlug : public SystemTest {
+protected:
+    HotPlug();
+    void SetUp() override;
+
+    /// A shell command, which must succeed. COLLECTION and STAGING in its environment are the two directories.
+    void RunShell(const std::string& command) const;
+
+    /// Waits until the bundle has been started so many times in all.
+    testing::AssertionResult IsStarted(const std::string& bundle, int times = 1);
+
+    /// Waits until so many scans have come, by plain files that come and stay. Those that are found by one scan with
+    /// others are raised first: with the second all is over that the first has found.
+    void PassScans(int count = 2);
+
+    /// What the handlers have logged since the last call of this, children left out.
+    std::vector<std::string> NewRecords();
+
+    /// How often each kind of event has been raised since the start, those of PassScans left out.
+    int Added() { return daemon.CountInLog("dir item add event happen.") - m_files; }
+    int Modified() { return daemon.CountInLog("dir item modified event happen."); }
+    int Removed() { return daemon.CountInLog("dir item remove event happen."); }
+
+    /// Whether the daemon knows no bundle of that name.
+    static bool IsUnknown(const std::string& bundle) { return RequestDelete(bundle) == 404; }
+
+    std::string In(const std::string& name) const { return collection / name; }
+
+private:
+    int m_files = 0;        // of PassScans
+    std::size_t m_seen = 0; // records
+};
+
+#endif

@@ -1,0 +1,75 @@
+// The entry functions of a library item, one for each way in which such a function can behave.
+#include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <stdexcept>
+
+extern "C" {
+
+int ReturnZero()
+{
+    return 0;
+}
+
+/// A process that ends so asks to be run again.
+int ReturnTwo()
+{
+    return 2;
+}
+
+int ReturnThirtyThree()
+{
+    return 33;
+}
+
+int ThrowException()
+{
+    throw std::runtime_error("no tuner found");
+}
+
+int ThrowNumber()
+{
+    throw 7;
+}
+
+/// Can be cancelled. It waits on a condition for the sake of the thread sanitizer, which loses sight of the locks of a
+/// thread that is cancelled in most other calls.
+int SleepForEver()
+{
+    static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    static pthread_cond_t never = PTHREAD_COND_INITIALIZER;
+    ::pthread_mutex_lock(&mutex);
+    pthread_cleanup_push([](void* locked) { ::pthread_mutex_unlock(static_cast<pthread_mutex_t*>(locked)); }, &mutex);
+    for (;;) {
+        ::pthread_cond_wait(&never, &mutex);
+    }
+    pthread_cleanup_pop(1);
+}
+
+/// Takes no notice of a cancellation.
+int HoldOutForEver()
+{
+    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    for (;;) {
+        ::pause();
+    }
+}
+
+/// Leaves a dead child of the whole process behind, for whoever waits.
+int LeaveDeadChild()
+{
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::_exit(0);
+    }
+    return pid > 0 ? 0 : 1;
+}
+
+/// From now on nobody in this process can wait for a child.
+int IgnoreDeadChildren()
+{
+    return std::signal(SIGCHLD, SIG_IGN) == SIG_ERR ? 1 : 0;
+}
+}

@@ -1,0 +1,434 @@
+#include "system/system_test.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <filesystem>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::uint8_t METHOD_DELETE = 4;
+
+/// A reply with that status, byte for byte.
+std::string Reply(std::uint16_t status)
+{
+    lumo_header header{};
+    header.method = 0x80;
+    header.status = status;
+    return PacketOf(header, "");
+}
+
+class ARequest : public SystemTest {
+protected:
+    void SetUp() override
+    {
+        collection.Bundle("radio").Write();
+        ASSERT_TRUE(daemon.StartServing());
+    }
+
+    std::string Ask(const std::string& packet)
+    {
+        const UnixClient client(SERVICE_SOCKET);
+        return client.Ask(packet, DaemonRunner::PATIENCE).value_or("no reply");
+    }
+
+    /// Whether the bundle is there, and the server with it.
+    bool IsRadioThere() { return Exists(collection / "radio") && daemon.IsRunning(); }
+};
+
+class DeletingABundle : public SystemTest {
+protected:
+    /// The last records of the thread that serves requests.
+    std::vector<std::string> LastOfMainThread(std::size_t count)
+    {
+        std::vector<std::string> messages;
+        for (const LogRecord& record : daemon.Log()) {
+            if (record.thread == daemon.Pid()) {
+                messages.push_back(record.message);
+            }
+        }
+        messages.erase(messages.begin(),
+                       messages.end() - static_cast<std::ptrdiff_t>(std::min(count, messages.size())));
+        return messages;
+    }
+};
+
+class PublishingADelete : public SystemTest {
+protected:
+    void SetUp() override
+    {
+        collection.Bundle("radio").Write();
+        ASSERT_TRUE(daemon.StartServing());
+    }
+};
+
+class AConnection : public ARequest {};
+class TwoServers : public SystemTest {
+public:
+    CollectionBuilder otherCollection;
+    DaemonRunner other{otherCollection.Path()};
+};
+
+} // namespace
+
+TEST_F(ARequest, WithTooShortAContentIsRefused)
+{
+    EXPECT_EQ(Ask(PacketOf(METHOD_DELETE, 0, NameField("radio").substr(0, 127))), Reply(400));
+    EXPECT_EQ(daemon.CountInLog("invalid content len[127],required content len[128]"), 1);
+    EXPECT_TRUE(IsRadioThere());
+}
+
+TEST_F(ARequest, WithoutAContentIsRefused)
+{
+    EXPECT_EQ(Ask(PacketOf(METHOD_DELETE, 0, "")), Reply(400));
+    EXPECT_EQ(daemon.CountInLog(" : call lumo_content fail.return code["), 1);
+    EXPECT_TRUE(IsRadioThere());
+}
+
+TEST_F(ARequest, ForAnUnknownBundleFindsNone)
+{
+    EXPECT_EQ(Ask(PacketOf(METHOD_DELETE, 0, NameField("video"))), Reply(404));
+    EXPECT_TRUE(InOrder(daemon.Messages(), {"receive uri: 0,method: 4", "find bundle[video]...",
+                                            "bundle [video] not found.", "find bundle[video] fail."}));
+    EXPECT_TRUE(IsRadioThere());
+}
+
+TEST_F(ARequest, ForAnotherUriIsRefused)
+{
+    EXPECT_EQ(Ask(PacketOf(METHOD_DELETE, 1, NameField("radio"))), Reply(400));
+    EXPECT_EQ(daemon.CountInLog("receive uri: 1,method: 4"), 1);
+    EXPECT_EQ(daemon.CountInLog("invalid uri[1] from connect fd["), 1);
+    EXPECT_TRUE(IsRadioThere());
+}
+
+TEST_F(ARequest, WithAnInvalidMethodIsRefused)
+{
+    for (const int method : {0, 5, 127}) {
+        EXPECT_EQ(Ask(PacketOf(static_cast<std::uint8_t>(method), 0, NameField("radio"))), Reply(400));
+        EXPECT_EQ(daemon.CountInLog("invalid method[" + std::to_string(method) + "] from connect fd["), 1);
+    }
+    EXPECT_TRUE(IsRadioThere());
+}
+
+TEST_F(ARequest, WithAMethodThatIsNotSupportedIsRefused)
+{
+    for (const int method : {1, 2, 3}) {
+        EXPECT_EQ(Ask(PacketOf(static_cast<std::uint8_t>(method), 0, NameField("radio"))), Reply(400));
+        EXPECT_EQ(daemon.CountInLog("not support uri[0].method[" + std::to_string(method) + "]"), 1);
+    }
+    EXPECT_TRUE(IsRadioThere());
+}
+
+TEST_F(ARequest, MayHaveTheFlagOfAResponse)
+{
+    EXPECT_EQ(Ask(PacketOf(METHOD_DELETE | 0x80, 0, NameField("radio"))), Reply(200));
+    EXPECT_FALSE(Exists(collection / "radio"));
+}
+
+TEST_F(ARequest, MayBeLongerThanItNeeds)
+{
+    EXPECT_EQ(Ask(PacketOf(METHOD_DELETE, 0, NameField("radio") + std::string(1000, 'x'))), Reply(200));
+    EXPECT_FALSE(Exists(collection / "radio"));
+}
+
+TEST_F(ARequest, WhoseNameHasNoEndFindsNone)
+{
+    EXPECT_EQ(Ask(PacketOf(METHOD_DELETE, 0, std::string(128, 'x'))), Reply(404));
+    EXPECT_EQ(daemon.CountInLog("find bundle[" + std::string(128, 'x') + "] fail."), 1);
+    EXPECT_EQ(Ask(PacketOf(METHOD_DELETE, 0, std::string(65528, 'x'))), Reply(404));
+    EXPECT_TRUE(IsRadioThere());
+}
+
+TEST_F(ARequest, IsAnsweredOnceForEachPacketOfAConnection)
+{
+    const UnixClient client(SERVICE_SOCKET);
+    ASSERT_TRUE(client.Send(PacketOf(METHOD_DELETE, 0, NameField("video"))));
+    ASSERT_TRUE(client.Send(PacketOf(2, 0, "")));
+    ASSERT_TRUE(client.Send(PacketOf(METHOD_DELETE, 0, NameField("radio"))));
+    EXPECT_EQ(client.Receive(DaemonRunner::PATIENCE), Reply(404));
+    EXPECT_EQ(client.Receive(DaemonRunner::PATIENCE), Reply(400));
+    EXPECT_EQ(client.Receive(DaemonRunner::PATIENCE), Reply(200));
+    EXPECT_EQ(client.Receive(200ms), std::nullopt);
+}
+
+TEST_F(DeletingABundle, StopsUnloadsAndRemovesIt)
+{
+    collection.Bundle("radio")
+        .Copy("radiod", TEST_SLEEPER)
+        .Uninstall(Shell("ls -d " + collection / "radio" + " > " + Note("uninstalled")))
+        .Write();
+    collection.Bundle("tuner").Copy("tunerd", TEST_SLEEPER).Write();
+    ASSERT_TRUE(daemon.StartServing());
+    const pid_t deleted = daemon.WaitForItem("radio", "radiod");
+    const pid_t kept = daemon.WaitForItem("tuner", "tunerd");
+    const UnixClient client(SERVICE_SOCKET);
+    ASSERT_EQ(client.Ask(PacketOf(METHOD_DELETE, 0, NameField("radio")), DaemonRunner::PATIENCE), Reply(200));
+    EXPECT_FALSE(Exists(collection / "radio"));
+    EXPECT_EQ(ReadFile(Note("uninstalled")), collection / "radio" + "\n") << "the script runs before the removal";
+
+    ASSERT_TRUE(daemon.WaitForLog("open event srv fail")); // after the reply: nobody listens here
+    const std::string script = collection / "radio/./script/uninstall.sh";
+    const std::vector<std::string> expected{
+        "receive uri: 0,method: 4",
+        "find bundle[radio]...",
+        "find bundle done.",
+        "stop bundle[radio]...",
+        "bundle[radio] state changing[Active] -> [Stopping]",
+        "stop bundle[radio] activator...",
+        "bundle[radio] item[radiod] pid[" + std::to_string(deleted) + "]",
+        "stop bundle[radio] activator Done.",
+        "bundle[radio] state changing[Stopping] -> [Resolved]",
+        "stop bundle done.",
+        "unload bundle[radio]...",
+        "run script[" + script + "]...",
+        "run script[" + script + "] done.",
+        "unload bundle done.",
+        "success to rm : [" + collection / "radio" + "].",
+        "open event srv fail",
+    };
+    EXPECT_EQ(LastOfMainThread(expected.size()), expected);
+    EXPECT_TRUE(daemon.WaitForLog("normal stop radio.radiod..."));
+    EXPECT_FALSE(ProcessOf::IsAlive(deleted));
+    EXPECT_TRUE(ProcessOf::IsAlive(kept));
+    // The removal of the directory is seen too, and finds nothing any more.
+    EXPECT_TRUE(daemon.WaitForLog("find bundle[" + collection / "radio" + "] fail."));
+    EXPECT_EQ(RequestDelete("radio"), 404);
+}
+
+TEST_F(DeletingABundle, FindsItByItsNameWhateverItsDirectory)
+{
+    collection.BundleIn("some-directory").Name("radio").Write();
+    ASSERT_TRUE(daemon.StartServing());
+    EXPECT_EQ(RequestDelete("some-directory"), 404);
+    EXPECT_EQ(RequestDelete("radio"), 200);
+    EXPECT_FALSE(Exists(collection / "some-directory"));
+}
+
+TEST_F(DeletingABundle, WorksForANameThatFillsTheField)
+{
+    const std::string longest(128, 'n');
+    collection.BundleIn("long").Name(longest).Write();
+    ASSERT_TRUE(daemon.StartServing());
+    EXPECT_EQ(RequestDelete(longest), 200);
+    EXPECT_FALSE(Exists(collection / "long"));
+}
+
+TEST_F(DeletingABundle, DoesNotHinderItsNextInstallationHoweverSoon)
+{
+    collection.Bundle("radio").Write();
+    staging.Bundle("radio").Write();
+    ASSERT_TRUE(daemon.StartServing());
+    ASSERT_EQ(RequestDelete("radio"), 200);
+    MoveIn("radio"); // before the watcher can have seen that the old one has gone
+    EXPECT_TRUE(daemon.WaitForLog("bundle[radio] state changing[Starting] -> [Active]", 2, 10s));
+    EXPECT_EQ(RequestDelete("radio"), 200);
+}
+
+// The monitor waits for the server's children all the time; the scripts and the removal are not its own.
+TEST_F(DeletingABundle, SucceedsEachTimeWhileChildrenAreSupervised)
+{
+    constexpr int count = 40;
+    collection.Bundle("tuner").Copy("tunerd", TEST_SLEEPER).Write();
+    for (int i = 0; i < count; ++i) {
+        collection.Bundle("radio" + std::to_string(i)).Uninstall(Shell("exit 0")).Write();
+    }
+    ASSERT_TRUE(daemon.StartServing());
+    for (int i = 0; i < count; ++i) {
+        ASSERT_EQ(RequestDelete("radio" + std::to_string(i)), 200) << i;
+        ASSERT_FALSE(Exists(collection / ("radio" + std::to_string(i))));
+    }
+    EXPECT_EQ(daemon.CountInLog("non-bundle process["), 0);
+    EXPECT_EQ(daemon.CountInLog("exception info"), 0);
+    EXPECT_EQ(daemon.CountInLog("success to rm : ["), count);
+}
+
+TEST_F(DeletingABundle, SucceedsWhenItsScriptAndTheRemovalEndBeforeTheServerHasPutThemIntoTheirGroup)
+{
+    Interpose("DELAY_SETPGID", "1");
+    collection.Bundle("tuner").Copy("tunerd", TEST_SLEEPER).Write();
+    collection.Bundle("radio").Uninstall(Shell("exit 0")).Write();
+    ASSERT_TRUE(daemon.StartServing());
+    ASSERT_NE(daemon.WaitForItem("tuner", "tunerd"), 0);
+    EXPECT_EQ(RequestDelete("radio"), 200);
+    EXPECT_FALSE(Exists(collection / "radio"));
+    EXPECT_EQ(daemon.CountInLog("non-bundle process["), 0);
+    EXPECT_EQ(daemon.CountInLog("exception info"), 0);
+    EXPECT_EQ(daemon.CountInLog("setpgid "), 0) << "they had long been there";
+}
+
+TEST_F(DeletingABundle, LeavesThoseThatRequireItAlone)
+{
+    collection.Bundle("base").Copy("based", TEST_SLEEPER).Write();
+    collection.Bundle("radio").Requires("base").Copy("radiod", TEST_SLEEPER).Write();
+    ASSERT_TRUE(daemon.StartServing());
+    const pid_t dependant = daemon.WaitForItem("radio", "radiod");
+    ASSERT_EQ(RequestDelete("base"), 200);
+    EXPECT_FALSE(daemon.WaitForLog("bundle[radio] state changing[Active]", 1, 2s));
+    EXPECT_TRUE(ProcessOf::IsAlive(dependant));
+    ASSERT_EQ(RequestDelete("radio"), 200);
+}
+
+// In the second in which an item is relaunched, its dead process is still known, and cannot be killed.
+TEST_F(DeletingABundle, FailsInTheSecondInWhichAnItemIsRelaunched)
+{
+    collection.Bundle("radio")
+        .Item("radio.sh", Shell("[ -e " + Note("rest") + " ] && exec sleep 1000\nexit 2"))
+        .Write();
+    ASSERT_TRUE(daemon.StartServing());
+    const std::string begin = "need relaunch and now radio.radio.sh is relaunching ...";
+    ASSERT_TRUE(daemon.WaitForLog(begin, daemon.CountInLog(begin) + 1));
+    const int relaunches = daemon.CountInLog("radio.radio.sh relaunch done.");
+    const std::uint16_t status = RequestDelete("radio");
+    if (daemon.CountInLog("radio.radio.sh relaunch done.") != relaunches) {
+        GTEST_SKIP() << "this machine is too slow: the second was over before the request was answered";
+    }
+    EXPECT_EQ(status, 400);
+    EXPECT_EQ(daemon.CountInLog("exception info: [Invalid argument: bundle[radio] activator stop :kill process["), 1);
+    EXPECT_TRUE(InOrder(daemon.Messages(),
+                        {"bundle[radio] state changing[Stopping] -> [Active]", "uninstalling bundle[radio] failed."}));
+    EXPECT_TRUE(Exists(collection / "radio"));
+    WriteFile(Note("rest"), "");
+    EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [] { return RequestDelete("radio") == 200; }));
+}
+
+TEST_F(PublishingADelete, WritesOneEventToTheEventService)
+{
+    ASSERT_EQ(::mkfifo(EVENT_FIFO, 0660), 0);
+    const int fifo = ::open(EVENT_FIFO, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(fifo, 0);
+    EXPECT_EQ(RequestDelete("radio"), 200);
+    std::array<char, 512> bytes{};
+    ssize_t size = 0;
+    EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [&] {
+        size = ::read(fifo, bytes.data(), bytes.size());
+        return size > 0;
+    }));
+    std::string expected("\x40\0\0\x01\0\0\0\0", 8); // the header: 64 bytes of content, method 1
+    std::string publisher = "bundle_service";
+    std::string event = "app.event.init";
+    publisher.resize(16, '\0');
+    event.resize(48, '\0');
+    EXPECT_EQ(std::string(bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0))),
+              expected + publisher + event);
+
+    EXPECT_EQ(RequestDelete("radio"), 404);
+    EXPECT_EQ(::read(fifo, bytes.data(), bytes.size()), -1) << "what was not deleted is not published";
+    ::close(fifo);
+}
+
+TEST_F(PublishingADelete, ChangesNothingInTheReplyWhenNobodyMadeTheService)
+{
+    EXPECT_EQ(RequestDelete("radio"), 200);
+    ASSERT_TRUE(daemon.WaitForLog("open event srv fail"));
+    EXPECT_FALSE(Exists(EVENT_FIFO)) << "the listener makes it";
+    EXPECT_TRUE(daemon.IsRunning());
+    for (const LogRecord& record : daemon.Log()) {
+        if (record.message == "open event srv fail") {
+            EXPECT_NE(record.line.find(" ERROR 4 1 "), std::string::npos) << record.line;
+        }
+    }
+}
+
+TEST_F(PublishingADelete, ChangesNothingInTheReplyWhenTheServiceIsNoFifo)
+{
+    ASSERT_EQ(::mkdir(EVENT_FIFO, 0755), 0);
+    EXPECT_EQ(RequestDelete("radio"), 200);
+    EXPECT_TRUE(daemon.WaitForLog("open event srv fail"));
+    EXPECT_TRUE(daemon.IsRunning());
+}
+
+TEST_F(PublishingADelete, WaitsForNobodyWhenTheListenerHasFallenBehind)
+{
+    ASSERT_EQ(::mkfifo(EVENT_FIFO, 0660), 0);
+    const int fifo = ::open(EVENT_FIFO, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(fifo, 0);
+    const std::string noise(4096, 'x');
+    while (::write(fifo, noise.data(), noise.size()) > 0) {
+    }
+    EXPECT_EQ(RequestDelete("radio"), 200);
+    EXPECT_EQ(RequestDelete("radio"), 404) << "the server goes on";
+    ::close(fifo);
+}
+
+TEST_F(AConnection, ThatSendsABrokenPacketIsClosedAndNoOther)
+{
+    const UnixClient bystander(SERVICE_SOCKET);
+    std::string wrongLength = PacketOf(METHOD_DELETE, 0, NameField("radio"));
+    wrongLength[0] = 127;
+    const std::vector<std::string> broken{"x", PacketOf(METHOD_DELETE, 0, "").substr(0, 7), wrongLength,
+                                          PacketOf(METHOD_DELETE, 0, "") + "x", std::string(65537, '\0')};
+    for (const std::string& packet : broken) {
+        const UnixClient client(SERVICE_SOCKET);
+        ASSERT_TRUE(client.Send(packet));
+        EXPECT_EQ(client.Receive(DaemonRunner::PATIENCE), std::nullopt);
+        EXPECT_TRUE(client.IsClosedByPeer(DaemonRunner::PATIENCE));
+    }
+    EXPECT_EQ(bystander.Ask(PacketOf(METHOD_DELETE, 0, NameField("video")), DaemonRunner::PATIENCE), Reply(404));
+    EXPECT_TRUE(IsRadioThere());
+}
+
+TEST_F(AConnection, ThatIsClosedBeforeTheReplyHarmsNothing)
+{
+    for (int i = 0; i < 20; ++i) {
+        const UnixClient client(SERVICE_SOCKET);
+        ASSERT_TRUE(client.Send(PacketOf(METHOD_DELETE, 0, NameField("video"))));
+    }
+    EXPECT_EQ(RequestDelete("radio"), 200);
+}
+
+TEST_F(AConnection, OfAnotherUserIsRefused)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can become another user";
+    }
+    struct stat status {};
+    ASSERT_EQ(::stat(SERVICE_SOCKET, &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0660U);
+    constexpr uid_t nobody = 65534;
+    const auto asNobody = [](const auto& attempt) {
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            ::_exit(::setgid(nobody) == 0 && ::setuid(nobody) == 0 && attempt() ? 0 : 1);
+        }
+        int end = 0;
+        ::waitpid(pid, &end, 0);
+        return WIFEXITED(end) && WEXITSTATUS(end) == 0;
+    };
+    EXPECT_TRUE(asNobody([] { return UnixClient(SERVICE_SOCKET).Error() == EACCES; }));
+    // The file's mode is not all there is to it.
+    ASSERT_EQ(::chmod(SERVICE_SOCKET, 0666), 0);
+    ASSERT_EQ(::chmod("/mnt/bolt", 0755), 0);
+    EXPECT_TRUE(asNobody([] {
+        const UnixClient client(SERVICE_SOCKET);
+        client.Send(PacketOf(METHOD_DELETE, 0, NameField("radio")));
+        return client.IsConnected() && client.IsClosedByPeer(DaemonRunner::PATIENCE);
+    }));
+    EXPECT_EQ(daemon.CountInLog("of user 65534 is refused"), 1);
+    EXPECT_TRUE(IsRadioThere());
+    EXPECT_EQ(RequestDelete("radio"), 200);
+}
+
+TEST_F(TwoServers, LeaveTheServiceToTheFirst)
+{
+    collection.Bundle("radio").Write();
+    otherCollection.Bundle("tuner").Item("tuner.sh", ExitOnFirstRun(Note("ran"), 11)).Write();
+    otherCollection.Bundle("video").Write();
+    ASSERT_TRUE(daemon.StartServing());
+    other.Start();
+    ASSERT_TRUE(other.WaitForLog("bolt_server_register fail."));
+    EXPECT_EQ(other.CountInLog("bundle server start running..."), 0);
+    EXPECT_NE(other.WaitForItem("tuner", "tuner.sh", 2), 0) << "it supervises all the same";
+    EXPECT_TRUE(other.IsRunning());
+    EXPECT_EQ(RequestDelete("video"), 404) << "the second server's bundle is not to be reached";
+    std::filesystem::remove_all(otherCollection / "video");
+    EXPECT_TRUE(other.WaitForLog("unload bundle done.")) << "it follows its directory all the same";
+    EXPECT_EQ(other.Stop(SIGTERM).status, 0);
+    EXPECT_EQ(RequestDelete("radio"), 200) << "the first server's socket has not been taken away";
+}

@@ -1,0 +1,35 @@
+#ifndef TESTS_TOOLS_PROGRAM_H
+#define TESTS_TOOLS_PROGRAM_H
+
+#include "support/temporary_directory.h"
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+/// A program that runs beside the test, its outputs kept.
+class Program {
+public:
+    /// Starts it. @param arguments the program's path first
+    explicit Program(const std::vector<std::string>& arguments);
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+    /// Kills it where it has not ended.
+    ~Program();
+
+    /// The exit status, or the negative signal; -1000 when it does not end within seconds.
+    int Wait();
+
+    pid_t Pid() const { return m_pid; }
+    void Signal(int number) const;
+
+    std::string Output() const;
+    std::string Errors() const;
+
+private:
+    TemporaryDirectory m_directory;
+    pid_t m_pid;
+};
+
+#endif

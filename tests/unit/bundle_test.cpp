@@ -1,0 +1,446 @@
+#include "bundle.h"
+
+#include "child_process.h"
+#include "support/collection_builder.h"
+#include "support/eventually.h"
+#include "support/fault.h"
+#include "support/log_capture.h"
+
+#include <Poco/Exception.h>
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+using SystemServer::Bundle;
+using SystemServer::BundleManifest;
+using SystemServer::BundleStorage;
+using SystemServer::BundleStorageDir;
+
+namespace {
+
+constexpr const char* GLOBAL = "[global]\nbundle_load_mode = 0\nbundle_name = ";
+
+std::shared_ptr<Bundle> BundleAt(const std::string& path)
+{
+    return std::make_shared<Bundle>(std::make_shared<BundleStorageDir>(path));
+}
+
+class ABundle : public ::testing::Test {
+public:
+    std::string ScriptPath(const std::string& script) const { return path + "/./script/" + script; }
+
+    CollectionBuilder collection;
+    const std::string path = collection.Bundle("media").Write();
+    LogCapture log;
+};
+
+class RunningAScript : public ABundle {};
+class UpdatingABundle : public ABundle {};
+
+/// A storage whose file cannot be opened.
+class BrokenStorage : public BundleStorage {
+public:
+    BrokenStorage() : BundleStorage("/nowhere") {}
+    std::istream* GetResourceFile(const std::string& /*relativePath*/) const override
+    {
+        throw Poco::OpenFileException("no way in");
+    }
+};
+
+/// A storage that tells when its stream and itself are gone.
+class WatchedStorage : public BundleStorage {
+public:
+    explicit WatchedStorage(std::string text) : BundleStorage("/nowhere"), m_text(std::move(text)) {}
+
+    std::istream* GetResourceFile(const std::string& relativePath) const override
+    {
+        asked = relativePath;
+        return std::make_unique<WatchedStream>(m_text, openStreams).release();
+    }
+
+    mutable std::string asked;
+    mutable int openStreams = 0;
+
+private:
+    class WatchedStream : public std::istringstream {
+    public:
+        WatchedStream(const std::string& text, int& open) : std::istringstream(text), m_open(open) { ++m_open; }
+        ~WatchedStream() override { --m_open; }
+        WatchedStream(const WatchedStream&) = delete;
+        WatchedStream& operator=(const WatchedStream&) = delete;
+
+    private:
+        int& m_open;
+    };
+
+    std::string m_text;
+};
+
+} // namespace
+
+TEST(TheConstantsOfABundle, AreThoseOfTheLayoutOnDisk)
+{
+    EXPECT_EQ(Bundle::BUNDLE_MANIFEST_FILE, "BundleManifest.ini");
+    EXPECT_EQ(Bundle::BUNDLE_MANIFEST_FILE_PATH, "./");
+    EXPECT_EQ(Bundle::BUNDLE_BIN_FILE_PATH, "./bin/");
+    EXPECT_EQ(Bundle::BUNDLE_SCRIPT_FILE_PATH, "./script/");
+    EXPECT_EQ(Bundle::BUNDLE_MANIFEST_FILE_LOCATION, "./BundleManifest.ini");
+}
+
+TEST(TheStatesOfABundle, HaveTheirValuesAndNames)
+{
+    const std::vector<std::pair<int, std::string>> states = {{1, "Installed"}, {2, "Uninstalled"}, {4, "Resolved"},
+                                                             {8, "Starting"},  {16, "Stopping"},   {32, "Active"}};
+    EXPECT_EQ(Bundle::m_bundleStateStrMap.size(), states.size());
+    for (const auto& [value, name] : states) {
+        EXPECT_EQ(Bundle::m_bundleStateStrMap.at(static_cast<Bundle::BUNDLE_STATE_E>(value)), name);
+    }
+    EXPECT_EQ(Bundle::BUNDLE_INSTALLED, 1);
+    EXPECT_EQ(Bundle::BUNDLE_UNINSTALLED, 2);
+    EXPECT_EQ(Bundle::BUNDLE_RESOLVED, 4);
+    EXPECT_EQ(Bundle::BUNDLE_STARTING, 8);
+    EXPECT_EQ(Bundle::BUNDLE_STOPPING, 16);
+    EXPECT_EQ(Bundle::BUNDLE_ACTIVE, 32);
+    EXPECT_EQ(Bundle::BUNDLE_INSTALLED_STATE_STR, "Installed");
+    EXPECT_EQ(Bundle::BUNDLE_UNINSTALLED_STATE_STR, "Uninstalled");
+    EXPECT_EQ(Bundle::BUNDLE_RESOLVED_STATE_STR, "Resolved");
+    EXPECT_EQ(Bundle::BUNDLE_STARTING_STATE_STR, "Starting");
+    EXPECT_EQ(Bundle::BUNDLE_STOPPING_STATE_STR, "Stopping");
+    EXPECT_EQ(Bundle::BUNDLE_ACTIVE_STATE_STR, "Active");
+}
+
+TEST_F(ABundle, IsInstalledWhenItIsNew)
+{
+    EXPECT_EQ(BundleAt(path)->GetCurState(), 1);
+    EXPECT_FALSE(log.HasPart("state changing"));
+}
+
+TEST_F(ABundle, ReadsItsManifestThroughItsStorageAndClosesIt)
+{
+    const auto storage = std::make_shared<WatchedStorage>(GLOBAL + std::string("media\n"));
+    const Bundle bundle(storage);
+    EXPECT_EQ(storage->asked, "./BundleManifest.ini");
+    EXPECT_EQ(storage->openStreams, 0);
+    EXPECT_EQ(bundle.GetStorage(), storage);
+    EXPECT_EQ(NameOf(bundle), "media");
+}
+
+TEST_F(ABundle, IsNotMadeOfABrokenManifest)
+{
+    const auto storage = std::make_shared<WatchedStorage>("[global]\n");
+    EXPECT_THROW(Bundle{storage}, Poco::NotFoundException);
+    EXPECT_EQ(storage->openStreams, 0);
+    EXPECT_EQ(log.Messages(), std::vector<std::string>{"parse bundle manifest fail."});
+}
+
+TEST_F(ABundle, IsNotMadeWithoutAManifest)
+{
+    const std::string empty = collection.Bundle("empty").NoManifest().Write();
+    try {
+        BundleAt(empty);
+        FAIL() << "a directory without a manifest is taken";
+    } catch (const Poco::FileNotFoundException& e) {
+        EXPECT_EQ(e.message(), "[./BundleManifest.ini] not found.");
+    }
+    EXPECT_TRUE(log.HasError("resource file[" + empty + "/BundleManifest.ini] does not exist."));
+}
+
+TEST_F(ABundle, IsNotMadeOfAManifestThatIsADirectory)
+{
+    const std::string odd = collection.Bundle("odd").NoManifest().Write();
+    ASSERT_EQ(::mkdir((odd + "/BundleManifest.ini").c_str(), 0700), 0);
+    EXPECT_THROW(BundleAt(odd), Poco::FileNotFoundException);
+    EXPECT_TRUE(log.HasError("[" + odd + "/BundleManifest.ini] is directory."));
+}
+
+TEST_F(ABundle, IsNotMadeOfAManifestThatIsAFifo)
+{
+    const std::string odd = collection.Bundle("odd").NoManifest().Write();
+    ASSERT_EQ(::mkfifo((odd + "/BundleManifest.ini").c_str(), 0600), 0);
+    EXPECT_THROW(BundleAt(odd), Poco::FileException);
+}
+
+TEST_F(ABundle, LetsTheFailureOfItsStoragePass)
+{
+    EXPECT_THROW(Bundle{std::make_shared<BrokenStorage>()}, Poco::OpenFileException);
+}
+
+TEST_F(ABundle, LogsEachChangeOfItsState)
+{
+    const auto bundle = BundleAt(path);
+    log.Restart();
+    bundle->SetCurState(Bundle::BUNDLE_RESOLVED);
+    EXPECT_EQ(bundle->GetCurState(), Bundle::BUNDLE_RESOLVED);
+    bundle->SetCurState(Bundle::BUNDLE_STARTING);
+    bundle->SetCurState(Bundle::BUNDLE_ACTIVE);
+    bundle->SetCurState(Bundle::BUNDLE_ACTIVE);
+    bundle->SetCurState(Bundle::BUNDLE_STOPPING);
+    bundle->SetCurState(Bundle::BUNDLE_UNINSTALLED);
+    EXPECT_EQ(bundle->GetCurState(), Bundle::BUNDLE_UNINSTALLED);
+    EXPECT_EQ(log.Messages(), (std::vector<std::string>{"bundle[media] state changing[Installed] -> [Resolved]",
+                                                        "bundle[media] state changing[Resolved] -> [Starting]",
+                                                        "bundle[media] state changing[Starting] -> [Active]",
+                                                        "bundle[media] state changing[Active] -> [Active]",
+                                                        "bundle[media] state changing[Active] -> [Stopping]",
+                                                        "bundle[media] state changing[Stopping] -> [Uninstalled]"}));
+    EXPECT_EQ(log.Records().at(0).level, "INFO");
+}
+
+TEST_F(ABundle, RefusesAStateThatIsNone)
+{
+    const auto bundle = BundleAt(path);
+    bundle->SetCurState(Bundle::BUNDLE_RESOLVED);
+    log.Restart();
+    for (const int state : {3, 0, 64, -1}) {
+        // NOLINTNEXTLINE(clang-analyzer-optin.core.EnumCastOutOfRange): the value out of range is the test
+        EXPECT_THROW(bundle->SetCurState(static_cast<Bundle::BUNDLE_STATE_E>(state)), std::out_of_range);
+        EXPECT_EQ(bundle->GetCurState(), Bundle::BUNDLE_RESOLVED);
+    }
+    EXPECT_TRUE(log.Messages().empty());
+}
+
+TEST_F(ABundle, EndsWithoutAWord)
+{
+    auto storage = std::make_shared<WatchedStorage>(GLOBAL + std::string("media\n"));
+    auto bundle = std::make_shared<Bundle>(storage);
+    const std::weak_ptr<BundleManifest> manifest = bundle->GetManifest();
+    const std::weak_ptr<WatchedStorage> watched = storage;
+    storage.reset();
+    log.Restart();
+    bundle.reset();
+    EXPECT_TRUE(manifest.expired());
+    EXPECT_TRUE(watched.expired());
+    EXPECT_TRUE(log.Messages().empty());
+}
+
+TEST_F(RunningAScript, SaysNothingWhereThereIsNone)
+{
+    const auto bundle = BundleAt(path);
+    log.Restart();
+    bundle->RunScript("update.sh");
+    EXPECT_TRUE(log.Messages().empty());
+    EXPECT_FALSE(Exists(path + "/script"));
+}
+
+TEST_F(RunningAScript, WaitsForItsEnd)
+{
+    const std::string mark = collection / "mark";
+    const auto bundle =
+        BundleAt(collection.Bundle("media").Install("#!/bin/sh\nsleep 0.3\necho \"$0 $#\" > " + mark + "\n").Write());
+    log.Restart();
+    bundle->RunScript("install.sh");
+    EXPECT_EQ(ReadFile(mark), ScriptPath("install.sh") + " 0\n");
+    EXPECT_EQ(log.Messages(), (std::vector<std::string>{"run script[" + ScriptPath("install.sh") + "]...",
+                                                        "run script[" + ScriptPath("install.sh") + "] done."}));
+    EXPECT_EQ(log.Records().at(0).level, "INFO");
+    EXPECT_EQ(log.Records().at(1).level, "INFO");
+}
+
+TEST_F(RunningAScript, TakesTheStoragesRootAsItIs)
+{
+    collection.Bundle("media").Install("#!/bin/sh\n").Write();
+    const auto bundle = BundleAt(path + "/");
+    bundle->RunScript("install.sh");
+    EXPECT_TRUE(log.Has("run script[" + path + "//./script/install.sh] done."));
+}
+
+TEST_F(RunningAScript, MakesNoDifferenceBetweenSuccessAndFailure)
+{
+    const auto bundle = BundleAt(collection.Bundle("media")
+                                     .Install("#!/bin/sh\nexit 1\n")
+                                     .Update("#!/bin/sh\nexit 0\n")
+                                     .Uninstall("#!/bin/sh\nkill -9 $$\n")
+                                     .Write());
+    for (const char* const script : {"install.sh", "update.sh", "uninstall.sh"}) {
+        log.Restart();
+        bundle->RunScript(script);
+        EXPECT_TRUE(log.HasInfo("run script[" + ScriptPath(script) + "] done."));
+        EXPECT_EQ(log.Messages().size(), 2U);
+    }
+}
+
+TEST_F(RunningAScript, RunsNothingThatMayNotBeExecuted)
+{
+    const std::string mark = collection / "mark";
+    const auto bundle = BundleAt(collection.Bundle("media").Install("#!/bin/sh\ntouch " + mark + "\n").Write());
+    ASSERT_EQ(::chmod((path + "/script/install.sh").c_str(), 0600), 0);
+    log.Restart();
+    bundle->RunScript("install.sh");
+    EXPECT_FALSE(Exists(mark));
+    EXPECT_EQ(log.Messages(), (std::vector<std::string>{"run script[" + ScriptPath("install.sh") + "]...",
+                                                        "run script[" + ScriptPath("install.sh") + "] done."}));
+}
+
+TEST_F(RunningAScript, LeavesTheChoiceOfTheInterpreterToItsFirstLine)
+{
+    const std::string mark = collection / "mark";
+    const std::string interpreter = collection / "interpreter";
+    WriteProgram(interpreter, "#!/bin/sh\necho \"read $1\" > " + mark + "\n");
+    const auto bundle = BundleAt(collection.Bundle("media").Install("#!" + interpreter + "\n").Write());
+    bundle->RunScript("install.sh");
+    EXPECT_EQ(ReadFile(mark), "read " + ScriptPath("install.sh") + "\n");
+}
+
+TEST_F(RunningAScript, GivesItTheServersDirectoryAndEnvironment)
+{
+    const std::string mark = collection / "mark";
+    ASSERT_EQ(::setenv("TEST_WORD", "inherited", 1), 0);
+    const auto bundle =
+        BundleAt(collection.Bundle("media").Install("#!/bin/sh\necho $TEST_WORD $(pwd -P) > " + mark + "\n").Write());
+    bundle->RunScript("install.sh");
+    EXPECT_EQ(ReadFile(mark), "inherited " + std::filesystem::current_path().string() + "\n");
+}
+
+TEST_F(RunningAScript, PutsItIntoAProcessGroupOfItsOwn)
+{
+    const std::string mark = collection / "mark";
+    const std::string script = "#!/bin/sh\necho $$ $(cut -d' ' -f5 /proc/$$/stat) > " + mark + "\n";
+    BundleAt(collection.Bundle("media").Install(script).Write())->RunScript("install.sh");
+    std::istringstream report(ReadFile(mark));
+    int pid = 0;
+    int group = 0;
+    report >> pid >> group;
+    EXPECT_GT(pid, 0);
+    EXPECT_EQ(group, pid);
+    EXPECT_FALSE(log.HasPart("setpgid"));
+}
+
+TEST_F(RunningAScript, GoesOnInTheServersGroupWhenItCannotHaveItsOwn)
+{
+    const std::string mark = collection / "mark";
+    const std::string script = "#!/bin/sh\necho $$ $(cut -d' ' -f5 /proc/$$/stat) > " + mark + "\n";
+    const auto bundle = BundleAt(collection.Bundle("media").Install(script).Write());
+    log.Restart();
+    {
+        const Fault fault(Call::SETPGID, EPERM);
+        bundle->RunScript("install.sh");
+    }
+    std::istringstream report(ReadFile(mark));
+    int pid = 0;
+    int group = 0;
+    report >> pid >> group;
+    EXPECT_EQ(group, ::getpgrp());
+    EXPECT_TRUE(log.HasError("setpgid " + std::to_string(pid) + " to pgid 0 failed errno 1 "));
+    EXPECT_EQ(log.Messages().size(), 3U);
+    EXPECT_EQ(log.Messages().back(), "run script[" + ScriptPath("install.sh") + "] done.");
+}
+
+TEST_F(RunningAScript, LogsThatItCannotBeLaunched)
+{
+    const auto bundle = BundleAt(collection.Bundle("media").Install("#!/bin/sh\n").Write());
+    log.Restart();
+    {
+        const Fault fault(Call::LAUNCH, EAGAIN);
+        bundle->RunScript("install.sh");
+    }
+    EXPECT_EQ(log.Messages(), (std::vector<std::string>{"run script[" + ScriptPath("install.sh") + "]...",
+                                                        "exception info: [System exception: no launch]."}));
+    EXPECT_EQ(log.Records().at(1).level, "ERROR");
+}
+
+TEST_F(RunningAScript, LogsThatItCannotBeWaitedFor)
+{
+    const auto bundle = BundleAt(collection.Bundle("media").Install("#!/bin/sh\n").Write());
+    log.Restart();
+    {
+        const Fault fault(Call::WAIT_FOR_PROCESS, ECHILD);
+        bundle->RunScript("install.sh");
+    }
+    EXPECT_EQ(log.Messages(), (std::vector<std::string>{"run script[" + ScriptPath("install.sh") + "]...",
+                                                        "exception info: [System exception: no wait]."}));
+}
+
+TEST_F(RunningAScript, LetsWhatIsNoExceptionOfTheFrameworkPass)
+{
+    const auto bundle = BundleAt(collection.Bundle("media").Install("#!/bin/sh\n").Write());
+    const BeforeEach launch(Call::LAUNCH, [](int) { throw std::runtime_error("unheard of"); });
+    EXPECT_THROW(bundle->RunScript("install.sh"), std::runtime_error);
+}
+
+TEST_F(UpdatingABundle, TakesTheNewManifest)
+{
+    const auto bundle = BundleAt(path);
+    const auto before = bundle->GetManifest();
+    bundle->SetCurState(Bundle::BUNDLE_ACTIVE);
+    WriteFile(path + "/BundleManifest.ini", GLOBAL + std::string("newmedia\n"));
+    bundle->Update();
+    EXPECT_EQ(NameOf(*bundle), "newmedia");
+    EXPECT_EQ(bundle->GetCurState(), Bundle::BUNDLE_ACTIVE);
+    EXPECT_EQ(bundle->GetStorage()->GetRootPath(), path);
+    EXPECT_EQ(before->GetBundleName(), "media") << "a holder of the old manifest keeps it";
+    log.Restart();
+    bundle->SetCurState(Bundle::BUNDLE_STOPPING);
+    EXPECT_TRUE(log.Has("bundle[newmedia] state changing[Active] -> [Stopping]"));
+}
+
+TEST_F(UpdatingABundle, RunsTheUpdateScriptAfterTheManifestIsRead)
+{
+    const std::string script = "#!/bin/sh\nprintf '[global]\\nbundle_load_mode = 0\\nbundle_name = late\\n' > " + path +
+                               "/BundleManifest.ini\n";
+    const auto bundle = BundleAt(collection.Bundle("media").Update(script).Write());
+    log.Restart();
+    bundle->Update();
+    EXPECT_EQ(NameOf(*bundle), "media");
+    EXPECT_TRUE(log.InOrder({"bundle name ------> [media]", "==================================================",
+                             "run script[" + ScriptPath("update.sh") + "]...",
+                             "run script[" + ScriptPath("update.sh") + "] done."}));
+    bundle->Update();
+    EXPECT_EQ(NameOf(*bundle), "late");
+}
+
+TEST_F(UpdatingABundle, KeepsTheOldManifestWhenTheNewOneIsBroken)
+{
+    const auto bundle = BundleAt(collection.Bundle("media").Update("#!/bin/sh\n").Write());
+    const auto before = bundle->GetManifest();
+    WriteFile(path + "/BundleManifest.ini", "[global]\nbundle_name = newmedia\n");
+    log.Restart();
+    EXPECT_THROW(bundle->Update(), Poco::NotFoundException);
+    EXPECT_EQ(bundle->GetManifest(), before);
+    EXPECT_EQ(log.Messages(), std::vector<std::string>{"parse bundle manifest fail."});
+}
+
+TEST_F(UpdatingABundle, KeepsTheOldManifestWhenThereIsNoNewOne)
+{
+    const auto bundle = BundleAt(collection.Bundle("media").Update("#!/bin/sh\n").Write());
+    const auto before = bundle->GetManifest();
+    ASSERT_EQ(::unlink((path + "/BundleManifest.ini").c_str()), 0);
+    log.Restart();
+    try {
+        bundle->Update();
+        FAIL() << "no manifest is taken for one";
+    } catch (const Poco::FileNotFoundException& e) {
+        EXPECT_EQ(e.message(), "[./BundleManifest.ini] not found.");
+    }
+    EXPECT_EQ(bundle->GetManifest(), before);
+    EXPECT_FALSE(log.HasPart("run script"));
+}
+
+TEST_F(UpdatingABundle, HarmsNobodyWhoReadsTheManifestMeanwhile)
+{
+    const auto bundle = BundleAt(path);
+    std::atomic<bool> done{false};
+    std::atomic<int> reads{0};
+    std::thread reader([&] {
+        while (!done) {
+            EXPECT_EQ(NameOf(*bundle), "media");
+            ++reads;
+        }
+    });
+    for (int i = 0; i < 20 || reads < 20; ++i) {
+        bundle->Update();
+    }
+    done = true;
+    reader.join();
+}

@@ -1,0 +1,193 @@
+#include <algapp_bolt_comm.h>
+
+#include "bundle_server.h"
+#include "support/collection_builder.h"
+#include "support/fault.h"
+#include "support/log_capture.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace {
+
+/// Publishing to an event service of the test's own: the program has a /mnt of its own.
+class PublishingAnEvent : public ::testing::Test {
+public:
+    PublishingAnEvent()
+    {
+        std::filesystem::create_directories("/mnt/bolt");
+        std::filesystem::remove(SystemServer::EVENT_SERVICE_PATH);
+    }
+    ~PublishingAnEvent() override
+    {
+        ::close(m_listener);
+        std::filesystem::remove(SystemServer::EVENT_SERVICE_PATH);
+        EXPECT_EQ(puts.Count(), news.Count()) << "a message is kept";
+        EXPECT_EQ(OpenDescriptors(), m_descriptorsBefore) << "a descriptor is kept";
+    }
+
+    void Listen()
+    {
+        ASSERT_EQ(::mkfifo(SystemServer::EVENT_SERVICE_PATH, 0600), 0);
+        m_listener = ::open(SystemServer::EVENT_SERVICE_PATH, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        ASSERT_GE(m_listener, 0);
+    }
+
+    /// All that has come.
+    std::string Received() const
+    {
+        std::array<char, 4096> data{};
+        const ssize_t size = ::read(m_listener, data.data(), data.size());
+        return size > 0 ? std::string(data.data(), static_cast<std::size_t>(size)) : std::string();
+    }
+
+    /// The texts of the log, all of them errors of the shared header.
+    std::vector<std::string> Errors() const
+    {
+        for (const LogRecord& record : log.Records()) {
+            EXPECT_EQ(record.level, "ERROR") << record.message;
+            EXPECT_EQ(record.module, 4) << record.message;
+            EXPECT_EQ(record.flag, 1) << record.message;
+            EXPECT_EQ(record.source.rfind("public/include/algapp_bolt_comm.h:", 0), 0U) << record.source;
+        }
+        return log.Messages();
+    }
+
+    CallCounter news{Call::LUMO_MESSAGE_NEW};
+    CallCounter puts{Call::LUMO_MESSAGE_PUT};
+    LogCapture log;
+
+private:
+    static int OpenDescriptors()
+    {
+        int count = 0;
+        for (int fd = 0; fd < 1024; ++fd) {
+            count += ::fcntl(fd, F_GETFD) != -1 ? 1 : 0;
+        }
+        return count;
+    }
+
+    int m_listener = -1;
+    const int m_descriptorsBefore = OpenDescriptors();
+};
+
+using Texts = std::vector<std::string>;
+
+std::string Field(const std::string& name, std::size_t size)
+{
+    return name + std::string(size - name.size(), '\0');
+}
+
+} // namespace
+
+TEST_F(PublishingAnEvent, SendsOneRecordWithAHeader)
+{
+    Listen();
+    SystemServer::PublishDeleteMsg();
+    const std::string packet = Received();
+    ASSERT_EQ(packet.size(), 8U + 64U);
+    lumo_header header{};
+    std::memcpy(&header, packet.data(), sizeof header);
+    EXPECT_EQ(header.length, 64);
+    EXPECT_EQ(header.kind, 0);
+    EXPECT_EQ(header.method, 1);
+    EXPECT_EQ(header.uri, 0);
+    EXPECT_EQ(header.status, 0);
+    EXPECT_EQ(packet.substr(8), Field("bundle_service", 16) + Field("app.event.init", 16) + std::string(32, '\0'));
+    EXPECT_TRUE(log.Messages().empty());
+}
+
+TEST_F(PublishingAnEvent, TakesNamesOfFifteenCharacters)
+{
+    Listen();
+    SystemServer::PublishEvent("publisher567890", "event6789012345");
+    EXPECT_EQ(Received().substr(8),
+              Field("publisher567890", 16) + Field("event6789012345", 16) + std::string(32, '\0'));
+}
+
+TEST_F(PublishingAnEvent, RefusesLongerNames)
+{
+    Listen();
+    SystemServer::PublishEvent("publisher", "event67890123456");
+    ASSERT_EQ(Errors().size(), 1U);
+    EXPECT_EQ(Errors()[0].rfind("Failed to sprint event event67890123456 errorNo -", 0), 0U) << Errors()[0];
+    log.Restart();
+    SystemServer::PublishEvent("publisher5678901", "event");
+    EXPECT_EQ(Errors(), Texts{"Failed to sprint publisher publisher5678901"});
+    EXPECT_EQ(Received(), "");
+}
+
+TEST_F(PublishingAnEvent, EndsWhenTheEventsNameCannotBeWritten)
+{
+    Listen();
+    for (const int result : {-1, 13, 15, 0}) {
+        log.Restart();
+        const Fault fault(Call::SPRINTF_S, result);
+        SystemServer::PublishDeleteMsg();
+        EXPECT_EQ(Errors(),
+                  Texts{"Failed to sprint event app.event.init errorNo " + std::to_string(result) + " event is 15"});
+    }
+    EXPECT_EQ(Received(), "");
+}
+
+TEST_F(PublishingAnEvent, EndsWhenThePublishersNameCannotBeWritten)
+{
+    Listen();
+    for (const int result : {-1, 13, 15, 0}) {
+        log.Restart();
+        const Fault fault(Call::SPRINTF_S, result, 1, 1);
+        SystemServer::PublishDeleteMsg();
+        EXPECT_EQ(Errors(), Texts{"Failed to sprint publisher bundle_service"});
+    }
+    EXPECT_EQ(Received(), "");
+}
+
+TEST_F(PublishingAnEvent, EndsWhenThereIsNoEventService)
+{
+    SystemServer::PublishDeleteMsg();
+    EXPECT_EQ(Errors(), Texts{"open event srv fail"});
+}
+
+TEST_F(PublishingAnEvent, EndsWhenThereIsNoMessage)
+{
+    Listen();
+    {
+        const Fault fault(Call::LUMO_MESSAGE_NEW, 0);
+        SystemServer::PublishDeleteMsg();
+    }
+    EXPECT_EQ(Errors(), (Texts{R"(new send msg failed\n)", "SigPublish failed"}));
+    EXPECT_EQ(Received(), "");
+    news = CallCounter(Call::LUMO_MESSAGE_NEW);
+}
+
+TEST_F(PublishingAnEvent, EndsWhenTheMessageTakesNoContent)
+{
+    Listen();
+    {
+        const Fault fault(Call::LUMO_CONTENT_ADD, -1);
+        SystemServer::PublishDeleteMsg();
+    }
+    EXPECT_EQ(Errors(), (Texts{R"(data append failed\n)", "SigPublish failed"}));
+    EXPECT_EQ(Received(), "");
+    EXPECT_EQ(puts.Count(), 1);
+}
+
+TEST_F(PublishingAnEvent, NeverWaitsForAListenerThatHasFallenBehind)
+{
+    Listen();
+    for (int i = 0; i < 2000; ++i) {
+        SystemServer::PublishDeleteMsg(); // more than a FIFO holds
+    }
+    EXPECT_TRUE(log.Messages().empty()) << "the result of the sending is nobody's business";
+    EXPECT_FALSE(Received().empty());
+}

@@ -1,0 +1,45 @@
+#include "watcher_making.h"
+
+#include "bundle_dir_watcher.h"
+
+#include <chrono>
+#include <string>
+#include <utility>
+
+using SystemServer::BundleDirWatcher;
+
+namespace {
+
+bool g_isSleepy = false;
+std::function<void()> g_whenMade;
+
+} // namespace
+
+SleepyWatchers::SleepyWatchers(std::function<void()> whenMade)
+{
+    g_isSleepy = true;
+    g_whenMade = std::move(whenMade);
+}
+
+SleepyWatchers::~SleepyWatchers()
+{
+    g_isSleepy = false;
+    g_whenMade = nullptr;
+}
+
+// The watcher's constructor, which the linker sends here.
+#define MAKING                                                                                                         \
+    "_ZN12SystemServer16BundleDirWatcherC1ERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE"                     \
+    "NSt6chrono8durationIlSt5ratioILl1ELl1000EEEE"
+void RealMaking(BundleDirWatcher* self, const std::string& path,
+                std::chrono::milliseconds interval) __asm__("__real_" MAKING);
+void WrappedMaking(BundleDirWatcher* self, const std::string& path,
+                   std::chrono::milliseconds interval) __asm__("__wrap_" MAKING);
+
+void WrappedMaking(BundleDirWatcher* self, const std::string& path, std::chrono::milliseconds interval)
+{
+    RealMaking(self, path, g_isSleepy ? std::chrono::hours(1) : interval);
+    if (g_whenMade) {
+        g_whenMade();
+    }
+}
