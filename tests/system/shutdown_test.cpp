@@ -156,6 +156,15 @@ TEST_F(EndingTheServer, LetsTheMonitorGoOnToTheVeryEnd)
     EXPECT_EQ(daemon.Errors(), "");
 }
 
+// A signal for the process is delivered to whichever thread does not block it, and would then end the process.
+TEST_F(EndingTheServer, IsCleanHoweverLateTheFrameworksThreadsBlockTheSignals)
+{
+    Interpose("DELAY_SIGMASK", "2");
+    ASSERT_TRUE(daemon.StartServing());
+    const ProcessEnd end = daemon.Stop();
+    EXPECT_EQ(end.status, 0) << "killed by signal " << end.signal;
+}
+
 TEST_F(EndingTheServer, WhileTheDirectoryIsFollowedIsClean)
 {
     for (int round = 0; round < 6; ++round) {

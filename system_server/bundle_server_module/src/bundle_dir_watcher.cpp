@@ -12,6 +12,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -102,16 +103,26 @@ std::vector<int> InotifyDescriptors()
 }
 
 // The framework has opened a descriptor that every bundle would inherit, and behind which the kernel goes on to collect
-// what nobody reads. The framework closes the number when it ends, so something must stand there.
-void CloseInotify(const std::vector<int>& othersDescriptors)
+// what nobody reads. The framework closes the number when it ends, so something must stand there. Its thread, which may
+// have begun to sleep on the descriptor for a fifth of a second, is woken by the end of its watch; whatever it looks at
+// from then on is at its end.
+// Returns what stood there: to close it takes the kernel some 20 ms, for which start-up need not wait.
+std::vector<UniqueFd> DetachInotify(const std::vector<int>& othersDescriptors)
 {
+    constexpr int firstWatch = 1;
     const UniqueFd nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    std::vector<UniqueFd> detached;
     for (const int descriptor : InotifyDescriptors()) {
-        if (std::find(othersDescriptors.begin(), othersDescriptors.end(), descriptor) == othersDescriptors.end() &&
-            dup3(nothing.Get(), descriptor, O_CLOEXEC) == -1) {
+        if (std::find(othersDescriptors.begin(), othersDescriptors.end(), descriptor) != othersDescriptors.end()) {
+            continue;
+        }
+        detached.emplace_back(fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
+        if (dup3(nothing.Get(), descriptor, O_CLOEXEC) == -1) {
             fcntl(descriptor, F_SETFD, FD_CLOEXEC);
         }
+        inotify_rm_watch(detached.back().Get(), firstWatch);
     }
+    return detached;
 }
 
 /// Opens the framework's private thread to this file: an explicit instantiation may name what is private.
@@ -153,13 +164,15 @@ BundleDirWatcher::BundleDirWatcher(const std::string& path, std::chrono::millise
     : DirectoryWatcher(path, DW_ITEM_ADDED | DW_ITEM_REMOVED | DW_ITEM_MODIFIED, 1), m_prefix(DirectoryPrefix(path)),
       m_interval(interval)
 {
-    // At once, before the framework's thread has begun to look: once it has, it looks up only five times a second.
-    stop();
+    const TerminationSignalsBlocked blocked; // for both threads: the framework's blocks them only once it has begun
+    std::vector<UniqueFd> detached = DetachInotify(othersDescriptors);
+    stop(); // the framework's thread
     LeaveThreadToJoin(*this);
-    CloseInotify(othersDescriptors);
     Scan();
-    const TerminationSignalsBlocked blocked;
-    m_thread = std::thread(&BundleDirWatcher::Follow, this, Clock::now() + m_interval);
+    m_thread = std::thread([this, firstScan = Clock::now() + m_interval, detached = std::move(detached)]() mutable {
+        detached.clear();
+        Follow(firstScan);
+    });
 }
 
 BundleDirWatcher::~BundleDirWatcher()
@@ -265,6 +278,8 @@ void BundleDirWatcher::LookAt(int collection, const char* name, unsigned char ty
             item.isRaised = true;
             item.phase = Phase::KNOWN;
             item.mark = MarkItem(collection, position->first, item.mark);
+            item.lastScan = m_scan;
+            return;
         }
     }
     Item& item = position->second;

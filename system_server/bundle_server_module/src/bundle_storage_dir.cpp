@@ -3,8 +3,9 @@
 #include "bundle_log.h"
 
 #include <Poco/Exception.h>
-#include <Poco/File.h>
 #include <Poco/FileStream.h>
+
+#include <sys/stat.h>
 
 #include <memory>
 
@@ -43,17 +44,17 @@ Poco::Path BundleStorageDir::GetResourceAbsPath(const std::string& relativePath)
 std::istream* BundleStorageDir::GetResourceFile(const std::string& relativePath) const
 {
     const std::string path = GetResourceAbsPath(relativePath).toString();
-    const Poco::File file(path);
-    if (!file.exists()) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) == -1) {
         BUNDLE_ERROR("resource file[%s] does not exist.", path.c_str());
         return nullptr;
     }
-    if (file.isDirectory()) {
+    if (S_ISDIR(status.st_mode)) {
         BUNDLE_ERROR("[%s] is directory.", path.c_str());
         return nullptr;
     }
     // Opening a FIFO waits for its writer, and a manifest is opened with the manager's lock held.
-    if (!file.isFile()) {
+    if (!S_ISREG(status.st_mode)) {
         throw Poco::OpenFileException("not a regular file", path);
     }
     return std::make_unique<Poco::FileInputStream>(path, std::ios::in).release();

@@ -1,6 +1,7 @@
 // Loaded before all other libraries of a daemon, it makes happen what happens too seldom by itself:
 //   REFUSE_FORK_WHEN=FILE   no process can be forked while FILE is there
 //   DELAY_SETPGID=SECONDS   setpgid for another process comes that much later
+//   DELAY_SIGMASK=SECONDS   a thread that is not the main one sets its signal mask that much later
 //   LINGER_AT_EXIT=SECONDS  the daemon ends that much later than its main function and its static objects
 //   HOLD_AFTER=SECONDS:TEXT a line each: a thread that has written a record with that text is held up for so long
 #include <dlfcn.h>
@@ -8,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -63,17 +65,27 @@ pid_t fork()
     return next();
 }
 
-ssize_t write(int fd, const void* buffer, size_t size)
+ssize_t write(int fd, const void* buf, size_t n)
 {
     static const auto next = Next<ssize_t (*)(int, const void*, size_t)>("write");
-    const ssize_t written = next(fd, buffer, size);
+    const ssize_t written = next(fd, buf, n);
     const int error = errno;
     const char* const holds = std::getenv("HOLD_AFTER");
     if (holds != nullptr) {
-        Pause(HoldAfter(holds, {static_cast<const char*>(buffer), size}));
+        Pause(HoldAfter(holds, {static_cast<const char*>(buf), n}));
     }
     errno = error;
     return written;
+}
+
+int pthread_sigmask(int how, const sigset_t* newmask, sigset_t* oldmask) noexcept
+{
+    static const auto next = Next<int (*)(int, const sigset_t*, sigset_t*)>("pthread_sigmask");
+    const char* const seconds = std::getenv("DELAY_SIGMASK");
+    if (seconds != nullptr && ::gettid() != ::getpid()) {
+        Pause(std::strtol(seconds, nullptr, 10));
+    }
+    return next(how, newmask, oldmask);
 }
 
 int setpgid(pid_t pid, pid_t pgid) noexcept
