@@ -1,4 +1,4 @@
-// What comes, changes and goes while the server is still starting: the events wait until the collection is loaded.
+// What comes, changes and goes while the server is still starting: the events wait until its start is over.
 
 #include "system/hot_plug.h"
 
@@ -85,7 +85,7 @@ TEST_F(WhileTheServerStarts, ABundleThatIsChangedIsUpdated)
 
 TEST_F(WhileTheServerStarts, ABundleThatIsChangedJustBeforeItGoesOnIsUpdated)
 {
-    // The watcher's thread waits with this event, so it sees the change only after the collection is loaded.
+    // The watcher's thread waits with this event, so it sees the change only after the start.
     WriteFile(In("note"), "");
     staging.Bundle("opera").Write();
     MoveIn("opera");

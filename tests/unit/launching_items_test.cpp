@@ -429,9 +429,16 @@ TEST_F(StartingItems, GivesTheChildNoDescriptorOfTheServers)
 {
     const auto inheritable = InheritableDescriptors();
     const std::string path = collection.Bundle("media").Copy("one", PROBE_ITEM).Copy("two", PROBE_ITEM).Write();
-    std::thread other([&] { Launch(path + "/bin/one"); }); // at the same time, so that one may fork in the other's step
-    Launch(path + "/bin/two");
-    other.join();
+    {
+        // The second is forked while the pipe of the first is open.
+        std::atomic<bool> isFirst{true};
+        const BeforeEach release(Call::WRITE_BYTE, [&](int) {
+            if (isFirst.exchange(false)) {
+                std::thread([&] { Launch(path + "/bin/two"); }).join();
+            }
+        });
+        Launch(path + "/bin/one");
+    }
     EXPECT_EQ(Reported("one", "fd"), inheritable);
     EXPECT_EQ(Reported("two", "fd"), inheritable);
 }

@@ -281,6 +281,24 @@ TEST_F(TheMonitor, NeverTakesAScriptFromWhoWaitsForIt)
     EXPECT_FALSE(log.HasPart("setpgid"));
 }
 
+TEST_F(TheMonitor, NeverTakesAScriptThatHasEndedBeforeItsCallerGoesOn)
+{
+    LaunchMediad(Sleeper());
+    const SystemServer::Bundle bundle(std::make_shared<SystemServer::BundleStorageDir>(
+        collection.Bundle("scripted").Install("#!/bin/sh\nexit 0\n").Write()));
+    const BeforeEach move(Call::SETPGID, [this](int pid) {
+        if (pid != 0) { // the caller, for its child
+            siginfo_t info{};
+            ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
+            EXPECT_FALSE(Eventually(300ms, [this] { return log.HasPart("non-bundle process"); }));
+        }
+    });
+    bundle.RunScript("install.sh");
+    EXPECT_EQ(log.CountPart("script/install.sh] done."), 1);
+    EXPECT_FALSE(log.HasPart("exception info"));
+    EXPECT_FALSE(log.HasPart("non-bundle process"));
+}
+
 TEST_F(TheMonitor, EndsForGoodWhenAWaitFails)
 {
     {

@@ -87,6 +87,12 @@ private:
     const bool m_isRoot = ::geteuid() == 0;
 };
 
+class WhatCanNotBeTold : public WatchingACollection {
+public:
+    /// What root has made belongs to an ordinary user from now on.
+    static void GiveAway() { RunShell("[ $(id -u) != 0 ] || chown -R 65534 \"$COLLECTION\" \"$ASIDE\""); }
+};
+
 class ALargeCollection : public WatchingACollection {};
 class TheCollectionsPath : public WatchingACollection {};
 
@@ -168,22 +174,30 @@ TEST_F(ACollectionThatGoesAway, IsAwaitedWhileItMayNotBeRead)
     EXPECT_EQ(EventsOfReturn(), Events{});
 }
 
-TEST_F(ACollectionThatGoesAway, LeavesNoBundleBehindThatGoesWithItsManifestUnreadable)
+// Of what may not be looked at nothing can be told, which is no reason to stop a bundle.
+TEST_F(WhatCanNotBeTold, CountsAsUnchangedForADirectoryBehindALink)
 {
-    // Whether there is a manifest cannot be told here, which is no reason to stop a bundle.
-    fs::permissions(collection.Path(), fs::perms::all);
-    RunShell("[ $(id -u) != 0 ] || chown -R 65534 \"$PLACE\"");
-    placed.PassScans(4);
-    placed.Forget();
+    fs::create_directory(Aside("disk"));
+    MakeBundle(Aside("disk/radio"));
+    fs::create_directory_symlink(Aside("disk/radio"), In("radio"));
+    GiveAway();
+    Watch();
     const AnOrdinaryUser user;
-    const auto touched = fs::last_write_time(place + "/radio");
-    fs::permissions(place + "/radio", fs::perms::none);
-    placed.PassScans(4);
-    fs::permissions(place + "/radio", fs::perms::owner_all);
-    placed.PassScans(4);
-    EXPECT_EQ(fs::last_write_time(place + "/radio"), touched);
-    // Its mode is the directory's own change; that nothing below could be seen is not one more.
-    EXPECT_EQ(placed.Noted(), (Events{"modified radio", "modified radio"}));
+    EXPECT_EQ(EventsOf([this] { fs::permissions(Aside("disk"), fs::perms::none); }), Events{});
+    EXPECT_EQ(EventsOf([this] { fs::permissions(Aside("disk"), fs::perms::owner_all); }), Events{});
+}
+
+TEST_F(WhatCanNotBeTold, CountsAsUnchangedForAFolderBehindALink)
+{
+    MakeBundle(In("radio"));
+    fs::create_directory(Aside("disk"));
+    fs::rename(In("radio/bin"), Aside("disk/bin"));
+    fs::create_directory_symlink(Aside("disk/bin"), In("radio/bin"));
+    GiveAway();
+    Watch();
+    const AnOrdinaryUser user;
+    EXPECT_EQ(EventsOf([this] { fs::permissions(Aside("disk"), fs::perms::none); }), Events{});
+    EXPECT_EQ(EventsOf([this] { fs::permissions(Aside("disk"), fs::perms::owner_all); }), Events{});
 }
 
 TEST_F(ALargeCollection, IsFollowedWithTenThousandEntries)

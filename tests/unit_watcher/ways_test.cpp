@@ -2,6 +2,8 @@
 
 #include "unit_watcher/watched_collection.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <ctime>
 #include <filesystem>
@@ -45,16 +47,17 @@ class ManyDirectories : public WatchingACollection {};
 class ASlowCopy : public WatchingACollection {};
 class AnEntry : public WatchingACollection {};
 
-/// Returns when the kernel's clock, by which changes are dated, has gone on.
-void AwaitTick()
+/// Returns when the kernel's clock, by which changes are dated, is past the last change of path: also when somebody has
+/// set it back meanwhile.
+void AwaitTickAfter(const std::string& path)
 {
-    const auto now = [] {
-        timespec time{};
-        ::clock_gettime(CLOCK_REALTIME_COARSE, &time);
-        return std::make_pair(time.tv_sec, time.tv_nsec);
-    };
-    const auto before = now();
-    Eventually(std::chrono::seconds(5), [&] { return now() != before; });
+    struct stat status {};
+    ASSERT_EQ(::stat(path.c_str(), &status), 0);
+    EXPECT_TRUE(Eventually(std::chrono::seconds(5), [&status] {
+        timespec now{};
+        ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+        return std::make_pair(now.tv_sec, now.tv_nsec) > std::make_pair(status.st_ctim.tv_sec, status.st_ctim.tv_nsec);
+    }));
 }
 
 } // namespace
@@ -245,9 +248,9 @@ TEST_F(ManyDirectories, AreAddedInTheOrderInWhichTheyCame)
     EXPECT_EQ(EventsBetweenTwoScans([&] {
                   for (const char* const name : {"tuner", "base", "radio", "alarm"}) {
                       MakeBundle(Aside(name));
-                      AwaitTick(); // or the move would bear the time of the writing
+                      AwaitTickAfter(Aside(name) + "/BundleManifest.ini"); // or the move would bear its time
                       fs::rename(Aside(name), In(name));
-                      AwaitTick();
+                      AwaitTickAfter(In(name));
                       expected.push_back(std::string("added ") + name);
                   }
               }),
@@ -264,7 +267,7 @@ TEST_F(ManyDirectories, AreModifiedInTheOrderInWhichTheyWereChanged)
     EXPECT_EQ(EventsBetweenTwoScans([&] {
                   for (const char* const name : {"tuner", "base", "radio", "alarm"}) {
                       Append(In(name) + "/BundleManifest.ini", "\n");
-                      AwaitTick();
+                      AwaitTickAfter(In(name) + "/BundleManifest.ini");
                       expected.push_back(std::string("modified ") + name);
                   }
               }),
@@ -301,33 +304,43 @@ TEST_F(ASlowCopy, IsAddedOnceWhenItIsComplete)
     EXPECT_EQ(writtenWhenAdded, chunks);
 }
 
-// A mirror sets the owner, the mode and the times of a directory before it fills it.
-TEST_F(ASlowCopy, IsNotTakenForCompleteBecauseItsOwnerOrModeWasSet)
+// A mirror sets the owner, the mode and the times of a directory before it fills it, and perhaps again while it does.
+TEST_F(ASlowCopy, IsNotTakenForMovedInBecauseItsModeWasSetAtItsBeginning)
 {
-    constexpr int chunks = 4;
     Watch();
-    int written = 0;
-    int writtenWhenAdded = 0;
-    recorder.SetHandler([&](const std::string& event) {
-        if (event == "added radio") {
-            writtenWhenAdded = written;
-        } else if (event.rfind("added tick-", 0) == 0 && written < chunks) {
-            ++written;
-            WriteText(In("radio") + "/BundleManifest.ini", std::string(static_cast<std::size_t>(written) * 10, '\n'));
-            AwaitTick();
-            RunShell("chmod 700 \"$COLLECTION\"/radio; chmod 755 \"$COLLECTION\"/radio");
-            WriteText(In("tick-" + std::to_string(written)), "");
+    recorder.SetHandler([this](const std::string& event) {
+        if (event == "added first-scan") {
+            WriteText(In("second-scan"), "");
         }
     });
-    BetweenTwoScans([this] {
-        fs::create_directory(In("radio"));
-        AwaitTick();
-        RunShell("chmod 700 \"$COLLECTION\"/radio");
-        WriteText(In("tick-0"), "");
+    EXPECT_EQ(EventsBetweenTwoScans([this] {
+                  fs::create_directory(In("radio"));
+                  AwaitTickAfter(In("radio"));
+                  RunShell("chmod 700 \"$COLLECTION\"/radio");
+                  WriteText(In("first-scan"), "");
+              }),
+              (Events{"added first-scan", "added second-scan", "added radio"}));
+}
+
+TEST_F(ASlowCopy, IsNotTakenForMovedInBecauseItsModeWasSetOnTheWay)
+{
+    Watch();
+    recorder.SetHandler([this](const std::string& event) {
+        if (event == "added first-scan") {
+            Append(In("radio/BundleManifest.ini"), "\n");
+            AwaitTickAfter(In("radio/BundleManifest.ini"));
+            RunShell("chmod 700 \"$COLLECTION\"/radio");
+            WriteText(In("second-scan"), "");
+        } else if (event == "added second-scan") {
+            WriteText(In("third-scan"), "");
+        }
     });
-    EXPECT_TRUE(recorder.WaitFor("added radio"));
-    watcher.reset();
-    EXPECT_EQ(writtenWhenAdded, chunks);
+    EXPECT_EQ(EventsBetweenTwoScans([this] {
+                  fs::create_directory(In("radio"));
+                  WriteText(In("radio/BundleManifest.ini"), "[global]\n");
+                  WriteText(In("first-scan"), "");
+              }),
+              (Events{"added first-scan", "added second-scan", "added third-scan", "added radio"}));
 }
 
 TEST_F(ASlowCopy, ThatIsGivenUpRaisesNothing)
@@ -358,8 +371,7 @@ TEST_F(ASlowCopy, ThatIsGivenUpRaisesNothing)
 
 TEST_F(AnEntry, IsAddedByTheFirstScanThatSeesItWhenItWasMovedIn)
 {
-    MakeBundle(Aside("radio"));
-    AwaitTick();
+    AwaitTickAfter(MakeBundle(Aside("radio")) + "/BundleManifest.ini");
     Watch();
     recorder.SetHandler([this](const std::string& event) {
         if (event == "added first-scan") {
@@ -393,8 +405,7 @@ TEST_F(AnEntry, ThatWasThereBeforeTheWatcherRaisesNothing)
 TEST_F(AnEntry, ThatIsRenamedIsRemovedBeforeItIsAdded)
 {
     MakeBundle(In("alarm"));
-    MakeBundle(In("radio"));
-    AwaitTick();
+    AwaitTickAfter(MakeBundle(In("radio")) + "/BundleManifest.ini");
     Watch();
     EXPECT_EQ(EventsBetweenTwoScans("mv \"$COLLECTION\"/radio \"$COLLECTION\"/opera"),
               (Events{"removed radio", "added opera"}));
