@@ -1,0 +1,377 @@
+"""The benchmarks. Each is a function of the programs and of whether it shall be quick, and returns a result: a list of
+rows, each of which compares what the server took with what the floor took, and perhaps a plot."""
+
+import json
+import os
+import random
+import re
+import shutil
+import signal
+import subprocess
+import threading
+import time
+
+from harness import (NANO, RUN, SOCKET, Missed, Reports, Process, activity_of, collection_of_items, fresh_directory,
+                     last_record, memory_of, numbers, running, server, server_command, summary, until, write_bundle)
+
+MILLI = 1_000_000
+
+
+def row(what, unit, values, floor=None, scale=1, target=""):
+    """One line of a table; the values in units of scale nanoseconds."""
+    line = {"what": what, "unit": unit, "target": target, "server": summary([value / scale for value in values])}
+    if floor is not None:
+        line["floor"] = summary([value / scale for value in floor])
+    return line
+
+
+def items(reports, count, seconds):
+    """Waits until so many items have come to run."""
+    end = time.monotonic() + seconds
+    return [reports.next(max(0.1, end - time.monotonic())) for _ in range(count)]
+
+
+def relaunch(programs, quick):
+    """kill -9 of an item that has run for over two seconds, to the first statement of the program in its place. The
+    server's item and the floor's are killed by turns."""
+    kills = 3 if quick else 60
+    warm_up = 2
+    reports = {"server": Reports("relaunch-server"), "floor": Reports("relaunch-floor")}
+    times = {"server": [], "floor": []}
+    collection = collection_of_items("relaunch", 1, programs.bench_item)
+    floor_command = [programs.floor_supervise, os.path.join(RUN, "relaunch-floor.log"), "1", programs.bench_item]
+    with server(programs, "relaunch-server", collection, reports["server"]) as daemon, \
+            running(programs, "relaunch-floor", floor_command, reports["floor"]):
+        pids = {side: reports[side].next(10)[1] for side in reports}
+        daemon.wait_for_end_of_log("bundle server start running...", 10)
+        for turn in range(warm_up + kills):
+            for side in reports:
+                time.sleep(1.15)  # with the other's turn, over two seconds for each
+                before = time.monotonic_ns()
+                os.kill(pids[side], signal.SIGKILL)
+                begun, pids[side], _ = reports[side].next(10)
+                if turn >= warm_up:
+                    times[side].append(begun - before)
+    return {"rows": [row("kill to first statement", "ms", times["server"], times["floor"], MILLI,
+                         "1.3 x in the median, 1.5 x in p99")],
+            "note": f"{kills} kills each, by turns, after {warm_up} that do not count."}
+
+
+def storm(programs, quick):
+    """All items killed at once, until all run again. One launch a second is ordered, so that n of them take n - 1 s."""
+    count = 4 if quick else 50
+    rows = []
+    for side in ("server", "floor"):
+        reports = Reports("storm-" + side)
+        command = server_command(programs, collection_of_items("storm", count, programs.bench_item)) \
+            if side == "server" else \
+            [programs.floor_supervise, os.path.join(RUN, "storm-floor.log"), str(count), programs.bench_item]
+        with running(programs, "storm-" + side, command, reports):
+            pids = [pid for _, pid, _ in items(reports, count, count + 20)]
+            time.sleep(2.2)
+            before = time.monotonic_ns()
+            for pid in pids:
+                os.kill(pid, signal.SIGKILL)
+            back = items(reports, count, 2 * count + 20)
+            if len({number for _, _, number in back}) != count:
+                raise Missed(f"{side}: an item came back twice and another not at all")
+            taken = [begun - before for begun, _, _ in back]
+        rows.append((taken[0], taken[-1], (taken[-1] - (count - 1) * NANO) / count))
+    (server_first, server_all, server_each), (floor_first, floor_all, floor_each) = rows
+    return {"rows": [row("the first is back", "ms", [server_first], [floor_first], MILLI, "as a relaunch"),
+                     row(f"all {count} are back", "s", [server_all], [floor_all], NANO),
+                     row("beyond the ordered seconds, a launch", "ms", [server_each], [floor_each], MILLI, "0.5 ms")],
+            "note": f"One storm of {count} items; each came back once."}
+
+
+def memory(programs, quick):
+    """The server's memory with n items running; the floor is a daemon of the framework with a directory watcher."""
+    rows = []
+    series = {"in all": [], "anonymous": []}
+    with running(programs, "memory-floor", [programs.floor_memory, fresh_directory("empty")]) as floor:
+        time.sleep(3)
+        floor_pss, floor_anonymous = memory_of(floor.pid)
+    for count in ((0, 1, 4) if quick else (0, 1, 10, 50, 200)):
+        reports = Reports("memory")
+        with server(programs, "memory", collection_of_items("memory", count, programs.bench_item), reports) as daemon:
+            items(reports, count, count + 30)
+            daemon.wait_for_end_of_log("bundle server start running...", 30)
+            time.sleep(3)
+            pss, anonymous = memory_of(daemon.pid)
+        series["in all"].append((count, pss))
+        series["anonymous"].append((count, anonymous))
+        at_zero = count == 0
+        rows.append(row(f"{count} items: in all", "KiB", [pss], [floor_pss] if at_zero else None, 1,
+                        "below 6,656 KiB" if count == 200 else ""))
+        rows.append(row(f"{count} items: anonymous", "KiB", [anonymous], [floor_anonymous] if at_zero else None, 1,
+                        "1.2 x" if at_zero else ""))
+    last, first = series["anonymous"][-1], series["anonymous"][0]
+    rows.append(row("anonymous, an item more", "KiB", [(last[1] - first[1]) / last[0]], None, 1, "1 KiB"))
+    return {"rows": rows, "note": "The proportional share (PSS), three seconds after the start-up was over; one start "
+            "for each number of items.", "plot": {"x": "items", "y": "KiB", "series": series}}
+
+
+def idle(programs, quick):
+    """What the server does when nothing happens, with n bundles running."""
+    count, seconds = (4, 5) if quick else (50, 60)
+    reports = Reports("idle")
+    with server(programs, "idle", collection_of_items("idle", count, programs.bench_item), reports) as daemon:
+        items(reports, count, count + 30)
+        daemon.wait_for_end_of_log("bundle server start running...", 30)
+        time.sleep(3)
+        switches, used = activity_of(daemon.pid)
+        begin = time.monotonic()
+        time.sleep(seconds)
+        later_switches, later_used = activity_of(daemon.pid)
+        taken = time.monotonic() - begin
+    return {"rows": [row(f"{count} bundles: wake-ups a second", "", [(later_switches - switches) / taken], None, 1,
+                         "1.0"),
+                     row(f"{count} bundles: processor time a second", "ms", [(later_used - used) / taken], None, MILLI,
+                         "0.1 ms")],
+            "note": f"Voluntary context switches and time on a processor of all threads, over {seconds} s."}
+
+
+def hot_add(programs, quick):
+    """A bundle put into the collection of the running server at a random moment, to its item's first statement."""
+    renames, copies = (2, 1) if quick else (30, 10)
+    random.seed(1)
+    collection = fresh_directory("hot-add")
+    staging = fresh_directory("hot-add-staging")
+    reports = Reports("hot-add")
+    times = {"rename": [], "copy": []}
+    with server(programs, "hot-add", collection, reports) as daemon:
+        daemon.wait_for_end_of_log("bundle server start running...", 10)
+        for number, way in enumerate(["rename"] * renames + ["copy"] * copies):
+            name = f"bundle{number:05}"
+            source, target = os.path.join(staging, name), os.path.join(collection, name)
+            write_bundle(source, name, programs.bench_item, number)
+            time.sleep(1.5 + random.random())  # the launch before has its second's pause
+            before = time.monotonic_ns()
+            if way == "rename":
+                os.rename(source, target)
+            else:
+                shutil.copytree(source, target)
+            times[way].append(reports.next(10)[0] - before)
+    return {"rows": [row("renamed in", "s", times["rename"], None, NANO, "median 1.55 s, worst 2.05 s"),
+                     row("copied in place", "s", times["copy"], None, NANO, "one scan (1 s) later")],
+            "note": f"{renames} renames and {copies} copies at random moments; a second's wait before the load and a "
+            "scan a second are ordered."}
+
+
+def start_up(programs, quick):
+    """Exec of the server to the first statement of the last of n items; n - 1 seconds of it are ordered."""
+    rows = []
+    for count, repetitions in ((1, 3), (3, 1)) if quick else ((1, 40), (10, 5), (50, 1)):
+        beyond = {"server": [], "floor": []}
+        collection = collection_of_items("start-up", count, programs.bench_item)
+        for repetition in range(repetitions + (1 if count == 1 else 0)):
+            for side in beyond:
+                reports = Reports("start-up-" + side)
+                command = server_command(programs, collection) if side == "server" else \
+                    [programs.floor_supervise, os.path.join(RUN, "start-up-floor.log"), str(count),
+                     programs.bench_item]
+                with running(programs, "start-up-" + side, command, reports) as process:
+                    last = items(reports, count, count + 20)[-1][0]
+                    taken = last - process.stamps()[0]
+                reports.close()
+                if count > 1 or repetition > 0:  # the first finds cold caches
+                    beyond[side].append(taken - (count - 1) * NANO)
+        limit = 6 if count == 1 else 6 + 0.5 * count
+        rows.append(row(f"{count} item{'s' if count > 1 else ''}: beyond the ordered {count - 1} s", "ms",
+                        beyond["server"], beyond["floor"], MILLI, f"{limit:g} ms"))
+    return {"rows": rows, "note": "Server and floor by turns."}
+
+
+def ask(programs, socket, clients, amount):
+    done = subprocess.run([programs.bench_request_client, socket, str(clients), str(amount)], stdout=subprocess.PIPE,
+                          check=True, timeout=300)
+    return numbers(done.stdout)
+
+
+class ShortenedLog(threading.Thread):
+    """Empties a log now and then, so that a minute of requests does not fill the memory that it lies in."""
+
+    def __init__(self, path):
+        super().__init__(daemon=True)
+        self._path = path
+        self._over = threading.Event()
+
+    def run(self):
+        while not self._over.wait(2):
+            os.truncate(self._path, 0)
+
+    def __enter__(self):
+        self.start()
+        return self
+
+    def __exit__(self, *_):
+        self._over.set()
+        self.join()
+
+
+def request(programs, quick):
+    """A request to delete a bundle that nobody knows: the round trip as a client sees it, and how many there are in a
+    second."""
+    requests, rounds, seconds = (500, 2, 2) if quick else (5000, 10, 60)
+    floor_socket = os.path.join(RUN, "request-floor.socket")
+    rows = []
+    with server(programs, "request-server", fresh_directory("request")) as daemon, \
+            running(programs, "request-floor",
+                    [programs.floor_request, os.path.join(RUN, "request-floor.log"), floor_socket]) as floor:
+        daemon.wait_for_end_of_log("bundle server start running...", 10)
+        until(lambda: os.path.exists(floor_socket), 10, "the floor's socket")
+        sides = {"server": (daemon, SOCKET), "floor": (floor, floor_socket)}
+        for clients in (1, 8):
+            times = {"server": [], "floor": []}
+            rates = {"server": [], "floor": []}
+            for turn in range(rounds + 1):
+                for side, (process, socket) in sides.items():
+                    begin = time.monotonic()
+                    taken = ask(programs, socket, clients, requests)
+                    if turn > 0:  # the first warms up
+                        times[side].extend(taken)
+                        rates[side].append(len(taken) / (time.monotonic() - begin))
+                    os.truncate(process.log, 0)
+            plural = "s" if clients > 1 else ""
+            rows.append(row(f"{clients} client{plural}: round trip", "µs", times["server"], times["floor"], 1000,
+                            "1.15 x in the median, 1.3 x in p99"))
+            rows.append(row(f"{clients} client{plural}: requests a second", "", rates["server"], rates["floor"], 1,
+                            "0.85 x"))
+        with ShortenedLog(daemon.log):
+            answered = len(ask(programs, SOCKET, 8, f"{seconds}s"))
+        rows.append(row(f"8 clients for {seconds} s: requests a second", "", [answered / seconds]))
+    return {"rows": rows, "note": f"{rounds} rounds of {requests} requests a client, server and floor by turns, after "
+            f"one that does not count. In {seconds} s of load {answered:,} requests were made and every one was "
+            "answered with 404."}
+
+
+def write_collection(name, count):
+    collection = fresh_directory(name)
+    for number in range(count):
+        write_bundle(os.path.join(collection, f"bundle{number:05}"), f"bundle{number:05}",
+                     requires=f"bundle{number - 1:05}" if number % 2 else "")
+    return collection
+
+
+def load(programs, quick):
+    """Exec to "init bundle server done." for a collection of n bundles without items, every other one of which requires
+    another: loading and resolving. The floor reads the same files and writes as many records."""
+    rows = []
+    series = {"server": [], "floor": []}
+    for count, repetitions in ((100, 2), (1000, 1)) if quick else ((100, 20), (1000, 10), (5000, 5), (20000, 3)):
+        collection = write_collection("load", count)
+        each = {"server": [], "floor": []}
+        for repetition in range(repetitions + 1):
+            for side in each:
+                command = server_command(programs, collection) if side == "server" else \
+                    [programs.floor_load, os.path.join(RUN, "load-floor.log"), collection]
+                with running(programs, "load-" + side, command) as process:
+                    process.wait_for_end_of_log("init bundle server done.", 120)
+                    taken = last_record(process, "init bundle server done.") - process.stamps()[1]
+                if repetition > 0:
+                    each[side].append(taken / count)
+        rows.append(row(f"{count:,} bundles: a bundle", "µs", each["server"], each["floor"], 1000, "1.6 x"))
+        for side in series:
+            series[side].append((count, rows[-1][side]["median"]))
+    grows = dict(series["server"])
+    note = "Server and floor by turns, the first of each not counted."
+    if 20000 in grows:
+        note += f" A bundle of 20,000 costs {grows[20000] / grows[1000]:.2f} times one of 1,000 (target 1.1)."
+    return {"rows": rows, "note": note, "plot": {"x": "bundles", "y": "µs a bundle", "series": series}}
+
+
+RECORD = re.compile(rb"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z INFO 4 0 \d+ \d+ bench/log_record\.cpp:\d+ "
+                    rb"record\[(\d+)\] of thread\[(\d+)\]\.$")
+
+
+def check_records(path, threads, count):
+    """Every record is there once and whole, and each thread's are in order."""
+    after = [-1] * threads
+    with open(path, "rb") as file:
+        for line in file:
+            match = RECORD.match(line)
+            if not match:
+                raise Missed(f"a mixed record: {line!r}")
+            number, thread = int(match.group(1)), int(match.group(2))
+            if number != after[thread] + 1:
+                raise Missed(f"record {after[thread] + 1} of thread {thread} is lost")
+            after[thread] = number
+    if after != [count - 1] * threads:
+        raise Missed("records are lost at the end")
+
+
+def log_record(programs, quick):
+    """A log record to a file, from one thread and from eight at once."""
+    total = 8000 if quick else 400000
+    rounds = 2 if quick else 5
+    rows = []
+    for threads in (1, 8):
+        count = total // threads
+        times = {"server": [], "floor": []}
+        for turn in range(rounds + 1):
+            for side, program in (("server", programs.bench_log_record), ("floor", programs.floor_log_record)):
+                path = os.path.join(RUN, "log-record.log")
+                if os.path.exists(path):
+                    os.unlink(path)
+                done = subprocess.run([program, str(threads), str(count)], env=dict(os.environ, ZQ_LOG_FILE=path),
+                                      stdout=subprocess.PIPE, check=True, timeout=300)
+                if turn > 0:
+                    times[side].extend(numbers(done.stdout))
+                if side == "server":
+                    check_records(path, threads, count)
+        rows.append(row(f"{threads} thread{'s' if threads > 1 else ''}: a record", "µs", times["server"],
+                        times["floor"], 1000, "1.3 x"))
+    return {"rows": rows, "note": f"{rounds} rounds of {total:,} records, server and floor by turns, after one that "
+            "does not count; a figure is the mean of a hundred records in a row. Every record of every round was found "
+            "whole, once and in its thread's order."}
+
+
+def scan(programs, quick):
+    """The processor time of one look at the collection, which is made once a second, when nothing has changed. The floor
+    makes the same calls and keeps nothing."""
+    done = subprocess.run([os.path.join(programs.folder, "scan", "bench_scan"), fresh_directory("scan")],
+                          stdout=subprocess.PIPE, check=True, timeout=300, text=True)
+    rows = []
+    series = {"server": [], "floor": []}
+    for line in done.stdout.splitlines():
+        columns = line.strip("| \n").split("|")
+        if not columns[0].strip().isdigit():
+            continue
+        bundles = int(columns[0])
+        rows.append(row(f"{bundles:,} bundles: a scan", "µs", [float(columns[1])], [float(columns[2])], 1, "1.5 x"))
+        rows[-1]["server"]["count"] = None  # the program prints the medians of its rounds alone
+        for side in series:
+            series[side].append((bundles, rows[-1][side]["median"]))
+    if not rows:
+        raise Missed("bench_scan has printed no table")
+    return {"rows": rows, "note": "Medians of 20 to 2,000 scans, fewer for the larger collections, by turns with the "
+            "floor.", "plot": {"x": "bundles", "y": "µs a scan", "series": series}}
+
+
+def in_process(programs, quick):
+    """Inside one process, by Google Benchmark: on a platform that does nothing, and a log record sent to /dev/null."""
+    rows = []
+    series = {}
+    for program in (programs.bench_server, programs.bench_log):
+        command = [program, "--benchmark_format=json", "--benchmark_repetitions=" + ("1" if quick else "5"),
+                   "--benchmark_min_time=" + ("0.01" if quick else "0.1")]
+        done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=True, timeout=900)
+        taken = {}
+        for run in json.loads(done.stdout)["benchmarks"]:
+            if run.get("run_type") == "iteration":
+                factor = {"ns": 1, "us": 1000, "ms": MILLI}[run["time_unit"]]
+                taken.setdefault(run["run_name"], []).append(run["real_time"] * factor)
+        for name, values in taken.items():
+            rows.append(row(name.replace("/real_time", "").replace(":", " "), "µs", values, None, 1000))
+            kind, _, size = name.partition("/")
+            if size.isdigit() and kind != "ManifestParsing":
+                # Look-ups cost so much each; a walk over all costs so much a bundle.
+                each = int(size) if kind.startswith("Resolve") else 1
+                series.setdefault(kind, []).append((int(size), rows[-1]["server"]["median"] / each))
+    return {"rows": rows, "note": "Five repetitions. ResolveChain: each bundle requires the next; ResolveWide: every "
+            "bundle requires the same ten; both with the whole walk in one figure, in the plot a bundle.",
+            "plot": {"x": "bundles", "y": "µs a look-up, or a bundle", "series": series}}
+
+
+ALL = {"relaunch": relaunch, "storm": storm, "memory": memory, "idle": idle, "hot-add": hot_add, "start-up": start_up,
+       "request": request, "load": load, "scan": scan, "log-record": log_record, "in-process": in_process}

@@ -1,0 +1,35 @@
+// The least memory that a daemon of this framework holds: a ServerApplication with a directory watcher and nothing
+// else.
+//
+//     floor_memory DIRECTORY
+#include <Poco/DirectoryWatcher.h>
+#include <Poco/Util/ServerApplication.h>
+
+#include <iostream>
+#include <string>
+#include <vector>
+
+namespace {
+
+class WatchingApplication : public Poco::Util::ServerApplication {
+protected:
+    int main(const std::vector<std::string>& arguments) override
+    {
+        if (arguments.size() != 1) {
+            std::cerr << "usage: floor_memory DIRECTORY" << std::endl;
+            return EXIT_USAGE;
+        }
+        constexpr int interval = 1;
+        const Poco::DirectoryWatcher watcher(arguments.front(), Poco::DirectoryWatcher::DW_FILTER_ENABLE_ALL, interval);
+        waitForTerminationRequest();
+        return EXIT_OK;
+    }
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    WatchingApplication application;
+    return application.run(argc, argv);
+}
