@@ -9,12 +9,13 @@
 
 #include <Poco/Delegate.h>
 #include <Poco/Exception.h>
-#include <Poco/File.h>
 #include <Poco/Logger.h>
 #include <Poco/Process.h>
 #include <Poco/Util/HelpFormatter.h>
 #include <Poco/Util/Option.h>
 #include <Poco/Util/OptionCallback.h>
+
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -176,7 +177,7 @@ void BundleServer::WatchCollection(const std::string& collectionDir)
 void BundleServer::AcceptInstallations()
 {
     for (const std::string& path : m_changes->Directories()) {
-        if (Poco::File(path + "/" + Bundle::BUNDLE_SCRIPT_FILE_PATH + "install.sh").exists()) {
+        if (access((path + "/" + Bundle::BUNDLE_SCRIPT_FILE_PATH + "install.sh").c_str(), F_OK) == 0) {
             m_changes->AcceptChanges(path);
         }
     }
@@ -368,7 +369,11 @@ void BundleServer::OnItemAdded(const DirectoryEvent& event)
         return;
     }
     if (manager->LoadedPaths().count(path) != 0) {
-        BUNDLE_INFO("bundle dir[%s] is loaded already.", path.c_str()); // it came while start-up read the collection
+        // It came while start-up read the collection, which may have found half of it.
+        BUNDLE_INFO("bundle dir[%s] is loaded already.", path.c_str());
+        if (const std::shared_ptr<Bundle> loaded = FindChanged(*manager, path)) {
+            UpdateAndRestart(*manager, loaded);
+        }
         return;
     }
     const std::shared_ptr<Bundle> bundle = LoadAdded(*manager, path);
