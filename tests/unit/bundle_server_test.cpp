@@ -982,13 +982,19 @@ TEST_F(AnAddedItem, HarmsNobodyWhenItsUnloadingThrowsToo)
     EXPECT_TRUE(log.HasError("failed bundle[media] is not unloaded :unheard of"));
 }
 
-TEST_F(AnAddedItem, IsNotLoadedASecondTime)
+// What start-up has loaded may have been half of a copy: with the rest of it, it is started anew.
+TEST_F(AnAddedItem, IsRestartedAndNotLoadedASecondTime)
 {
     const std::string path = collection.Bundle("media").Install(Noting("install")).Write();
     StartUp();
     log.Restart();
     RaiseAdded(path);
-    EXPECT_EQ(log.Messages(), (Messages{"dir item add event happen.", "bundle dir[" + path + "] is loaded already."}));
+    EXPECT_TRUE(log.InOrder({"dir item add event happen.", "bundle dir[" + path + "] is loaded already.",
+                             "find bundle[" + path + "]...", "find bundle done.", "stop bundle[media]...",
+                             "stop bundle done.", "start bundle[media]...",
+                             "bundle[media] state changing[Starting] -> [Active]", "start bundle done."}));
+    EXPECT_FALSE(log.Has("add a new bundle dir."));
+    EXPECT_FALSE(log.Has("bundle[media] already exists."));
     EXPECT_EQ(Notes(), "install\n");
 }
 
