@@ -176,8 +176,9 @@ void BundleServer::WatchCollection(const std::string& collectionDir)
 // out: whatever has changed in them since they were loaded, somebody has made.
 void BundleServer::AcceptInstallations()
 {
+    const std::string script = "/" + Bundle::BUNDLE_SCRIPT_FILE_PATH + "install.sh";
     for (const std::string& path : m_changes->Directories()) {
-        if (access((path + "/" + Bundle::BUNDLE_SCRIPT_FILE_PATH + "install.sh").c_str(), F_OK) == 0) {
+        if (access((path + script).c_str(), F_OK) == 0) {
             m_changes->AcceptChanges(path);
         }
     }
