@@ -71,24 +71,9 @@ void Answer(lumo_message* msg, bolt_connection* conn)
 
 const bolt_protocol_ops g_protocol{nullptr, Answer};
 
-struct Ended {
-    int status;
-    std::string output;
-    std::string errors;
-};
-
 Ended Control(const std::vector<std::string>& arguments)
 {
-    std::vector<std::string> all{BUNDLECTL};
-    all.insert(all.end(), arguments.begin(), arguments.end());
-    Program program(all);
-    const int status = program.Wait();
-    return {status, program.Output(), program.Errors()};
-}
-
-bool Has(const std::string& text, const std::string& part)
-{
-    return text.find(part) != std::string::npos;
+    return RunToEnd(BUNDLECTL, arguments);
 }
 
 /// One line, on standard error, that names the bundle.

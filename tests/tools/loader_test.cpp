@@ -8,24 +8,9 @@
 
 namespace {
 
-struct Ended {
-    int status;
-    std::string output;
-    std::string errors;
-};
-
 Ended Load(const std::vector<std::string>& arguments)
 {
-    std::vector<std::string> all{LOADER};
-    all.insert(all.end(), arguments.begin(), arguments.end());
-    Program program(all);
-    const int status = program.Wait();
-    return {status, program.Output(), program.Errors()};
-}
-
-bool Has(const std::string& text, const std::string& part)
-{
-    return text.find(part) != std::string::npos;
+    return RunToEnd(LOADER, arguments);
 }
 
 } // namespace

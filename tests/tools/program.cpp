@@ -87,3 +87,16 @@ std::string Program::Errors() const
 {
     return ContentOf(m_directory / ERRORS);
 }
+
+Ended RunToEnd(const std::string& program, std::vector<std::string> arguments)
+{
+    arguments.insert(arguments.begin(), program);
+    Program running(arguments);
+    const int status = running.Wait();
+    return {status, running.Output(), running.Errors()};
+}
+
+bool Has(const std::string& text, const std::string& part)
+{
+    return text.find(part) != std::string::npos;
+}

@@ -32,4 +32,16 @@ private:
     pid_t m_pid;
 };
 
+/// How a program has ended, and what it wrote.
+struct Ended {
+    int status;
+    std::string output;
+    std::string errors;
+};
+
+/// Runs it to its end. @param program its path
+Ended RunToEnd(const std::string& program, std::vector<std::string> arguments);
+
+bool Has(const std::string& text, const std::string& part);
+
 #endif
