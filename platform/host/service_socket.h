@@ -33,6 +33,7 @@ private:
     UniqueFd m_fd;
     dev_t m_device = 0;
     ino_t m_inode = 0;
+    static_assert(sizeof(ino_t) == 8, "with less, a socket with a large number cannot be recognised");
 };
 
 } // namespace HostPlatform

@@ -4,6 +4,8 @@
 /* The device's message API. A message is a header of 8 bytes and a content. Not thread-safe: a message belongs to the
  * thread that made it or, in a callback of bolt, to the thread that runs the event loop. */
 
+#include <assert.h>
+#include <stddef.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -19,6 +21,9 @@ typedef struct lumo_header { /* 8 bytes, no padding, host byte order; the wire h
     uint16_t uri;            /* bytes 4-5 */
     uint16_t status;         /* bytes 6-7 */
 } lumo_header;
+static_assert(sizeof(lumo_header) == 8 && offsetof(lumo_header, kind) == 2 && offsetof(lumo_header, method) == 3 &&
+                  offsetof(lumo_header, uri) == 4 && offsetof(lumo_header, status) == 6,
+              "the header's fields stand where the wire has them");
 
 struct lumo_message {
     lumo_header header; /* then the library's own fields */

@@ -1,13 +1,16 @@
 #ifndef TESTS_SUPPORT_EVENTUALLY_H
 #define TESTS_SUPPORT_EVENTUALLY_H
 
+#include "support/slowness.h"
+
 #include <chrono>
 #include <ctime>
 
-/// Asks again and again whether the condition holds. False when it still does not after that time.
+/// Asks again and again whether the condition holds. False when it still does not after that time, or a multiple of it
+/// where programs are slow.
 template <typename Condition> bool Eventually(std::chrono::milliseconds timeout, Condition condition)
 {
-    const auto end = std::chrono::steady_clock::now() + timeout;
+    const auto end = std::chrono::steady_clock::now() + timeout * SLOWNESS;
     while (!condition()) {
         if (std::chrono::steady_clock::now() >= end) {
             return false;

@@ -3,6 +3,7 @@
 
 #include "support/eventually.h"
 #include "support/log_capture.h"
+#include "support/slowness.h"
 #include "support/temporary_directory.h"
 
 #include <bundle_dir_watcher.h>
@@ -67,7 +68,7 @@ class WatchingACollection : public ::testing::Test {
 public:
     static constexpr std::chrono::milliseconds INTERVAL{60};
     /// Longer than a tool that writes in place is kept waiting by a busy machine.
-    static constexpr std::chrono::milliseconds UNHURRIED{200};
+    static constexpr std::chrono::milliseconds UNHURRIED{200 * SLOWNESS};
     static constexpr std::chrono::seconds PATIENCE{30};
 
     WatchingACollection();
