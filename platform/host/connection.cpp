@@ -10,17 +10,9 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
-#include <string_view>
 #include <utility>
 
 namespace HostPlatform {
-
-namespace {
-
-/// The replies that a peer may leave unread.
-constexpr std::size_t MAX_QUEUED_BYTES = std::size_t{1024} * 1024;
-
-} // namespace
 
 Connection::Connection(Server& server, UniqueFd socket)
     : bolt_connection{socket.Get()}, m_server(server), m_socket(std::move(socket)),
@@ -61,7 +53,11 @@ void Connection::Receive()
         return;
     }
     // An empty packet cannot be told from the peer's end; either closes the connection without a word.
-    if (size <= 0) {
+    if (size == 0) {
+        EndAfterReplies();
+        return;
+    }
+    if (size < 0) {
         Drop();
         return;
     }
@@ -86,16 +82,28 @@ void Connection::Handle(const void* packet, std::size_t size)
     }
 }
 
+/// A peer that has only shut down its own sending still gets the replies that it has asked for.
+void Connection::EndAfterReplies()
+{
+    if (m_queue.IsEmpty()) {
+        Drop();
+        return;
+    }
+    m_isEnding = true;
+    event_del(m_readable.get());
+}
+
 bool Connection::Send(Message& msg)
 {
     if (m_dropped) {
         return false;
     }
-    switch (m_queue.empty() ? SendNow(msg) : Sending::LATER) {
+    const std::string_view packet = msg.Packet();
+    switch (m_queue.IsEmpty() ? SendNow(packet) : Sending::LATER) {
     case Sending::DONE:
         return true;
     case Sending::LATER:
-        return Queue(msg);
+        return Queue(packet);
     case Sending::FAILED:
         break;
     }
@@ -103,22 +111,22 @@ bool Connection::Send(Message& msg)
     return false;
 }
 
-bool Connection::Queue(Message& msg)
+bool Connection::Queue(std::string_view packet)
 {
-    if (msg.packet.size() > MAX_QUEUED_BYTES - m_queuedBytes) {
+    if (!m_queue.HasRoomFor(packet.size())) {
         m_server.LogDrop("does not read", "more than 1 MiB of replies wait");
         Drop();
         return false;
     }
     try {
-        m_queue.push_back(Share(msg));
+        m_queue.Append(packet);
     } catch (const std::bad_alloc&) {
         m_server.LogDrop("cannot be answered", "out of memory");
         Drop();
         return false;
     }
-    m_queuedBytes += msg.packet.size();
     if (event_add(m_writable.get(), nullptr) != 0) {
+        m_server.LogDrop("cannot be answered", "the event loop does not take it");
         Drop();
         return false;
     }
@@ -127,9 +135,8 @@ bool Connection::Queue(Message& msg)
 
 void Connection::SendQueued()
 {
-    while (!m_queue.empty()) {
-        Message& msg = *m_queue.front();
-        const Sending sending = SendNow(msg);
+    while (!m_queue.IsEmpty()) {
+        const Sending sending = SendNow(m_queue.First());
         if (sending == Sending::LATER) {
             return;
         }
@@ -137,15 +144,16 @@ void Connection::SendQueued()
             Drop();
             return;
         }
-        m_queuedBytes -= msg.packet.size();
-        m_queue.pop_front();
+        m_queue.RemoveFirst();
     }
     event_del(m_writable.get());
+    if (m_isEnding) {
+        Drop();
+    }
 }
 
-Connection::Sending Connection::SendNow(Message& msg)
+Connection::Sending Connection::SendNow(std::string_view packet)
 {
-    const std::string_view packet = msg.Packet();
     ssize_t sent = 0;
     do {
         sent = ::send(fd, packet.data(), packet.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -168,7 +176,7 @@ void Connection::Drop()
         return;
     }
     m_dropped = true;
-    m_queue.clear();
+    m_queue.Clear();
     event_del(m_writable.get());
     event_active(m_readable.get(), EV_READ, 0);
 }

@@ -3,12 +3,14 @@
 
 #include "event_owner.h"
 #include "message.h"
+#include "packet_queue.h"
 #include "unique_fd.h"
 
 #include <bolt.h>
 
 #include <cstddef>
 #include <list>
+#include <string_view>
 
 namespace HostPlatform {
 
@@ -29,7 +31,7 @@ public:
     /// Begins to read, once the connection has its place in the server's list. False when the loop refuses.
     bool Begin(Place place);
 
-    /// Sends at once, or keeps a reference and sends when the peer reads. False when the connection has been dropped,
+    /// Sends at once, or keeps a copy and sends that when the peer reads. False when the connection has been dropped,
     /// which a peer that lets too much pile up is here. Never blocks.
     bool Send(Message& msg);
 
@@ -43,17 +45,18 @@ private:
 
     void Receive();
     void Handle(const void* packet, std::size_t size);
+    void EndAfterReplies();
     void SendQueued();
-    bool Queue(Message& msg);
-    Sending SendNow(Message& msg);
+    bool Queue(std::string_view packet);
+    Sending SendNow(std::string_view packet);
 
     Server& m_server;
     UniqueFd m_socket;
     EventOwner m_readable;
     EventOwner m_writable;
     Place m_place;
-    std::list<MessageReference> m_queue; // a list, for an empty one costs an idle connection nothing
-    std::size_t m_queuedBytes = 0;
+    PacketQueue m_queue;
+    bool m_isEnding = false; // nothing more is read; dropped when the queue is empty
     bool m_dropped = false;
 };
 

@@ -21,7 +21,7 @@ lumo_message* lumo_message_new(int /*flags*/)
 
 void lumo_message_put(lumo_message* msg)
 {
-    if (msg != nullptr && --Of(msg).references == 0) {
+    if (msg != nullptr) {
         delete &Of(msg);
     }
 }
@@ -70,8 +70,6 @@ void lumo_content_clear(lumo_message* msg)
     Of(msg).KeepLength();
 }
 
-// A queued message is sent as it is when its turn comes: it must not be changed until then. The server replies with the
-// request itself and lets go of it, so no copy is made here.
 int lumo_message_async_send(lumo_message* msg, bolt_connection* conn, int /*flags*/)
 {
     return static_cast<HostPlatform::Connection*>(conn)->Send(Of(msg)) ? 0 : -1;

@@ -12,11 +12,6 @@
 
 namespace HostPlatform {
 
-static_assert(sizeof(lumo_header) == 8, "the header is 8 bytes on the wire");
-static_assert(offsetof(lumo_header, kind) == 2 && offsetof(lumo_header, method) == 3 &&
-                  offsetof(lumo_header, uri) == 4 && offsetof(lumo_header, status) == 6,
-              "the header's fields stand where the wire has them");
-
 constexpr std::size_t MAX_PACKET_SIZE = 65536;
 constexpr std::size_t MAX_CONTENT_SIZE = MAX_PACKET_SIZE - sizeof(lumo_header);
 static_assert(MAX_CONTENT_SIZE <= std::numeric_limits<decltype(lumo_header::length)>::max(),
@@ -41,7 +36,6 @@ struct Message : lumo_message {
         return packet;
     }
 
-    unsigned references = 1;
     std::string packet;
 };
 
@@ -54,15 +48,8 @@ struct MessagePut {
     void operator()(lumo_message* msg) const { lumo_message_put(msg); }
 };
 
-/// One reference to a message.
+/// The one reference to a message: nothing here keeps a message, a queue keeps copies of packets.
 using MessageReference = std::unique_ptr<Message, MessagePut>;
-
-/// Another reference to a message.
-inline MessageReference Share(Message& msg)
-{
-    ++msg.references;
-    return MessageReference(&msg);
-}
 
 } // namespace HostPlatform
 

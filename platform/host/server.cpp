@@ -3,11 +3,14 @@
 #include "event_manager.h"
 #include "host_log.h"
 
+#include <sys/resource.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <limits>
 #include <new>
 #include <utility>
 
@@ -29,6 +32,16 @@ template <typename Call> bool Guarded(const std::string& service, const char* ca
     return false;
 }
 
+/// Half of the descriptors are the program's own: whoever connects too often must not keep it from opening its files
+/// and launching its children.
+std::size_t MostConnections()
+{
+    rlimit descriptors{};
+    ::getrlimit(RLIMIT_NOFILE, &descriptors);
+    return static_cast<std::size_t>(
+        std::min<rlim_t>(descriptors.rlim_cur / 2, std::numeric_limits<std::size_t>::max()));
+}
+
 } // namespace
 
 Server::Server(EventManager& manager, const char* service, const bolt_server_ops* ops, void* arg)
@@ -40,6 +53,7 @@ bool Server::Start()
     if (!m_socket.Listen(m_service)) {
         return false;
     }
+    m_mostConnections = MostConnections();
     m_acceptable = NewEvent(m_manager.Base(), m_socket.Get(), EV_READ | EV_PERSIST, OnAcceptable, this);
     m_pauseOver = NewEvent(m_manager.Base(), -1, 0, OnPauseOver, this);
     if (event_add(m_acceptable.get(), nullptr) != 0) {
@@ -82,14 +96,35 @@ void Server::OnAcceptable(evutil_socket_t /*fd*/, short /*what*/, void* server) 
 
 void Server::OnPauseOver(evutil_socket_t /*fd*/, short /*what*/, void* server) noexcept
 {
-    event_add(static_cast<Server*>(server)->m_acceptable.get(), nullptr);
+    static_cast<Server*>(server)->AcceptAgain();
+}
+
+/// Where the loop does not take the listener back it is asked again later: a service must not stay deaf.
+void Server::AcceptAgain()
+{
+    if (event_add(m_acceptable.get(), nullptr) != 0) {
+        PauseAccepting();
+    }
+}
+
+/// A loop that has no room for the end of a pause has to do without the pause.
+void Server::PauseAccepting()
+{
+    constexpr timeval pause{0, 100'000};
+    if (event_add(m_pauseOver.get(), &pause) == 0) {
+        event_del(m_acceptable.get());
+    }
 }
 
 /// A few for each time that the loop comes round, so that a rush of new peers does not keep the old ones waiting.
 void Server::AcceptSome()
 {
+    if (m_connections.size() >= m_mostConnections) {
+        WaitForAnEnd();
+        return;
+    }
     constexpr int most = 16;
-    for (int i = 0; i < most; ++i) {
+    for (int i = 0; i < most && m_connections.size() < m_mostConnections; ++i) {
         UniqueFd peer(::accept4(m_socket.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!peer.IsOpen()) {
             HandleAcceptFailure(errno);
@@ -101,15 +136,34 @@ void Server::AcceptSome()
     }
 }
 
+/// The waiting peer keeps the listener readable, so a loop that went on would spin.
+void Server::WaitForAnEnd()
+{
+    event_del(m_acceptable.get());
+    m_waitsForAnEnd = true;
+    if (m_exhaustions.Passes()) {
+        HOST_LOG_ERROR("service[%s]: a connection cannot be accepted: %zu are open, as many as may be. Those that wait "
+                       "are served when others end; %u earlier failures are not shown.",
+                       m_service.c_str(), m_connections.size(), m_exhaustions.LeftOut());
+    }
+}
+
+void Server::Forget(Connection::Place connection)
+{
+    m_connections.erase(connection);
+    if (std::exchange(m_waitsForAnEnd, false)) {
+        AcceptAgain();
+    }
+}
+
 void Server::HandleAcceptFailure(int error)
 {
     if (error == EAGAIN || error == EINTR || error == ECONNABORTED) {
         return;
     }
-    // Out of descriptors, most likely. The waiting peer keeps the listener readable, so a loop that went on would spin.
-    constexpr timeval pause{0, 100'000};
-    event_del(m_acceptable.get());
-    event_add(m_pauseOver.get(), &pause);
+    // Out of descriptors, most likely: others than the connections have taken them. The waiting peer keeps the listener
+    // readable, so a loop that went on would spin.
+    PauseAccepting();
     if (m_exhaustions.Passes()) {
         HOST_LOG_ERROR("service[%s]: a connection cannot be accepted: %s. Those that wait are tried again; "
                        "%zu are open, %u earlier failures are not shown.",

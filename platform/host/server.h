@@ -8,6 +8,7 @@
 
 #include <bolt.h>
 
+#include <cstddef>
 #include <list>
 #include <string>
 
@@ -37,7 +38,7 @@ public:
     bool Deliver(Message& msg, Connection& connection);
 
     /// Ends a connection.
-    void Forget(Connection::Place connection) { m_connections.erase(connection); }
+    void Forget(Connection::Place connection);
 
     /// Tells the log why a connection is dropped.
     void LogDrop(const char* what, const char* why);
@@ -48,6 +49,9 @@ private:
 
     bool StartService();
     void AcceptSome();
+    void AcceptAgain();
+    void PauseAccepting();
+    void WaitForAnEnd();
     void HandleAcceptFailure(int error);
     bool MayConnect(int peer);
     void Admit(UniqueFd peer);
@@ -61,6 +65,8 @@ private:
     EventOwner m_acceptable;
     EventOwner m_pauseOver;
     std::list<Connection> m_connections;
+    std::size_t m_mostConnections = 0;
+    bool m_waitsForAnEnd = false; // accepts nothing until a connection ends
     RecordLimit m_refusals;
     RecordLimit m_drops;
     RecordLimit m_exhaustions;

@@ -1,10 +1,11 @@
 // Both calls are made between fork and exec too, and by several processes on one file: no lock and no heap, nothing
-// kept that a fork would make wrong, and one write per record.
+// kept that a fork would make wrong, and one write per record. Nor is anybody waited for who may never come: a log that
+// cannot be written costs its records, and says how many when it can.
 #include <zq_log.h>
 
+#include "log_destination.h"
 #include "log_format.h"
 
-#include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -18,17 +19,20 @@
 namespace {
 
 using HostPlatform::FormatRecord;
+using HostPlatform::LogDestination;
+using HostPlatform::LogTrouble;
 using HostPlatform::RECORD_SIZE;
 using HostPlatform::RecordHead;
 
 constexpr int LOG_MODULE = 4;
 constexpr int LOG_ERROR = 3;
 
-constexpr int UNDECIDED = -1;
+/// The same for the process's whole life.
+std::atomic<LogDestination> g_destination{LogDestination()};
+static_assert(decltype(g_destination)::is_always_lock_free, "a record may be written where a lock is held for ever");
 
-/// The descriptor that records go to, the same for the process's whole life.
-std::atomic<int> g_destination{UNDECIDED};
-static_assert(std::atomic<int>::is_always_lock_free, "a record may be written where a lock is held for ever");
+LogTrouble g_ownTrouble;
+std::atomic<LogTrouble*> g_trouble{&g_ownTrouble};
 
 struct ThreadNumber {
     int process;
@@ -54,67 +58,81 @@ RecordHead HeadOf(int module, int level, int flag, const char* file, int line)
     return head;
 }
 
-void WriteOnce(int fd, const char* record, std::size_t length)
-{
-    // There is nobody to tell of a record that cannot be written; what a full disk cut off is not sent after, for
-    // another process's record may stand between.
-    while (::write(fd, record, length) < 0 && errno == EINTR) {
-    }
-}
+bool WriteRecord(const RecordHead& head, const char* format, va_list arguments) __attribute__((format(printf, 2, 0)));
 
-__attribute__((format(printf, 3, 4))) void WriteTo(int fd, const RecordHead& head, const char* format, ...)
+/// Writes to the destination, which has been decided. False when the record is lost.
+bool WriteRecord(const RecordHead& head, const char* format, va_list arguments)
 {
     char record[RECORD_SIZE];
-    va_list arguments;
-    va_start(arguments, format);
     const std::size_t length = FormatRecord(record, head, format, arguments);
-    va_end(arguments);
-    WriteOnce(fd, record, length);
+    return WriteToLog(g_destination.load(std::memory_order_acquire), *g_trouble.load(std::memory_order_acquire), record,
+                      length);
 }
 
-/// Makes fd the destination, unless another thread was first. True when it was made.
-bool Decide(int fd)
+/// A record of the log's own.
+__attribute__((format(printf, 1, 2))) bool WriteOwnRecord(const char* format, ...)
 {
-    int undecided = UNDECIDED;
-    return g_destination.compare_exchange_strong(undecided, fd);
+    va_list arguments;
+    va_start(arguments, format);
+    const bool written = WriteRecord(HeadOf(LOG_MODULE, LOG_ERROR, 0, __FILE__, __LINE__), format, arguments);
+    va_end(arguments);
+    return written;
+}
+
+/// Makes it the destination, unless another thread was first. True when it was made.
+bool Decide(LogDestination destination)
+{
+    LogDestination undecided;
+    if (!g_destination.compare_exchange_strong(undecided, destination)) {
+        destination.Close();
+        return false;
+    }
+    if (LogTrouble* shared = HostPlatform::NewSharedTrouble()) {
+        g_trouble.store(shared, std::memory_order_release);
+    }
+    return true;
 }
 
 void DecideDestination()
 {
     const char* path = std::getenv("ZQ_LOG_FILE");
     if (path == nullptr || *path == '\0') {
-        Decide(STDERR_FILENO);
+        Decide(LogDestination::StandardError());
         return;
     }
-    const int fd = ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
-    if (fd >= 0) {
-        if (!Decide(fd)) {
-            ::close(fd);
-        }
-        return;
-    }
+    const LogDestination file = LogDestination::Open(path);
     // A number, for strerror may take a lock.
     const int error = errno;
-    if (Decide(STDERR_FILENO)) {
-        WriteTo(STDERR_FILENO, HeadOf(LOG_MODULE, LOG_ERROR, 0, __FILE__, __LINE__),
-                "ZQ_LOG_FILE[%s] cannot be opened for writing, errno %d: the log goes to standard error.", path, error);
+    if (file.IsDecided()) {
+        Decide(file);
+    } else if (Decide(LogDestination::StandardError())) {
+        WriteOwnRecord("ZQ_LOG_FILE[%s] cannot be opened for writing, errno %d: the log goes to standard error.", path,
+                       error);
     }
 }
 
-int Destination()
+/// True when nothing is lost that the log does not tell of.
+bool TellOfLoss(LogTrouble& trouble)
 {
-    if (g_destination.load(std::memory_order_acquire) == UNDECIDED) {
-        DecideDestination();
+    const unsigned lost = trouble.lost.exchange(0);
+    if (lost == 0 || WriteOwnRecord("%u earlier records are lost: no room for them, or nobody has read them.", lost)) {
+        return true;
     }
-    return g_destination.load(std::memory_order_acquire);
+    trouble.lost += lost;
+    return false;
 }
 
-__attribute__((format(printf, 2, 0))) void WriteRecord(const RecordHead& head, const char* format, va_list arguments)
+__attribute__((format(printf, 2, 0))) void Log(const RecordHead& head, const char* format, va_list arguments)
 {
     const int error = errno;
-    char record[RECORD_SIZE];
-    const std::size_t length = FormatRecord(record, head, format, arguments);
-    WriteOnce(Destination(), record, length);
+    if (!g_destination.load(std::memory_order_acquire).IsDecided()) {
+        DecideDestination();
+    }
+    LogTrouble& trouble = *g_trouble.load(std::memory_order_acquire);
+    const bool isTold = trouble.lost.load(std::memory_order_relaxed) == 0 || TellOfLoss(trouble);
+    if (!isTold || !WriteRecord(head, format, arguments)) {
+        ++trouble.lost;
+    }
     errno = error;
 }
 
@@ -135,7 +153,7 @@ void ZQ_WriteLog(int module, int level, int flag, int /*reserved*/, const char* 
 {
     va_list arguments;
     va_start(arguments, format);
-    WriteRecord(HeadOf(module, level, flag, file, line), format, arguments);
+    Log(HeadOf(module, level, flag, file, line), format, arguments);
     va_end(arguments);
 }
 
@@ -144,6 +162,6 @@ void ZQ_WriteLanguageLog(int module, int level, const char* format, const char* 
 {
     va_list arguments;
     va_start(arguments, second_format);
-    WriteRecord(HeadOf(module, level, 0, nullptr, 0), SecondLanguageIsChosen() ? second_format : format, arguments);
+    Log(HeadOf(module, level, 0, nullptr, 0), SecondLanguageIsChosen() ? second_format : format, arguments);
     va_end(arguments);
 }

@@ -254,6 +254,26 @@ TEST_F(AConnection, MayEndWhileRepliesAreUnderWay)
     EXPECT_TRUE(IsServed(other));
 }
 
+TEST_F(AConnection, IsSentTheRepliesThatWaitWhenItsPeerHasShutDownItsSending)
+{
+    const UnixClient other(m_path);
+    const UnixClient client(m_path);
+    constexpr int requests = 15;
+    for (int i = 0; i < requests; ++i) {
+        ASSERT_TRUE(client.Send(PacketOf(BIG, 0, "")));
+    }
+    client.ShutDownSending();
+    for (int i = 0; i < requests + 1; ++i) {
+        ASSERT_TRUE(IsServed(other)); // the loop has come round to the end of what the peer sends
+    }
+    for (int i = 0; i < requests; ++i) {
+        const auto reply = client.Receive(10s);
+        ASSERT_TRUE(reply) << i;
+        EXPECT_EQ(reply->size(), 8U + BIG_CONTENT);
+    }
+    EXPECT_TRUE(client.IsClosedByPeer(10s));
+}
+
 TEST_F(AConnection, IsRefusedToAnotherUserByTheSocketsMode)
 {
     if (::geteuid() != 0) {

@@ -288,3 +288,32 @@ TEST_F(TheLoop, WaitsQuietlyWhenItHasNoDescriptorLeftAndGoesOnWhenItHas)
         clients.pop_front();
     }
 }
+
+TEST_F(TheLoop, LeavesHalfOfTheDescriptorsToTheProgram)
+{
+    static constexpr rlim_t limit = 40;
+    const auto bound = [] {
+        OpenLog();
+        rlimit limits{};
+        ::getrlimit(RLIMIT_NOFILE, &limits);
+        limits.rlim_cur = limit;
+        ::setrlimit(RLIMIT_NOFILE, &limits);
+    };
+    const ServerProcess server(SERVICE, g_testProtocol, {bound, [](int result) { return result; }});
+    ASSERT_TRUE(server.IsRegistered()) << LogText();
+    std::list<UnixClient> clients;
+    for (rlim_t i = 0; i < limit / 2; ++i) {
+        clients.emplace_back(m_path);
+        ASSERT_TRUE(IsServed(clients.back())) << i;
+    }
+    EXPECT_EQ(CountInLog("a connection cannot be accepted"), 0) << LogText();
+    const UnixClient late(m_path);
+    ASSERT_TRUE(late.Send(PacketOf(ECHO, 0, "late")));
+    ASSERT_TRUE(Eventually(10s, [] {
+        return CountInLog("a connection cannot be accepted: 20 are open, as many as may be.") == 1;
+    })) << LogText();
+    EXPECT_TRUE(IsServed(clients.front()));
+    EXPECT_FALSE(late.Receive(100ms));
+    clients.pop_back();
+    EXPECT_EQ(late.Receive(10s).value_or("        none").substr(8), "late");
+}

@@ -4,6 +4,7 @@
 #include "support/temporary_directory.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -11,7 +12,9 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -348,6 +351,92 @@ TEST_F(TheLog, LosesAndMixesNothingOfEightThreadsAndTheChildrenThatTheyFork)
         }
     }
     EXPECT_EQ(seen, expected);
+}
+
+TEST_F(TheLog, EndsALineThatAFullDiskCutOffAndTellsHowManyRecordsItAndItsChildrenLost)
+{
+    constexpr int records = 20;
+    constexpr int childRecords = 3;
+    ASSERT_EQ(InChildWithFile([] {
+                  LOG("record 10.");
+                  struct stat first {};
+                  ::stat(std::getenv("ZQ_LOG_FILE"), &first);
+                  // What is over the limit is refused as by a full disk: half of a record here.
+                  ::signal(SIGXFSZ, SIG_IGN);
+                  rlimit limit{};
+                  ::getrlimit(RLIMIT_FSIZE, &limit);
+                  limit.rlim_cur = static_cast<rlim_t>(first.st_size * 5 + first.st_size / 2);
+                  ::setrlimit(RLIMIT_FSIZE, &limit);
+                  for (int i = 1; i < records; ++i) {
+                      LOG("record %d.", 10 + i);
+                  }
+                  const pid_t child = ::fork();
+                  if (child == 0) {
+                      for (int i = 0; i < childRecords; ++i) {
+                          LOG("record %d of a child.", i);
+                      }
+                      ::_exit(0);
+                  }
+                  ::waitpid(child, nullptr, 0);
+                  limit.rlim_cur = limit.rlim_max;
+                  ::setrlimit(RLIMIT_FSIZE, &limit);
+                  LOG("there is room again.");
+                  LOG("and more.");
+              }),
+              0);
+    const auto lines = LinesOf(ContentOf(m_file));
+    constexpr std::size_t whole = 5;
+    ASSERT_EQ(lines.size(), whole + 4) << ContentOf(m_file);
+    EXPECT_EQ(MessageOf(lines[whole - 1]), "record 14.");
+    EXPECT_EQ(Match(lines[whole], ".*there is room again.*").size(), 0U) << "joined to what was cut off";
+    EXPECT_EQ(MessageOf(lines[whole + 1]), std::to_string(records + childRecords - whole) +
+                                               " earlier records are lost: no room for them, or nobody has read them.");
+    EXPECT_EQ(MessageOf(lines[whole + 2]), "there is room again.");
+    EXPECT_EQ(MessageOf(lines[whole + 3]), "and more.");
+}
+
+TEST_F(TheLog, IsNotKeptWaitingByAFifoThatNobodyReads)
+{
+    ASSERT_EQ(::mkfifo(m_file.c_str(), 0600), 0);
+    const int fifo = ::open(m_file.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC); // what is in it outlives the child
+    ASSERT_EQ(InChildWithFile([] {
+                  for (int i = 0; i < 3000; ++i) {
+                      LOG("record %d.", i);
+                  }
+              }),
+              0);
+    std::string text(1UL << 20U, '\0');
+    const ssize_t size = ::read(fifo, text.data(), text.size());
+    ::close(fifo);
+    ASSERT_GT(size, 0);
+    text.resize(static_cast<std::size_t>(size));
+    EXPECT_EQ(text.back(), '\n') << "what is lost is lost whole";
+    const auto lines = LinesOf(text);
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        ASSERT_EQ(MessageOf(lines[i]), "record " + std::to_string(i) + ".");
+    }
+}
+
+TEST_F(TheLog, OnAPipeWhoseReaderHasGoneKillsNobodyAndChangesNoSignal)
+{
+    EXPECT_EQ(InChild([] {
+                  std::array<int, 2> ends{};
+                  if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
+                      ::_exit(1);
+                  }
+                  ::dup2(ends[1], STDERR_FILENO);
+                  ::unsetenv("ZQ_LOG_FILE");
+                  ::signal(SIGPIPE, SIG_DFL);
+                  LOG("read by somebody");
+                  ::close(ends[0]);
+                  LOG("read by nobody");
+                  sigset_t pending;
+                  sigset_t blocked;
+                  ::sigpending(&pending);
+                  ::pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+                  ::_exit(sigismember(&pending, SIGPIPE) == 0 && sigismember(&blocked, SIGPIPE) == 0 ? 0 : 2);
+              }),
+              0);
 }
 
 TEST_F(TheLog, AgreesOnOneFileWhenManyThreadsLogFirst)

@@ -122,6 +122,13 @@ void Await(pid_t pid)
     }
 }
 
+// Of a program for another machine, which script/test-arm has the kernel run with an emulator, /proc shows the
+// emulator: its name, the path of the program, the program's arguments.
+bool IsEmulated(const std::vector<std::string>& commandLine)
+{
+    return commandLine.size() > 2 && fs::path(commandLine[0]).filename() == "arm-binfmt-P";
+}
+
 // A record that says what a child is about to execute, with the item's path.
 bool TellsExecution(const std::string& message, const std::string& path)
 {
@@ -388,6 +395,18 @@ std::vector<std::string> DaemonRunner::ThreadNames() const
     return names;
 }
 
+std::string DaemonRunner::StateOfThread(const std::string& name) const
+{
+    for (const fs::path& task : Entries(ProcPath(m_pid, "task"))) {
+        if (ReadFile(task / "comm") == name + "\n") {
+            const std::string stat = ReadFile(task / "stat");
+            const std::size_t afterName = stat.rfind(") ");
+            return afterName == std::string::npos ? "" : stat.substr(afterName + 2, 1);
+        }
+    }
+    return {};
+}
+
 std::map<int, std::string> DaemonRunner::Descriptors() const
 {
     return ProcessOf::Descriptors(m_pid);
@@ -408,6 +427,18 @@ std::vector<pid_t> DaemonRunner::Descendants() const
         }
     }
     return descendants;
+}
+
+std::multiset<std::string> DaemonRunner::Programs() const
+{
+    std::multiset<std::string> programs;
+    for (const pid_t pid : Descendants()) {
+        const std::string program = ProcessOf::Executable(pid);
+        if (!program.empty()) { // it has not ended meanwhile
+            programs.insert(program);
+        }
+    }
+    return programs;
 }
 
 void DaemonRunner::KillAll()
@@ -450,15 +481,32 @@ bool IsAlive(pid_t pid)
     return !state.empty() && state[0] != 'Z' && state[0] != 'X';
 }
 
+std::vector<pid_t> Zombies(pid_t parent)
+{
+    std::vector<pid_t> zombies;
+    for (const pid_t pid : AllProcesses()) {
+        if (NumberIn(Status(pid, "PPid")) == parent && Status(pid, "State").rfind('Z', 0) == 0) {
+            zombies.push_back(pid);
+        }
+    }
+    return zombies;
+}
+
 std::vector<std::string> CommandLine(pid_t pid)
 {
-    return SplitAtNul(ReadFile(ProcPath(pid, "cmdline")));
+    std::vector<std::string> words = SplitAtNul(ReadFile(ProcPath(pid, "cmdline")));
+    if (IsEmulated(words)) {
+        words.erase(words.begin(), words.begin() + 2);
+    }
+    return words;
 }
 
 std::string Executable(pid_t pid)
 {
     std::error_code error;
-    return fs::read_symlink(ProcPath(pid, "exe"), error).string();
+    const std::vector<std::string> words = SplitAtNul(ReadFile(ProcPath(pid, "cmdline")));
+    return (IsEmulated(words) ? fs::canonical(words[1], error) : fs::read_symlink(ProcPath(pid, "exe"), error))
+        .string();
 }
 
 std::map<int, std::string> Descriptors(pid_t pid)

@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -66,6 +67,9 @@ public:
 
     /// One more key of the configuration, such as "global.server_submodule_dir"; an empty value leaves a key out.
     void Configure(const std::string& key, const std::string& value);
+    /// Where the log goes, in place of a file of the runner's; the functions below read the named file. Empty: to
+    /// standard error, where they find nothing.
+    void SetLogFile(const std::string& path) { m_logFile = path; }
     /// A variable of the daemon's environment, beside those of the test.
     void SetEnvironment(const std::string& name, const std::string& value);
     /// The whole command line after the program's name, in place of "-f" and the generated configuration.
@@ -103,7 +107,7 @@ public:
     const std::vector<LogRecord>& Log();
     /// The messages in their order: of all, or of one process.
     std::vector<std::string> Messages(pid_t pid = 0);
-    std::string LogFile() const { return m_directory / "log"; }
+    std::string LogFile() const { return m_logFile; }
 
     // Processes and resources, from /proc.
 
@@ -117,12 +121,16 @@ public:
 
     int Threads() const;
     std::vector<std::string> ThreadNames() const;
+    /// As /proc tells it: "S" for one that sleeps, "R" for one that runs; empty when there is none of that name.
+    std::string StateOfThread(const std::string& name) const;
     /// What each open descriptor leads to.
     std::map<int, std::string> Descriptors() const;
     long ResidentKilobytes() const;
 
     /// Everything alive that has come out of the daemon, the daemon itself left out.
     std::vector<pid_t> Descendants() const;
+    /// The programs that these execute, each as often as it runs.
+    std::multiset<std::string> Programs() const;
 
 private:
     std::string WriteConfiguration() const;
@@ -141,6 +149,7 @@ private:
     pid_t m_pid = 0; // stays a zombie until the next start or the end of the test, so that its number is nobody else's
     std::optional<ProcessEnd> m_end;
     std::chrono::steady_clock::time_point m_startTime;
+    std::string m_logFile = m_directory / "log";
     std::vector<LogRecord> m_log; // as far as it has been read
     std::size_t m_logRead = 0;
 };
@@ -149,6 +158,8 @@ private:
 namespace ProcessOf {
 
 bool IsAlive(pid_t pid); ///< there, and no zombie
+/// Its children that have ended and have not been waited for.
+std::vector<pid_t> Zombies(pid_t parent);
 std::vector<std::string> CommandLine(pid_t pid);
 std::string Executable(pid_t pid);
 std::map<int, std::string> Descriptors(pid_t pid);

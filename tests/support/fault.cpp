@@ -5,7 +5,10 @@
 #include <Poco/Exception.h>
 #include <Poco/Process.h>
 
+#include <dirent.h>
 #include <pthread.h>
+#include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +18,7 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <mutex>
 #include <system_error>
@@ -35,6 +39,8 @@ struct Plan {
 
 std::array<Plan, static_cast<std::size_t>(Call::NUMBER_OF_CALLS)> g_plans;
 std::atomic<pthread_t> g_lockingThread;
+std::atomic<bool> g_pauses{true};
+std::atomic<bool> g_sends{false};
 
 std::vector<SentMessage> g_sentMessages;
 ServiceCalls g_serviceCalls;
@@ -88,7 +94,7 @@ bool FailsWithErrno(Call call, int argument)
 
 } // namespace
 
-Fault::Fault(Call call, int value, int count, int after) : m_call(call)
+Fault::Fault(Call call, int value, int count, int after) : m_call(call), m_count(count)
 {
     Plan& plan = PlanOf(call);
     g_lockingThread = pthread_self();
@@ -101,6 +107,31 @@ Fault::~Fault()
 {
     PlanOf(m_call).count = 0;
     PlanOf(m_call).after = 0;
+}
+
+bool Fault::HasStruck() const
+{
+    return PlanOf(m_call).count < m_count;
+}
+
+NoPauses::NoPauses()
+{
+    g_pauses = false;
+}
+
+NoPauses::~NoPauses()
+{
+    g_pauses = true;
+}
+
+RealSending::RealSending()
+{
+    g_sends = true;
+}
+
+RealSending::~RealSending()
+{
+    g_sends = false;
 }
 
 BeforeEach::BeforeEach(Call call, Action action) : m_call(call), m_action(std::move(action))
@@ -126,7 +157,9 @@ int CallCounter::Count() const
 
 std::vector<SentMessage> TakeSentMessages()
 {
-    return std::exchange(g_sentMessages, {});
+    std::vector<SentMessage> taken = std::exchange(g_sentMessages, {});
+    g_sentMessages.reserve(16); // the next ones are kept without the heap, which a test may have made fail
+    return taken;
 }
 
 ServiceCalls LastServiceCalls()
@@ -139,24 +172,90 @@ ServiceCalls LastServiceCalls()
 #define WRAPPED(name) __asm__("__wrap_" name)
 #define REAL(name) __asm__("__real_" name)
 
-int RealPipe2(int* ends, int flags) REAL("pipe2");
-int WrappedPipe2(int* ends, int flags) WRAPPED("pipe2");
-pid_t RealFork() REAL("fork");
-pid_t WrappedFork() WRAPPED("fork");
-int RealSetpgid(pid_t pid, pid_t group) REAL("setpgid");
-int WrappedSetpgid(pid_t pid, pid_t group) WRAPPED("setpgid");
-pid_t RealGetpgid(pid_t pid) REAL("getpgid");
-pid_t WrappedGetpgid(pid_t pid) WRAPPED("getpgid");
-int RealKill(pid_t pid, int signal) REAL("kill");
-int WrappedKill(pid_t pid, int signal) WRAPPED("kill");
-int RealWaitid(idtype_t type, id_t id, siginfo_t* info, int options) REAL("waitid");
-int WrappedWaitid(idtype_t type, id_t id, siginfo_t* info, int options) WRAPPED("waitid");
-pid_t RealWaitpid(pid_t pid, int* status, int options) REAL("waitpid");
-pid_t WrappedWaitpid(pid_t pid, int* status, int options) WRAPPED("waitpid");
+// NOLINTBEGIN(bugprone-macro-parentheses): types and lists of arguments
+// A call of the system that fails with -1, or another result, and errno. ARGUMENT is what an action is given.
+#define FAILING_CALL(call, name, Result, failure, parameters, arguments, argument)                                     \
+    Result Real##call parameters REAL(name);                                                                           \
+    Result Wrapped##call parameters WRAPPED(name);                                                                     \
+    Result Wrapped##call parameters                                                                                    \
+    {                                                                                                                  \
+        return FailsWithErrno(Call::call, argument) ? failure : Real##call arguments;                                  \
+    }
+// The same for one that has two names, the second where the sizes of files have 64 bits.
+#define FAILING_CALLS(call, name, Result, failure, parameters, arguments, argument)                                    \
+    FAILING_CALL(call, name, Result, failure, parameters, arguments, argument)                                         \
+    Result Real64##call parameters REAL(name "64");                                                                    \
+    Result Wrapped64##call parameters WRAPPED(name "64");                                                              \
+    Result Wrapped64##call parameters                                                                                  \
+    {                                                                                                                  \
+        return FailsWithErrno(Call::call, argument) ? failure : Real64##call arguments;                                \
+    }
+// NOLINTEND(bugprone-macro-parentheses)
+
+FAILING_CALL(PIPE2, "pipe2", int, -1, (int* ends, int flags), (ends, flags), flags)
+FAILING_CALL(FORK, "fork", pid_t, -1, (), (), 0)
+FAILING_CALL(SETPGID, "setpgid", int, -1, (pid_t pid, pid_t group), (pid, group), pid)
+FAILING_CALL(GETPGID, "getpgid", pid_t, -1, (pid_t pid), (pid), pid)
+FAILING_CALL(KILL, "kill", int, -1, (pid_t pid, int signal), (pid, signal), pid)
+FAILING_CALL(WAITID, "waitid", int, -1, (idtype_t type, id_t id, siginfo_t* info, int options),
+             (type, id, info, options), static_cast<int>(id))
+FAILING_CALL(WAITPID, "waitpid", pid_t, -1, (pid_t pid, int* status, int options), (pid, status, options), pid)
+// What has more arguments in some calls than in others is given one that may not be there.
+FAILING_CALLS(OPEN, "open", int, -1, (const char* path, int flags, mode_t mode), (path, flags, mode), flags)
+FAILING_CALLS(FCNTL, "fcntl", int, -1, (int fd, int command, void* value), (fd, command, value), fd)
+FAILING_CALL(PRCTL, "prctl", int, -1,
+             (int option, unsigned long one, unsigned long two, unsigned long three, unsigned long four),
+             (option, one, two, three, four), option)
+FAILING_CALL(DUP3, "dup3", int, -1, (int from, int to, int flags), (from, to, flags), from)
+FAILING_CALL(OPENDIR, "opendir", DIR*, nullptr, (const char* path), (path), 0)
+FAILING_CALLS(READDIR, "readdir", void*, nullptr, (DIR * directory), (directory), 0)
+FAILING_CALLS(STAT, "stat", int, -1, (const char* path, void* status), (path, status), 0)
+FAILING_CALLS(LSTAT, "lstat", int, -1, (const char* path, void* status), (path, status), 0)
+FAILING_CALLS(FSTATAT, "fstatat", int, -1, (int directory, const char* path, void* status, int flags),
+              (directory, path, status, flags), directory)
+FAILING_CALL(ACCESS, "access", int, -1, (const char* path, int mode), (path, mode), mode)
+FAILING_CALL(READLINK, "readlink", ssize_t, -1, (const char* path, char* target, std::size_t size),
+             (path, target, size), 0)
+FAILING_CALL(MKDIR, "mkdir", int, -1, (const char* path, mode_t mode), (path, mode), 0)
+FAILING_CALL(CHMOD, "chmod", int, -1, (const char* path, mode_t mode), (path, mode), 0)
+FAILING_CALL(UNLINK, "unlink", int, -1, (const char* path), (path), 0)
+FAILING_CALL(FLOCK, "flock", int, -1, (int fd, int operation), (fd, operation), fd)
+FAILING_CALL(INOTIFY_RM_WATCH, "inotify_rm_watch", int, -1, (int fd, int watch), (fd, watch), fd)
+FAILING_CALLS(SET_LIMIT, "setrlimit", int, -1, (int resource, const void* limit), (resource, limit), resource)
+FAILING_CALL(RAISE, "raise", int, -1, (int signal), (signal), signal)
+FAILING_CALL(SIGNALFD, "signalfd", int, -1, (int fd, const sigset_t* mask, int flags), (fd, mask, flags), fd)
+FAILING_CALL(SOCKET, "socket", int, -1, (int domain, int type, int protocol), (domain, type, protocol), domain)
+FAILING_CALL(BIND, "bind", int, -1, (int fd, const sockaddr* address, socklen_t size), (fd, address, size), fd)
+FAILING_CALL(LISTEN, "listen", int, -1, (int fd, int backlog), (fd, backlog), fd)
+FAILING_CALL(CONNECT, "connect", int, -1, (int fd, const sockaddr* address, socklen_t size), (fd, address, size), fd)
+FAILING_CALL(FCHMOD, "fchmod", int, -1, (int fd, mode_t mode), (fd, mode), fd)
+FAILING_CALL(ACCEPT, "accept4", int, -1, (int fd, sockaddr* address, socklen_t* size, int flags),
+             (fd, address, size, flags), fd)
+FAILING_CALL(GETSOCKOPT, "getsockopt", int, -1, (int fd, int level, int option, void* value, socklen_t* size),
+             (fd, level, option, value, size), fd)
+FAILING_CALL(RECV, "recv", ssize_t, -1, (int fd, void* data, std::size_t size, int flags), (fd, data, size, flags), fd)
+FAILING_CALL(SEND, "send", ssize_t, -1, (int fd, const void* data, std::size_t size, int flags),
+             (fd, data, size, flags), fd)
+FAILING_CALL(EVENT_CONFIG_NEW, "event_config_new", void*, nullptr, (), (), 0)
+FAILING_CALL(EVENT_CONFIG_SET_FLAG, "event_config_set_flag", int, -1, (void* config, int flag), (config, flag), flag)
+FAILING_CALL(EVENT_BASE_NEW, "event_base_new_with_config", void*, nullptr, (const void* config), (config), 0)
+FAILING_CALL(EVENT_BASE_LOOPEXIT, "event_base_loopexit", int, -1, (void* base, const timeval* time), (base, time), 0)
+FAILING_CALL(EVENT_BASE_DISPATCH, "event_base_dispatch", int, -1, (void* base), (base), 0)
+FAILING_CALL(EVENT_NEW, "event_new", void*, nullptr,
+             (void* base, int fd, short what, void (*callback)(int, short, void*), void* argument),
+             (base, fd, what, callback, argument), fd)
+FAILING_CALL(EVENT_ADD, "event_add", int, -1, (void* event, const timeval* timeout), (event, timeout), 0)
+
 ssize_t RealRead(int fd, void* data, std::size_t size) REAL("read");
 ssize_t WrappedRead(int fd, void* data, std::size_t size) WRAPPED("read");
 ssize_t RealWrite(int fd, const void* data, std::size_t size) REAL("write");
 ssize_t WrappedWrite(int fd, const void* data, std::size_t size) WRAPPED("write");
+int RealClose(int fd) REAL("close");
+int WrappedClose(int fd) WRAPPED("close");
+int RealNanosleep(const timespec* time, timespec* left) REAL("nanosleep");
+int WrappedNanosleep(const timespec* time, timespec* left) WRAPPED("nanosleep");
+int RealSignalMask(int how, const sigset_t* mask, sigset_t* before) REAL("pthread_sigmask");
+int WrappedSignalMask(int how, const sigset_t* mask, sigset_t* before) WRAPPED("pthread_sigmask");
 int RealCancel(pthread_t thread) REAL("pthread_cancel");
 int WrappedCancel(pthread_t thread) WRAPPED("pthread_cancel");
 int RealLock(pthread_mutex_t* mutex) REAL("pthread_mutex_lock");
@@ -183,6 +282,7 @@ int RealContent(lumo_message* msg, void** data, int* length) REAL("lumo_content"
 int WrappedContent(lumo_message* msg, void** data, int* length) WRAPPED("lumo_content");
 int RealContentAdd(lumo_message* msg, const void* data, int length, int flags) REAL("lumo_content_add");
 int WrappedContentAdd(lumo_message* msg, const void* data, int length, int flags) WRAPPED("lumo_content_add");
+int RealAsyncSend(lumo_message* msg, bolt_connection* conn, int flags) REAL("lumo_message_async_send");
 int WrappedAsyncSend(lumo_message* msg, bolt_connection* conn, int flags) WRAPPED("lumo_message_async_send");
 int RealSprintfS(char* dest, std::size_t size, const char* format, ...) REAL("sprintf_s");
 int WrappedSprintfS(char* dest, std::size_t size, const char* format, ...) WRAPPED("sprintf_s");
@@ -196,49 +296,50 @@ int RealRun(bolt_event_mgr* mgr, int timeout) REAL("bolt_event_mgr_run");
 int WrappedRun(bolt_event_mgr* mgr, int timeout) WRAPPED("bolt_event_mgr_run");
 // NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
-int WrappedPipe2(int* ends, int flags)
-{
-    return FailsWithErrno(Call::PIPE2, flags) ? -1 : RealPipe2(ends, flags);
-}
-
-pid_t WrappedFork()
-{
-    return FailsWithErrno(Call::FORK, 0) ? -1 : RealFork();
-}
-
-int WrappedSetpgid(pid_t pid, pid_t group)
-{
-    return FailsWithErrno(Call::SETPGID, pid) ? -1 : RealSetpgid(pid, group);
-}
-
-pid_t WrappedGetpgid(pid_t pid)
-{
-    return FailsWithErrno(Call::GETPGID, pid) ? -1 : RealGetpgid(pid);
-}
-
-int WrappedKill(pid_t pid, int signal)
-{
-    return FailsWithErrno(Call::KILL, pid) ? -1 : RealKill(pid, signal);
-}
-
-int WrappedWaitid(idtype_t type, id_t id, siginfo_t* info, int options)
-{
-    return FailsWithErrno(Call::WAITID, static_cast<int>(id)) ? -1 : RealWaitid(type, id, info, options);
-}
-
-pid_t WrappedWaitpid(pid_t pid, int* status, int options)
-{
-    return FailsWithErrno(Call::WAITPID, pid) ? -1 : RealWaitpid(pid, status, options);
-}
-
 ssize_t WrappedRead(int fd, void* data, std::size_t size)
 {
-    return size == 1 && FailsWithErrno(Call::READ_BYTE, fd) ? -1 : RealRead(fd, data, size);
+    return FailsWithErrno(size == 1 ? Call::READ_BYTE : Call::READ, fd) ? -1 : RealRead(fd, data, size);
 }
 
 ssize_t WrappedWrite(int fd, const void* data, std::size_t size)
 {
-    return size == 1 && FailsWithErrno(Call::WRITE_BYTE, fd) ? -1 : RealWrite(fd, data, size);
+    const Call call = size == 1 ? Call::WRITE_BYTE : Call::WRITE;
+    if (!MustFail(call, fd)) {
+        return RealWrite(fd, data, size);
+    }
+    if (PlanOf(call).value == 0) {
+        return RealWrite(fd, data, size / 2);
+    }
+    errno = PlanOf(call).value;
+    return -1;
+}
+
+int WrappedClose(int fd)
+{
+    const bool fails = MustFail(Call::CLOSE, fd);
+    const int result = RealClose(fd);
+    if (!fails) {
+        return result;
+    }
+    errno = PlanOf(Call::CLOSE).value;
+    return -1;
+}
+
+int WrappedNanosleep(const timespec* time, timespec* left)
+{
+    if (FailsWithErrno(Call::NANOSLEEP, 0)) {
+        if (left != nullptr) {
+            *left = *time;
+        }
+        return -1;
+    }
+    return g_pauses ? RealNanosleep(time, left) : 0;
+}
+
+int WrappedSignalMask(int how, const sigset_t* mask, sigset_t* before)
+{
+    return MustFail(Call::SIGNAL_MASK, how) ? PlanOf(Call::SIGNAL_MASK).value.load()
+                                            : RealSignalMask(how, mask, before);
 }
 
 int WrappedCancel(pthread_t thread)
@@ -304,6 +405,9 @@ int WrappedContentAdd(lumo_message* msg, const void* data, int length, int flags
 
 int WrappedAsyncSend(lumo_message* msg, bolt_connection* conn, int flags)
 {
+    if (g_sends) {
+        return RealAsyncSend(msg, conn, flags);
+    }
     void* data = nullptr;
     int length = 0;
     std::string content;

@@ -22,6 +22,46 @@ enum class Call {
     WAITPID,
     READ_BYTE,  ///< read of a single byte
     WRITE_BYTE, ///< write of a single byte
+    READ,       ///< any other read
+    WRITE,      ///< any other write; with 0 in place of an errno it writes half of what it is given
+    OPEN,
+    CLOSE, ///< fails when it has closed
+    FCNTL,
+    DUP3,
+    OPENDIR,
+    READDIR,
+    STAT,
+    LSTAT,
+    FSTATAT,
+    ACCESS,
+    READLINK,
+    MKDIR,
+    CHMOD,
+    UNLINK,
+    FLOCK,
+    INOTIFY_RM_WATCH,
+    NANOSLEEP, ///< fails before any of the time has gone
+    PRCTL,
+    SET_LIMIT,   ///< setrlimit
+    SIGNAL_MASK, ///< pthread_sigmask: returns the errno
+    RAISE,
+    SIGNALFD,
+    SOCKET,
+    BIND,
+    LISTEN,
+    CONNECT,
+    FCHMOD,
+    ACCEPT,
+    GETSOCKOPT,
+    RECV,
+    SEND,
+    EVENT_CONFIG_NEW,
+    EVENT_CONFIG_SET_FLAG,
+    EVENT_BASE_NEW,
+    EVENT_BASE_LOOPEXIT,
+    EVENT_BASE_DISPATCH,
+    EVENT_NEW,
+    EVENT_ADD,
     CANCEL_THREAD,
     START_THREAD,     ///< std::thread's: throws std::system_error
     LOCK_MUTEX,       ///< fails on the thread that has made the Fault, and on no other
@@ -48,12 +88,17 @@ public:
     /// @param count how many times it fails
     /// @param after how many calls go through before
     explicit Fault(Call call, int value, int count = ALWAYS, int after = 0);
+
+    /// Whether it has made a call fail.
+    bool HasStruck() const;
+
     ~Fault();
     Fault(const Fault&) = delete;
     Fault& operator=(const Fault&) = delete;
 
 private:
     const Call m_call;
+    const int m_count;
 };
 
 /// Does something before each call while it lives, with its first argument where that is a number (a descriptor, a
@@ -73,6 +118,15 @@ private:
     const Action m_action;
 };
 
+/// While it lives, nobody pauses: nanosleep returns at once, its whole time gone.
+class NoPauses {
+public:
+    NoPauses();
+    ~NoPauses();
+    NoPauses(const NoPauses&) = delete;
+    NoPauses& operator=(const NoPauses&) = delete;
+};
+
 /// Counts the calls since it was made, whether they failed or not. Not of LOCK_MUTEX.
 class CallCounter {
 public:
@@ -82,6 +136,15 @@ public:
 private:
     Call m_call;
     int m_before;
+};
+
+/// While it lives, lumo_message_async_send sends.
+class RealSending {
+public:
+    RealSending();
+    ~RealSending();
+    RealSending(const RealSending&) = delete;
+    RealSending& operator=(const RealSending&) = delete;
 };
 
 /// What lumo_message_async_send was given. Nothing is sent.

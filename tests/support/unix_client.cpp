@@ -80,6 +80,35 @@ bool UnixClient::Send(std::string_view packet) const
     return ::send(m_fd, packet.data(), packet.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(packet.size());
 }
 
+bool UnixClient::SendWithDescriptors(std::string_view packet, const std::vector<int>& descriptors) const
+{
+    const std::size_t size = descriptors.size() * sizeof(int);
+    std::vector<char> control(CMSG_SPACE(size));
+    iovec content{const_cast<char*>(packet.data()), packet.size()};
+    msghdr message{};
+    message.msg_iov = &content;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    cmsghdr* const rights = CMSG_FIRSTHDR(&message);
+    rights->cmsg_level = SOL_SOCKET;
+    rights->cmsg_type = SCM_RIGHTS;
+    rights->cmsg_len = CMSG_LEN(size);
+    std::memcpy(CMSG_DATA(rights), descriptors.data(), size);
+    return ::sendmsg(m_fd, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(packet.size());
+}
+
+bool UnixClient::SendWithoutWaiting(std::string_view packet) const
+{
+    return ::send(m_fd, packet.data(), packet.size(), MSG_NOSIGNAL | MSG_DONTWAIT) ==
+           static_cast<ssize_t>(packet.size());
+}
+
+void UnixClient::ShutDownSending() const
+{
+    ::shutdown(m_fd, SHUT_WR);
+}
+
 std::optional<std::string> UnixClient::Receive(std::chrono::milliseconds timeout) const
 {
     if (!WaitReadable(m_fd, Clock::now() + timeout)) {

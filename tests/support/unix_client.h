@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 /// A sound packet of the message service.
 std::string PacketOf(lumo_header header, std::string_view content);
@@ -32,6 +33,15 @@ public:
 
     /// Sends one packet. False when the connection is closed or takes none for seconds.
     bool Send(std::string_view packet) const;
+
+    /// The same, with descriptors for the peer to keep.
+    bool SendWithDescriptors(std::string_view packet, const std::vector<int>& descriptors) const;
+
+    /// The same, but a connection that takes nothing more at the moment is not waited for: false at once.
+    bool SendWithoutWaiting(std::string_view packet) const;
+
+    /// Tells the peer that nothing more comes; replies may still be received.
+    void ShutDownSending() const;
 
     /// The next packet; empty when none comes in time or the peer has closed the connection.
     std::optional<std::string> Receive(std::chrono::milliseconds timeout) const;

@@ -1,5 +1,6 @@
 #include "bundle_thread_activator.h"
 
+#include "own_process.h"
 #include "support/collection_builder.h"
 #include "support/eventually.h"
 #include "support/fault.h"
@@ -55,21 +56,12 @@ private:
     void* m_library;
 };
 
-int ThreadCount()
-{
-    int count = 0;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        count += task.path().empty() ? 0 : 1;
-    }
-    return count;
-}
-
 /// The threads of this process with nothing started. The first one ever may bring another with it: a sanitizer's.
 int ThreadCountAtRest()
 {
     std::thread([] {}).join();
-    EXPECT_TRUE(Eventually(PATIENCE, [] { return ThreadCount() <= 2; }));
-    return ThreadCount();
+    EXPECT_TRUE(Eventually(PATIENCE, [] { return OwnProcess::Threads() <= 2; }));
+    return OwnProcess::Threads();
 }
 
 class AThreadActivator : public ::testing::Test {
@@ -108,7 +100,7 @@ public:
 
     bool ItemThreadsEnd() const
     {
-        return Eventually(PATIENCE, [this] { return ThreadCount() <= m_threadsBefore; });
+        return Eventually(PATIENCE, [this] { return OwnProcess::Threads() <= m_threadsBefore; });
     }
 
     bool IsLogged(const std::string& message) const

@@ -27,19 +27,17 @@ SleepyWatchers::~SleepyWatchers()
     g_whenMade = nullptr;
 }
 
-// The watcher's constructor, which the linker sends here.
-#define MAKING                                                                                                         \
-    "_ZN12SystemServer16BundleDirWatcherC1ERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE"                     \
-    "NSt6chrono8durationIlSt5ratioILl1ELl1000EEEE"
+// The watcher's constructor, which the linker sends here. On ARM a constructor returns the object.
 void RealMaking(BundleDirWatcher* self, const std::string& path,
-                std::chrono::milliseconds interval) __asm__("__real_" MAKING);
-void WrappedMaking(BundleDirWatcher* self, const std::string& path,
-                   std::chrono::milliseconds interval) __asm__("__wrap_" MAKING);
+                std::chrono::milliseconds interval) __asm__("__real_" WATCHER_MAKING);
+BundleDirWatcher* WrappedMaking(BundleDirWatcher* self, const std::string& path,
+                                std::chrono::milliseconds interval) __asm__("__wrap_" WATCHER_MAKING);
 
-void WrappedMaking(BundleDirWatcher* self, const std::string& path, std::chrono::milliseconds interval)
+BundleDirWatcher* WrappedMaking(BundleDirWatcher* self, const std::string& path, std::chrono::milliseconds interval)
 {
     RealMaking(self, path, g_isSleepy ? std::chrono::hours(1) : interval);
     if (g_whenMade) {
         g_whenMade();
     }
+    return self;
 }

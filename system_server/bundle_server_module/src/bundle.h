@@ -78,9 +78,9 @@ public:
 private:
     std::shared_ptr<BundleManifest> ReadManifest() const;
 
-    std::atomic<BUNDLE_STATE_E> m_curState{BUNDLE_INSTALLED};
-    std::shared_ptr<BundleManifest> m_manifest; // replaced on one thread while others read it: atomic access only
-    const std::shared_ptr<BundleStorage> m_storage;
+    std::atomic<BUNDLE_STATE_E> m_curState{BUNDLE_INSTALLED}; // changed under the manager's lock
+    std::shared_ptr<BundleManifest> m_manifest;     // replaced on one thread while others read it: atomic access only
+    const std::shared_ptr<BundleStorage> m_storage; // immutable
 };
 
 /// The name under which other bundles and the requests know it: the manifest's, and so another one after an Update that

@@ -25,7 +25,7 @@ public:
 protected:
     explicit BundleActivator(std::shared_ptr<Bundle> bundle) : m_bundle(std::move(bundle)) {}
 
-    const std::shared_ptr<Bundle> m_bundle;
+    const std::shared_ptr<Bundle> m_bundle; // its state and manifest may be read on any thread
 };
 
 } // namespace SystemServer

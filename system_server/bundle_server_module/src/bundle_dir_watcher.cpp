@@ -22,8 +22,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <filesystem>
 #include <memory>
+#include <string_view>
 #include <system_error>
 #include <tuple>
 #include <utility>
@@ -36,10 +36,15 @@ namespace {
 /// times the tick of the kernel's clock, within which a second change could look like the first.
 constexpr std::chrono::milliseconds SETTLING_TIME(50);
 
+/// How much of a tree is walked at most: a bundle may be a link to the root of all file systems.
+constexpr std::uint64_t WALKED_ENTRIES = 65'536;
+
 struct DirCloser {
     void operator()(DIR* dir) const { closedir(dir); }
 };
 using DirStream = std::unique_ptr<DIR, DirCloser>;
+
+static_assert(sizeof(ino_t) == 8 && sizeof(off_t) == 8, "with less, a file with a large number or size is none");
 
 std::int64_t Nanoseconds(const timespec& time)
 {
@@ -191,13 +196,24 @@ void BundleDirWatcher::Follow(Clock::time_point firstScan)
     for (auto next = firstScan; WaitUntil(next);) {
         // From now on, not from when this scan was due: what stands still for a scan stands still for that long.
         next = Clock::now() + m_interval;
-        for (const Change& change : Scan()) {
-            if (!LetSettle(change)) {
-                return;
-            }
-            if (Take(change)) {
-                Raise(change);
-            }
+        try {
+            RaiseChanges();
+        } catch (const std::exception& e) { // out of memory; what has not been raised is found again
+            BUNDLE_ERROR("bundle collection dir[%s] can not be followed: %s. The next look at it tries again.",
+                         m_prefix.c_str(), ReasonOf(e).c_str());
+        }
+    }
+}
+
+void BundleDirWatcher::RaiseChanges()
+{
+    for (const Change& change : Scan()) {
+        if (!LetSettle(change)) {
+            return;
+        }
+        const Poco::File item(m_prefix + change.name); // made before the change counts as raised, for this may fail
+        if (Take(change) && !Raise(change.type, item)) {
+            Refuse(change);
         }
     }
 }
@@ -398,12 +414,12 @@ bool BundleDirWatcher::IsToBeRaised(const Change& change, Item& item)
     return true;
 }
 
-void BundleDirWatcher::Raise(const Change& change)
+// False when the handler has thrown.
+bool BundleDirWatcher::Raise(DirectoryEventType type, const Poco::File& file)
 {
-    const Poco::File file(m_prefix + change.name);
-    const DirectoryEvent event(file, change.type);
+    const DirectoryEvent event(file, type);
     try {
-        switch (change.type) {
+        switch (type) {
         case DW_ITEM_ADDED:
             itemAdded(this, event);
             break;
@@ -414,12 +430,22 @@ void BundleDirWatcher::Raise(const Change& change)
             itemModified(this, event);
             break;
         }
-    } catch (const Poco::Exception& e) {
-        BUNDLE_ERROR("handler of [%s] fail. exception info: [%s].", file.path().c_str(), e.displayText().c_str());
+        return true;
     } catch (const std::exception& e) {
-        BUNDLE_ERROR("handler of [%s] fail. exception info: [%s].", file.path().c_str(), e.what());
+        BUNDLE_ERROR("handler of [%s] fail. exception info: [%s].", file.path().c_str(), ReasonOf(e).c_str());
     } catch (...) {
         BUNDLE_ERROR("handler of [%s] fail.", file.path().c_str());
+    }
+    return false;
+}
+
+// An item that nobody has taken is offered again when it changes.
+void BundleDirWatcher::Refuse(const Change& change)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const auto position = m_items.find(change.name);
+    if (change.type == DW_ITEM_ADDED && position != m_items.end()) {
+        position->second.phase = Phase::REFUSED;
     }
 }
 
@@ -453,10 +479,20 @@ void BundleDirWatcher::Remark(const std::string& path, Phase phase)
 
 std::vector<std::string> BundleDirWatcher::Directories() const
 {
+    return KnownDirectories([](const Item&) { return true; });
+}
+
+std::vector<std::string> BundleDirWatcher::DirectoriesWithScripts() const
+{
+    return KnownDirectories([](const Item& item) { return item.mark[SCRIPT].inode != 0; });
+}
+
+template <class Predicate> std::vector<std::string> BundleDirWatcher::KnownDirectories(const Predicate& isWanted) const
+{
     const std::lock_guard<std::mutex> lock(m_mutex);
     std::vector<std::string> paths;
     for (const auto& [name, item] : m_items) {
-        if (item.isDirectory && item.phase != Phase::ARRIVING) {
+        if (item.isDirectory && item.phase != Phase::ARRIVING && isWanted(item)) {
             paths.push_back(m_prefix + name);
         }
     }
@@ -481,28 +517,38 @@ BundleDirWatcher::ItemMark BundleDirWatcher::MarkItem(int directory, const std::
     return mark;
 }
 
-// Of an item in use, only what the marks are about: what it runs may be writing to the rest, without an end.
+// Of an item in use, only what the marks are about: what it runs may be writing to the rest, without an end. One
+// descriptor at a time, however deep the tree is. The standard library's walk over a tree would hold one for each
+// level, and end the process when it is out of memory.
 BundleDirWatcher::TreeMark BundleDirWatcher::MarkTree(const std::string& name, bool isInUse) const
 {
     TreeMark mark;
-    std::error_code error;
-    using Options = std::filesystem::directory_options;
-    std::filesystem::recursive_directory_iterator entry(m_prefix + name, Options::skip_permission_denied, error);
-    for (const std::filesystem::recursive_directory_iterator end; !error && entry != end && !m_stopping;
-         entry.increment(error)) {
-        const std::filesystem::path& path = entry->path();
-        struct stat status {};
-        if (lstat(path.c_str(), &status) != 0) {
-            continue;
+    std::vector<std::string> pending{m_prefix + name};
+    for (bool isRoot = true; !pending.empty() && mark.entries < WALKED_ENTRIES; isRoot = false) {
+        const std::string path = std::move(pending.back());
+        pending.pop_back();
+        const DirStream folder(opendir(path.c_str()));
+        const auto next = [&] {
+            return folder && mark.entries < WALKED_ENTRIES && !m_stopping ? readdir(folder.get()) : nullptr;
+        };
+        while (const dirent* const entry = next()) {
+            const std::string_view entryName = entry->d_name;
+            struct stat status {};
+            if (entryName == "." || entryName == ".." ||
+                fstatat(dirfd(folder.get()), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+                continue;
+            }
+            const bool isFolder = S_ISDIR(status.st_mode);
+            if (isInUse && isFolder && isRoot && entryName != "bin" && entryName != "script") {
+                continue;
+            }
+            ++mark.entries;
+            mark.bytes += static_cast<std::uint64_t>(status.st_size);
+            mark.newestChange = std::max(mark.newestChange, Nanoseconds(status.st_ctim));
+            if (isFolder) {
+                pending.push_back(path + "/" + entry->d_name);
+            }
         }
-        const bool isOwn = path.filename() == "bin" || path.filename() == "script";
-        if (isInUse && S_ISDIR(status.st_mode) && entry.depth() == 0 && !isOwn) {
-            entry.disable_recursion_pending();
-            continue;
-        }
-        ++mark.entries;
-        mark.bytes += static_cast<std::uint64_t>(status.st_size);
-        mark.newestChange = std::max(mark.newestChange, Nanoseconds(status.st_ctim));
     }
     return mark;
 }

@@ -1,6 +1,8 @@
 #ifndef BUNDLE_DIR_WATCHER_H
 #define BUNDLE_DIR_WATCHER_H
 
+#include "thread_annotations.h"
+
 #include <Poco/DirectoryWatcher.h>
 
 #include <array>
@@ -56,6 +58,9 @@ public:
 
     /// The paths of all known directories. Any thread.
     std::vector<std::string> Directories() const;
+
+    /// The paths of those that had a folder of scripts when they were last looked at. Any thread.
+    std::vector<std::string> DirectoriesWithScripts() const;
 
 private:
     friend class ScanTimer; // measures what one scan costs
@@ -120,19 +125,22 @@ private:
                      const std::vector<int>& othersDescriptors);
 
     void Follow(Clock::time_point firstScan);
+    void RaiseChanges();
     bool WaitUntil(Clock::time_point time);
     bool LetSettle(const Change& change);
     Changes Scan();
-    void LookAtAll(Changes& changes);
-    void LookAt(int collection, const char* name, unsigned char type, Changes& changes);
-    bool HasArrived(int collection, const std::string& name, Item& item);
-    void FindGone(int collection, Changes& changes);
-    void NoteReadable(int error);
+    void LookAtAll(Changes& changes) REQUIRES(m_mutex);
+    void LookAt(int collection, const char* name, unsigned char type, Changes& changes) REQUIRES(m_mutex);
+    bool HasArrived(int collection, const std::string& name, Item& item) REQUIRES(m_mutex);
+    void FindGone(int collection, Changes& changes) REQUIRES(m_mutex);
+    void NoteReadable(int error) REQUIRES(m_mutex);
     bool Take(const Change& change);
-    bool IsToBeRaised(const Change& change, Item& item);
-    void Raise(const Change& change);
+    bool IsToBeRaised(const Change& change, Item& item) REQUIRES(m_mutex);
+    bool Raise(DirectoryEventType type, const Poco::File& file) EXCLUDES(m_mutex);
+    void Refuse(const Change& change);
     void Remark(const std::string& path, Phase phase);
-    ItemMark MarkItem(int directory, const std::string& path, const ItemMark& last);
+    template <class Predicate> std::vector<std::string> KnownDirectories(const Predicate& isWanted) const;
+    ItemMark MarkItem(int directory, const std::string& path, const ItemMark& last) REQUIRES(m_mutex);
     TreeMark MarkTree(const std::string& name, bool isInUse) const;
 
     const std::string m_prefix; // of an item's path, ending in "/": made the way the manager makes its bundles' paths
@@ -141,11 +149,11 @@ private:
 
     mutable std::mutex m_mutex; // never held while an event is raised
     std::condition_variable m_stopRequested;
-    std::map<std::string, Item, std::less<>> m_items; // by name; guarded by m_mutex
-    std::uint64_t m_scan = 0;                         // number of the last one; guarded by m_mutex
-    bool m_isReadable = true;                         // guarded by m_mutex
-    std::string m_partPath;                           // spares each mark its allocations; guarded by m_mutex
-    std::thread m_thread;
+    std::map<std::string, Item, std::less<>> m_items GUARDED_BY(m_mutex); // by name
+    std::uint64_t m_scan GUARDED_BY(m_mutex) = 0;                         // number of the last one
+    bool m_isReadable GUARDED_BY(m_mutex) = true;
+    std::string m_partPath GUARDED_BY(m_mutex); // spares each mark its allocations
+    std::thread m_thread;                       // touched by the constructor and the destructor only
 };
 
 } // namespace SystemServer

@@ -1,7 +1,13 @@
 #ifndef BUNDLE_LOG_H
 #define BUNDLE_LOG_H
 
+#include <Poco/Exception.h>
+
 #include <zq_log.h>
+
+#include <exception>
+#include <new>
+#include <string>
 
 namespace SystemServer {
 
@@ -12,6 +18,18 @@ constexpr int LANGUAGE_LOG_MODULE = 5;
 /// The levels of the device's log that the server uses.
 constexpr int LOG_LEVEL_INFO = 1;
 constexpr int LOG_LEVEL_ERROR = 3;
+
+/// What an exception says, for a record. Throws nothing: it is asked for where something else has gone wrong, which may
+/// well have been memory.
+inline std::string ReasonOf(const std::exception& e) noexcept
+{
+    try {
+        const auto* const pocoException = dynamic_cast<const Poco::Exception*>(&e);
+        return pocoException != nullptr ? pocoException->displayText() : e.what();
+    } catch (const std::bad_alloc&) {
+        return "out of memory"; // so short that it needs none
+    }
+}
 
 } // namespace SystemServer
 

@@ -85,10 +85,9 @@ BundleFailProcessor::~BundleFailProcessor()
     for (const std::shared_ptr<Bundle>& bundle : m_failedBundles) {
         try {
             m_bundleManager->UnloadBundle(bundle);
-        } catch (const Poco::Exception& e) {
-            BUNDLE_ERROR("failed bundle[%s] is not unloaded :%s", NameOf(*bundle).c_str(), e.displayText().c_str());
         } catch (const std::exception& e) {
-            BUNDLE_ERROR("failed bundle[%s] is not unloaded :%s", NameOf(*bundle).c_str(), e.what());
+            BUNDLE_ERROR("failed bundle[%s] is not unloaded :%s", bundle->GetManifest()->GetBundleName().c_str(),
+                         ReasonOf(e).c_str());
         }
     }
 }

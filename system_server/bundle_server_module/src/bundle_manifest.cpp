@@ -6,6 +6,7 @@
 #include <Poco/Exception.h>
 #include <Poco/StringTokenizer.h>
 
+#include <algorithm>
 #include <array>
 #include <istream>
 #include <sstream>
@@ -23,6 +24,34 @@ const std::string BundleManifest::ENTRY_FUNC = "entry_func";
 
 namespace {
 
+[[noreturn]] void RefuseExpansion()
+{
+    throw Poco::DataFormatException("bundle manifest expands to more than " +
+                                    std::to_string(BundleManifest::MAX_EXPANDED_SIZE) + " bytes");
+}
+
+// The INI reader keeps every key with the name of its section before it: one long name and many short keys, a file of
+// some hundred kilobytes, would come to gigabytes.
+void RequireBoundedKeys(const std::string& text)
+{
+    std::size_t section = 0;
+    std::size_t kept = 0;
+    for (std::size_t begin = 0; begin < text.size();) {
+        const std::size_t end = std::min(text.find('\n', begin), text.size());
+        const std::size_t first = std::min(text.find_first_not_of(" \t\v\f\r", begin), end);
+        if (first < end && text[first] == '[') {
+            section = end - first; // a key may follow in the same line: never counted too short
+            kept += section;
+        } else if (first < end && text[first] != ';') {
+            kept += section + (end - first);
+        }
+        if (kept > BundleManifest::MAX_EXPANDED_SIZE) {
+            RefuseExpansion();
+        }
+        begin = end + 1;
+    }
+}
+
 // The INI reader reads until the end of the file and takes an error for more to come: it would never return.
 std::string ReadWhole(std::istream& stream)
 {
@@ -38,6 +67,7 @@ std::string ReadWhole(std::istream& stream)
     if (stream.bad()) {
         throw Poco::ReadFileException("bundle manifest can not be read");
     }
+    RequireBoundedKeys(text);
     return text;
 }
 
@@ -53,8 +83,7 @@ protected:
         const bool exists = IniFileConfiguration::getRaw(key, value);
         m_charactersRead += exists ? value.size() : 0;
         if (m_charactersRead > BundleManifest::MAX_EXPANDED_SIZE) {
-            throw Poco::DataFormatException("bundle manifest expands to more than " +
-                                            std::to_string(BundleManifest::MAX_EXPANDED_SIZE) + " bytes");
+            RefuseExpansion();
         }
         return exists;
     }

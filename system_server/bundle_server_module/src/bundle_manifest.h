@@ -28,7 +28,8 @@ public:
     /// grows) would be read with the manager's lock held.
     static constexpr std::size_t MAX_SIZE = std::size_t{1024} * 1024;
 
-    /// And one whose values come to more than this with their references expanded.
+    /// And one whose keys, each with its section's name, or whose values, with their references expanded, come to more
+    /// than this.
     static constexpr std::size_t MAX_EXPANDED_SIZE = 4 * MAX_SIZE;
 
     /// Reads and checks the whole stream and logs a summary.

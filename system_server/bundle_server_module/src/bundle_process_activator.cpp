@@ -22,6 +22,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <system_error>
 #include <thread>
 #include <type_traits>
@@ -62,6 +63,19 @@ bool CallsForRelaunch(int status)
 void PauseAfterFailure()
 {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
+}
+
+// For what the monitor does about a dead child: nobody else would do it, so it is tried until it can be done.
+template <class Step> auto WhenThereIsMemory(int pid, const Step& step)
+{
+    for (;;) {
+        try {
+            return step();
+        } catch (const std::bad_alloc&) {
+            BUNDLE_ERROR("out of memory at the end of process[%d], trying again.", pid);
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+        }
+    }
 }
 
 // The configuration is taken at the first launch of a library, which a manager's thread makes while the application
@@ -213,7 +227,7 @@ struct BundleProcessActivator::WaitTarget {
 class BundleProcessActivator::Child {
 public:
     explicit Child(int child) : pid(child) {}
-    ~Child()
+    ~Child() EXCLUDES(m_pidMapMutex)
     {
         if (!m_kept) {
             Discard();
@@ -227,7 +241,7 @@ public:
     const int pid;
 
 private:
-    void Discard() const
+    void Discard() const EXCLUDES(m_pidMapMutex)
     {
         {
             const std::lock_guard<std::mutex> table(m_pidMapMutex);
@@ -278,11 +292,14 @@ void BundleProcessActivator::Stop()
     // every child that was killed here marked.
     const std::lock_guard<std::mutex> marks(m_ignorePidSetMutex);
     for (const int pid : pids) {
+        const auto [mark, isNew] = m_ignorePidSet.insert(pid); // needs memory, so before the kill that it belongs to
         if (kill(pid, SIGKILL) == -1) {
+            if (isNew) {
+                m_ignorePidSet.erase(mark);
+            }
             throw Poco::InvalidArgumentException("bundle[" + bundleName + "] activator stop :kill process[" +
                                                  std::to_string(pid) + "] fail.");
         }
-        m_ignorePidSet.insert(pid);
     }
 }
 
@@ -333,13 +350,16 @@ void BundleProcessActivator::EnsureMonitorRuns(const ProcessInfo& info)
     } catch (const std::system_error& e) {
         m_isMonitorRunning = false;
         throw Poco::InvalidArgumentException("process[" + info.processName + "] monitor thread fail: " + e.what());
+    } catch (...) {
+        m_isMonitorRunning = false;
+        throw;
     }
 }
 
 void BundleProcessActivator::Monitor()
 {
     prctl(PR_SET_NAME, "bundle_monitor");
-    std::deque<int> round;
+    std::list<int> round; // a list, for an empty one needs no memory
     while (m_isMonitorRunning) {
         const WaitTarget target = ChooseWaitTarget();
         int status = 0;
@@ -381,7 +401,7 @@ BundleProcessActivator::WaitTarget BundleProcessActivator::ChooseWaitTarget()
 // with the waiting thread's own children first, which are those that the monitor has relaunched, so that one item which
 // ends at once each time would keep every other from being seen.
 // Returns the pid, reaped, or -1 with errno set when the wait has failed.
-int BundleProcessActivator::WaitForDeath(pid_t group, std::deque<int>& round, int& status)
+int BundleProcessActivator::WaitForDeath(pid_t group, std::list<int>& round, int& status)
 {
     int lost = 0;
     for (;;) {
@@ -390,7 +410,7 @@ int BundleProcessActivator::WaitForDeath(pid_t group, std::deque<int>& round, in
             if (WaitId(P_PGID, group, info, WEXITED | WNOWAIT) == -1) {
                 return -1;
             }
-            round = FindDead(group, info.si_pid);
+            round = WhenThereIsMemory(info.si_pid, [&] { return FindDead(group, info.si_pid); });
         }
         const int pid = round.front();
         round.pop_front();
@@ -406,7 +426,7 @@ int BundleProcessActivator::WaitForDeath(pid_t group, std::deque<int>& round, in
 }
 
 // All dead children of the group. The peeked one is among them, though it may be nobody's item.
-std::deque<int> BundleProcessActivator::FindDead(pid_t group, int peeked)
+std::list<int> BundleProcessActivator::FindDead(pid_t group, int peeked)
 {
     std::vector<int> known;
     {
@@ -417,7 +437,7 @@ std::deque<int> BundleProcessActivator::FindDead(pid_t group, int peeked)
             known.push_back(entry.first);
         }
     }
-    std::deque<int> dead{peeked};
+    std::list<int> dead{peeked};
     for (const int pid : known) {
         if (pid != peeked && IsDeadIn(group, pid)) {
             dead.push_back(pid);
@@ -434,20 +454,23 @@ bool BundleProcessActivator::IsBundleProcess(int pid)
 
 ProcessInfo BundleProcessActivator::CopyInfo(int pid)
 {
-    const std::lock_guard<std::mutex> table(m_pidMapMutex);
-    return m_pidMap[pid];
+    return WhenThereIsMemory(pid, [pid] {
+        const std::lock_guard<std::mutex> table(m_pidMapMutex);
+        return m_pidMap[pid];
+    });
 }
 
 void BundleProcessActivator::JudgeEnd(int pid, int status)
 {
-    const std::string name = CopyInfo(pid).processName;
+    const ProcessInfo info = CopyInfo(pid);
+    const char* const name = info.processName.c_str();
     if (WIFEXITED(status)) {
-        BUNDLE_INFO("%s[%d] normal termination, exit status: %d.", name.c_str(), pid, WEXITSTATUS(status));
+        BUNDLE_INFO("%s[%d] normal termination, exit status: %d.", name, pid, WEXITSTATUS(status));
         ExitStatusProc(pid, WEXITSTATUS(status));
     } else if (WIFSIGNALED(status)) {
         JudgeSignal(pid, WTERMSIG(status));
     } else if (WIFSTOPPED(status)) {
-        BUNDLE_INFO("%s[%d] stopped, signal: %d.", name.c_str(), pid, WSTOPSIG(status));
+        BUNDLE_INFO("%s[%d] stopped, signal: %d.", name, pid, WSTOPSIG(status));
     }
 }
 
@@ -458,15 +481,17 @@ void BundleProcessActivator::JudgeSignal(int pid, int signal)
     BUNDLE_INFO("%s[%d] abnormal termination, signal: %d.", name, pid, signal);
     ZQ_WriteLanguageLog(LANGUAGE_LOG_MODULE, LOG_LEVEL_ERROR, "%s[%d] abnormal termination, signal: %d.",
                         "%s[%d] 异常终止, 信号: %d.", name, pid, signal);
-    const std::lock_guard<std::mutex> marks(m_ignorePidSetMutex);
-    if (m_ignorePidSet.erase(pid) != 0) {
-        BUNDLE_INFO("normal stop %s...", name);
-        return;
-    }
-    // Whatever the signal: who wants an item to rest stops its bundle.
-    BUNDLE_INFO("relaunch %s...", name);
-    Launch(info);
-    BUNDLE_INFO("%s relaunch done.", name);
+    WhenThereIsMemory(pid, [&] {
+        const std::lock_guard<std::mutex> marks(m_ignorePidSetMutex);
+        if (m_ignorePidSet.erase(pid) != 0) {
+            BUNDLE_INFO("normal stop %s...", name);
+            return;
+        }
+        // Whatever the signal: who wants an item to rest stops its bundle.
+        BUNDLE_INFO("relaunch %s...", name);
+        Launch(info);
+        BUNDLE_INFO("%s relaunch done.", name);
+    });
 }
 
 void BundleProcessActivator::ExitStatusProc(int pid, int status)
@@ -478,7 +503,7 @@ void BundleProcessActivator::ExitStatusProc(int pid, int status)
     // has exited just before asks for its relaunch and gets it.
     if (CallsForRelaunch(status)) {
         BUNDLE_INFO("%s[%d] exit status [%d] need relaunch and now %s is relaunching ...", name, pid, status, name);
-        Launch(info);
+        WhenThereIsMemory(pid, [&] { Launch(info); });
         BUNDLE_INFO("%s relaunch done.", name);
     } else {
         BUNDLE_INFO("%s[%d] does not need relaunch with exit status [%d].", name, pid, status);

@@ -2,11 +2,12 @@
 #define BUNDLE_PROCESS_ACTIVATOR_H
 
 #include "bundle_activator.h"
+#include "thread_annotations.h"
 
 #include <sys/types.h>
 
 #include <atomic>
-#include <deque>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -44,11 +45,11 @@ public:
     /// forgets them: both are the monitor's.
     /// @throws Poco::InvalidArgumentException a child cannot be killed, as one that has been reaped and is being
     /// relaunched this second; the children after it are left as they are
-    void Stop() override;
+    void Stop() override EXCLUDES(m_ignorePidSetMutex, m_pidMapMutex);
 
     /// Creates one child, records it, lets it become the item, and pauses for a second. Any thread.
     /// @throws Poco::InvalidArgumentException no pipe, no process or no monitor thread; nothing is left of the child
-    static void Launch(ProcessInfo& info);
+    static void Launch(ProcessInfo& info) EXCLUDES(m_birthMutex, m_pidMapMutex);
 
 protected:
     /// The monitor's thread. Ends when the last child is gone, or for good, with the flag left set, when a wait fails.
@@ -61,25 +62,28 @@ protected:
     /// Judges one death by its wait status. The monitor's thread only.
     static void JudgeEnd(int pid, int status);
 
-    static std::map<int, ProcessInfo>& m_pidMap; ///< every child not yet reaped and judged, by pid
-    static std::mutex m_pidMapMutex;             ///< m_pidMap, and the setting of m_isMonitorRunning
-    static std::set<int>& m_ignorePidSet;        ///< killed by Stop: their death is no reason for a relaunch
-    static std::mutex m_ignorePidSetMutex;
+    /// Every child not yet reaped and judged, by pid.
+    static std::map<int, ProcessInfo>& m_pidMap GUARDED_BY(m_pidMapMutex);
+    static std::mutex m_pidMapMutex;
+    /// Killed by Stop: their death is no reason for a relaunch.
+    static std::set<int>& m_ignorePidSet GUARDED_BY(m_ignorePidSetMutex);
+    static std::mutex m_ignorePidSetMutex ACQUIRED_BEFORE(m_birthMutex, m_pidMapMutex);
+    /// Set under m_pidMapMutex, read on any thread.
     static std::atomic<bool> m_isMonitorRunning;
     /// Held from a child's fork until it is in m_pidMap: the monitor asks under it whose a dead pid was.
-    static std::mutex m_birthMutex;
+    static std::mutex m_birthMutex ACQUIRED_BEFORE(m_pidMapMutex);
 
 private:
     struct WaitTarget;
     class Child;
 
     template <class Fork> static int BearChild(const ProcessInfo& info, const Fork& fork);
-    static void JoinServerGroup(int pid);
-    static void EnsureMonitorRuns(const ProcessInfo& info);
+    static void JoinServerGroup(int pid) REQUIRES(m_pidMapMutex);
+    static void EnsureMonitorRuns(const ProcessInfo& info) REQUIRES(m_pidMapMutex);
 
     static WaitTarget ChooseWaitTarget();
-    static int WaitForDeath(pid_t group, std::deque<int>& round, int& status);
-    static std::deque<int> FindDead(pid_t group, int peeked);
+    static int WaitForDeath(pid_t group, std::list<int>& round, int& status);
+    static std::list<int> FindDead(pid_t group, int peeked);
     static bool IsBundleProcess(int pid);
     static ProcessInfo CopyInfo(int pid);
     static void JudgeSignal(int pid, int signal);

@@ -49,8 +49,7 @@ namespace {
 // Goes before the error record of a step that failed, which names the object but not the cause.
 void LogReason(const std::exception& e)
 {
-    const auto* const pocoException = dynamic_cast<const Poco::Exception*>(&e);
-    BUNDLE_INFO("exception info: [%s].", pocoException != nullptr ? pocoException->displayText().c_str() : e.what());
+    BUNDLE_INFO("exception info: [%s].", ReasonOf(e).c_str());
 }
 
 } // namespace
@@ -177,7 +176,7 @@ void BundleServer::WatchCollection(const std::string& collectionDir)
 void BundleServer::AcceptInstallations()
 {
     const std::string script = "/" + Bundle::BUNDLE_SCRIPT_FILE_PATH + "install.sh";
-    for (const std::string& path : m_changes->Directories()) {
+    for (const std::string& path : m_changes->DirectoriesWithScripts()) {
         if (access((path + script).c_str(), F_OK) == 0) {
             m_changes->AcceptChanges(path);
         }
@@ -312,7 +311,7 @@ std::uint16_t BundleServer::DeleteBundle(const char* content, std::size_t length
         }
         const std::string& path = bundle->GetStorage()->GetRootPath();
         // Should another directory be there by the time the watcher looks, it is one to be loaded.
-        server.m_changes->OfferAgain(path);
+        server.OfferAgain(path);
         return RemoveBundleDirectory(path) ? STATUS_OK : STATUS_BAD_REQUEST;
     } catch (const std::exception& e) {
         BUNDLE_ERROR("request fail.exception info: [%s].", e.what());
@@ -355,7 +354,8 @@ bool BundleServer::RemoveBundleDirectory(const std::string& path)
     }
 }
 
-// The handlers run on the watcher's thread, and nothing leaves them.
+// The handlers run on the watcher's thread. Nothing leaves them but what they lack memory for, which the watcher
+// records.
 
 void BundleServer::OnItemAdded(const DirectoryEvent& event)
 {
@@ -379,7 +379,28 @@ void BundleServer::OnItemAdded(const DirectoryEvent& event)
     }
     const std::shared_ptr<Bundle> bundle = LoadAdded(*manager, path);
     if (!bundle || !StartAdded(*manager, bundle)) {
+        OfferAgain(path);
+    }
+}
+
+// What the watcher is not told, for want of memory, costs a needless update or a touch of the directory: no reason to
+// break off what has been done with the bundle.
+
+void BundleServer::AcceptChanges(const std::string& path) const
+{
+    try {
+        m_changes->AcceptChanges(path);
+    } catch (const std::exception& e) {
+        BUNDLE_ERROR("accept changes of [%s] fail. exception info: [%s].", path.c_str(), ReasonOf(e).c_str());
+    }
+}
+
+void BundleServer::OfferAgain(const std::string& path) const
+{
+    try {
         m_changes->OfferAgain(path);
+    } catch (const std::exception& e) {
+        BUNDLE_ERROR("offer [%s] again fail. exception info: [%s].", path.c_str(), ReasonOf(e).c_str());
     }
 }
 
@@ -389,7 +410,7 @@ std::shared_ptr<Bundle> BundleServer::LoadAdded(BundleManager& manager, const st
         BUNDLE_INFO("add a new bundle dir.");
         BUNDLE_INFO("load bundle from [%s]...", path.c_str());
         std::shared_ptr<Bundle> bundle = manager.LoadBundle(path);
-        m_changes->AcceptChanges(path); // those of "install.sh" among them
+        AcceptChanges(path); // those of "install.sh" among them
         if (!bundle) {
             BUNDLE_ERROR("load bundle from [%s] fail.", path.c_str());
         }
@@ -418,7 +439,8 @@ bool BundleServer::StartAdded(BundleManager& manager, const std::shared_ptr<Bund
         try {
             manager.UnloadBundle(bundle);
         } catch (const std::exception& e) {
-            BUNDLE_ERROR("failed bundle[%s] is not unloaded :%s", NameOf(*bundle).c_str(), e.what());
+            BUNDLE_ERROR("failed bundle[%s] is not unloaded :%s", bundle->GetManifest()->GetBundleName().c_str(),
+                         ReasonOf(e).c_str());
         }
         return false;
     }
@@ -464,7 +486,7 @@ void BundleServer::UpdateAndRestart(BundleManager& manager, const std::shared_pt
 {
     try {
         bundle->Update();
-        m_changes->AcceptChanges(bundle->GetStorage()->GetRootPath()); // those of "update.sh" among them
+        AcceptChanges(bundle->GetStorage()->GetRootPath()); // those of "update.sh" among them
         const std::string name = NameOf(*bundle);
         BUNDLE_INFO("stop bundle[%s]...", name.c_str());
         manager.StopBundle(bundle);
@@ -475,7 +497,7 @@ void BundleServer::UpdateAndRestart(BundleManager& manager, const std::shared_pt
         BUNDLE_INFO("start bundle done.");
     } catch (const std::exception& e) {
         LogReason(e);
-        BUNDLE_ERROR("update bundle[%s] failed.", NameOf(*bundle).c_str());
+        BUNDLE_ERROR("update bundle[%s] failed.", bundle->GetManifest()->GetBundleName().c_str());
     }
 }
 

@@ -80,6 +80,8 @@ private:
     void WatchCollection(const std::string& collectionDir);
     void AcceptInstallations();
     void OfferUnloadedAgain();
+    void AcceptChanges(const std::string& path) const;
+    void OfferAgain(const std::string& path) const;
     std::shared_ptr<BundleManager> ManagerAtGate() const { return m_gateOpen.get(); }
 
     static std::uint16_t DeleteBundle(const char* content, std::size_t length);
@@ -92,6 +94,7 @@ private:
 
     using Gate = std::promise<std::shared_ptr<BundleManager>>;
 
+    // The main thread's, but for m_changes and m_gateOpen: these are set before there is a handler, and stay.
     bool m_helpRequested = false;
     std::shared_ptr<BundleManager> m_bundleManager; // the main thread's; the watcher's gets it through the gate
     std::shared_ptr<Poco::DirectoryWatcher> m_dirWatcher;

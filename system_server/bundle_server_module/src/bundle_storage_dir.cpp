@@ -57,7 +57,12 @@ std::istream* BundleStorageDir::GetResourceFile(const std::string& relativePath)
     if (!S_ISREG(status.st_mode)) {
         throw Poco::OpenFileException("not a regular file", path);
     }
-    return std::make_unique<Poco::FileInputStream>(path, std::ios::in).release();
+    auto stream = std::make_unique<Poco::FileInputStream>(path, std::ios::in);
+    // What the kernel makes up while it is read looks empty, and some of it waits for news or never ends.
+    if (status.st_size == 0) {
+        stream->setstate(std::ios::eofbit);
+    }
+    return stream.release();
 }
 
 } // namespace SystemServer

@@ -41,16 +41,19 @@ const char* SecondLoaderError()
 class BundleThreadActivator::LiveThread {
 public:
     explicit LiveThread(BundleThreadActivator& activator) : m_activator(activator) {}
-    ~LiveThread()
+    ~LiveThread() { End(); }
+    LiveThread(const LiveThread&) = delete;
+    LiveThread& operator=(const LiveThread&) = delete;
+
+private:
+    // Apart from the destructor, because the check of the annotations passes over what is written in one.
+    void End() const EXCLUDES(m_activator.m_liveThreadsMutex)
     {
         const std::lock_guard<std::mutex> lock(m_activator.m_liveThreadsMutex);
         auto& live = m_activator.m_liveThreads;
         live.erase(std::remove(live.begin(), live.end(), pthread_self()), live.end());
     }
-    LiveThread(const LiveThread&) = delete;
-    LiveThread& operator=(const LiveThread&) = delete;
 
-private:
     BundleThreadActivator& m_activator;
 };
 
@@ -81,13 +84,23 @@ void BundleThreadActivator::StartThread(const std::shared_ptr<BundleManifest>& m
         // The manifest is held for the item, which is used where it lies, across an update of the bundle too.
         std::thread thread([self = shared_from_this(), manifest, &item] {
             const LiveThread live(*self);
-            self->ActivateDynLib(item);
+            self->RunItem(item);
         });
         m_threadIds.push_back(thread.native_handle());
         m_liveThreads.push_back(thread.native_handle());
         thread.detach();
     } catch (const std::system_error& e) {
         throw Poco::InvalidArgumentException("item[" + item.itemName + "] thread fail: " + e.what());
+    }
+}
+
+// Whatever goes wrong on an item's thread is that item's affair: an exception that left it would end the server.
+void BundleThreadActivator::RunItem(const BundleManifest::LoadItem& item)
+{
+    try {
+        ActivateDynLib(item);
+    } catch (const std::exception& e) {
+        BUNDLE_ERROR("activate item[%s] fail. exception info: [%s].", item.itemName.c_str(), e.what());
     }
 }
 

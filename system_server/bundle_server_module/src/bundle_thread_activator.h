@@ -2,6 +2,7 @@
 #define BUNDLE_THREAD_ACTIVATOR_H
 
 #include "bundle_activator.h"
+#include "thread_annotations.h"
 
 #include <memory>
 #include <mutex>
@@ -23,22 +24,24 @@ public:
     void Start() override;
 
     /// Asks every thread that still runs to end at its next cancellation point, and waits for none.
-    void Stop() override;
+    void Stop() override EXCLUDES(m_liveThreadsMutex);
 
 protected:
-    std::vector<unsigned long> m_threadIds; ///< native handles in start order; the manager's thread only
+    std::vector<unsigned long> m_threadIds; ///< native handles in start order; under the manager's lock
 
 private:
     class LiveThread;
 
-    void StartThread(const std::shared_ptr<BundleManifest>& manifest, const BundleManifest::LoadItem& item);
+    void StartThread(const std::shared_ptr<BundleManifest>& manifest, const BundleManifest::LoadItem& item)
+        EXCLUDES(m_liveThreadsMutex);
+    void RunItem(const BundleManifest::LoadItem& item);
     void ActivateDynLib(const BundleManifest::LoadItem& item);
     void CallEntryFunction(void* entry, const std::string& bundleName, const BundleManifest::LoadItem& item);
 
     // The handle of a thread that has ended is no longer anybody's, or already another thread's: only these may be
     // used.
     std::mutex m_liveThreadsMutex;
-    std::vector<unsigned long> m_liveThreads;
+    std::vector<unsigned long> m_liveThreads GUARDED_BY(m_liveThreadsMutex);
 };
 
 } // namespace SystemServer

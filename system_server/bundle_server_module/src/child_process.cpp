@@ -1,11 +1,17 @@
 #include "child_process.h"
 
+#include "unique_fd.h"
+
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <new>
 
 namespace SystemServer {
 
@@ -15,6 +21,9 @@ namespace {
 constexpr rlim_t DESCRIPTOR_LIMIT = 16384;
 
 thread_local bool t_childLeadsGroup = false;
+
+/// Where a child that leads a group says its number; -1 where nobody asks.
+thread_local int t_birthNotice = -1;
 
 /// Taken before main, on the thread that becomes the main thread.
 struct StartState {
@@ -32,6 +41,8 @@ void PrepareChild()
     pthread_sigmask(SIG_SETMASK, &START_STATE.signalMask, nullptr);
     if (t_childLeadsGroup) {
         setpgid(0, 0);
+        const pid_t self = getpid();
+        [[maybe_unused]] const ssize_t written = write(t_birthNotice, &self, sizeof self);
     }
 }
 
@@ -49,16 +60,62 @@ StartState::StartState()
     pthread_atfork(nullptr, nullptr, PrepareChild);
 }
 
+/// While it lives, a child that this thread forks leads a group. The framework needs memory for a child's handle after
+/// it has forked the child: where there is none, nobody would be left who knows of it, so the child says its number
+/// itself, into a pipe that is closed when it executes.
+class Birth {
+public:
+    Birth()
+    {
+        std::array<int, 2> ends{-1, -1};
+        if (pipe2(ends.data(), O_CLOEXEC) == 0) {
+            m_readEnd = UniqueFd(ends[0]);
+            m_writeEnd = UniqueFd(ends[1]);
+        }
+        t_birthNotice = m_writeEnd.Get();
+        t_childLeadsGroup = true;
+    }
+    ~Birth() { t_childLeadsGroup = false; }
+    Birth(const Birth&) = delete;
+    Birth& operator=(const Birth&) = delete;
+
+    /// Ends the child, if there is one.
+    void Undo()
+    {
+        m_writeEnd.Close();
+        pid_t child = 0;
+        ssize_t size = 0;
+        do {
+            size = read(m_readEnd.Get(), &child, sizeof child);
+        } while (size == -1 && errno == EINTR);
+        if (size == static_cast<ssize_t>(sizeof child)) {
+            kill(child, SIGKILL);
+            while (waitpid(child, nullptr, 0) == -1 && errno == EINTR) {
+            }
+        }
+    }
+
+private:
+    UniqueFd m_readEnd;
+    UniqueFd m_writeEnd;
+};
+
+Poco::ProcessHandle Launch(const std::string& command, const std::vector<std::string>& arguments)
+{
+    Birth birth;
+    try {
+        return Poco::Process::launch(command, arguments);
+    } catch (const std::bad_alloc&) {
+        birth.Undo();
+        throw;
+    }
+}
+
 } // namespace
 
 GroupLeader LaunchInOwnGroup(const std::string& command, const std::vector<std::string>& arguments)
 {
-    struct LeadsGroup {
-        LeadsGroup() { t_childLeadsGroup = true; }
-        ~LeadsGroup() { t_childLeadsGroup = false; }
-    };
-    const LeadsGroup leadsGroup;
-    GroupLeader child{Poco::Process::launch(command, arguments), 0};
+    GroupLeader child{Launch(command, arguments), 0};
     // The child has done the same for itself. Asked for here too, the group stands before the caller goes on; the child
     // refuses it once it has become the command (EACCES), when it has long been where it belongs.
     const pid_t pid = child.process.id();

@@ -22,6 +22,7 @@ struct GroupLeader {
 /// Launches a command through the framework's launcher. The child moves into its group before it becomes the command,
 /// so the process monitor, which waits for the server's group, never takes it from the caller that waits for it.
 /// @throws Poco::SystemException the child cannot be forked
+/// @throws std::bad_alloc nothing is left of the child
 GroupLeader LaunchInOwnGroup(const std::string& command, const std::vector<std::string>& arguments);
 
 /// While it lives, the calling thread blocks the signals that end the server. A thread created meanwhile keeps them

@@ -1,7 +1,6 @@
+#include "bundle_log.h"
 #include "bundle_server.h"
 #include "child_process.h"
-
-#include <Poco/Exception.h>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -33,10 +32,8 @@ int main(int argc, char** argv)
         const int status = server.run(argc, argv);
         server.RethrowStartupFailure();
         return status;
-    } catch (const Poco::Exception& e) {
-        std::cerr << e.displayText() << std::endl;
     } catch (const std::exception& e) {
-        std::cerr << e.what() << std::endl;
+        std::cerr << SystemServer::ReasonOf(e) << std::endl;
     } catch (...) {
         std::cerr << "unknown exception" << std::endl;
     }

@@ -4,10 +4,20 @@
 //   DELAY_SIGMASK=SECONDS   a thread that is not the main one sets its signal mask that much later
 //   LINGER_AT_EXIT=SECONDS  the daemon ends that much later than its main function and its static objects
 //   HOLD_AFTER=SECONDS:TEXT a line each: a thread that has written a record with that text is held up for so long
+//   FAIL=CALL:ERRNO:COUNT:AFTER  the daemon's own calls of that name, its libraries' included, fail: so many, after so
+//                           many that go through; only from the moment that a record with the text of FAIL_FROM is
+//                           written, where that is set
+#include <dirent.h>
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -42,6 +52,58 @@ long HoldAfter(std::string_view holds, std::string_view text)
     return 0;
 }
 
+/// What FAIL says.
+struct Plan {
+    std::string_view call;
+    int error = 0;
+    std::atomic<int> count{0};
+    std::atomic<int> after{0};
+    std::atomic<bool> isArmed{false};
+    pid_t daemon = 0; // its children before their exec are left alone
+
+    Plan()
+    {
+        const char* const text = std::getenv("FAIL");
+        if (text == nullptr || std::strcmp(program_invocation_short_name, "bundle_server") != 0) {
+            return;
+        }
+        call = std::string_view(text, std::strcspn(text, ":"));
+        char* next = const_cast<char*>(text) + call.size();
+        error = static_cast<int>(std::strtol(next + 1, &next, 10));
+        count = static_cast<int>(std::strtol(next + 1, &next, 10));
+        after = static_cast<int>(std::strtol(next + 1, &next, 10));
+        daemon = ::getpid();
+        isArmed = std::getenv("FAIL_FROM") == nullptr;
+    }
+};
+
+Plan& ThePlan()
+{
+    static Plan& plan = *new Plan;
+    return plan;
+}
+
+bool Fails(const char* call)
+{
+    Plan& plan = ThePlan();
+    if (!plan.isArmed || plan.call != call || plan.daemon != ::getpid()) {
+        return false;
+    }
+    if (plan.after.fetch_sub(1) > 0 || plan.count.fetch_sub(1) <= 0) {
+        return false;
+    }
+    errno = plan.error;
+    return true;
+}
+
+void ArmAt(std::string_view record)
+{
+    const char* const text = std::getenv("FAIL_FROM");
+    if (text != nullptr && record.find(text) != std::string_view::npos) {
+        ThePlan().isArmed = ThePlan().daemon == ::getpid();
+    }
+}
+
 __attribute__((destructor)) void Linger()
 {
     const char* const seconds = std::getenv("LINGER_AT_EXIT");
@@ -70,6 +132,7 @@ ssize_t write(int fd, const void* buf, size_t n)
     static const auto next = Next<ssize_t (*)(int, const void*, size_t)>("write");
     const ssize_t written = next(fd, buf, n);
     const int error = errno;
+    ArmAt({static_cast<const char*>(buf), n});
     const char* const holds = std::getenv("HOLD_AFTER");
     if (holds != nullptr) {
         Pause(HoldAfter(holds, {static_cast<const char*>(buf), n}));
@@ -96,5 +159,30 @@ int setpgid(pid_t pid, pid_t pgid) noexcept
         Pause(std::strtol(seconds, nullptr, 10));
     }
     return next(pid, pgid);
+}
+
+// NOLINTBEGIN(bugprone-macro-parentheses): types and lists of arguments
+#define FAILING_CALL(call, Result, failure, parameters, arguments)                                                     \
+    Result call parameters                                                                                             \
+    {                                                                                                                  \
+        static const auto next = Next<Result(*) parameters>(#call);                                                    \
+        return Fails(#call) ? failure : next arguments;                                                                \
+    }
+// NOLINTEND(bugprone-macro-parentheses)
+
+FAILING_CALL(inotify_init, int, -1, () noexcept, ())
+FAILING_CALL(opendir, DIR*, nullptr, (const char* name), (name))
+FAILING_CALL(stat64, int, -1, (const char* file, struct stat64* buf) noexcept, (file, buf))
+FAILING_CALL(lstat64, int, -1, (const char* file, struct stat64* buf) noexcept, (file, buf))
+FAILING_CALL(waitpid, pid_t, -1, (pid_t pid, int* stat_loc, int options), (pid, stat_loc, options))
+FAILING_CALL(read, ssize_t, -1, (int fd, void* buf, size_t nbytes), (fd, buf, nbytes))
+FAILING_CALL(execvp, int, -1, (const char* file, char* const* argv) noexcept, (file, argv))
+
+// NOLINTNEXTLINE(readability-identifier-naming): the header's own name
+int pthread_create(pthread_t* newthread, const pthread_attr_t* attr, void* (*start_routine)(void*), void* arg) noexcept
+{
+    static const auto next =
+        Next<int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)>("pthread_create");
+    return Fails("pthread_create") ? errno : next(newthread, attr, start_routine, arg);
 }
 }

@@ -1,0 +1,152 @@
+#include "log_destination.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <new>
+
+namespace HostPlatform {
+
+namespace {
+
+constexpr int PATIENCE_MS = 1000;
+constexpr mode_t FILE_MODE = 0640;
+
+/// Writes to a pipe. In a child that is about to execute, SIGPIPE has its default effect: a log whose reader has gone
+/// would end every child before it is born.
+ssize_t WriteToPipe(int fd, const char* record, std::size_t length)
+{
+    sigset_t pipeSignal;
+    sigset_t before;
+    sigemptyset(&pipeSignal);
+    sigaddset(&pipeSignal, SIGPIPE);
+    ::pthread_sigmask(SIG_BLOCK, &pipeSignal, &before);
+    const ssize_t written = ::write(fd, record, length);
+    const int error = errno;
+    if (written < 0 && error == EPIPE && sigismember(&before, SIGPIPE) == 0) {
+        const timespec noTime{0, 0};
+        ::sigtimedwait(&pipeSignal, nullptr, &noTime);
+    }
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    errno = error;
+    return written;
+}
+
+ssize_t WriteOnce(LogDestination destination, const char* record, std::size_t length)
+{
+    switch (destination.WhatItIs()) {
+    case LogDestination::PIPE:
+        return WriteToPipe(destination.Fd(), record, length);
+    case LogDestination::SOCKET:
+        return ::send(destination.Fd(), record, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+    case LogDestination::PLAIN:
+        break;
+    }
+    return ::write(destination.Fd(), record, length);
+}
+
+bool HasRoomAgain(int fd, LogTrouble& trouble)
+{
+    if (trouble.readerHasStopped) {
+        return false;
+    }
+    pollfd watched{fd, POLLOUT, 0};
+    if (::poll(&watched, 1, PATIENCE_MS) == 0) {
+        trouble.readerHasStopped = true;
+        return false;
+    }
+    return true;
+}
+
+ssize_t WriteWithPatience(LogDestination destination, LogTrouble& trouble, const char* record, std::size_t length)
+{
+    for (;;) {
+        const ssize_t written = WriteOnce(destination, record, length);
+        if (written >= 0 || (errno != EINTR && (errno != EAGAIN || !HasRoomAgain(destination.Fd(), trouble)))) {
+            return written;
+        }
+    }
+}
+
+/// Ends the line that a full disk has cut off, and writes the record, in one piece.
+bool WriteAfterOpenLine(int fd, LogTrouble& trouble, const char* record, std::size_t length)
+{
+    char lineEnd = '\n';
+    const std::array<iovec, 2> pieces{{{&lineEnd, 1}, {const_cast<char*>(record), length}}};
+    ssize_t written = 0;
+    do {
+        written = ::writev(fd, pieces.data(), pieces.size());
+    } while (written < 0 && errno == EINTR);
+    if (written == 1 || written == static_cast<ssize_t>(length) + 1) {
+        trouble.lastLineIsOpen = false;
+    }
+    return written == static_cast<ssize_t>(length) + 1;
+}
+
+} // namespace
+
+LogDestination LogDestination::Open(const char* path)
+{
+    struct stat status {};
+    const bool isFifo = ::stat(path, &status) == 0 && S_ISFIFO(status.st_mode);
+    const int fd = isFifo ? ::open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC)
+                          : ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, FILE_MODE);
+    return fd < 0 ? LogDestination() : LogDestination(fd, isFifo ? PIPE : PLAIN);
+}
+
+LogDestination LogDestination::StandardError()
+{
+    struct stat status {};
+    if (::fstat(STDERR_FILENO, &status) == 0 && S_ISSOCK(status.st_mode)) {
+        return {STDERR_FILENO, SOCKET};
+    }
+    if (!S_ISFIFO(status.st_mode)) {
+        return {STDERR_FILENO, PLAIN};
+    }
+    const int fd = ::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    return {fd < 0 ? STDERR_FILENO : fd, PIPE};
+}
+
+void LogDestination::Close() const
+{
+    if (Fd() != STDERR_FILENO) {
+        ::close(Fd());
+    }
+}
+
+LogTrouble* NewSharedTrouble()
+{
+    void* const memory = ::mmap(nullptr, sizeof(LogTrouble), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    return memory == MAP_FAILED ? nullptr : new (memory) LogTrouble;
+}
+
+bool WriteToLog(LogDestination destination, LogTrouble& trouble, const char* record, std::size_t length)
+{
+    if (trouble.lastLineIsOpen) {
+        return WriteAfterOpenLine(destination.Fd(), trouble, record, length);
+    }
+    const ssize_t written = WriteWithPatience(destination, trouble, record, length);
+    if (written < 0) {
+        return false;
+    }
+    if (trouble.readerHasStopped) {
+        trouble.readerHasStopped = false;
+    }
+    // The rest is not sent after it, for another process's record may stand between.
+    if (written < static_cast<ssize_t>(length)) {
+        trouble.lastLineIsOpen = written > 0;
+        return false;
+    }
+    return true;
+}
+
+} // namespace HostPlatform

@@ -1,0 +1,168 @@
+#include "support/scale.h"
+#include "system/system_test.h"
+
+#include <cerrno>
+#include <csignal>
+#include <string>
+
+namespace {
+
+class AFailingCallOfTheDaemon : public SystemTest {
+public:
+    /// @param from the text of the record from which on it fails; empty for its start
+    void Fail(const std::string& call, int error, const std::string& from = "", int after = 0, int count = 1)
+    {
+        Interpose("FAIL",
+                  call + ":" + std::to_string(error) + ":" + std::to_string(count) + ":" + std::to_string(after));
+        if (!from.empty()) {
+            daemon.SetEnvironment("FAIL_FROM", from);
+        }
+    }
+
+    /// What the framework has made of its watcher is not freed when the rest can not be made.
+    void ExpectLeaksOfTheFramework()
+    {
+        daemon.SetEnvironment("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0");
+    }
+
+    /// Starts the daemon, which ends with status 70 and says why, and leaves no process behind.
+    void EndsTheStart(const std::string& reason)
+    {
+        daemon.Start();
+        const auto end = daemon.WaitForEnd();
+        ASSERT_TRUE(end);
+        EXPECT_EQ(end->status, 70) << "signal " << end->signal;
+        EXPECT_NE(daemon.Errors().find(reason), std::string::npos) << daemon.Errors();
+        EXPECT_TRUE(daemon.Descendants().empty());
+    }
+
+    /// Starts the daemon, which serves and has started the bundle.
+    void DoesNotMatter()
+    {
+        ASSERT_TRUE(daemon.StartServing());
+        EXPECT_TRUE(daemon.WaitForLog("bundle[radio] state changing[Starting] -> [Active]"));
+        EXPECT_EQ(daemon.Stop().status, 0);
+    }
+
+    AFailingCallOfTheDaemon() { collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write(); }
+};
+
+class ADaemonWithoutMemory : public SystemTest {};
+
+} // namespace
+
+TEST_F(AFailingCallOfTheDaemon, EndsTheStartWhereNoWatcherCanBeMade)
+{
+    Fail("inotify_init", EMFILE);
+    EndsTheStart("I/O error: cannot initialize inotify");
+}
+
+TEST_F(AFailingCallOfTheDaemon, EndsTheStartWhereTheFrameworksWatcherHasNoThread)
+{
+    Fail("pthread_create", EAGAIN);
+    ExpectLeaksOfTheFramework();
+    EndsTheStart("cannot start thread");
+}
+
+TEST_F(AFailingCallOfTheDaemon, EndsTheStartWhereTheThreadThatIsLeftToTheFrameworkCanNotBeMade)
+{
+    Fail("pthread_create", EAGAIN, "", 1);
+    ExpectLeaksOfTheFramework();
+    EndsTheStart("cannot start thread");
+}
+
+TEST_F(AFailingCallOfTheDaemon, EndsTheStartWhereTheWatcherHasNoThread)
+{
+    Fail("pthread_create", EAGAIN, "", 2);
+    EndsTheStart("Resource temporarily unavailable");
+}
+
+TEST_F(AFailingCallOfTheDaemon, LeavesABundleUnloadedWhereTheMonitorHasNoThread)
+{
+    Fail("pthread_create", EAGAIN, "StartAllBundles...");
+    ASSERT_TRUE(daemon.StartServing());
+    EXPECT_TRUE(daemon.WaitForLog("failed to start bundle[radio] :Invalid argument: process[radio.radiod] monitor "
+                                  "thread fail: "));
+    EXPECT_TRUE(daemon.Descendants().empty());
+    EXPECT_EQ(RequestDelete("radio"), 404);
+    EXPECT_EQ(daemon.Stop().status, 0);
+}
+
+TEST_F(AFailingCallOfTheDaemon, EndsTheStartWhereTheCollectionCanNotBeRead)
+{
+    Fail("opendir", EMFILE, "LoadAllBundles...");
+    EndsTheStart("File access error: too many open files: " + collection.Path());
+}
+
+TEST_F(AFailingCallOfTheDaemon, CostsOneBundleWhereItsManifestCanNotBeRead)
+{
+    collection.Bundle("tuner").Write();
+    Fail("read", EIO, "load bundle from " + (collection / "tuner"));
+    DoesNotMatter();
+    EXPECT_EQ(daemon.CountInLog("failed to load bundles from " + (collection / "tuner") + ":"), 1);
+    EXPECT_EQ(daemon.CountInLog("load bundle[tuner] success."), 0);
+}
+
+TEST_F(AFailingCallOfTheDaemon, CostsOneBundleWhereItsDirectoryCanNotBeLookedAt)
+{
+    collection.Bundle("tuner").Write();
+    Fail("stat64", EIO, "load bundle from " + (collection / "tuner"));
+    DoesNotMatter();
+    EXPECT_EQ(daemon.CountInLog("failed to load bundles from " + (collection / "tuner") + ":"), 1);
+    EXPECT_EQ(daemon.CountInLog("load bundle[tuner] success."), 0);
+}
+
+TEST_F(AFailingCallOfTheDaemon, IsToldWhereAScriptCanNotBeWaitedFor)
+{
+    collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Install(Shell("exit 0")).Write();
+    Fail("waitpid", ECHILD, "run script[");
+    DoesNotMatter();
+    EXPECT_EQ(daemon.CountInLog("exception info: [System exception: Cannot wait for process"), 1);
+}
+
+TEST_F(AFailingCallOfTheDaemon, IsTriedAgainWhereASignalInterruptsTheWaitForAScript)
+{
+    collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Install(Shell(": > " + Note("installed"))).Write();
+    Fail("waitpid", EINTR, "run script[", 0, 3);
+    DoesNotMatter();
+    EXPECT_TRUE(Exists(Note("installed")));
+    EXPECT_EQ(daemon.CountInLog("exception info:"), 0);
+}
+
+// Whichever allocation of its start fails, the daemon ends as it does when its start fails, or it serves, or it stays
+// up without the service and says so.
+TEST_F(ADaemonWithoutMemory, EndsItsStartOrServes)
+{
+    if (!std::string(SANITIZER).empty()) {
+        GTEST_SKIP() << "a sanitizer has the allocations for itself";
+    }
+    collection.Bundle("radio").Requires("tuner").Install(Shell("exit 0")).Write();
+    collection.Bundle("tuner").Write();
+    daemon.SetEnvironment("LD_PRELOAD", TEST_MALLOC_FAULT);
+    for (const long failures : {1L, 1'000'000L}) {
+        daemon.SetEnvironment("MALLOC_FAILURES", std::to_string(failures));
+        int up = 0;
+        int ended = 0;
+        for (int after = 0; up < 3; after += Scaled(17, 1)) {
+            SCOPED_TRACE(std::to_string(failures) + " failures after " + std::to_string(after));
+            daemon.SetEnvironment("MALLOC_AFTER", std::to_string(after));
+            const auto timesUp = [this] {
+                return daemon.CountInLog("bundle server start running...") +
+                       daemon.CountInLog("bolt_event_mgr_new fail.") + daemon.CountInLog("bolt_server_register fail.");
+            };
+            const int before = timesUp();
+            daemon.Start();
+            ASSERT_TRUE(Eventually(DaemonRunner::PATIENCE, [&] { return !daemon.IsRunning() || timesUp() > before; }));
+            if (daemon.IsRunning()) {
+                ++up;
+                const ProcessEnd stopped = daemon.Stop(); // its end may want memory too, and then fails in the same way
+                ASSERT_TRUE(stopped.status == 0 || stopped.status == 70) << "signal " << stopped.signal;
+                continue;
+            }
+            ++ended;
+            const auto end = daemon.WaitForEnd();
+            ASSERT_EQ(end->status, 70) << "signal " << end->signal << ": " << daemon.Errors();
+        }
+        EXPECT_GT(ended, 10);
+    }
+}
