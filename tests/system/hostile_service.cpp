@@ -1,0 +1,154 @@
+#include "system/hostile_service.h"
+
+#include "support/scale.h"
+
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <thread>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::uint8_t METHOD_DELETE = 4;
+constexpr std::uint8_t RESPONSE_FLAG = 0x80;
+
+bool IsTime(const std::string& text)
+{
+    const std::string form = "0000-00-00T00:00:00.000000Z ";
+    return text.size() > form.size() && std::equal(form.begin(), form.end(), text.begin(), [](char wanted, char c) {
+               return wanted == '0' ? std::isdigit(static_cast<unsigned char>(c)) != 0 : wanted == c;
+           });
+}
+
+} // namespace
+
+std::string DeletePacket(const std::string& name)
+{
+    return PacketOf(METHOD_DELETE, 0, NameField(name));
+}
+
+std::string StatusPacket(std::uint16_t status)
+{
+    lumo_header header{};
+    header.method = RESPONSE_FLAG;
+    header.status = status;
+    return PacketOf(header, "");
+}
+
+bool IsSoundRecord(const std::string& line)
+{
+    constexpr std::size_t longest = 4096 - 1; // and the line end
+    return line.size() <= longest && IsTime(line) && std::none_of(line.begin(), line.end(), [](char c) {
+               return static_cast<unsigned char>(c) < 0x20U || c == 0x7F;
+           });
+}
+
+void AllowAllDescriptors()
+{
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+void Report(const std::string& what, const std::string& figure)
+{
+    std::cout << "[ MEASURED ] " << what << ": " << figure << std::endl;
+}
+
+void HostileService::StartServing()
+{
+    collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
+    ASSERT_TRUE(daemon.StartServing());
+    ASSERT_NE(Radio(), 0);
+}
+
+void HostileService::Withstands(int rounds, const std::function<void()>& attack, long kilobytes)
+{
+    attack();
+    ExpectGoodService();
+    ASSERT_TRUE(ComesToRest());
+    const auto descriptors = daemon.Descriptors();
+    const int threads = daemon.Threads();
+    const long memory = PrivateKilobytes();
+    for (int round = 0; round < rounds && !HasFailure(); ++round) {
+        attack();
+        ExpectGoodService();
+    }
+    ExpectDescriptors(descriptors);
+    EXPECT_EQ(daemon.Threads(), threads);
+    EXPECT_TRUE(ComesToRest());
+    const long memoryAfter = PrivateKilobytes();
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // which keep freed memory and books of their own
+    EXPECT_LE(memoryAfter, memory + kilobytes);
+#else
+    static_cast<void>(kilobytes);
+#endif
+    Report("memory after the first round and after " + std::to_string(rounds) + " more, kB",
+           std::to_string(memory) + ", " + std::to_string(memoryAfter));
+}
+
+void HostileService::ExpectGoodService()
+{
+    const UnixClient client(SERVICE_SOCKET);
+    EXPECT_EQ(client.Ask(DeletePacket(NO_BUNDLE), DaemonRunner::PATIENCE), StatusPacket(404));
+    EXPECT_TRUE(daemon.IsRunning());
+}
+
+bool HostileService::ComesToRest()
+{
+    static constexpr auto tick = 10ms; // the unit of the figure; a scan a second, and what else wakes, is allowed for
+    return Eventually(DaemonRunner::PATIENCE, [this] {
+        const auto before = ProcessOf::ProcessorTime(daemon.Pid());
+        std::this_thread::sleep_for(300ms); // what is measured, not waited for
+        return ProcessOf::ProcessorTime(daemon.Pid()) - before <= tick;
+    });
+}
+
+void HostileService::ExpectDescriptors(const std::map<int, std::string>& expected)
+{
+    std::map<int, std::string> descriptors;
+    Eventually(DaemonRunner::PATIENCE, [&] {
+        descriptors = daemon.Descriptors();
+        return descriptors == expected;
+    });
+    EXPECT_EQ(descriptors, expected);
+}
+
+long HostileService::PrivateKilobytes()
+{
+    return std::stol(ProcessOf::Status(daemon.Pid(), "RssAnon"));
+}
+
+void HostileService::ExpectRadioIsDeleted()
+{
+    // While an item is run again, which takes a second, it cannot be stopped.
+    EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [] { return RequestDelete("radio") == 200; }));
+    EXPECT_FALSE(Exists(collection / "radio"));
+}
+
+void HostileService::LimitDescriptors(rlim_t limit)
+{
+    rlimit limits{};
+    ASSERT_EQ(::prlimit(daemon.Pid(), RLIMIT_NOFILE, nullptr, &limits), 0);
+    limits.rlim_cur = limit;
+    ASSERT_EQ(::prlimit(daemon.Pid(), RLIMIT_NOFILE, &limits, nullptr), 0);
+}
+
+int HostileService::UnsoundLinesOfRotatedLog()
+{
+    std::ifstream log(daemon.LogFile(), std::ios::binary);
+    int unsound = 0;
+    for (std::string line; std::getline(log, line);) {
+        if (!IsSoundRecord(line)) {
+            std::cout << "unsound: " << line << std::endl;
+            ++unsound;
+        }
+    }
+    std::filesystem::resize_file(daemon.LogFile(), 0);
+    return unsound;
+}

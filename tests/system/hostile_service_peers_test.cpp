@@ -1,0 +1,448 @@
+// Peers that send what they should not, read nothing, say nothing or vanish.
+#include "support/scale.h"
+#include "system/hostile_service.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstring>
+#include <fstream>
+#include <list>
+#include <memory>
+#include <optional>
+#include <random>
+#include <thread>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::uint8_t METHOD_DELETE = 4;
+constexpr std::uint8_t METHOD_WITHOUT_A_HANDLER = 2;
+constexpr std::size_t HEADER_SIZE = sizeof(lumo_header);
+constexpr std::size_t LONGEST_PACKET = 65536;
+constexpr std::size_t NAME_SIZE = 128;
+
+/// The status with which a packet is to be answered; none where it is to cost its connection.
+std::optional<std::uint16_t> AnswerTo(const std::string& packet)
+{
+    const lumo_header header = HeaderOf(packet);
+    if (packet.size() < HEADER_SIZE || packet.size() > LONGEST_PACKET || header.length != packet.size() - HEADER_SIZE) {
+        return std::nullopt;
+    }
+    const bool isDelete = header.uri == 0 && (header.method & 0x7FU) == METHOD_DELETE;
+    return static_cast<std::uint16_t>(isDelete && header.length >= NAME_SIZE ? 404 : 400);
+}
+
+/// Packets that no client of good will sends, the same ones in each run.
+class BadPackets {
+public:
+    struct Packet {
+        std::string bytes;
+        bool hasDescriptors = false;
+    };
+
+    Packet Next()
+    {
+        switch (Below(11)) {
+        case 0:
+            return {Bytes(Below(HEADER_SIZE))}; // the empty packet among them
+        case 1:
+            return {WithLength(Request(Below(2000)), -1 - static_cast<int>(Below(3)))};
+        case 2:
+            return {WithLength(Request(Below(2000)), 1 + static_cast<int>(Below(3)))};
+        case 3:
+            return {WithLength(std::string(LONGEST_PACKET + 1 + Below(30000), 'x'), 0)};
+        case 4:
+            return {Below(2) == 0 ? Request(Below(300)) : Bytes(Below(300)), true};
+        case 5:
+            return {PacketOf(AnyHeader(), Bytes(Below(600)))};
+        case 6:
+            return {PacketOf(METHOD_DELETE | 0x80U, 0, Bytes(NAME_SIZE))};
+        case 7:
+            return {PacketOf(METHOD_DELETE, 0, std::string(NAME_SIZE + Below(9000), 'n'))}; // no NUL
+        case 8:
+            return {DeletePacket(UnpleasantName())};
+        case 9:
+            return {PacketOf(METHOD_DELETE, 0, Bytes(Below(NAME_SIZE)))};
+        default:
+            return {Bytes(Below(400))};
+        }
+    }
+
+private:
+    std::size_t Below(std::size_t end) { return std::uniform_int_distribution<std::size_t>(0, end - 1)(m_random); }
+
+    std::string Bytes(std::size_t size)
+    {
+        std::string bytes(size, '\0');
+        std::generate(bytes.begin(), bytes.end(), [this] { return static_cast<char>(Below(256)); });
+        return bytes;
+    }
+
+    std::string Request(std::size_t contentSize) { return PacketOf(METHOD_DELETE, 0, Bytes(contentSize)); }
+
+    lumo_header AnyHeader()
+    {
+        lumo_header header{};
+        const std::string bytes = Bytes(sizeof header);
+        std::memcpy(&header, bytes.data(), sizeof header);
+        return header;
+    }
+
+    static std::string WithLength(std::string packet, int difference)
+    {
+        const auto length = static_cast<std::uint16_t>(packet.size() - HEADER_SIZE + static_cast<unsigned>(difference));
+        std::memcpy(packet.data(), &length, sizeof length);
+        return packet;
+    }
+
+    std::string UnpleasantName()
+    {
+        static const std::array<const char*, 12> names{
+            "%s%s%s%s%n%n%n%n", "%1000000d",         "\x1b[2J\x1b]0;title\x07",
+            "line\nline\r\n",   "../../../../etc",   "\xff\xfe\x80\xc0",
+            "\xed\xa0\x80",     "\xf4\x90\x80\x80",  "\xc2\x9b\x32J",
+            "\x7f\x01\x02\t",   "$(reboot)`reboot`", "2026-11-21T00:00:00.000000Z INFO 4 0 1 1 - forged",
+        };
+        std::string name = names[Below(names.size())];
+        return Below(2) == 0 ? name : name + Bytes(Below(NAME_SIZE - name.size()));
+    }
+
+    std::mt19937 m_random{20261121}; // NOLINT(cert-msc32-c,cert-msc51-cpp): the same packets in each run
+};
+
+/// A connection that is made anew when the server has closed it.
+class StubbornPeer {
+public:
+    /// Sends the packet and sees whether the answer, or the end of the connection, is what it should be.
+    bool GetsWhatItDeserves(const BadPackets::Packet& packet)
+    {
+        if (!m_client) {
+            m_client = std::make_unique<UnixClient>(SERVICE_SOCKET);
+        }
+        const std::vector<int> descriptors(packet.bytes.size() % 20 + 1, m_null);
+        const bool sent = packet.hasDescriptors ? m_client->SendWithDescriptors(packet.bytes, descriptors)
+                                                : m_client->Send(packet.bytes);
+        const auto reply = m_client->Receive(DaemonRunner::PATIENCE);
+        const auto status = AnswerTo(packet.bytes);
+        if (status) {
+            return sent && reply == StatusPacket(*status);
+        }
+        const bool isClosed = m_client->IsClosedByPeer(DaemonRunner::PATIENCE);
+        m_client.reset();
+        return sent && !reply && isClosed;
+    }
+
+    StubbornPeer() = default;
+    StubbornPeer(const StubbornPeer&) = delete;
+    StubbornPeer& operator=(const StubbornPeer&) = delete;
+    ~StubbornPeer() { ::close(m_null); }
+
+private:
+    const int m_null = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    std::unique_ptr<UnixClient> m_client;
+};
+
+std::string Hex(const std::string& bytes)
+{
+    constexpr std::size_t shown = 64;
+    std::string text = std::to_string(bytes.size()) + " bytes:";
+    for (const char c : bytes.substr(0, shown)) {
+        text += ' ' + std::to_string(static_cast<unsigned char>(c));
+    }
+    return text;
+}
+
+class AHostilePeer : public HostileService {
+protected:
+    void SetUp() override { StartServing(); }
+
+    void TearDown() override
+    {
+        if (!HasFailure() && !IsSkipped()) {
+            ExpectRadioIsDeleted();
+        }
+        HostileService::TearDown();
+    }
+
+    /// A process that connects, asks without end, reads nothing, and is killed in the middle of it.
+    static void AskAndBeKilled()
+    {
+        std::array<int, 2> begun{};
+        ASSERT_EQ(::pipe2(begun.data(), O_CLOEXEC), 0);
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            const UnixClient client(SERVICE_SOCKET);
+            const std::string request = DeletePacket(NO_BUNDLE);
+            for (int i = 0; client.Send(request); ++i) {
+                if (i == 10 && ::write(begun[1], "x", 1) != 1) {
+                    break;
+                }
+            }
+            ::_exit(0);
+        }
+        ::close(begun[1]);
+        char byte = 0;
+        EXPECT_EQ(::read(begun[0], &byte, 1), 1);
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, nullptr, 0);
+        ::close(begun[0]);
+    }
+};
+
+/// A thread that asks as fast as it can, until it goes.
+class Flood {
+public:
+    Flood()
+        : m_thread([this] {
+              const UnixClient client(SERVICE_SOCKET);
+              const std::string request = DeletePacket("flood");
+              while (!m_isOver) {
+                  for (int i = 0; i < 8; ++i) {
+                      m_asked += client.Send(request) ? 1 : 0;
+                  }
+                  for (int i = 0; i < 8; ++i) {
+                      m_answered += client.Receive(DaemonRunner::PATIENCE) == StatusPacket(404) ? 1 : 0;
+                  }
+              }
+          })
+    {}
+    Flood(const Flood&) = delete;
+    Flood& operator=(const Flood&) = delete;
+    ~Flood() { End(); }
+
+    void End()
+    {
+        m_isOver = true;
+        if (m_thread.joinable()) {
+            m_thread.join();
+        }
+    }
+    long Asked() const { return m_asked; }
+    long Answered() const { return m_answered; }
+
+private:
+    std::atomic<bool> m_isOver{false};
+    std::atomic<long> m_asked{0};
+    std::atomic<long> m_answered{0};
+    std::thread m_thread;
+};
+
+} // namespace
+
+TEST_F(AHostilePeer, WhosePacketsAreMalformedGetsItsRefusalOrLosesItsConnectionAndLeavesNothingBehind)
+{
+    const int packets = Scaled(20'000, 1'000'000);
+    constexpr int rounds = 4;
+    BadPackets bad;
+    int refused = 0;
+    int closed = 0;
+    const auto attack = [&] {
+        StubbornPeer peer;
+        for (int i = 0; i < packets / rounds && !HasFailure(); ++i) {
+            const BadPackets::Packet packet = bad.Next();
+            ASSERT_TRUE(peer.GetsWhatItDeserves(packet)) << i << ": " << Hex(packet.bytes);
+            ++(AnswerTo(packet.bytes) ? refused : closed);
+        }
+        EXPECT_EQ(UnsoundLinesOfRotatedLog(), 0);
+    };
+    Withstands(rounds - 1, attack);
+    EXPECT_GT(refused, packets / 4);
+    EXPECT_GT(closed, packets / 4);
+    Report("malformed packets refused, connections lost", std::to_string(refused) + ", " + std::to_string(closed));
+}
+
+TEST_F(AHostilePeer, ThatSaysNothingHindersNobody)
+{
+    const int peers = Scaled(300, 3000);
+    AllowAllDescriptors();
+    Withstands(2, [&] {
+        std::list<UnixClient> silent;
+        for (int i = 0; i < peers; ++i) {
+            ASSERT_TRUE(silent.emplace_back(SERVICE_SOCKET).IsConnected());
+        }
+        ExpectGoodService();
+        EXPECT_TRUE(ComesToRest());
+        Report(std::to_string(peers) + " silent peers, kB of memory", std::to_string(PrivateKilobytes()));
+    });
+}
+
+TEST_F(AHostilePeer, ThatAsksInBigPacketsAndReadsNothingCostsTheServerTheSmallRepliesAlone)
+{
+    const int requests = Scaled(2000, 20'000);
+    const UnixClient client(SERVICE_SOCKET);
+    ExpectGoodService();
+    const long before = PrivateKilobytes();
+    const std::string request = PacketOf(METHOD_WITHOUT_A_HANDLER, 0, std::string(LONGEST_PACKET - HEADER_SIZE, 'x'));
+    for (int i = 0; i < requests; ++i) {
+        ASSERT_TRUE(client.Send(request)) << i;
+    }
+    ASSERT_TRUE(daemon.WaitForLog("not support uri[0].method[2]", requests));
+    const long after = PrivateKilobytes();
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // which keep freed memory and books of their own
+    EXPECT_LE(after, before + 2048);
+#endif
+    Report(std::to_string(requests) + " requests of 64 KiB, nothing read, kB of memory before and after",
+           std::to_string(before) + ", " + std::to_string(after));
+    ExpectGoodService();
+    for (int i = 0; i < requests; ++i) {
+        ASSERT_EQ(client.Receive(DaemonRunner::PATIENCE), StatusPacket(400)) << i;
+    }
+}
+
+TEST_F(AHostilePeer, ThatNeverReadsLosesItsConnectionAndNobodyElseDoes)
+{
+    const int peers = Scaled(1, 8);
+    // Beside what the kernel keeps of it, a reply is 8 bytes of the 1 MiB.
+    static constexpr int most = 2 * 1024 * 1024 / 8;
+    const UnixClient bystander(SERVICE_SOCKET);
+    const auto attack = [&] {
+        std::vector<std::thread> deaf;
+        for (int i = 0; i < peers; ++i) {
+            deaf.emplace_back([] {
+                const UnixClient client(SERVICE_SOCKET);
+                const std::string request = PacketOf(METHOD_WITHOUT_A_HANDLER, 0, "");
+                int sent = 0;
+                while (sent < most && client.Send(request)) {
+                    ++sent;
+                }
+                EXPECT_GT(sent, 1024 * 1024 / 8);
+                EXPECT_LT(sent, most);
+            });
+        }
+        for (std::thread& peer : deaf) {
+            peer.join();
+        }
+        EXPECT_EQ(bystander.Ask(DeletePacket(NO_BUNDLE), DaemonRunner::PATIENCE), StatusPacket(404));
+        std::ifstream log(daemon.LogFile());
+        std::string line;
+        while (std::getline(log, line) && line.find("more than 1 MiB of replies wait") == std::string::npos) {
+        }
+        EXPECT_TRUE(log) << "no record tells of it";
+        EXPECT_EQ(UnsoundLinesOfRotatedLog(), 0);
+    };
+    // The heap may keep the room of one queue, of all that there have been.
+    constexpr long oneQueue = 2048;
+    Withstands(Scaled(1, 4), attack, oneQueue);
+}
+
+TEST_F(AHostilePeer, ThatVanishesInTheMiddleLeavesNothingBehind)
+{
+    const int peers = Scaled(40, 2000);
+    Withstands(2, [&] {
+        for (int i = 0; i < peers; ++i) {
+            AskAndBeKilled();
+            const UnixClient leaver(SERVICE_SOCKET); // goes with replies unread, which resets the connection
+            for (int request = 0; request < 10; ++request) {
+                ASSERT_TRUE(leaver.Send(DeletePacket(NO_BUNDLE)));
+            }
+            const UnixClient brief(SERVICE_SOCKET); // goes without a word
+        }
+    });
+}
+
+TEST_F(AHostilePeer, ThatShutsDownItsSendingStillGetsEveryReplyAndNothingIsLeftOfIt)
+{
+    // More than the kernel holds for a peer that does not read yet.
+    const int requests = 2000;
+    Withstands(Scaled(2, 50), [&] {
+        const UnixClient client(SERVICE_SOCKET);
+        for (int i = 0; i < requests; ++i) {
+            ASSERT_TRUE(client.Send(DeletePacket(NO_BUNDLE)));
+        }
+        client.ShutDownSending();
+        ExpectGoodService();
+        EXPECT_TRUE(ComesToRest());
+        for (int i = 0; i < requests; ++i) {
+            ASSERT_EQ(client.Receive(DaemonRunner::PATIENCE), StatusPacket(404)) << i;
+        }
+        EXPECT_TRUE(client.IsClosedByPeer(DaemonRunner::PATIENCE));
+    });
+}
+
+TEST_F(AHostilePeer, ThatShutsDownItsSendingAndVanishesLeavesNothingBehind)
+{
+    Withstands(Scaled(5, 200), [] {
+        const UnixClient client(SERVICE_SOCKET);
+        for (int i = 0; i < 2000; ++i) {
+            ASSERT_TRUE(client.Send(DeletePacket(NO_BUNDLE)));
+        }
+        client.ShutDownSending();
+    });
+}
+
+TEST_F(AHostilePeer, ThatShutsDownItsReceivingLosesItsConnection)
+{
+    Withstands(Scaled(20, 1000), [] {
+        const UnixClient client(SERVICE_SOCKET);
+        ::shutdown(client.Fd(), SHUT_RD);
+        while (client.Send(DeletePacket(NO_BUNDLE))) {
+        }
+    });
+}
+
+TEST_F(AHostilePeer, FloodsTheServiceWithSevenOthersAndAGoodOneIsServedAmongThem)
+{
+    const int questions = Scaled(500, 20'000);
+    std::vector<std::chrono::microseconds> latencies;
+    long flooded = 0;
+    Withstands(1, [&] {
+        {
+            std::list<Flood> floods(8);
+            const UnixClient client(SERVICE_SOCKET);
+            for (int i = 0; i < questions; ++i) {
+                const auto begin = std::chrono::steady_clock::now();
+                ASSERT_EQ(client.Ask(DeletePacket(NO_BUNDLE), DaemonRunner::PATIENCE), StatusPacket(404));
+                latencies.push_back(
+                    std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - begin));
+            }
+            for (Flood& flood : floods) {
+                flood.End();
+                EXPECT_EQ(flood.Answered(), flood.Asked());
+                flooded += flood.Answered();
+            }
+        }
+        EXPECT_EQ(UnsoundLinesOfRotatedLog(), 0);
+    });
+    std::sort(latencies.begin(), latencies.end());
+    EXPECT_GT(flooded, questions) << "a flood it was";
+    Report("replies to the flood", std::to_string(flooded));
+    Report("replies to the good peer; half within, all within us",
+           std::to_string(latencies.size()) + "; " + std::to_string(latencies[latencies.size() / 2].count()) + ", " +
+               std::to_string(latencies.back().count()));
+}
+
+TEST_F(AHostilePeer, IsDealtWithAfterASlowOperationAndTheGoodOnesAreAllAnswered)
+{
+    staging.Bundle("slow")
+        .Install(Shell(": > " + Note("installing") + "\nwhile [ ! -e " + Note("go-on") + " ]; do sleep 0.05; done"))
+        .Write();
+    MoveIn("slow");
+    ASSERT_TRUE(Eventually(DaemonRunner::PATIENCE, [this] { return Exists(Note("installing")); }));
+    std::list<UnixClient> good;
+    std::list<UnixClient> bad;
+    const std::string broken = DeletePacket(NO_BUNDLE) + "x";
+    for (int i = 0; i < 8; ++i) {
+        ASSERT_TRUE(good.emplace_back(SERVICE_SOCKET).Send(DeletePacket(NO_BUNDLE)));
+        ASSERT_TRUE(bad.emplace_back(SERVICE_SOCKET).Send(broken));
+        UnixClient(SERVICE_SOCKET).Send(DeletePacket(NO_BUNDLE));
+    }
+    ASSERT_TRUE(daemon.WaitForLog("find bundle[not-there]..."));
+    EXPECT_TRUE(ComesToRest()) << "who waits does not spin";
+    EXPECT_EQ(daemon.CountInLog("find bundle[not-there] fail."), 0);
+    WriteFile(Note("go-on"), "");
+    for (const UnixClient& client : good) {
+        EXPECT_EQ(client.Receive(DaemonRunner::PATIENCE), StatusPacket(404));
+    }
+    for (const UnixClient& client : bad) {
+        EXPECT_TRUE(client.IsClosedByPeer(DaemonRunner::PATIENCE));
+    }
+    EXPECT_TRUE(daemon.WaitForLog("bundle[slow] state changing[Starting] -> [Active]"));
+    ExpectGoodService();
+}
