@@ -1,0 +1,61 @@
+#ifndef TESTS_SYSTEM_HOSTILE_BUNDLE_H
+#define TESTS_SYSTEM_HOSTILE_BUNDLE_H
+
+#include "system/system_test.h"
+
+#include <sys/types.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+/// A daemon and bundles that are up to no good. After each of them it is asked the same: does the server still do its
+/// work, and does it hold more than before?
+///
+/// The items are made of two files. A copy of HOSTILE_PROGRAM does what its own name says, a copy of HOSTILE_LIBRARY
+/// has an entry function for each harm that a library can do (see hostile_bundle_program.cpp,
+/// hostile_bundle_library.cpp).
+class HostileBundles : public SystemTest {
+protected:
+    /// The daemon's sleeps of a second are short, or the many bundles would each take their seconds.
+    HostileBundles();
+
+    /// Root may read everything. What is left of it with this may read what is its own and permits it, as others do.
+    static void ReadAsOthersDo(DaemonRunner& runner);
+
+    /// Starts it, and remembers what it holds when it serves.
+    testing::AssertionResult StartServing();
+
+    /// A good bundle that is dropped in is started, its item runs and is run again when it is killed, and a request
+    /// removes it. And what the daemon held when it began to serve is what it holds: descriptors, threads but the
+    /// monitor, no dead child.
+    testing::AssertionResult IsUnharmed();
+
+    /// Moves everything that is beside the collection into it, without a name left out, in one go.
+    void MoveAllIn() const;
+
+    /// Waits until the bundle has been started so many times in all.
+    testing::AssertionResult IsStarted(const std::string& bundle, int times = 1);
+
+    /// Whether the daemon knows a bundle of that name; it does not any more when it did.
+    static bool IsUnknown(const std::string& bundle) { return RequestDelete(bundle) == 404; }
+
+    /// Whether one of the records is followed by another of the same thread.
+    bool IsFollowed(const std::string& record, const std::string& next);
+
+    /// The children of the daemon that are dead and have not been waited for.
+    std::vector<pid_t> DeadChildren() const;
+
+    std::string In(const std::string& name) const { return collection / name; }
+
+private:
+    testing::AssertionResult TakesInAGoodBundle();
+    testing::AssertionResult HoldsWhatItHeld() const;
+    std::vector<std::string> OtherThreads() const;
+
+    std::map<int, std::string> m_descriptors;
+    std::vector<std::string> m_threads;
+    int m_goodBundles = 0;
+};
+
+#endif

@@ -1,0 +1,195 @@
+// Programs that do what no item should: to themselves, to each other, to the server and to their own bundle.
+
+#include "system/hostile_bundle.h"
+
+#include <unistd.h>
+
+#include <filesystem>
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+/// Every item is a copy of HOSTILE_PROGRAM: it does what its name says, and its bundle has the same name.
+class HostileItems : public HostileBundles {
+protected:
+    HostileItems() { daemon.SetEnvironment("NOTES", notes.Path().string()); }
+
+    static void Write(const CollectionBuilder& target, const std::string& deed)
+    {
+        target.Bundle(deed).Copy(deed, HOSTILE_PROGRAM).Write();
+    }
+
+    bool IsNoted(const std::string& name, const std::string& text) const
+    {
+        return Eventually(DaemonRunner::PATIENCE, [&] { return ReadFile(Note(name)).find(text) != std::string::npos; });
+    }
+};
+
+class AHostileItem : public HostileItems {};
+class AnItemThatLeavesTheGroup : public HostileItems {};
+class AnItemsName : public HostileBundles {};
+
+bool IsStopped(pid_t pid)
+{
+    return Eventually(DaemonRunner::PATIENCE, [pid] { return ProcessOf::Status(pid, "State").rfind('T', 0) == 0; });
+}
+
+} // namespace
+
+TEST_F(AHostileItem, HarmsNoOtherBundle)
+{
+    const std::vector<std::string> deeds{"ask-for-more",  "close-all",   "fork-for-ever", "ignore-signals",
+                                         "kill-siblings", "stop-itself", "stop-server",   "write-everywhere"};
+    for (const std::string& deed : deeds) {
+        Write(collection, deed);
+    }
+    collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
+    ASSERT_TRUE(StartServing());
+    EXPECT_TRUE(IsNoted("forked", "no more") || IsNoted("forked", "enough"));
+    EXPECT_TRUE(IsNoted("siblings", "killed"));
+    EXPECT_TRUE(IsNoted("stopped", "continued"));
+    EXPECT_TRUE(IsNoted("written", "0"));
+    EXPECT_EQ(ReadFile(Note("written")).find_first_not_of("0\n"), std::string::npos) << "it has got descriptors";
+    const pid_t stopped = daemon.WaitForItem("stop-itself", "stop-itself");
+    EXPECT_TRUE(IsStopped(stopped)) << "nobody lets it go on";
+    EXPECT_TRUE(daemon.WaitForLog("ask-for-more.ask-for-more[", 3));
+    const auto launches = static_cast<int>(daemon.PidsOf("radio", "radiod").size());
+    ::kill(daemon.WaitForItem("radio", "radiod", launches), SIGKILL);
+    EXPECT_NE(daemon.WaitForItem("radio", "radiod", launches + 1), 0);
+    EXPECT_TRUE(IsUnharmed());
+
+    for (const std::string& deed : deeds) {
+        // One that crashes all the time is dead at most of the moments at which it is to be stopped.
+        EXPECT_TRUE(deed == "ask-for-more" || RequestDelete(deed) == 200) << deed;
+    }
+    EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [&] { return !ProcessOf::IsAlive(stopped); }));
+    EXPECT_TRUE(IsUnharmed());
+}
+
+// What an item has started is no item: it is not stopped with it.
+TEST_F(AHostileItem, LeavesItsOwnChildrenBehindWhenItIsStopped)
+{
+    Write(collection, "fork-for-ever");
+    ASSERT_TRUE(StartServing());
+    ASSERT_TRUE(IsNoted("forked", "\n"));
+    EXPECT_GT(daemon.Descendants().size(), 2U);
+    EXPECT_EQ(RequestDelete("fork-for-ever"), 200);
+    EXPECT_TRUE(daemon.WaitForLog("normal stop fork-for-ever.fork-for-ever..."));
+    EXPECT_GT(daemon.Descendants().size(), 1U);
+    EXPECT_TRUE(IsUnharmed());
+}
+
+TEST_F(AHostileItem, ThatKillsItsGroupEndsTheServerWithIt)
+{
+    collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
+    Write(staging, "kill-group");
+    ASSERT_TRUE(StartServing());
+    MoveIn("kill-group");
+    const auto end = daemon.WaitForEnd();
+    ASSERT_TRUE(end);
+    EXPECT_EQ(end->status, 0) << "as anybody else's SIGTERM would";
+    fs::remove_all(In("kill-group"));
+    ASSERT_TRUE(StartServing());
+    EXPECT_TRUE(IsUnharmed());
+}
+
+TEST_F(AHostileItem, ThatDeletesItsBundleIsStopped)
+{
+    Write(staging, "delete-bundle");
+    ASSERT_TRUE(StartServing());
+    MoveIn("delete-bundle");
+    ASSERT_TRUE(daemon.WaitForLog("normal stop delete-bundle.delete-bundle..."));
+    EXPECT_TRUE(IsUnknown("delete-bundle"));
+    EXPECT_TRUE(IsUnharmed());
+}
+
+TEST_F(AHostileItem, ThatRewritesItsManifestIsRestartedAgainAndAgainAndHoldsUpNoOther)
+{
+    Write(staging, "rewrite-manifest");
+    ASSERT_TRUE(StartServing());
+    MoveIn("rewrite-manifest");
+    EXPECT_TRUE(IsStarted("rewrite-manifest", 3));
+    EXPECT_TRUE(IsUnharmed());
+    const std::size_t launches = daemon.PidsOf("rewrite-manifest", "rewrite-manifest").size();
+    EXPECT_TRUE(IsStarted("rewrite-manifest", static_cast<int>(launches) + 1)) << "still at it";
+    EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [] { return RequestDelete("rewrite-manifest") == 200; }));
+    EXPECT_TRUE(IsUnharmed());
+}
+
+TEST_F(AnItemThatLeavesTheGroup, IsNotSupervisedAndTheOthersAre)
+{
+    collection.Bundle("a-radio").Copy("radiod", TEST_SLEEPER).Write(); // launched first: the lowest pid
+    Write(collection, "leave-session");
+    ASSERT_TRUE(StartServing());
+    const pid_t leaver = daemon.WaitForItem("leave-session", "leave-session");
+    ASSERT_TRUE(Eventually(DaemonRunner::PATIENCE, [leaver] { return ::getpgid(leaver) == leaver; }));
+    ::kill(leaver, SIGKILL);
+    EXPECT_EQ(daemon.WaitForItem("leave-session", "leave-session", 2, 2s), 0) << "nobody sees it end";
+    EXPECT_EQ(DeadChildren(), std::vector<pid_t>{leaver});
+    EXPECT_EQ(RequestDelete("leave-session"), 200) << "it can be stopped all the same";
+    ::kill(daemon.WaitForItem("a-radio", "radiod"), SIGKILL);
+    EXPECT_NE(daemon.WaitForItem("a-radio", "radiod", 2), 0);
+    // The dead one has the lowest pid now: it is its group that is waited for, and so it is found.
+    EXPECT_TRUE(IsUnharmed());
+}
+
+// The monitor waits for the group of the lowest pid, wherever that has gone.
+TEST_F(AnItemThatLeavesTheGroup, AndHasTheLowestPidHoldsUpTheSupervisionOfAllOthersUntilItEnds)
+{
+    Write(collection, "leave-session");
+    collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
+    ASSERT_TRUE(StartServing());
+    const pid_t leaver = daemon.WaitForItem("leave-session", "leave-session");
+    ASSERT_EQ(::getpgid(leaver), leaver);
+    int launches = 0;
+    const auto isRunAgain = [&](std::chrono::milliseconds time) {
+        ::kill(daemon.WaitForItem("radio", "radiod", ++launches), SIGKILL);
+        return daemon.WaitForItem("radio", "radiod", launches + 1, time) != 0;
+    };
+    // The wait that is under way may be the one for the server's own group.
+    const bool wasWaitingForAll = isRunAgain(2s);
+    EXPECT_FALSE(wasWaitingForAll && isRunAgain(2s));
+    ::kill(leaver, SIGKILL);
+    EXPECT_NE(daemon.WaitForItem("radio", "radiod", launches + 1), 0) << "what has been missed is made up for";
+    EXPECT_NE(daemon.WaitForItem("leave-session", "leave-session", 2), 0);
+}
+
+TEST_F(AnItemThatLeavesTheGroup, AndHasTheLowestPidTakesThoseWithItThatAreLaunchedLater)
+{
+    Write(collection, "leave-group");
+    collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
+    ASSERT_TRUE(StartServing());
+    const pid_t leaver = daemon.WaitForItem("leave-group", "leave-group");
+    const pid_t radio = daemon.WaitForItem("radio", "radiod");
+    EXPECT_EQ(::getpgid(leaver), leaver);
+    EXPECT_EQ(::getpgid(radio), leaver);
+}
+
+TEST_F(AnItemsName, MayLeadAnywhereAndFailsItsItemAloneWhenNothingIsThere)
+{
+    collection.Bundle("radio")
+        .Item("../data/outside", Shell(": > " + Note("outside") + "\nexec " TEST_SLEEPER))
+        .Item("with a space", Shell(": > " + Note("space") + "\nexec " TEST_SLEEPER))
+        .Item("%s%n%500d", Shell(": > " + Note("percent") + "\nexec " TEST_SLEEPER))
+        .Item("/bin/true")
+        .Item("../../../../../../../../../../nowhere/at/all")
+        .Item("folder/")
+        .Item(std::string(300, 'n'))
+        .Item(std::string(3000, 'n'))
+        .Item("...")
+        .Write();
+    fs::create_directory(In("radio") + "/bin/folder");
+    ASSERT_TRUE(StartServing());
+    for (const char* const name : {"outside", "space", "percent"}) {
+        EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [&] { return Exists(Note(name)); })) << name;
+    }
+    EXPECT_TRUE(daemon.WaitForLog("execl fail.errno[2].", 3));  // not there: an absolute name is below "bin" as well
+    EXPECT_TRUE(daemon.WaitForLog("execl fail.errno[36].", 2)); // too long
+    EXPECT_TRUE(daemon.WaitForLog("execl fail.errno[13].", 1)); // a directory
+    EXPECT_TRUE(daemon.WaitForLog("does not need relaunch with exit status [1].", 6));
+    EXPECT_TRUE(IsUnharmed());
+    EXPECT_EQ(RequestDelete("radio"), 200);
+    EXPECT_TRUE(IsUnharmed());
+}
