@@ -1,0 +1,36 @@
+#ifndef TESTS_SUPPORT_RANDOM_H
+#define TESTS_SUPPORT_RANDOM_H
+
+#include <cstddef>
+#include <cstdlib>
+#include <random>
+#include <string>
+
+/// Random numbers of a test that shall do something else each time. A failing test shows the seed; with it in
+/// BUNDLE_SERVER_TEST_SEED the numbers come again, though not the moments at which other processes come to their turn.
+class Random {
+public:
+    unsigned Seed() const { return m_seed; }
+
+    /// From 0 to one less than the limit.
+    int Below(int limit) { return std::uniform_int_distribution<int>(0, limit - 1)(m_engine); }
+    bool InPercent(int chance) { return Below(100) < chance; }
+    template <class List> auto& OneOf(List& list)
+    {
+        return list[static_cast<std::size_t>(Below(static_cast<int>(std::size(list))))];
+    }
+    std::mt19937& Engine() { return m_engine; }
+
+private:
+    static unsigned TakeSeed()
+    {
+        const char* const seed =
+            std::getenv("BUNDLE_SERVER_TEST_SEED"); // NOLINT(concurrency-mt-unsafe): nothing sets it
+        return seed != nullptr ? static_cast<unsigned>(std::stoul(seed)) : std::random_device()();
+    }
+
+    const unsigned m_seed = TakeSeed();
+    std::mt19937 m_engine{m_seed};
+};
+
+#endif
