@@ -56,7 +56,7 @@ public:
     }
 
 private:
-    static constexpr off_t FULL = 256 * 1024;
+    static constexpr off_t FULL = off_t{256} * 1024;
 
     static bool WriteWhole(int file, const std::string& text)
     {

@@ -1,0 +1,65 @@
+#include <pthread.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdlib>
+
+// Linked into every program of the coverage build, and into no other: writes the counters before a process leaves by a
+// way on which the compiler's library does not. See cmake/coverage.cmake.
+
+// The compiler's. The first writes once, until the second has been called.
+extern "C" void __gcov_dump();  // NOLINT(bugprone-reserved-identifier, cert-dcl37-c, cert-dcl51-cpp)
+extern "C" void __gcov_reset(); // NOLINT(bugprone-reserved-identifier, cert-dcl37-c, cert-dcl51-cpp)
+
+namespace {
+
+// A child is born with its parent's counts, which the parent will write itself. Registered before any other handler, so
+// that what those run in the child is counted.
+__attribute__((constructor(101))) void CountInChildrenFromZero()
+{
+    pthread_atfork(nullptr, nullptr, __gcov_reset);
+}
+
+} // namespace
+
+// The linker sends the call of a wrapped name to "__wrap_" and that name, and "__real_" and that name to the call.
+[[noreturn]] void RealExit(int status) __asm__("__real__exit");
+[[noreturn]] void WrappedExit(int status) __asm__("__wrap__exit");
+[[noreturn]] void RealAbort() __asm__("__real_abort");
+[[noreturn]] void WrappedAbort() __asm__("__wrap_abort");
+int WrappedExecl(const char* path, const char* first, ...) __asm__("__wrap_execl");
+
+void WrappedExit(int status)
+{
+    __gcov_dump();
+    RealExit(status);
+}
+
+void WrappedAbort()
+{
+    __gcov_dump();
+    RealAbort();
+}
+
+// Passed on as an array, as its arguments cannot be. It comes back when nothing could be executed.
+int WrappedExecl(const char* path, const char* first, ...) // NOLINT(cert-dcl50-cpp): as execl
+{
+    constexpr std::size_t most = 16;
+    std::array<char*, most> arguments{};
+    va_list list;
+    va_start(list, first);
+    std::size_t count = 0;
+    for (const char* argument = first; argument != nullptr; argument = va_arg(list, const char*)) {
+        if (count + 1 == most) {
+            RealAbort();
+        }
+        arguments[count++] = const_cast<char*>(argument);
+    }
+    va_end(list);
+    __gcov_dump();
+    const int result = execv(path, arguments.data());
+    __gcov_reset();
+    return result;
+}
