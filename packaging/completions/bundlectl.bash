@@ -1,0 +1,31 @@
+# Completion of bundlectl for bash.
+
+# The names of the collection's bundles, as far as they can be read.
+_bundlectl_names() {
+    local collection
+    collection=$(sed -n 's/^[[:space:]]*bundle_collection_dir[[:space:]]*=[[:space:]]*//p' \
+        /etc/bundle-server/bundle-server.ini 2> /dev/null)
+    [ -n "$collection" ] || return 0
+    sed -n 's/^[[:space:]]*bundle_name[[:space:]]*=[[:space:]]*//p' "$collection"/*/BundleManifest.ini 2> /dev/null
+}
+
+_bundlectl() {
+    local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} command=${COMP_WORDS[1]}
+    COMPREPLY=()
+    case $before in --timeout | --count) return 0 ;; esac
+    if [ "$COMP_CWORD" -eq 1 ]; then
+        mapfile -t COMPREPLY < <(compgen -W "delete events --help" -- "$word")
+        return 0
+    fi
+    case $command in
+        delete)
+            case $word in
+                -*) mapfile -t COMPREPLY < <(compgen -W "--timeout --help" -- "$word") ;;
+                *) mapfile -t COMPREPLY < <(compgen -W "$(_bundlectl_names)" -- "$word") ;;
+            esac
+            ;;
+        events) mapfile -t COMPREPLY < <(compgen -W "--count --help" -- "$word") ;;
+    esac
+}
+
+complete -F _bundlectl bundlectl

@@ -1,0 +1,43 @@
+# Run at installation, after a script that has set the directories, INIT and PACKAGING.
+
+cmake_policy(VERSION 3.22)
+
+# The full path of a directory. Below /usr the system's own /etc and /var are meant, as everywhere.
+function(full_path variable directory)
+    if(IS_ABSOLUTE "${directory}")
+        set(path "${directory}")
+    elseif(CMAKE_INSTALL_PREFIX STREQUAL "/usr" AND directory MATCHES "^(etc|var)$")
+        set(path "/${directory}")
+    else()
+        set(path "${CMAKE_INSTALL_PREFIX}/${directory}")
+    endif()
+    set(${variable} "${path}" PARENT_SCOPE)
+endfunction()
+
+full_path(SBIN "${SBINDIR}")
+full_path(ETC "${SYSCONFDIR}")
+full_path(VAR "${LOCALSTATEDIR}")
+full_path(LOADER_DIRECTORY "${LIBEXECDIR}/bundle-server")
+set(COLLECTION "${VAR}/lib/bundle-server/bundles")
+set(LOG_DIRECTORY "${VAR}/log/bundle-server")
+
+# install_configured(SOURCE DESTINATION NAME TYPE): a file of service/, with the paths filled in.
+function(install_configured source destination name type)
+    set(made "${SCRATCH}/${destination}/${name}")
+    configure_file("${PACKAGING}/service/${source}" "${made}" @ONLY)
+    file(INSTALL DESTINATION "${destination}" TYPE ${type} FILES "${made}")
+endfunction()
+
+install_configured(bundle-server.ini.in "${ETC}/bundle-server" bundle-server.ini FILE)
+install_configured(bundle-server.default.in "${ETC}/default" bundle-server FILE)
+install_configured(bundle-server.logrotate.in "${ETC}/logrotate.d" bundle-server FILE)
+if("systemd" IN_LIST INIT)
+    set(lib "${CMAKE_INSTALL_PREFIX}/lib")
+    install_configured(bundle-server.service.in "${lib}/systemd/system" bundle-server.service FILE)
+    install_configured(bundle-server.tmpfiles "${lib}/tmpfiles.d" bundle-server.conf FILE)
+endif()
+if("sysv" IN_LIST INIT)
+    install_configured(bundle-server.init.in "${ETC}/init.d" bundle-server PROGRAM)
+endif()
+file(INSTALL DESTINATION "${COLLECTION}" TYPE DIRECTORY FILES "")
+file(INSTALL DESTINATION "${LOG_DIRECTORY}" TYPE DIRECTORY FILES "")

@@ -1,0 +1,69 @@
+SUMMARY = "Installs, starts and supervises bundles on a device"
+SECTION = "base"
+LICENSE = "MIT"
+LIC_FILES_CHKSUM = "file://LICENSE;md5=f579c0e0087e07dde6c3f590358b889a"
+
+# Where the sources are kept is yours to say, for instance in local.conf:
+#   BUNDLE_SERVER_GIT = "git://git.example.org/bundle-server;protocol=https;branch=main"
+#   SRCREV:pn-bundle-server = "the commit that you have tested"
+BUNDLE_SERVER_GIT ?= ""
+SRC_URI = "${BUNDLE_SERVER_GIT}"
+SRCREV ?= "${AUTOREV}"
+PV = "0.1.0+git"
+S = "${WORKDIR}/git"
+
+inherit cmake pkgconfig systemd update-rc.d
+
+DEPENDS = "poco cli11"
+
+# The device's own libraries behind the four headers of platform/include: "device" in PACKAGECONFIG instead of "host",
+# and what they are and where they lie in EXTRA_OECMAKE (docs/device.md).
+PACKAGECONFIG ??= "host"
+PACKAGECONFIG[host] = "-DBUNDLE_SERVER_PLATFORM=host,,libevent safec,,,device"
+PACKAGECONFIG[device] = "-DBUNDLE_SERVER_PLATFORM=device,,,,,host"
+
+EXTRA_OECMAKE = " \
+    -DCMAKE_BUILD_TYPE=MinSizeRel \
+    -DBUNDLE_SERVER_TESTS=OFF \
+    -DBUNDLE_SERVER_INIT='${@bb.utils.contains('DISTRO_FEATURES', 'systemd', 'systemd', 'sysv', d)}' \
+"
+
+SYSTEMD_SERVICE:${PN} = "bundle-server.service"
+INITSCRIPT_NAME = "bundle-server"
+INITSCRIPT_PARAMS = "defaults 90 10"
+
+# Shell completions are for who logs in on the device.
+PACKAGES =+ "${PN}-completions"
+FILES:${PN}-completions = " \
+    ${datadir}/bash-completion \
+    ${datadir}/fish \
+    ${datadir}/zsh \
+"
+FILES:${PN} += " \
+    ${bindir}/bundlectl \
+    ${sbindir}/bundle_server \
+    ${libexecdir}/bundle-server/dyn_lib_process_loader \
+    ${sysconfdir}/bundle-server/bundle-server.ini \
+    ${sysconfdir}/default/bundle-server \
+    ${sysconfdir}/init.d/bundle-server \
+    ${sysconfdir}/logrotate.d/bundle-server \
+    ${nonarch_libdir}/tmpfiles.d/bundle-server.conf \
+    ${systemd_system_unitdir}/bundle-server.service \
+    ${localstatedir}/lib/bundle-server/bundles \
+"
+CONFFILES:${PN} = " \
+    ${sysconfdir}/bundle-server/bundle-server.ini \
+    ${sysconfdir}/default/bundle-server \
+    ${sysconfdir}/logrotate.d/bundle-server \
+"
+
+do_install:append() {
+    # /var/log is in memory on most devices: who starts the server makes its directory.
+    rm -rf ${D}${localstatedir}/log
+    # The unit lies where this distribution looks for units.
+    if [ -d ${D}${prefix}/lib/systemd/system ] && [ "${prefix}/lib/systemd/system" != "${systemd_system_unitdir}" ]; then
+        install -d ${D}${systemd_system_unitdir}
+        mv ${D}${prefix}/lib/systemd/system/bundle-server.service ${D}${systemd_system_unitdir}/
+        rm -rf ${D}${prefix}/lib/systemd
+    fi
+}

@@ -1,0 +1,160 @@
+# Sourced by the tests that install the server: a machine of their own, made of files of this one, without a network.
+# shellcheck shell=bash
+
+skip() {
+    echo "skipped: $*"
+    exit 77
+}
+
+fail() {
+    echo "FAILED: $*"
+    [ ! -r "$root/var/log/bundle-server/bundle-server.log" ] || tail -n 40 "$root/var/log/bundle-server/bundle-server.log"
+    exit 1
+}
+
+# Runs the script that calls it again, with namespaces of its own for mounts and processes: nothing of it outlives it.
+enter_machine() {
+    [ "$(id -u)" -eq 0 ] || skip "only root may have a mount namespace in which it can install"
+    [ -z "${IN_FRESH_ROOT:-}" ] || return 0
+    local namespaces=(unshare --mount --pid --fork --kill-child --mount-proc --propagation private)
+    "${namespaces[@]}" true 2> /dev/null || skip "there are no namespaces for mounts and processes to be had"
+    IN_FRESH_ROOT=yes exec "${namespaces[@]}" "$BASH" "$0" "$@"
+}
+
+# fresh_root: makes $root, empty but for what the kernel gives.
+fresh_root() {
+    # In a place that every machine has, so that no directory is left that was mounted on.
+    root=/mnt
+    mount -t tmpfs -o mode=0755 none "$root"
+    mkdir -p "$root"/usr/{bin,sbin,lib,lib64} "$root"/{dev,proc,etc,run,var/lib,mnt,root}
+    mkdir -m 1777 "$root/tmp"
+    local directory
+    for directory in bin sbin lib lib64; do
+        ln -s "usr/$directory" "$root/$directory"
+    done
+    mount --rbind /dev "$root/dev"
+    mount --rbind /proc "$root/proc"
+    echo "root:x:0:0:root:/root:/bin/sh" > "$root/etc/passwd"
+    echo "root:x:0:" > "$root/etc/group"
+}
+
+# copy_files: copies this machine's files, whose names are read, one a line, to the fresh root.
+copy_files() {
+    sed -n 's,^/,,p' | tar -C / --no-recursion --ignore-failed-read -cf - -T - 2> /dev/null | tar -C "$root" -xf -
+}
+
+# closure PACKAGE...: these packages and what they depend on, as far as it is installed here.
+closure() {
+    # shellcheck disable=SC2016 # dpkg-query's own variables
+    dpkg-query -W -f='${Package}\t${Pre-Depends}, ${Depends}\t${Provides}\n' | awk -F '\t' -v wanted="$*" '
+        function name(text) { sub(/^ */, "", text); sub(/[ (:].*/, "", text); return text }
+        {
+            needs[$1] = $2
+            count = split($3, names, ",")
+            for (i = 1; i <= count; ++i) provider[name(names[i])] = $1
+        }
+        END {
+            count = split(wanted, queue, " ")
+            for (i = 1; i <= count; ++i) {
+                package = (queue[i] in needs) ? queue[i] : provider[queue[i]]
+                if (package == "" || package in taken) continue
+                taken[package] = 1
+                print package
+                groups = split(needs[package], group, ",")
+                for (g = 1; g <= groups; ++g) {
+                    choices = split(group[g], choice, "|")
+                    for (c = 1; c <= choices; ++c) {
+                        if (name(choice[c]) in needs || name(choice[c]) in provider) {
+                            queue[++count] = name(choice[c])
+                            break
+                        }
+                    }
+                }
+            }
+        }'
+}
+
+# await COMMAND...: until the command succeeds. The bound is for a machine that is very busy.
+await() {
+    local end=$((SECONDS + 30))
+    while ! "$@"; do
+        [ $SECONDS -lt $end ] || return 1
+        sleep 0.1
+    done
+}
+
+# The processes that run a file of the fresh root, named by the end of its path or by an argument: one id a line.
+running() {
+    local process
+    for process in /proc/[0-9]*; do
+        if [[ $(readlink "$process/exe") == *"/$1" ]] || tr '\0' '\n' < "$process/cmdline" | grep -qF "/$1"; then
+            basename "$process"
+        fi
+    done 2> /dev/null
+}
+
+# runs FILE NUMBER: whether so many processes run it.
+runs() {
+    [ "$(running "$1" | wc -l)" -eq "$2" ]
+}
+
+service() {
+    chroot "$root" /etc/init.d/bundle-server "$@"
+}
+
+# Whether the server answers requests: it knows that there is no such bundle.
+serves() {
+    local status=0
+    chroot "$root" /usr/bin/bundlectl delete there-is-no-such-bundle 2> /dev/null || status=$?
+    [ $status -eq 3 ]
+}
+
+# put_bundle NAME: a bundle with a script that runs until it is killed, moved into the collection at once.
+put_bundle() {
+    local new=$root/var/lib/bundle-server/$1.new
+    mkdir -p "$new/bin" "$new/script"
+    printf '[global]\nbundle_name = %s\nbundle_load_mode = 0\n\n[item]\nitem_name = %s.sh\n' "$1" "$1" > "$new/BundleManifest.ini"
+    # With an argument of its own, so that the process is found by it.
+    printf 'while :; do sleep 1; done\n' > "$new/bin/$1.sh"
+    if [ $# -eq 2 ]; then
+        cp "$2" "$new/bin/$1.so"
+        printf '\n[library]\nitem_name = %s.so\nentry_func = SleepForEver\n' "$1" >> "$new/BundleManifest.ini"
+    fi
+    mv "$new" "$root/var/lib/bundle-server/bundles/$1"
+}
+
+# check_service BUNDLE: what holds for the init script, with a bundle that runs one script.
+check_service() {
+    local item=bundles/$1/./bin/$1.sh before after status
+    service status || fail "\"status\" does not see the server that runs"
+    service start > /dev/null || fail "\"start\" fails for a server that runs"
+    runs sbin/bundle_server 1 || fail "a second \"start\" has started a second server"
+
+    before=$(running "$item")
+    [ -n "$before" ] || fail "the item does not run"
+    # As an item would ask for it: the script must not take itself for what the server has left.
+    BUNDLE_SERVER_SERVICE=bundle-server service restart || fail "\"restart\" fails"
+    await runs "$item" 1 || fail "after a restart the item runs as: $(running "$item")"
+    after=$(running "$item")
+    [ "$before" != "$after" ] || fail "a restart has not started the item again"
+
+    # A crash leaves the item, and the next start must not double it.
+    kill -KILL "$(cat "$root/run/bundle-server.pid")"
+    await runs sbin/bundle_server 0
+    status=0
+    service status || status=$?
+    [ $status -eq 1 ] || fail "\"status\" of a dead server with a living item ends with $status"
+    runs "$item" 1 || fail "the item has not outlived the server"
+    service start || fail "\"start\" fails after a crash"
+    await serves || fail "the server does not serve after a crash"
+    await runs "$item" 1 || fail "after a crash and a start the item runs as: $(running "$item")"
+    [ "$(running "$item")" != "$after" ] || fail "the item of the crashed server is still there"
+
+    service stop || fail "\"stop\" fails"
+    runs sbin/bundle_server 0 || fail "\"stop\" has left the server"
+    runs "$item" 0 || fail "\"stop\" has left the item"
+    service stop || fail "\"stop\" fails when nothing runs"
+    status=0
+    service status || status=$?
+    [ $status -eq 3 ] || fail "\"status\" of a stopped server ends with $status"
+}

@@ -1,0 +1,49 @@
+#!/usr/bin/env bash
+# The init script on a small device: what "cmake --install" installs, the libraries that the programs are linked with,
+# and busybox for everything else.
+#
+# usage: init_script_test.sh CMAKE BUILD_DIR
+set -uo pipefail
+root= # made by fresh_root
+
+# shellcheck disable=SC1091 # checked by itself
+. "$(dirname "$0")/fresh_root.sh"
+enter_machine "$@"
+busybox=$(command -v busybox) || skip "there is no busybox"
+
+fresh_root
+DESTDIR=$root "$1" --install "$2" --prefix /usr > /dev/null || fail "it cannot be installed"
+cp "$busybox" "$root/usr/bin/busybox"
+for applet in $("$busybox" --list); do
+    [ -e "$root/usr/bin/$applet" ] || ln -s busybox "$root/usr/bin/$applet"
+done
+for program in "$root"/usr/{sbin/bundle_server,bin/bundlectl,libexec/bundle-server/dyn_lib_process_loader} "$busybox"; do
+    ldd "$program" | sed -n 's,^[^/]*\(/[^ ]*\) (.*,\1,p'
+done | sort -u | while read -r library; do
+    mkdir -p "$root/$(dirname "$library")"
+    cp -L "$library" "$root/$library"
+done
+[ "$(readlink "$root/bin/sh")" = busybox ] || fail "this is no small device"
+
+put_bundle tuner
+service start || fail "it does not start"
+await serves || fail "the server does not answer"
+await runs bin/tuner.sh 1 || fail "the bundle's script is not run"
+[ "$(tr '\0' '\n' < "/proc/$(cat "$root/run/bundle-server.pid")/limits" | sed -n 's/^Max open files *\([0-9]*\).*/\1/p')" -eq 16384 ] ||
+    fail "the limit of descriptors is not the one that the script sets"
+check_service tuner
+
+# An item that has left the server's session and process group is ended as well.
+printf 'exec setsid sh -c "while :; do sleep 1; done" /bin/away.sh\n' \
+    > "$root/var/lib/bundle-server/bundles/tuner/bin/tuner.sh"
+service start || fail "it does not start again"
+await runs bin/away.sh 1 || fail "the item that goes into a session of its own does not run"
+service stop || fail "\"stop\" fails for an item in a session of its own"
+runs bin/away.sh 0 || fail "\"stop\" has left an item in a session of its own"
+
+# What cannot start says so.
+echo "[global" > "$root/etc/bundle-server/bundle-server.ini"
+rm -r "$root/var/lib/bundle-server/bundles"
+mv "$root/etc/bundle-server/bundle-server.ini" "$root/etc/bundle-server/elsewhere.ini"
+! service start || fail "\"start\" says that a server without a configuration has started"
+echo "started, stopped, and never doubled an item"

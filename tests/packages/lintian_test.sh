@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# Debian's own checks of a package find no error and nothing to warn of.
+#
+# usage: lintian_test.sh PACKAGE
+set -uo pipefail
+
+command -v lintian > /dev/null || { echo "skipped: there is no lintian; script/install-dependencies --package"; exit 77; }
+said=$(lintian --allow-root --fail-on error,warning "$1" 2>&1)
+status=$?
+echo "$said"
+if [ $status -ne 0 ] || grep -qE '^[EW]: ' <<< "$said"; then
+    exit 1
+fi

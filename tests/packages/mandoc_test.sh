@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# The manual pages have no fault that mandoc sees, and refer to pages that are there.
+#
+# usage: mandoc_test.sh DIRECTORY
+set -uo pipefail
+
+cd "$1" || exit 1
+for name in bundle_server.8 dyn_lib_process_loader.8 bundlectl.1 BundleManifest.ini.5 bundle-server.conf.5; do
+    [ -s "$name" ] || { echo "there is no page $name"; exit 1; }
+    for section in FILES "EXIT STATUS" EXAMPLES; do
+        grep -qx "\.Sh $section" "$name" || { echo "$name has no section $section"; exit 1; }
+    done
+done
+command -v mandoc > /dev/null || { echo "skipped: there is no mandoc"; exit 77; }
+said=$(mandoc -Tlint -Wwarning ./*[0-9])
+status=$?
+echo "$said"
+# Not among its warnings: a section of ours that was misspelt.
+while read -r page section; do
+    case $page in
+        bundle* | dyn_lib* | Bundle*) [ -f "$page.$section" ] || { echo "there is no page $page($section)"; exit 1; } ;;
+    esac
+done < <(sed -n 's/^\.Xr \([^ ]*\) \([0-9]\).*/\1 \2/p' ./*[0-9])
+[ -z "$said" ] && exit $status

@@ -1,0 +1,58 @@
+#!/usr/bin/env bash
+# The manual pages say what the programs say of themselves: their options, sub-commands, exit statuses and keys.
+#
+# usage: manual_test.sh ROOT BUNDLE_SERVER BUNDLECTL LOADER
+set -uo pipefail
+
+root=$1
+server=$2
+bundlectl=$3
+loader=$4
+man=$root/docs/man
+status=0
+
+# same WHAT PAGE PROGRAM: two lists, a word a line.
+same() {
+    if [ -z "$3" ] || [ "$(sort -u <<< "$2")" != "$(sort -u <<< "$3")" ]; then
+        echo "$1: the page has ${2//$'\n'/ } and the program ${3//$'\n'/ }"
+        status=1
+    fi
+}
+
+# What an option's entry in a page begins with, aliases included.
+options_of_page() {
+    sed -n 's/^\.It Fl/Fl/p' "$man/$1" | tr ',' '\n' |
+        sed -nE -e 's/^ *Fl Fl ([a-z-]+).*/--\1/p' -e 's/^ *Fl ([a-z])( .*)?$/-\1/p'
+}
+
+options_of_help() {
+    grep -E '^ *-' | grep -oE '(^|[ ,])(--[a-z][a-z-]*|-[a-z])' | tr -d ' ,'
+}
+
+# The words of a list of a page: what follows ".It" in the section, up to the next one.
+items_of_section() {
+    sed -n "/^\.Sh $2/,/^\.S[hs]/s/^\.It \(Cm \)\{0,1\}\([a-z_0-9]*\).*/\2/p" "$man/$1"
+}
+
+keys() {
+    sed -n 's/^\.It Cm \([a-z_]*\)$/\1/p' "$man/$1"
+}
+
+same "options of bundle_server" "$(options_of_page bundle_server.8)" "$("$server" --help | options_of_help)"
+same "options of the loader" "$(options_of_page dyn_lib_process_loader.8)" "$("$loader" -h | options_of_help)"
+same "exit statuses of the loader" "$(items_of_section dyn_lib_process_loader.8 'EXIT STATUS')" \
+    "$("$loader" -h | sed -n '/^exit status/,$p' | grep -oE '[0-9]+')"
+
+commands=$("$bundlectl" --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z]*\) .*/\1/p')
+same "commands of bundlectl" "$(sed -n 's/^\.It Cm \([a-z]*\).*/\1/p' "$man/bundlectl.1")" "$commands"
+same "options of bundlectl" "$(options_of_page bundlectl.1)" \
+    "$(for command in "" $commands; do "$bundlectl" ${command:+"$command"} --help; done | options_of_help)"
+same "exit statuses of bundlectl" "$(items_of_section bundlectl.1 'EXIT STATUS')" \
+    "$("$bundlectl" --help | sed -n '/^exit status/s/[^0-9]\{1,\}/\n/gp' | sed '/^$/d')"
+
+sources=$root/system_server/bundle_server_module/src
+same "keys of the configuration" "$(keys bundle-server.conf.5)" \
+    "$(grep -hoE '"global\.[a-z_]+"' "$sources"/bundle_server.cpp "$sources"/bundle_process_activator.cpp | sed 's/.*\.//; s/"//')"
+same "keys of the manifest" "$(keys BundleManifest.ini.5)" \
+    "$(sed -nE 's/^const std::string BundleManifest::[A-Z_]+ = "([a-z]+_[a-z_]+)";/\1/p' "$sources/bundle_manifest.cpp")"
+exit $status

@@ -1,0 +1,101 @@
+#!/usr/bin/env bash
+# The Debian package in a fresh root, which holds Debian's essential packages and those that it depends on and no others:
+# it is installed, serves, runs bundles, is removed and purged, and leaves nothing but the bundles that were put in.
+#
+# usage: package_test.sh PACKAGE LIBRARY
+set -uo pipefail
+root= # made by fresh_root
+
+# shellcheck disable=SC1091 # checked by itself
+. "$(dirname "$0")/fresh_root.sh"
+package=$1
+library=$2
+enter_machine "$@"
+command -v dpkg > /dev/null || skip "there is no dpkg"
+
+# Not dpkg's own database and log, and not what others keep of packages: they outlive every package.
+list() {
+    (cd "$root" && find . -mindepth 1 \( -path ./dev -o -path ./proc -o -path ./var/lib/dpkg \) -prune -o \
+        ! -path ./var/log/dpkg.log ! -path ./var/log/alternatives.log -print) | sort
+}
+
+package_manager() {
+    # This machine may leave out manual pages and documents; the package is to be seen whole.
+    DEBIAN_FRONTEND=noninteractive dpkg --root="$root" --path-include='/*' "$@"
+}
+
+# install: and see that it serves.
+install_package() {
+    package_manager --install "$package" || fail "it cannot be installed"
+    service status || fail "the installation has not started the server"
+    await serves || fail "the server does not answer"
+}
+
+fresh_root
+# shellcheck disable=SC2016,SC2046 # dpkg-query's own variables; one package a word, here and below
+packages=$(closure $(dpkg-query -W -f='${Essential} ${Package}\n' | sed -n 's/^yes //p') \
+    $(dpkg-deb --field "$package" Depends | sed 's/([^)]*)//g; s/,/ /g'))
+# shellcheck disable=SC2086
+dpkg-query -L $packages | grep -vE '^/usr/share/(doc|man|locale|info)/' | sort -u | copy_files
+mkdir -p "$root"/var/lib/dpkg/{info,updates} "$root"/etc/rc{0,1,2,3,4,5,6,S}.d
+# shellcheck disable=SC2086
+dpkg-query -s $packages > "$root/var/lib/dpkg/status"
+for name in $packages; do
+    cp /var/lib/dpkg/info/"$name".list /var/lib/dpkg/info/"$name":*.list "$root/var/lib/dpkg/info/" 2> /dev/null
+done
+# There is no init process that Debian's tools could find: they are told that services may be started all the same.
+printf '#!/bin/sh\nexit 0\n' > "$root/usr/sbin/policy-rc.d"
+chmod 755 "$root/usr/sbin/policy-rc.d"
+touch "$root/tmp/before" "$root/tmp/after"
+list > "$root/tmp/before"
+
+install_package
+[ "$(stat -c %a "$root/var/log/bundle-server/bundle-server.log")" = 640 ] || fail "the log is for everybody"
+put_bundle radio "$library"
+await runs bin/radio.sh 1 || fail "the script of a bundle that is put in is not run"
+await runs bin/radio.so 1 || fail "its library is not run"
+runs usr/libexec/bundle-server/dyn_lib_process_loader 1 || fail "not by the package's loader"
+chroot "$root" bundlectl delete radio || fail "the bundle is not deleted"
+[ ! -e "$root/var/lib/bundle-server/bundles/radio" ] || fail "the deleted bundle is still there"
+put_bundle tuner
+await runs bin/tuner.sh 1 || fail "the second bundle's script is not run"
+check_service tuner
+
+# What is changed in the configuration, an upgrade keeps. The new server is at work at once.
+echo "; changed" >> "$root/etc/bundle-server/bundle-server.ini"
+service start
+await runs bin/tuner.sh 1
+before=$(running bin/tuner.sh)
+install_package
+await runs bin/tuner.sh 1 || fail "after an upgrade the item runs as: $(running bin/tuner.sh)"
+[ "$before" != "$(running bin/tuner.sh)" ] || fail "an upgrade has not restarted the server"
+grep -q "^; changed" "$root/etc/bundle-server/bundle-server.ini" || fail "an upgrade has lost the configuration"
+
+package_manager --remove bundle-server || fail "it cannot be removed"
+runs sbin/bundle_server 0 || fail "a removal has left the server"
+runs bin/tuner.sh 0 || fail "a removal has left an item"
+[ -f "$root/var/lib/bundle-server/bundles/tuner/BundleManifest.ini" ] || fail "a removal has taken a bundle"
+[ -f "$root/etc/bundle-server/bundle-server.ini" ] || fail "a removal has taken the configuration"
+package_manager --purge bundle-server || fail "it cannot be purged"
+list > "$root/tmp/after"
+left=$(comm -13 "$root/tmp/before" "$root/tmp/after")
+expected='./var/lib/bundle-server
+./var/lib/bundle-server/bundles
+./var/lib/bundle-server/bundles/tuner
+./var/lib/bundle-server/bundles/tuner/BundleManifest.ini
+./var/lib/bundle-server/bundles/tuner/bin
+./var/lib/bundle-server/bundles/tuner/bin/tuner.sh
+./var/lib/bundle-server/bundles/tuner/script'
+[ "$left" = "$expected" ] || fail "what is left after a purge is not the user's bundle alone: $left"
+[ -z "$(comm -23 "$root/tmp/before" "$root/tmp/after")" ] || fail "a purge has taken what was there before"
+
+# And without a bundle nothing at all.
+rm -r "$root/var/lib/bundle-server/bundles/tuner"
+install_package
+chroot "$root" bundlectl events --count 1 & # makes the FIFO
+await test -p "$root/mnt/bolt/event.paas.kov" || fail "nobody listens"
+kill $!
+package_manager --purge bundle-server || fail "it cannot be purged at once"
+list > "$root/tmp/after"
+cmp "$root/tmp/before" "$root/tmp/after" || fail "a purge leaves: $(comm -3 "$root/tmp/before" "$root/tmp/after")"
+echo "installed, served, upgraded, removed and purged"
