@@ -33,7 +33,6 @@
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-using Poco::DirectoryWatcher;
 using Messages = std::vector<std::string>;
 
 namespace {

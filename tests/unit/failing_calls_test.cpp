@@ -191,7 +191,7 @@ TEST_F(AFailingCallOfTheWatcher, DoesNotKeepItFromBeingMade)
     const int descriptors = OwnProcess::Descriptors();
     const std::vector<std::tuple<Call, int, bool>> calls{
         {Call::OPENDIR, EMFILE, true}, {Call::READLINK, EACCES, true},
-        {Call::READDIR, EIO, true},    {Call::OPEN, EMFILE, false},
+        {Call::READDIR, EIO, true},    {Call::PIPE2, EMFILE, false},
         {Call::DUP3, EMFILE, false},   {Call::FCNTL, EMFILE, false},
         {Call::CLOSE, EIO, false},     {Call::INOTIFY_RM_WATCH, EINVAL, false},
         {Call::PRCTL, EPERM, false},

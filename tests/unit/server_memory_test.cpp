@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -89,7 +90,8 @@ void CloseWhatTheFrameworkLeaves()
     for (int fd = STDERR_FILENO + 1; fd < 1024; ++fd) {
         std::error_code error;
         const auto target = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), error);
-        if (target == "anon_inode:inotify" || target == "/dev/null") {
+        const bool isOwnPipe = target.string().rfind("pipe:", 0) == 0 && (::fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
+        if (target == "anon_inode:inotify" || isOwnPipe) {
             ::close(fd);
         }
     }

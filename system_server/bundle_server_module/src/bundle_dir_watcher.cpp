@@ -107,6 +107,17 @@ std::vector<int> InotifyDescriptors()
     return found;
 }
 
+// What is read from it is at its end, whatever the file system has under any name.
+UniqueFd OpenNothing()
+{
+    std::array<int, 2> ends{-1, -1};
+    if (pipe2(ends.data(), O_CLOEXEC) == -1) {
+        return UniqueFd();
+    }
+    const UniqueFd writeEnd(ends[1]);
+    return UniqueFd(ends[0]);
+}
+
 // The framework has opened a descriptor that every bundle would inherit, and behind which the kernel goes on to collect
 // what nobody reads. The framework closes the number when it ends, so something must stand there. Its thread, which may
 // have begun to sleep on the descriptor for a fifth of a second, is woken by the end of its watch; whatever it looks at
@@ -115,7 +126,7 @@ std::vector<int> InotifyDescriptors()
 std::vector<UniqueFd> DetachInotify(const std::vector<int>& othersDescriptors)
 {
     constexpr int firstWatch = 1;
-    const UniqueFd nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const UniqueFd nothing = OpenNothing();
     std::vector<UniqueFd> detached;
     for (const int descriptor : InotifyDescriptors()) {
         if (std::find(othersDescriptors.begin(), othersDescriptors.end(), descriptor) != othersDescriptors.end()) {
