@@ -360,9 +360,12 @@ TEST_F(TheLog, EndsALineThatAFullDiskCutOffAndTellsHowManyRecordsItAndItsChildre
     ASSERT_EQ(InChildWithFile([] {
                   LOG("record 10.");
                   struct stat first {};
-                  ::stat(std::getenv("ZQ_LOG_FILE"), &first);
+                  const char* const file = std::getenv("ZQ_LOG_FILE");
+                  if (file == nullptr || ::stat(file, &first) != 0) {
+                      ::_exit(1);
+                  }
                   // What is over the limit is refused as by a full disk: half of a record here.
-                  ::signal(SIGXFSZ, SIG_IGN);
+                  static_cast<void>(::signal(SIGXFSZ, SIG_IGN));
                   rlimit limit{};
                   ::getrlimit(RLIMIT_FSIZE, &limit);
                   limit.rlim_cur = static_cast<rlim_t>(first.st_size * 5 + first.st_size / 2);
@@ -426,7 +429,7 @@ TEST_F(TheLog, OnAPipeWhoseReaderHasGoneKillsNobodyAndChangesNoSignal)
                   }
                   ::dup2(ends[1], STDERR_FILENO);
                   ::unsetenv("ZQ_LOG_FILE");
-                  ::signal(SIGPIPE, SIG_DFL);
+                  static_cast<void>(::signal(SIGPIPE, SIG_DFL));
                   LOG("read by somebody");
                   ::close(ends[0]);
                   LOG("read by nobody");

@@ -59,7 +59,7 @@ std::string Repeat(int count, const std::function<std::string(int)>& piece)
 
 std::string Noise(std::size_t size)
 {
-    std::mt19937 random(20261121);
+    std::mt19937 random(20261121); // NOLINT(cert-msc32-c,cert-msc51-cpp): the same noise each time
     std::string text(size, '\0');
     for (char& character : text) {
         character = static_cast<char>(random());
@@ -72,7 +72,7 @@ std::string ChainOfReferences(int length, int times)
 {
     return Repeat(length,
                   [times](int i) {
-                      const std::string next = "${global.key" + std::to_string(i + 1) + "}";
+                      std::string next = "${global.key" + std::to_string(i + 1) + "}";
                       return "key" + std::to_string(i) + " = " + Repeat(times, [&next](int) { return next; }) + "\n";
                   }) +
            "key" + std::to_string(length) + " = x\n";
@@ -145,8 +145,8 @@ Corpus Contents()
 {
     const std::string atTheBound = Global("bound");
     return {
-        Text("noise", Outcome::REFUSED, NO_NAME, Noise(64 * 1024)),
-        Text("noise-behind", Outcome::REFUSED, "", Global("noise") + Noise(64 * 1024)),
+        Text("noise", Outcome::REFUSED, NO_NAME, Noise(std::size_t{64} * 1024)),
+        Text("noise-behind", Outcome::REFUSED, "", Global("noise") + Noise(std::size_t{64} * 1024)),
         Text("empty", Outcome::REFUSED, NO_NAME, ""),
         {"giant", Outcome::REFUSED, TOO_LONG, WriteSparse},
         Text("bound", Outcome::LOADED, "bound", atTheBound + ";" + std::string(MEBIBYTE - atTheBound.size() - 1, 'x')),

