@@ -1,4 +1,5 @@
 #include <pthread.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <array>
@@ -22,6 +23,19 @@ __attribute__((constructor(101))) void CountInChildrenFromZero()
     pthread_atfork(nullptr, nullptr, __gcov_reset);
 }
 
+// A test that limits how long files may get would have the counters cut off, and those of all others with them.
+void WriteCounters()
+{
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const rlim_t before = limit.rlim_cur;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_FSIZE, &limit);
+    __gcov_dump();
+    limit.rlim_cur = before;
+    setrlimit(RLIMIT_FSIZE, &limit);
+}
+
 } // namespace
 
 // The linker sends the call of a wrapped name to "__wrap_" and that name, and "__real_" and that name to the call.
@@ -33,13 +47,13 @@ int WrappedExecl(const char* path, const char* first, ...) __asm__("__wrap_execl
 
 void WrappedExit(int status)
 {
-    __gcov_dump();
+    WriteCounters();
     RealExit(status);
 }
 
 void WrappedAbort()
 {
-    __gcov_dump();
+    WriteCounters();
     RealAbort();
 }
 
@@ -58,7 +72,7 @@ int WrappedExecl(const char* path, const char* first, ...) // NOLINT(cert-dcl50-
         arguments[count++] = const_cast<char*>(argument);
     }
     va_end(list);
-    __gcov_dump();
+    WriteCounters();
     const int result = execv(path, arguments.data());
     __gcov_reset();
     return result;

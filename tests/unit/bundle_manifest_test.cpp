@@ -318,6 +318,31 @@ TEST_F(ReadingAManifest, TakesAFileOfTheGreatestLengthAndNoByteMore)
               "Bad data format: bundle manifest is longer than 1048576 bytes");
 }
 
+TEST_F(ReadingAManifest, RefusesReferencesThatExpandToMoreThanItTakes)
+{
+    std::string text = Global();
+    for (int i = 0; i < 8; ++i) {
+        text += "key" + std::to_string(i) + " = ";
+        for (int times = 0; times < 10; ++times) {
+            text += "${global.key" + std::to_string(i + 1) + "}";
+        }
+        text += "\n";
+    }
+    text += "key8 = x\n[item]\nitem_name = ${global.key0}\n";
+    EXPECT_EQ(Refusal<Poco::DataFormatException>(text),
+              "Bad data format: bundle manifest expands to more than 4194304 bytes");
+}
+
+TEST_F(ReadingAManifest, RefusesKeysThatComeToMoreThanItTakesWithTheNameOfTheirSection)
+{
+    std::string text = Global() + "[" + std::string(10'000, 's') + "]\n";
+    for (int i = 0; i < 500; ++i) {
+        text += "k" + std::to_string(i) + " = x\n";
+    }
+    EXPECT_EQ(Refusal<Poco::DataFormatException>(text),
+              "Bad data format: bundle manifest expands to more than 4194304 bytes");
+}
+
 TEST_F(ReadingAManifest, GivesUpAFileThatNeverEnds)
 {
     EndlessBuffer buffer;
