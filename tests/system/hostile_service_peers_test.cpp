@@ -302,6 +302,7 @@ TEST_F(AHostilePeer, ThatNeverReadsLosesItsConnectionAndNobodyElseDoes)
     // Beside what the kernel keeps of it, a reply is 8 bytes of the 1 MiB.
     static constexpr int most = 2 * 1024 * 1024 / 8;
     const UnixClient bystander(SERVICE_SOCKET);
+    bool isTold = false; // of rounds that follow each other closely only the first
     const auto attack = [&] {
         std::vector<std::thread> deaf;
         for (int i = 0; i < peers; ++i) {
@@ -324,12 +325,13 @@ TEST_F(AHostilePeer, ThatNeverReadsLosesItsConnectionAndNobodyElseDoes)
         std::string line;
         while (std::getline(log, line) && line.find("more than 1 MiB of replies wait") == std::string::npos) {
         }
-        EXPECT_TRUE(log) << "no record tells of it";
+        isTold = isTold || log;
         EXPECT_EQ(UnsoundLinesOfRotatedLog(), 0);
     };
     // The heap may keep the room of one queue, of all that there have been.
     constexpr long oneQueue = 2048;
     Withstands(Scaled(1, 4), attack, oneQueue);
+    EXPECT_TRUE(isTold) << "no record tells of it";
 }
 
 TEST_F(AHostilePeer, ThatVanishesInTheMiddleLeavesNothingBehind)
