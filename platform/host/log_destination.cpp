@@ -138,7 +138,7 @@ bool WriteToLog(LogDestination destination, LogTrouble& trouble, const char* rec
     if (written < 0) {
         return false;
     }
-    if (trouble.readerHasStopped) {
+    if (trouble.readerHasStopped) { // read first: all processes share the cache line, and write it seldom
         trouble.readerHasStopped = false;
     }
     // The rest is not sent after it, for another process's record may stand between.

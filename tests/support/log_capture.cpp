@@ -51,9 +51,9 @@ private:
 
 const LogFile LOG_FILE;
 
-LogRecord ParseRecord(const std::string& line)
+CapturedRecord ParseRecord(const std::string& line)
 {
-    LogRecord record;
+    CapturedRecord record;
     std::istringstream columns(line);
     std::string time;
     columns >> time >> record.level >> record.module >> record.flag >> record.pid >> record.tid >> record.source;
@@ -62,10 +62,10 @@ LogRecord ParseRecord(const std::string& line)
     return record;
 }
 
-std::string Shown(const std::vector<LogRecord>& records)
+std::string Shown(const std::vector<CapturedRecord>& records)
 {
     std::string shown = "The log is:\n";
-    for (const LogRecord& record : records) {
+    for (const CapturedRecord& record : records) {
         shown += "  " + record.level + " " + std::to_string(record.tid) + " [" + record.message + "]\n";
     }
     return shown;
@@ -80,9 +80,9 @@ void LogCapture::Restart()
     m_start = LOG_FILE.Size();
 }
 
-std::vector<LogRecord> LogCapture::Records() const
+std::vector<CapturedRecord> LogCapture::Records() const
 {
-    std::vector<LogRecord> records;
+    std::vector<CapturedRecord> records;
     std::istringstream text(LOG_FILE.TextFrom(m_start));
     for (std::string line; std::getline(text, line);) {
         records.push_back(ParseRecord(line));
@@ -93,7 +93,7 @@ std::vector<LogRecord> LogCapture::Records() const
 std::vector<std::string> LogCapture::Messages() const
 {
     std::vector<std::string> messages;
-    for (const LogRecord& record : Records()) {
+    for (const CapturedRecord& record : Records()) {
         messages.push_back(record.message);
     }
     return messages;
@@ -101,8 +101,8 @@ std::vector<std::string> LogCapture::Messages() const
 
 ::testing::AssertionResult LogCapture::Find(const std::string& message, const std::string& level) const
 {
-    const std::vector<LogRecord> records = Records();
-    const bool isThere = std::any_of(records.begin(), records.end(), [&](const LogRecord& record) {
+    const std::vector<CapturedRecord> records = Records();
+    const bool isThere = std::any_of(records.begin(), records.end(), [&](const CapturedRecord& record) {
         return record.message == message && (level.empty() || record.level == level);
     });
     if (isThere) {
@@ -136,10 +136,11 @@ std::vector<std::string> LogCapture::Messages() const
 
 ::testing::AssertionResult LogCapture::InOrder(const std::vector<std::string>& messages) const
 {
-    const std::vector<LogRecord> records = Records();
+    const std::vector<CapturedRecord> records = Records();
     auto next = records.begin();
     for (const std::string& message : messages) {
-        next = std::find_if(next, records.end(), [&](const LogRecord& record) { return record.message == message; });
+        next =
+            std::find_if(next, records.end(), [&](const CapturedRecord& record) { return record.message == message; });
         if (next == records.end()) {
             return ::testing::AssertionFailure() << "[" << message << "] is not in its place. " << Shown(records);
         }

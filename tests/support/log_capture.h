@@ -8,7 +8,7 @@
 #include <vector>
 
 /// One record of the log.
-struct LogRecord {
+struct CapturedRecord {
     std::string level; ///< "INFO", "ERROR" or "LEVEL<n>"
     int module = 0;
     int flag = 0;
@@ -26,7 +26,7 @@ class LogCapture {
 public:
     LogCapture();
 
-    std::vector<LogRecord> Records() const;
+    std::vector<CapturedRecord> Records() const;
     std::vector<std::string> Messages() const;
 
     ::testing::AssertionResult Has(const std::string& message) const;

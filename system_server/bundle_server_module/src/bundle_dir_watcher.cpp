@@ -453,10 +453,9 @@ bool BundleDirWatcher::Raise(DirectoryEventType type, const Poco::File& file)
 // An item that nobody has taken is offered again when it changes.
 void BundleDirWatcher::Refuse(const Change& change)
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    const auto position = m_items.find(change.name);
-    if (change.type == DW_ITEM_ADDED && position != m_items.end()) {
-        position->second.phase = Phase::REFUSED;
+    if (change.type == DW_ITEM_ADDED) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_items.at(change.name).phase = Phase::REFUSED; // there: only this thread takes items away
     }
 }
 
@@ -535,33 +534,43 @@ BundleDirWatcher::TreeMark BundleDirWatcher::MarkTree(const std::string& name, b
 {
     TreeMark mark;
     std::vector<std::string> pending{m_prefix + name};
-    for (bool isRoot = true; !pending.empty() && mark.entries < WALKED_ENTRIES; isRoot = false) {
-        const std::string path = std::move(pending.back());
+    for (bool isRoot = true; !pending.empty() && MayWalkOn(mark); isRoot = false) {
+        const std::string folder = std::move(pending.back());
         pending.pop_back();
-        const DirStream folder(opendir(path.c_str()));
-        const auto next = [&] {
-            return folder && mark.entries < WALKED_ENTRIES && !m_stopping ? readdir(folder.get()) : nullptr;
-        };
-        while (const dirent* const entry = next()) {
-            const std::string_view entryName = entry->d_name;
-            struct stat status {};
-            if (entryName == "." || entryName == ".." ||
-                fstatat(dirfd(folder.get()), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
-                continue;
-            }
-            const bool isFolder = S_ISDIR(status.st_mode);
-            if (isInUse && isFolder && isRoot && entryName != "bin" && entryName != "script") {
-                continue;
-            }
-            ++mark.entries;
-            mark.bytes += static_cast<std::uint64_t>(status.st_size);
-            mark.newestChange = std::max(mark.newestChange, Nanoseconds(status.st_ctim));
-            if (isFolder) {
-                pending.push_back(path + "/" + entry->d_name);
-            }
-        }
+        MarkFolder(folder, isRoot && isInUse, mark, pending);
     }
     return mark;
+}
+
+// Folders of the folder are left pending.
+void BundleDirWatcher::MarkFolder(const std::string& path, bool isRootInUse, TreeMark& mark,
+                                  std::vector<std::string>& pending) const
+{
+    const DirStream folder(opendir(path.c_str()));
+    const auto next = [&] { return folder && MayWalkOn(mark) ? readdir(folder.get()) : nullptr; };
+    while (const dirent* const entry = next()) {
+        const std::string_view name = entry->d_name;
+        struct stat status {};
+        if (name == "." || name == ".." ||
+            fstatat(dirfd(folder.get()), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+            continue;
+        }
+        const bool isFolder = S_ISDIR(status.st_mode);
+        if (isFolder && isRootInUse && name != "bin" && name != "script") {
+            continue;
+        }
+        ++mark.entries;
+        mark.bytes += static_cast<std::uint64_t>(status.st_size);
+        mark.newestChange = std::max(mark.newestChange, Nanoseconds(status.st_ctim));
+        if (isFolder) {
+            pending.push_back(path + "/" + entry->d_name);
+        }
+    }
+}
+
+bool BundleDirWatcher::MayWalkOn(const TreeMark& mark) const
+{
+    return mark.entries < WALKED_ENTRIES && !m_stopping;
 }
 
 } // namespace SystemServer

@@ -142,6 +142,8 @@ private:
     template <class Predicate> std::vector<std::string> KnownDirectories(const Predicate& isWanted) const;
     ItemMark MarkItem(int directory, const std::string& path, const ItemMark& last) REQUIRES(m_mutex);
     TreeMark MarkTree(const std::string& name, bool isInUse) const;
+    void MarkFolder(const std::string& path, bool isRootInUse, TreeMark& mark, std::vector<std::string>& pending) const;
+    bool MayWalkOn(const TreeMark& mark) const;
 
     const std::string m_prefix; // of an item's path, ending in "/": made the way the manager makes its bundles' paths
     const std::chrono::milliseconds m_interval;

@@ -100,7 +100,7 @@ void BundleThreadActivator::RunItem(const BundleManifest::LoadItem& item)
     try {
         ActivateDynLib(item);
     } catch (const std::exception& e) {
-        BUNDLE_ERROR("activate item[%s] fail. exception info: [%s].", item.itemName.c_str(), e.what());
+        BUNDLE_ERROR("activate item[%s] fail. exception info: [%s].", item.itemName.c_str(), ReasonOf(e).c_str());
     }
 }
 
