@@ -1,5 +1,7 @@
 #include "system/hostile_bundle.h"
 
+#include "support/slowness.h"
+
 #include <sys/prctl.h>
 
 #include <linux/capability.h>
@@ -15,11 +17,11 @@ namespace fs = std::filesystem;
 
 constexpr const char MONITOR[] = "bundle_monitor";
 
-/// Threads that keep the name of the program: the main one, and the thread sanitizer's own.
+/// Threads that keep the name of the program: the main one, and the thread sanitizer's own, or the emulator's.
 #ifdef __SANITIZE_THREAD__
 constexpr int NAMELESS_THREADS = 2;
 #else
-constexpr int NAMELESS_THREADS = 1;
+constexpr int NAMELESS_THREADS = SLOWNESS == 1 ? 1 : 2;
 #endif
 
 pid_t ProcessNumber(const fs::path& entry)

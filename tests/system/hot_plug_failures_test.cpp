@@ -33,6 +33,7 @@ protected:
 };
 
 class ABundleThatCanNotStart : public HotPlug {};
+class ABundleThatCanNotBeRemoved : public HotPlug {};
 class AnEntryThatIsNoBundle : public HotPlug {};
 class ABrokenUpdate : public HotPlug {};
 class AMendedBundle : public HotPlug {};
@@ -116,6 +117,17 @@ TEST_F(ABundleThatCanNotStart, ForWhatItRequiresIsMissingIsUnloadedAgain)
     EXPECT_TRUE(IsUnknown("radio"));
 }
 
+TEST_F(ABundleThatCanNotStart, IsNotTriedAgainForWhatItsOwnScriptsWriteInIt)
+{
+    const std::string write = Shell(": > " + In("radio") + "/written.$$; : > " + In("radio") + "/bin/written.$$");
+    staging.Bundle("radio").Requires("tuner").Install(write).Uninstall(write).Write();
+    MoveIn("radio");
+    ASSERT_TRUE(daemon.WaitForLog("run script[" + In("radio") + "/./script/uninstall.sh] done."));
+    PassScans();
+    EXPECT_EQ(daemon.CountInLog("load bundle[radio] success."), 1);
+    EXPECT_EQ(Modified(), 0);
+}
+
 TEST_F(ABundleThatCanNotStart, IsUnloadedAgain)
 {
     staging.Bundle("radio").ThreadMode().Item("radiod", "").Uninstall(Shell(": > " + Note("uninstalled"))).Write();
@@ -129,6 +141,19 @@ TEST_F(ABundleThatCanNotStart, IsUnloadedAgain)
                   "INFO " + uninstall + "...", "INFO " + uninstall + " done."}));
     EXPECT_EQ(records.back(), "INFO " + uninstall + " done.");
     EXPECT_TRUE(Exists(Note("uninstalled")));
+    EXPECT_TRUE(IsUnknown("radio"));
+}
+
+TEST_F(ABundleThatCanNotBeRemoved, IsNotLoadedAgainForWhatItsUninstallScriptHasWritten)
+{
+    daemon.Stop();
+    Interpose("REFUSE_FORK_WHEN", Note("refuse"));
+    collection.Bundle("radio").Uninstall(Shell(": > " + In("radio") + "/written; : > " + Note("refuse"))).Write();
+    ASSERT_TRUE(daemon.StartServing());
+    EXPECT_EQ(RequestDelete("radio"), 400);
+    EXPECT_TRUE(Exists(In("radio") + "/written"));
+    PassScans();
+    EXPECT_EQ(Modified(), 0);
     EXPECT_TRUE(IsUnknown("radio"));
 }
 

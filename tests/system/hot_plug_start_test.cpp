@@ -5,12 +5,15 @@
 #include <dirent.h>
 
 #include <filesystem>
+#include <string>
+#include <vector>
 
 namespace {
 
 namespace fs = std::filesystem;
 
-/// The last bundle that start-up loads waits in its "install.sh" until it is told to go on; all others are loaded then.
+/// The last bundle that start-up loads waits in its "install.sh" until it is told to go on; all others are loaded then,
+/// but for one that has no manifest.
 class WhileTheServerStarts : public HotPlug {
 protected:
     void SetUp() override
@@ -18,15 +21,15 @@ protected:
         for (const char* const name : {"radio", "tuner", "alarm"}) {
             collection.Bundle(name).Write();
         }
-        m_last = LastAsFound(collection.Path());
-        collection.Bundle(m_last).Install(Shell("until [ -e " + Note("go") + " ]; do sleep 0.05; done")).Write();
-        for (const char* const name : {"radio", "tuner", "alarm"}) {
-            if (name != m_last) {
-                m_first = name;
-            }
-        }
+        const std::vector<std::string> names = AsFound(collection.Path());
+        ASSERT_EQ(names.size(), 3U);
+        m_first = names[0];
+        m_broken = names[1];
+        fs::rename(In(m_broken) + "/BundleManifest.ini", staging / "manifest");
+        collection.Bundle(names[2]).Install(Shell("until [ -e " + Note("go") + " ]; do sleep 0.05; done")).Write();
         daemon.Start();
-        ASSERT_TRUE(daemon.WaitForLog("run script[" + In(m_last) + "/./script/install.sh]..."));
+        ASSERT_TRUE(daemon.WaitForLog("run script[" + In(names[2]) + "/./script/install.sh]..."));
+        ASSERT_EQ(daemon.CountInLog("failed to load bundles from " + In(m_broken) + ":"), 1);
     }
 
     void GoOn()
@@ -38,23 +41,36 @@ protected:
     /// One that start-up has loaded when it waits.
     const std::string& First() const { return m_first; }
 
-private:
-    /// The entry that a walk over the directory finds last.
-    static std::string LastAsFound(const std::string& path)
+    /// One that it could not load.
+    const std::string& Broken() const { return m_broken; }
+    void Mend() const { fs::rename(staging / "manifest", In(m_broken) + "/BundleManifest.ini"); }
+
+    /// The watcher's thread waits with this event, and sees what changes from then on only after the start.
+    void KeepWatcherWaiting()
     {
-        std::string last;
+        WriteFile(In("note"), "");
+        staging.Bundle("opera").Write();
+        MoveIn("opera");
+        ASSERT_TRUE(daemon.WaitForLog("dir item add event happen.", 2));
+    }
+
+private:
+    /// In the order in which a walk over the directory finds them.
+    static std::vector<std::string> AsFound(const std::string& path)
+    {
+        std::vector<std::string> names;
         DIR* const stream = ::opendir(path.c_str());
         for (const dirent* entry = ::readdir(stream); entry != nullptr; entry = ::readdir(stream)) {
             if (entry->d_name[0] != '.') {
-                last = entry->d_name;
+                names.emplace_back(entry->d_name);
             }
         }
         ::closedir(stream);
-        return last;
+        return names;
     }
 
     std::string m_first;
-    std::string m_last;
+    std::string m_broken;
 };
 
 } // namespace
@@ -85,14 +101,26 @@ TEST_F(WhileTheServerStarts, ABundleThatIsChangedIsUpdated)
 
 TEST_F(WhileTheServerStarts, ABundleThatIsChangedJustBeforeItGoesOnIsUpdated)
 {
-    // The watcher's thread waits with this event, so it sees the change only after the start.
-    WriteFile(In("note"), "");
-    staging.Bundle("opera").Write();
-    MoveIn("opera");
-    ASSERT_TRUE(daemon.WaitForLog("dir item add event happen.", 2));
+    KeepWatcherWaiting();
     collection.Bundle(First()).Copy("changed", TEST_SLEEPER).Write();
     GoOn();
     EXPECT_NE(daemon.WaitForItem(First(), "changed"), 0);
+}
+
+TEST_F(WhileTheServerStarts, ABundleThatIsMendedIsLoadedWhenItHasStarted)
+{
+    Mend();
+    ASSERT_TRUE(daemon.WaitForLog("dir item modified event happen."));
+    GoOn();
+    EXPECT_TRUE(IsStarted(Broken()));
+}
+
+TEST_F(WhileTheServerStarts, ABundleThatIsMendedJustBeforeItGoesOnIsLoaded)
+{
+    KeepWatcherWaiting();
+    Mend();
+    GoOn();
+    EXPECT_TRUE(IsStarted(Broken()));
 }
 
 TEST_F(WhileTheServerStarts, ABundleThatGoesIsUnloaded)

@@ -276,22 +276,19 @@ TEST_F(AcceptingChanges, OfWhatIsNotKnownDoesNothing)
               (Events{"modified radio", "added tuner"}));
 }
 
-TEST_F(OfferingAgain, RaisesTheNextChangeAsModifiedAndThenAsAdded)
+TEST_F(OfferingAgain, RaisesAnItemAsAddedOnceMore)
 {
-    watcher->OfferAgain(In("radio"));
-    EXPECT_EQ(EventsOf([] {}), Events{});
-    EXPECT_EQ(EventsOf([this] { EditManifest(); }), (Events{"modified radio", "added radio"}));
+    EXPECT_EQ(EventsOf([this] { watcher->OfferAgain(In("radio")); }), Events{"added radio"});
     EXPECT_EQ(EventsOf([this] { EditManifest(); }), Events{"modified radio"});
 }
 
-TEST_F(OfferingAgain, GoesOnUntilTheItemIsTaken)
+TEST_F(OfferingAgain, FollowsAChangeWhenItsHandlerAsksForIt)
 {
     recorder.SetHandler([this](const std::string& event) {
-        if (event == "added radio") {
+        if (event == "modified radio") {
             watcher->OfferAgain(In("radio"));
         }
     });
-    watcher->OfferAgain(In("radio"));
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(EventsOf([this] { EditManifest(); }), (Events{"modified radio", "added radio"}));
     }
@@ -299,11 +296,12 @@ TEST_F(OfferingAgain, GoesOnUntilTheItemIsTaken)
 
 TEST_F(OfferingAgain, WaitsUntilTheMendingIsComplete)
 {
-    watcher->OfferAgain(In("radio"));
     int written = 0;
     int writtenWhenAdded = 0;
     recorder.SetHandler([&](const std::string& event) {
-        if (event == "added radio") {
+        if (event == "modified radio") {
+            watcher->OfferAgain(In("radio"));
+        } else if (event == "added radio") {
             writtenWhenAdded = written;
         } else if (event.rfind("added tick-", 0) == 0 && written < 6) {
             ++written;
@@ -323,10 +321,12 @@ TEST_F(OfferingAgain, WaitsUntilTheMendingIsComplete)
 // An item of it may run on, and write without an end.
 TEST_F(OfferingAgain, DoesNotWaitForWhatIsWrittenToOtherFolders)
 {
-    watcher->OfferAgain(In("radio"));
     bool isAdded = false;
     int ticks = 0;
     recorder.SetHandler([&](const std::string& event) {
+        if (event == "modified radio") {
+            watcher->OfferAgain(In("radio"));
+        }
         isAdded = isAdded || event == "added radio";
         if (event.rfind("added tick-", 0) == 0 && !isAdded && ticks < 50) {
             Append(In("radio") + "/log/today", "one more line\n");
@@ -343,10 +343,13 @@ TEST_F(OfferingAgain, DoesNotWaitForWhatIsWrittenToOtherFolders)
     EXPECT_LT(ticks, 50);
 }
 
-TEST_F(OfferingAgain, RaisesTheRemovalOfAnItemThatWasRefused)
+TEST_F(OfferingAgain, RaisesTheRemovalOfAnItemThatHasGoneMeanwhile)
 {
-    watcher->OfferAgain(In("radio"));
-    EXPECT_EQ(EventsBetweenTwoScans([this] { fs::remove_all(In("radio")); }), Events{"removed radio"});
+    EXPECT_EQ(EventsBetweenTwoScans([this] {
+                  watcher->OfferAgain(In("radio"));
+                  fs::remove_all(In("radio"));
+              }),
+              Events{"removed radio"});
 }
 
 TEST_F(OfferingAgain, RaisesAReplacementThatCameMeanwhile)
@@ -357,5 +360,16 @@ TEST_F(OfferingAgain, RaisesAReplacementThatCameMeanwhile)
                   fs::rename(Aside("radio"), In("radio"));
                   watcher->OfferAgain(In("radio"));
               }),
-              (Events{"modified radio", "added radio"}));
+              Events{"added radio"});
+}
+
+TEST_F(OfferingAgain, OfWhatIsNotKnownDoesNothing)
+{
+    EXPECT_EQ(EventsOf([this] {
+                  for (const std::string& path : {In("missing"), In(""), In("radio") + "/", In("radio/bin"),
+                                                  Aside("radio"), std::string("radio"), std::string()}) {
+                      watcher->OfferAgain(path);
+                  }
+              }),
+              Events{});
 }

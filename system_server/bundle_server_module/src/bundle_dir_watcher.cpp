@@ -223,8 +223,8 @@ void BundleDirWatcher::RaiseChanges()
             return;
         }
         const Poco::File item(m_prefix + change.name); // made before the change counts as raised, for this may fail
-        if (Take(change) && !Raise(change.type, item)) {
-            Refuse(change);
+        if (Take(change)) {
+            Raise(change.type, item);
         }
     }
 }
@@ -303,7 +303,7 @@ void BundleDirWatcher::LookAt(int collection, const char* name, unsigned char ty
         item.isDirectory = isDirectory;
         if (m_scan == 1) { // there from the beginning
             item.isRaised = true;
-            item.phase = Phase::KNOWN;
+            item.isArriving = false;
             item.mark = MarkItem(collection, position->first, item.mark);
             item.lastScan = m_scan;
             return;
@@ -314,7 +314,7 @@ void BundleDirWatcher::LookAt(int collection, const char* name, unsigned char ty
         return; // another thing under the same name: the old one has gone, the next scan finds the new one
     }
     item.lastScan = m_scan;
-    if (item.phase == Phase::ARRIVING) {
+    if (item.isArriving) {
         if (HasArrived(collection, position->first, item)) {
             changes.push_back({DW_ITEM_ADDED, name, std::max(item.tree.newestChange, item.mark[ROOT].changed)});
         }
@@ -400,8 +400,7 @@ bool BundleDirWatcher::Take(const Change& change)
     if (item.isDirectory && !IsToBeRaised(change, item)) {
         return false;
     }
-    const bool isOffered = change.type == DW_ITEM_MODIFIED && item.phase == Phase::REFUSED;
-    item.phase = isOffered ? Phase::ARRIVING : Phase::KNOWN;
+    item.isArriving = false;
     item.isRaised = true;
     item.tree = TreeMark();
     return true;
@@ -425,8 +424,7 @@ bool BundleDirWatcher::IsToBeRaised(const Change& change, Item& item)
     return true;
 }
 
-// False when the handler has thrown.
-bool BundleDirWatcher::Raise(DirectoryEventType type, const Poco::File& file)
+void BundleDirWatcher::Raise(DirectoryEventType type, const Poco::File& file)
 {
     const DirectoryEvent event(file, type);
     try {
@@ -441,68 +439,50 @@ bool BundleDirWatcher::Raise(DirectoryEventType type, const Poco::File& file)
             itemModified(this, event);
             break;
         }
-        return true;
     } catch (const std::exception& e) {
         BUNDLE_ERROR("handler of [%s] fail. exception info: [%s].", file.path().c_str(), ReasonOf(e).c_str());
     } catch (...) {
         BUNDLE_ERROR("handler of [%s] fail.", file.path().c_str());
     }
-    return false;
-}
-
-// An item that nobody has taken is offered again when it changes.
-void BundleDirWatcher::Refuse(const Change& change)
-{
-    if (change.type == DW_ITEM_ADDED) {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_items.at(change.name).phase = Phase::REFUSED; // there: only this thread takes items away
-    }
 }
 
 void BundleDirWatcher::AcceptChanges(const std::string& path)
 {
-    Remark(path, Phase::KNOWN);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    Item* const item = FindItem(path);
+    if (item == nullptr || item->isArriving) {
+        return;
+    }
+    const ItemMark mark = MarkItem(AT_FDCWD, path, item->mark);
+    if (mark[ROOT].IsSameFile(item->mark[ROOT])) {
+        item->mark = mark;
+    }
 }
 
 void BundleDirWatcher::OfferAgain(const std::string& path)
 {
-    Remark(path, Phase::REFUSED);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (Item* const item = FindItem(path)) {
+        item->isArriving = true;
+    }
 }
 
-void BundleDirWatcher::Remark(const std::string& path, Phase phase)
+// Null when there is none under that path.
+BundleDirWatcher::Item* BundleDirWatcher::FindItem(const std::string& path)
 {
     if (path.compare(0, m_prefix.size(), m_prefix) != 0) {
-        return;
+        return nullptr;
     }
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    const auto position = m_items.find(path.substr(m_prefix.size()));
-    if (position == m_items.end() || position->second.phase == Phase::ARRIVING) {
-        return;
-    }
-    Item& item = position->second;
-    const ItemMark mark = MarkItem(AT_FDCWD, path, item.mark);
-    if (mark[ROOT].IsSameFile(item.mark[ROOT])) {
-        item.mark = mark;
-    }
-    item.phase = phase;
-}
-
-std::vector<std::string> BundleDirWatcher::Directories() const
-{
-    return KnownDirectories([](const Item&) { return true; });
+    const auto position = m_items.find(std::string_view(path).substr(m_prefix.size()));
+    return position == m_items.end() ? nullptr : &position->second;
 }
 
 std::vector<std::string> BundleDirWatcher::DirectoriesWithScripts() const
 {
-    return KnownDirectories([](const Item& item) { return item.mark[SCRIPT].inode != 0; });
-}
-
-template <class Predicate> std::vector<std::string> BundleDirWatcher::KnownDirectories(const Predicate& isWanted) const
-{
     const std::lock_guard<std::mutex> lock(m_mutex);
     std::vector<std::string> paths;
     for (const auto& [name, item] : m_items) {
-        if (item.isDirectory && item.phase != Phase::ARRIVING && isWanted(item)) {
+        if (item.isDirectory && !item.isArriving && item.mark[SCRIPT].inode != 0) {
             paths.push_back(m_prefix + name);
         }
     }

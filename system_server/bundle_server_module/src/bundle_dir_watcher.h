@@ -52,14 +52,11 @@ public:
     /// another is no such change: it is raised as modified all the same. Any thread. Unknown items are passed over.
     void AcceptChanges(const std::string& path);
 
-    /// As AcceptChanges, and offers the item again: its next change is raised as modified and then, when it has come to
-    /// rest, as added. For an item that could not be loaded as it is. Any thread.
+    /// Raises an item as added once more, when it has come to rest. For one of which a change was raised that nobody
+    /// could take: it may have been mended. Any thread. Unknown items are passed over. Throws nothing.
     void OfferAgain(const std::string& path);
 
-    /// The paths of all known directories. Any thread.
-    std::vector<std::string> Directories() const;
-
-    /// The paths of those that had a folder of scripts when they were last looked at. Any thread.
+    /// The paths of the known directories that had a folder of scripts when they were last looked at. Any thread.
     std::vector<std::string> DirectoriesWithScripts() const;
 
 private:
@@ -99,18 +96,12 @@ private:
         }
     };
 
-    enum class Phase {
-        ARRIVING, // to be raised as added when it is complete
-        KNOWN,
-        REFUSED // raised as added, but its handler could not take it as it is
-    };
-
     struct Item {
         bool isDirectory = false;
-        bool isRaised = false; // as added, or there from the beginning: its end is an event
-        Phase phase = Phase::ARRIVING;
-        ItemMark mark; // as raised; of the last scan, while it is arriving
-        TreeMark tree; // of the last scan, while it is arriving
+        bool isRaised = false;  // as added, or there from the beginning: its end is an event
+        bool isArriving = true; // to be raised as added when it is complete
+        ItemMark mark;          // as raised; of the last scan, while it is arriving
+        TreeMark tree;          // of the last scan, while it is arriving
         std::uint64_t lastScan = 0;
     };
 
@@ -136,10 +127,8 @@ private:
     void NoteReadable(int error) REQUIRES(m_mutex);
     bool Take(const Change& change);
     bool IsToBeRaised(const Change& change, Item& item) REQUIRES(m_mutex);
-    bool Raise(DirectoryEventType type, const Poco::File& file) EXCLUDES(m_mutex);
-    void Refuse(const Change& change);
-    void Remark(const std::string& path, Phase phase);
-    template <class Predicate> std::vector<std::string> KnownDirectories(const Predicate& isWanted) const;
+    void Raise(DirectoryEventType type, const Poco::File& file) EXCLUDES(m_mutex);
+    Item* FindItem(const std::string& path) REQUIRES(m_mutex);
     ItemMark MarkItem(int directory, const std::string& path, const ItemMark& last) REQUIRES(m_mutex);
     TreeMark MarkTree(const std::string& name, bool isInUse) const;
     void MarkFolder(const std::string& path, bool isRootInUse, TreeMark& mark, std::vector<std::string>& pending) const;

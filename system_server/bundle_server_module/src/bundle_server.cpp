@@ -21,7 +21,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
-#include <set>
 #include <thread>
 
 namespace SystemServer {
@@ -155,7 +154,6 @@ void BundleServer::StartUp()
     BUNDLE_INFO("StartAllBundles...");
     m_bundleManager->StartAllBundles();
     BUNDLE_INFO("StartAllBundles done.");
-    OfferUnloadedAgain();
     m_gate.set_value(m_bundleManager);
 }
 
@@ -171,27 +169,19 @@ void BundleServer::WatchCollection(const std::string& collectionDir)
     m_dirWatcher->itemModified += Poco::delegate(this, &BundleServer::OnItemModified);
 }
 
-// What "install.sh" has written in a bundle is no change that anybody has made. Bundles without the script are left
-// out: whatever has changed in them since they were loaded, somebody has made.
 void BundleServer::AcceptInstallations()
 {
-    const std::string script = "/" + Bundle::BUNDLE_SCRIPT_FILE_PATH + "install.sh";
     for (const std::string& path : m_changes->DirectoriesWithScripts()) {
-        if (access((path + script).c_str(), F_OK) == 0) {
-            m_changes->AcceptChanges(path);
-        }
+        AcceptWritesOf("install.sh", path);
     }
 }
 
-// A bundle that start-up could not load, resolve or start is loaded when somebody has mended it, and so is one whose
-// copy was still going on.
-void BundleServer::OfferUnloadedAgain()
+// What a script has written in its bundle is no change that anybody has made. Where there is no such script, whatever
+// has changed somebody has made.
+void BundleServer::AcceptWritesOf(const char* script, const std::string& path) const
 {
-    const std::set<std::string> loaded = m_bundleManager->LoadedPaths();
-    for (const std::string& path : m_changes->Directories()) {
-        if (loaded.count(path) == 0) {
-            m_changes->OfferAgain(path);
-        }
+    if (access((path + "/" + Bundle::BUNDLE_SCRIPT_FILE_PATH + script).c_str(), F_OK) == 0) {
+        AcceptChanges(path);
     }
 }
 
@@ -310,8 +300,8 @@ std::uint16_t BundleServer::DeleteBundle(const char* content, std::size_t length
             return STATUS_BAD_REQUEST;
         }
         const std::string& path = bundle->GetStorage()->GetRootPath();
-        // Should another directory be there by the time the watcher looks, it is one to be loaded.
-        server.OfferAgain(path);
+        // Should the directory stay, what "uninstall.sh" has written in it is no reason to load it again.
+        server.AcceptChanges(path);
         return RemoveBundleDirectory(path) ? STATUS_OK : STATUS_BAD_REQUEST;
     } catch (const std::exception& e) {
         BUNDLE_ERROR("request fail.exception info: [%s].", e.what());
@@ -378,29 +368,19 @@ void BundleServer::OnItemAdded(const DirectoryEvent& event)
         return;
     }
     const std::shared_ptr<Bundle> bundle = LoadAdded(*manager, path);
-    if (!bundle || !StartAdded(*manager, bundle)) {
-        OfferAgain(path);
+    if (bundle && !StartAdded(*manager, bundle)) {
+        AcceptWritesOf("uninstall.sh", path);
     }
 }
 
-// What the watcher is not told, for want of memory, costs a needless update or a touch of the directory: no reason to
-// break off what has been done with the bundle.
-
+// What the watcher is not told, for want of memory, costs a needless update: no reason to break off what has been done
+// with the bundle.
 void BundleServer::AcceptChanges(const std::string& path) const
 {
     try {
         m_changes->AcceptChanges(path);
     } catch (const std::exception& e) {
         BUNDLE_ERROR("accept changes of [%s] fail. exception info: [%s].", path.c_str(), ReasonOf(e).c_str());
-    }
-}
-
-void BundleServer::OfferAgain(const std::string& path) const
-{
-    try {
-        m_changes->OfferAgain(path);
-    } catch (const std::exception& e) {
-        BUNDLE_ERROR("offer [%s] again fail. exception info: [%s].", path.c_str(), ReasonOf(e).c_str());
     }
 }
 
@@ -462,9 +442,13 @@ void BundleServer::OnItemModified(const DirectoryEvent& event)
     BUNDLE_INFO("dir item modified event happen.");
     BUNDLE_INFO("update a bundle dir.");
     const auto manager = ManagerAtGate();
-    const std::shared_ptr<Bundle> bundle = manager ? FindChanged(*manager, event.item.path()) : nullptr;
-    if (bundle) {
+    if (!manager) {
+        return;
+    }
+    if (const std::shared_ptr<Bundle> bundle = FindChanged(*manager, event.item.path())) {
         UpdateAndRestart(*manager, bundle);
+    } else {
+        m_changes->OfferAgain(event.item.path()); // what could not be loaded, resolved or started may be mended now
     }
 }
 

@@ -79,9 +79,8 @@ private:
     void StartUp();
     void WatchCollection(const std::string& collectionDir);
     void AcceptInstallations();
-    void OfferUnloadedAgain();
+    void AcceptWritesOf(const char* script, const std::string& path) const;
     void AcceptChanges(const std::string& path) const;
-    void OfferAgain(const std::string& path) const;
     std::shared_ptr<BundleManager> ManagerAtGate() const { return m_gateOpen.get(); }
 
     static std::uint16_t DeleteBundle(const char* content, std::size_t length);
