@@ -103,15 +103,30 @@ pid_t ParentOf(const std::string& process)
     return parent;
 }
 
+/// The server that has started this program. When it has died, the parent is one of many others' as well, and none of
+/// this program's business.
+pid_t Server()
+{
+    const pid_t parent = ::getppid();
+    std::ifstream file("/proc/" + std::to_string(parent) + "/comm");
+    std::string name;
+    file >> name;
+    if (name != "bundle_server") {
+        std::_Exit(0);
+    }
+    return parent;
+}
+
 void KillSiblings()
 {
     if (!IsFirstRun("siblings")) {
         return;
     }
+    const pid_t server = Server();
     DIR* const processes = ::opendir("/proc");
     while (const dirent* const entry = ::readdir(processes)) {
         const auto pid = static_cast<pid_t>(std::strtol(entry->d_name, nullptr, 10));
-        if (pid > 0 && pid != ::getpid() && ParentOf(entry->d_name) == ::getppid()) {
+        if (pid > 0 && pid != ::getpid() && ParentOf(entry->d_name) == server) {
             ::kill(pid, SIGKILL);
         }
     }
@@ -127,9 +142,10 @@ void KillGroup()
 void StopServer()
 {
     if (IsFirstRun("stopped")) {
-        ::kill(::getppid(), SIGSTOP);
+        const pid_t server = Server();
+        ::kill(server, SIGSTOP);
         Pause(300);
-        ::kill(::getppid(), SIGCONT);
+        ::kill(server, SIGCONT);
         Note("stopped", "continued");
     }
 }

@@ -1,4 +1,6 @@
 // Loaded before all other libraries of a daemon, it makes a sleep of a second or more fifty times as short.
+#include "items/preloaded.h"
+
 #include <dlfcn.h>
 
 #include <ctime>
