@@ -19,6 +19,19 @@ using Records = std::vector<std::string>;
 class TheRecords : public HotPlug {};
 class AnUpdate : public HotPlug {};
 class ASlowCopy : public HotPlug {};
+
+/// The thread that deals with the bundle "radio" stays for a second where it has written that record.
+class AChangeThatIsMade : public HotPlug {
+protected:
+    void HoldAfter(const std::string& record)
+    {
+        daemon.Stop();
+        Interpose("HOLD_AFTER", "1:" + record);
+        ASSERT_TRUE(daemon.StartServing());
+    }
+    void Change() const { RunShell("echo '; changed' >> \"$COLLECTION\"/radio/BundleManifest.ini"); }
+};
+
 class TheCollection : public HotPlug {};
 class SeveralBundles : public HotPlug {};
 
@@ -270,6 +283,49 @@ TEST_F(AnUpdate, FollowsForAChangeThatIsMadeWhileTheBundleIsStarted)
     ASSERT_TRUE(IsStarted("radio", 2));
     PassScans();
     EXPECT_EQ(Modified(), 1);
+}
+
+TEST_F(AChangeThatIsMade, JustAfterTheBundleIsLoadedUpdatesIt)
+{
+    HoldAfter("load bundle[radio] success.");
+    staging.Bundle("radio").Write();
+    MoveIn("radio");
+    ASSERT_TRUE(daemon.WaitForLog("load bundle[radio] success."));
+    Change();
+    EXPECT_TRUE(IsStarted("radio", 2));
+    EXPECT_EQ(Modified(), 1);
+}
+
+TEST_F(AChangeThatIsMade, JustAfterTheManifestIsReadUpdatesTheBundleAgain)
+{
+    HoldAfter("bundle load mode ------> [0]");
+    staging.Bundle("radio").Write();
+    MoveIn("radio");
+    ASSERT_TRUE(IsStarted("radio"));
+    Change();
+    ASSERT_TRUE(daemon.WaitForLog("bundle load mode ------> [0]", 2));
+    Change();
+    EXPECT_TRUE(IsStarted("radio", 3));
+    EXPECT_EQ(Modified(), 2);
+}
+
+TEST_F(AChangeThatIsMade, JustAfterTheBundleCouldNotBeLoadedLoadsIt)
+{
+    HoldAfter("failed to load bundle from [" + In("radio") + "].");
+    fs::create_directories(In("radio") + "/bin");
+    ASSERT_TRUE(daemon.WaitForLog("failed to load bundle from [" + In("radio") + "]."));
+    collection.Bundle("radio").Write();
+    EXPECT_TRUE(IsStarted("radio"));
+}
+
+TEST_F(AChangeThatIsMade, WhileTheBundleIsStartedInVainHasItTriedAgain)
+{
+    HoldAfter("resolve bundle[radio] dependencies...");
+    staging.Bundle("radio").Requires("tuner").Write();
+    MoveIn("radio");
+    ASSERT_TRUE(daemon.WaitForLog("resolve bundle[radio] dependencies..."));
+    collection.Bundle("radio").Write();
+    EXPECT_TRUE(IsStarted("radio"));
 }
 
 TEST_F(ASlowCopy, EndsInABundleThatRunsAndIsAddedOnce)

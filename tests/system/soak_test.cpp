@@ -813,5 +813,7 @@ TEST_F(ASoak, OfDeathsChangesAndRequestsLosesNothingAndLeavesNothing)
 #endif
     Report(before, after);
     EXPECT_EQ(daemon.Stop().status, 0);
-    EXPECT_EQ(daemon.Errors(), "");
+    if (SLOWNESS == 1) { // an emulator tells there of each item that dies of a signal
+        EXPECT_EQ(daemon.Errors(), "");
+    }
 }

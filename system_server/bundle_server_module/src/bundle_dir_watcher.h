@@ -47,8 +47,8 @@ public:
     BundleDirWatcher(const BundleDirWatcher&) = delete;
     BundleDirWatcher& operator=(const BundleDirWatcher&) = delete;
 
-    /// Takes what has changed in an item up to now for known. For a handler, after it has changed the item itself or
-    /// has read it; and for the server, after start-up has run its scripts. A directory that has been replaced by
+    /// Takes what has changed in an item up to now for known. For a handler, before it reads the item, and after it has
+    /// changed it itself; and for the server, after start-up has run its scripts. A directory that has been replaced by
     /// another is no such change: it is raised as modified all the same. Any thread. Unknown items are passed over.
     void AcceptChanges(const std::string& path);
 

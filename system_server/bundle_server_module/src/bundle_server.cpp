@@ -178,10 +178,16 @@ void BundleServer::AcceptInstallations()
 
 // What a script has written in its bundle is no change that anybody has made. Where there is no such script, whatever
 // has changed somebody has made.
+// What the watcher is not told, for want of memory, costs a needless update: no reason to break off what has been done
+// with the bundle.
 void BundleServer::AcceptWritesOf(const char* script, const std::string& path) const
 {
-    if (access((path + "/" + Bundle::BUNDLE_SCRIPT_FILE_PATH + script).c_str(), F_OK) == 0) {
-        AcceptChanges(path);
+    try {
+        if (access((path + "/" + Bundle::BUNDLE_SCRIPT_FILE_PATH + script).c_str(), F_OK) == 0) {
+            m_changes->AcceptChanges(path);
+        }
+    } catch (const std::exception& e) {
+        BUNDLE_ERROR("accept changes of [%s] fail. exception info: [%s].", path.c_str(), ReasonOf(e).c_str());
     }
 }
 
@@ -300,8 +306,7 @@ std::uint16_t BundleServer::DeleteBundle(const char* content, std::size_t length
             return STATUS_BAD_REQUEST;
         }
         const std::string& path = bundle->GetStorage()->GetRootPath();
-        // Should the directory stay, what "uninstall.sh" has written in it is no reason to load it again.
-        server.AcceptChanges(path);
+        server.AcceptWritesOf("uninstall.sh", path); // should the directory stay, they are no reason to load it again
         return RemoveBundleDirectory(path) ? STATUS_OK : STATUS_BAD_REQUEST;
     } catch (const std::exception& e) {
         BUNDLE_ERROR("request fail.exception info: [%s].", e.what());
@@ -373,24 +378,14 @@ void BundleServer::OnItemAdded(const DirectoryEvent& event)
     }
 }
 
-// What the watcher is not told, for want of memory, costs a needless update: no reason to break off what has been done
-// with the bundle.
-void BundleServer::AcceptChanges(const std::string& path) const
-{
-    try {
-        m_changes->AcceptChanges(path);
-    } catch (const std::exception& e) {
-        BUNDLE_ERROR("accept changes of [%s] fail. exception info: [%s].", path.c_str(), ReasonOf(e).c_str());
-    }
-}
-
 std::shared_ptr<Bundle> BundleServer::LoadAdded(BundleManager& manager, const std::string& path)
 {
     try {
         BUNDLE_INFO("add a new bundle dir.");
         BUNDLE_INFO("load bundle from [%s]...", path.c_str());
+        m_changes->AcceptChanges(path); // what has come since the event is loaded with the rest
         std::shared_ptr<Bundle> bundle = manager.LoadBundle(path);
-        AcceptChanges(path); // those of "install.sh" among them
+        AcceptWritesOf("install.sh", path);
         if (!bundle) {
             BUNDLE_ERROR("load bundle from [%s] fail.", path.c_str());
         }
@@ -470,7 +465,7 @@ void BundleServer::UpdateAndRestart(BundleManager& manager, const std::shared_pt
 {
     try {
         bundle->Update();
-        AcceptChanges(bundle->GetStorage()->GetRootPath()); // those of "update.sh" among them
+        AcceptWritesOf("update.sh", bundle->GetStorage()->GetRootPath());
         const std::string name = NameOf(*bundle);
         BUNDLE_INFO("stop bundle[%s]...", name.c_str());
         manager.StopBundle(bundle);

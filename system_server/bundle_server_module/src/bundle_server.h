@@ -80,7 +80,6 @@ private:
     void WatchCollection(const std::string& collectionDir);
     void AcceptInstallations();
     void AcceptWritesOf(const char* script, const std::string& path) const;
-    void AcceptChanges(const std::string& path) const;
     std::shared_ptr<BundleManager> ManagerAtGate() const { return m_gateOpen.get(); }
 
     static std::uint16_t DeleteBundle(const char* content, std::size_t length);
