@@ -213,7 +213,6 @@ FAILING_CALLS(STAT, "stat", int, -1, (const char* path, void* status), (path, st
 FAILING_CALLS(LSTAT, "lstat", int, -1, (const char* path, void* status), (path, status), 0)
 FAILING_CALLS(FSTATAT, "fstatat", int, -1, (int directory, const char* path, void* status, int flags),
               (directory, path, status, flags), directory)
-FAILING_CALL(ACCESS, "access", int, -1, (const char* path, int mode), (path, mode), mode)
 FAILING_CALL(READLINK, "readlink", ssize_t, -1, (const char* path, char* target, std::size_t size),
              (path, target, size), 0)
 FAILING_CALL(MKDIR, "mkdir", int, -1, (const char* path, mode_t mode), (path, mode), 0)

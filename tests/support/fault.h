@@ -33,7 +33,6 @@ enum class Call {
     STAT,
     LSTAT,
     FSTATAT,
-    ACCESS,
     READLINK,
     MKDIR,
     CHMOD,

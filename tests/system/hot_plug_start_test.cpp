@@ -24,6 +24,7 @@ protected:
         const std::vector<std::string> names = AsFound(collection.Path());
         ASSERT_EQ(names.size(), 3U);
         m_first = names[0];
+        collection.Bundle(m_first).Install(Shell("exit 0")).Write();
         m_broken = names[1];
         fs::rename(In(m_broken) + "/BundleManifest.ini", staging / "manifest");
         collection.Bundle(names[2]).Install(Shell("until [ -e " + Note("go") + " ]; do sleep 0.05; done")).Write();

@@ -44,6 +44,15 @@ TEST_F(MakingABundle, RunsNoScript)
     EXPECT_FALSE(log.HasPart("run script"));
 }
 
+TEST_F(MakingABundle, GivesItTheObserverOfScripts)
+{
+    std::string told;
+    BundleStorageDirFactory observed([&told](const std::string& root) { told = root; });
+    const std::string path = collection.Bundle("media").Install("#!/bin/sh\n").Write();
+    observed.CreateBundle(path)->RunScript("install.sh");
+    EXPECT_EQ(told, path);
+}
+
 TEST_F(MakingABundle, RefusesAFile)
 {
     const std::string path = collection / "file";

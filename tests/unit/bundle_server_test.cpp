@@ -288,16 +288,6 @@ TEST_F(StartingTheServer, FailsWhenTheWatchersEventsCannotBeSubscribed)
     EXPECT_FALSE(log.Has("create BundleFactory..."));
 }
 
-TEST_F(StartingTheServer, GoesOnWhereAnInstallScriptCanNotBeLookedFor)
-{
-    collection.Bundle("media").Install(Noting("install")).Write();
-    const Fault fault(Call::ACCESS, EACCES);
-    StartUp();
-    EXPECT_TRUE(fault.HasStruck());
-    EXPECT_EQ(Notes(), "install\n");
-    EXPECT_TRUE(log.Has("bundle[media] state changing[Starting] -> [Active]"));
-}
-
 TEST_F(StartingTheServer, GoesOnPastBundlesThatFail)
 {
     collection.Bundle("broken").Manifest("[global]\n").Write();

@@ -234,6 +234,25 @@ TEST_F(RunningAScript, SaysNothingWhereThereIsNone)
     EXPECT_FALSE(Exists(path + "/script"));
 }
 
+TEST_F(RunningAScript, TellsTheObserverWhenItHasEndedAndNotWhereThereIsNone)
+{
+    const std::string mark = collection / "mark";
+    collection.Bundle("media")
+        .Install("#!/bin/sh\nsleep 0.1\ntouch " + mark + "\n")
+        .Update("#!/bin/sh\nexit 1\n")
+        .Write();
+    std::vector<std::string> told;
+    const auto observer = std::make_shared<const Bundle::ScriptObserver>(
+        [&](const std::string& root) { told.push_back(root + (Exists(mark) ? " with its mark" : "")); });
+    Bundle bundle(std::make_shared<BundleStorageDir>(path), observer);
+    bundle.RunScript("uninstall.sh");
+    EXPECT_TRUE(told.empty());
+    bundle.RunScript("install.sh");
+    EXPECT_EQ(told, std::vector<std::string>{path + " with its mark"});
+    bundle.Update();
+    EXPECT_EQ(told.size(), 2U);
+}
+
 TEST_F(RunningAScript, WaitsForItsEnd)
 {
     const std::string mark = collection / "mark";

@@ -399,7 +399,6 @@ TEST_F(AnEntry, ThatWasThereBeforeTheWatcherRaisesNothing)
     WriteText(In("note"), "");
     Watch();
     EXPECT_EQ(EventsOf([] {}), Events{});
-    EXPECT_EQ(watcher->DirectoriesWithScripts(), std::vector<std::string>{In("radio")});
 }
 
 TEST_F(AnEntry, ThatIsRenamedIsRemovedBeforeItIsAdded)
@@ -433,9 +432,7 @@ TEST_F(AnEntry, ThatIsADanglingLinkIsAPlainOneUntilItLeadsToADirectory)
 {
     Watch();
     EXPECT_EQ(EventsOf("ln -s \"$ASIDE\"/radio \"$COLLECTION\"/radio"), Events{"added radio"});
-    EXPECT_EQ(watcher->DirectoriesWithScripts(), std::vector<std::string>{});
     EXPECT_EQ(EventsBetweenTwoScans([this] { MakeBundle(Aside("radio")); }), (Events{"removed radio", "added radio"}));
-    EXPECT_EQ(watcher->DirectoriesWithScripts(), std::vector<std::string>{In("radio")});
     EXPECT_EQ(EventsOf("echo '; new' >> \"$ASIDE\"/radio/BundleManifest.ini"), Events{"modified radio"});
     EXPECT_EQ(EventsBetweenTwoScans("mv \"$ASIDE\"/radio \"$ASIDE\"/gone"), (Events{"removed radio", "added radio"}));
     EXPECT_EQ(EventsOf("rm \"$COLLECTION\"/radio"), Events{"removed radio"});

@@ -6,6 +6,7 @@
 #include "bundle_storage_dir.h"
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -40,10 +41,15 @@ public:
     static const std::string BUNDLE_ACTIVE_STATE_STR;
     static const std::unordered_map<BUNDLE_STATE_E, std::string> m_bundleStateStrMap;
 
+    /// Told of each script that has run, when it has ended, on the thread that ran it: in which bundle's directory.
+    /// Must not throw.
+    using ScriptObserver = std::function<void(const std::string& rootPath)>;
+
     /// Reads the manifest through the storage, which is the bundle's for its whole life.
+    /// @param scriptObserver empty, or shared with other bundles
     /// @throws Poco::FileNotFoundException there is no manifest; the storage's log record says why
     /// @throws what the storage and BundleManifest throw
-    explicit Bundle(std::shared_ptr<BundleStorage> storage);
+    explicit Bundle(std::shared_ptr<BundleStorage> storage, std::shared_ptr<const ScriptObserver> scriptObserver = {});
     virtual ~Bundle();
     Bundle(const Bundle&) = delete;
     Bundle& operator=(const Bundle&) = delete;
@@ -81,6 +87,7 @@ private:
     std::atomic<BUNDLE_STATE_E> m_curState{BUNDLE_INSTALLED}; // changed under the manager's lock
     std::shared_ptr<BundleManifest> m_manifest;     // replaced on one thread while others read it: atomic access only
     const std::shared_ptr<BundleStorage> m_storage; // immutable
+    const std::shared_ptr<const ScriptObserver> m_scriptObserver;
 };
 
 /// The name under which other bundles and the requests know it: the manifest's, and so another one after an Update that

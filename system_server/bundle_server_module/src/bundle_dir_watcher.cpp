@@ -477,18 +477,6 @@ BundleDirWatcher::Item* BundleDirWatcher::FindItem(const std::string& path)
     return position == m_items.end() ? nullptr : &position->second;
 }
 
-std::vector<std::string> BundleDirWatcher::DirectoriesWithScripts() const
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    std::vector<std::string> paths;
-    for (const auto& [name, item] : m_items) {
-        if (item.isDirectory && !item.isArriving && item.mark[SCRIPT].inode != 0) {
-            paths.push_back(m_prefix + name);
-        }
-    }
-    return paths;
-}
-
 // What cannot be told now is taken to be as it was.
 BundleDirWatcher::ItemMark BundleDirWatcher::MarkItem(int directory, const std::string& path, const ItemMark& last)
 {

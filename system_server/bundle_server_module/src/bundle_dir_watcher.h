@@ -47,17 +47,14 @@ public:
     BundleDirWatcher(const BundleDirWatcher&) = delete;
     BundleDirWatcher& operator=(const BundleDirWatcher&) = delete;
 
-    /// Takes what has changed in an item up to now for known. For a handler, before it reads the item, and after it has
-    /// changed it itself; and for the server, after start-up has run its scripts. A directory that has been replaced by
-    /// another is no such change: it is raised as modified all the same. Any thread. Unknown items are passed over.
+    /// Takes what has changed in an item up to now for known. For whoever has changed it himself, and for a handler
+    /// before it reads the item. A directory that has been replaced by another is no such change: it is raised as
+    /// modified all the same. Any thread. Unknown items are passed over.
     void AcceptChanges(const std::string& path);
 
     /// Raises an item as added once more, when it has come to rest. For one of which a change was raised that nobody
     /// could take: it may have been mended. Any thread. Unknown items are passed over. Throws nothing.
     void OfferAgain(const std::string& path);
-
-    /// The paths of the known directories that had a folder of scripts when they were last looked at. Any thread.
-    std::vector<std::string> DirectoriesWithScripts() const;
 
 private:
     friend class ScanTimer; // measures what one scan costs

@@ -5,9 +5,17 @@
 
 #include <Poco/File.h>
 
+#include <utility>
+
 namespace SystemServer {
 
 BundleFactory::~BundleFactory() = default;
+
+BundleStorageDirFactory::BundleStorageDirFactory(Bundle::ScriptObserver scriptObserver)
+    : m_scriptObserver(scriptObserver ? std::make_shared<const Bundle::ScriptObserver>(std::move(scriptObserver))
+                                      : nullptr)
+{}
+
 BundleStorageDirFactory::~BundleStorageDirFactory() = default;
 
 std::shared_ptr<Bundle> BundleStorageDirFactory::CreateBundle(const std::string& bundleStoragePath)
@@ -21,7 +29,7 @@ std::shared_ptr<Bundle> BundleStorageDirFactory::CreateBundle(const std::string&
         BUNDLE_ERROR("pBundleStorage is nullptr.");
         return nullptr;
     }
-    return std::make_shared<Bundle>(pBundleStorage);
+    return std::make_shared<Bundle>(pBundleStorage, m_scriptObserver);
 }
 
 } // namespace SystemServer

@@ -8,7 +8,7 @@
 
 namespace SystemServer {
 
-/// Makes bundles. Stateless, so any thread may use it.
+/// Makes bundles. Immutable, so any thread may use it.
 class BundleFactory {
 public:
     BundleFactory() = default;
@@ -24,10 +24,15 @@ public:
 /// Makes bundles of plain directories. Runs no script: installing is the manager's business.
 class BundleStorageDirFactory : public BundleFactory {
 public:
+    /// @param scriptObserver of all bundles that it makes; empty when there is none
+    explicit BundleStorageDirFactory(Bundle::ScriptObserver scriptObserver = {});
     ~BundleStorageDirFactory() override;
 
     /// @throws Poco::FileNotFoundException nothing exists at that path
     std::shared_ptr<Bundle> CreateBundle(const std::string& bundleStoragePath) override;
+
+private:
+    const std::shared_ptr<const Bundle::ScriptObserver> m_scriptObserver;
 };
 
 } // namespace SystemServer

@@ -87,7 +87,7 @@ private:
     void StartBundleDependencies(std::shared_ptr<Bundle> bundle);
     std::shared_ptr<BundleActivator> ActivatorOf(const std::string& name) const;
 
-    const std::shared_ptr<BundleFactory> m_bundleFactory;   // has no state
+    const std::shared_ptr<BundleFactory> m_bundleFactory;   // immutable
     std::map<std::string, BUNDLE_INFO_S> m_bundleInfoMap;   // by the manifest's name; guarded by m_mutex
     std::set<std::shared_ptr<Bundle>> m_resolvingBundleSet; // on the stack of ResolveBundle; guarded by m_mutex
     std::recursive_mutex m_mutex;                           // recursive: the operations use one another

@@ -15,8 +15,6 @@
 #include <Poco/Util/Option.h>
 #include <Poco/Util/OptionCallback.h>
 
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -138,7 +136,8 @@ void BundleServer::StartUp()
     WatchCollection(collectionDir);
 
     BUNDLE_INFO("create BundleFactory...");
-    const std::shared_ptr<BundleFactory> bundleFactory = std::make_shared<BundleStorageDirFactory>();
+    const std::shared_ptr<BundleFactory> bundleFactory =
+        std::make_shared<BundleStorageDirFactory>([this](const std::string& path) { AcceptWritesOfScript(path); });
     BUNDLE_INFO("create BundleFactory done.");
     BUNDLE_INFO("create BundleManager...");
     m_bundleManager = std::make_shared<BundleManager>(bundleFactory);
@@ -147,7 +146,6 @@ void BundleServer::StartUp()
     BUNDLE_INFO("LoadAllBundles...");
     m_bundleManager->LoadAllBundles(collectionDir);
     BUNDLE_INFO("LoadAllBundles done.");
-    AcceptInstallations();
     BUNDLE_INFO("ResolveAllBundles...");
     m_bundleManager->ResolveAllBundles();
     BUNDLE_INFO("ResolveAllBundles done.");
@@ -169,23 +167,12 @@ void BundleServer::WatchCollection(const std::string& collectionDir)
     m_dirWatcher->itemModified += Poco::delegate(this, &BundleServer::OnItemModified);
 }
 
-void BundleServer::AcceptInstallations()
-{
-    for (const std::string& path : m_changes->DirectoriesWithScripts()) {
-        AcceptWritesOf("install.sh", path);
-    }
-}
-
-// What a script has written in its bundle is no change that anybody has made. Where there is no such script, whatever
-// has changed somebody has made.
-// What the watcher is not told, for want of memory, costs a needless update: no reason to break off what has been done
-// with the bundle.
-void BundleServer::AcceptWritesOf(const char* script, const std::string& path) const
+// What a script has written in its bundle is no change that anybody has made. What the watcher is not told, for want of
+// memory, costs a needless update.
+void BundleServer::AcceptWritesOfScript(const std::string& path) const
 {
     try {
-        if (access((path + "/" + Bundle::BUNDLE_SCRIPT_FILE_PATH + script).c_str(), F_OK) == 0) {
-            m_changes->AcceptChanges(path);
-        }
+        m_changes->AcceptChanges(path);
     } catch (const std::exception& e) {
         BUNDLE_ERROR("accept changes of [%s] fail. exception info: [%s].", path.c_str(), ReasonOf(e).c_str());
     }
@@ -305,9 +292,7 @@ std::uint16_t BundleServer::DeleteBundle(const char* content, std::size_t length
         if (!StopAndUnload(*server.m_bundleManager, bundle)) {
             return STATUS_BAD_REQUEST;
         }
-        const std::string& path = bundle->GetStorage()->GetRootPath();
-        server.AcceptWritesOf("uninstall.sh", path); // should the directory stay, they are no reason to load it again
-        return RemoveBundleDirectory(path) ? STATUS_OK : STATUS_BAD_REQUEST;
+        return RemoveBundleDirectory(bundle->GetStorage()->GetRootPath()) ? STATUS_OK : STATUS_BAD_REQUEST;
     } catch (const std::exception& e) {
         BUNDLE_ERROR("request fail.exception info: [%s].", e.what());
         return STATUS_BAD_REQUEST;
@@ -372,9 +357,8 @@ void BundleServer::OnItemAdded(const DirectoryEvent& event)
         }
         return;
     }
-    const std::shared_ptr<Bundle> bundle = LoadAdded(*manager, path);
-    if (bundle && !StartAdded(*manager, bundle)) {
-        AcceptWritesOf("uninstall.sh", path);
+    if (const std::shared_ptr<Bundle> bundle = LoadAdded(*manager, path)) {
+        StartAdded(*manager, bundle);
     }
 }
 
@@ -385,7 +369,6 @@ std::shared_ptr<Bundle> BundleServer::LoadAdded(BundleManager& manager, const st
         BUNDLE_INFO("load bundle from [%s]...", path.c_str());
         m_changes->AcceptChanges(path); // what has come since the event is loaded with the rest
         std::shared_ptr<Bundle> bundle = manager.LoadBundle(path);
-        AcceptWritesOf("install.sh", path);
         if (!bundle) {
             BUNDLE_ERROR("load bundle from [%s] fail.", path.c_str());
         }
@@ -397,7 +380,7 @@ std::shared_ptr<Bundle> BundleServer::LoadAdded(BundleManager& manager, const st
     }
 }
 
-bool BundleServer::StartAdded(BundleManager& manager, const std::shared_ptr<Bundle>& bundle)
+void BundleServer::StartAdded(BundleManager& manager, const std::shared_ptr<Bundle>& bundle)
 {
     try {
         const std::string name = NameOf(*bundle);
@@ -408,7 +391,6 @@ bool BundleServer::StartAdded(BundleManager& manager, const std::shared_ptr<Bund
         BUNDLE_INFO("start bundle[%s]...", name.c_str());
         manager.StartBundle(bundle);
         BUNDLE_INFO("start bundle done.");
-        return true;
     } catch (const std::exception&) {
         // The unloading is the answer, in the log too. It can be refused: a request may have dealt with the bundle.
         try {
@@ -417,7 +399,6 @@ bool BundleServer::StartAdded(BundleManager& manager, const std::shared_ptr<Bund
             BUNDLE_ERROR("failed bundle[%s] is not unloaded :%s", bundle->GetManifest()->GetBundleName().c_str(),
                          ReasonOf(e).c_str());
         }
-        return false;
     }
 }
 
@@ -465,7 +446,6 @@ void BundleServer::UpdateAndRestart(BundleManager& manager, const std::shared_pt
 {
     try {
         bundle->Update();
-        AcceptWritesOf("update.sh", bundle->GetStorage()->GetRootPath());
         const std::string name = NameOf(*bundle);
         BUNDLE_INFO("stop bundle[%s]...", name.c_str());
         manager.StopBundle(bundle);

@@ -78,8 +78,7 @@ protected:
 private:
     void StartUp();
     void WatchCollection(const std::string& collectionDir);
-    void AcceptInstallations();
-    void AcceptWritesOf(const char* script, const std::string& path) const;
+    void AcceptWritesOfScript(const std::string& path) const;
     std::shared_ptr<BundleManager> ManagerAtGate() const { return m_gateOpen.get(); }
 
     static std::uint16_t DeleteBundle(const char* content, std::size_t length);
@@ -87,8 +86,8 @@ private:
     static bool RemoveBundleDirectory(const std::string& path);
     static std::shared_ptr<Bundle> FindChanged(BundleManager& manager, const std::string& path);
     std::shared_ptr<Bundle> LoadAdded(BundleManager& manager, const std::string& path);
-    static bool StartAdded(BundleManager& manager, const std::shared_ptr<Bundle>& bundle);
-    void UpdateAndRestart(BundleManager& manager, const std::shared_ptr<Bundle>& bundle);
+    static void StartAdded(BundleManager& manager, const std::shared_ptr<Bundle>& bundle);
+    static void UpdateAndRestart(BundleManager& manager, const std::shared_ptr<Bundle>& bundle);
 
     using Gate = std::promise<std::shared_ptr<BundleManager>>;
 
