@@ -305,6 +305,7 @@ TEST_F(AHostilePeer, ThatNeverReadsLosesItsConnectionAndNobodyElseDoes)
     bool isTold = false; // of rounds that follow each other closely only the first
     const auto attack = [&] {
         std::vector<std::thread> deaf;
+        deaf.reserve(static_cast<std::size_t>(peers));
         for (int i = 0; i < peers; ++i) {
             deaf.emplace_back([] {
                 const UnixClient client(SERVICE_SOCKET);
