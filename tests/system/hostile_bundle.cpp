@@ -60,12 +60,14 @@ testing::AssertionResult HostileBundles::StartServing()
     if (!Eventually(DaemonRunner::PATIENCE, areAllOnTheirWay)) {
         return testing::AssertionFailure() << "its threads are " << testing::PrintToString(daemon.ThreadNames());
     }
-    // What is there at two looks is no pipe of a launch: some items are run again and again.
-    const auto isAsBefore = [this] {
+    // Some items are run again and again: what is there at ten looks in a row is no pipe of a launch.
+    int looksAlike = 0;
+    const auto standsStill = [&] {
         const auto before = std::exchange(m_descriptors, daemon.Descriptors());
-        return m_descriptors == before;
+        looksAlike = m_descriptors == before ? looksAlike + 1 : 0;
+        return looksAlike == 10;
     };
-    if (!Eventually(DaemonRunner::PATIENCE, isAsBefore)) {
+    if (!Eventually(DaemonRunner::PATIENCE, standsStill)) {
         return testing::AssertionFailure() << "it holds " << testing::PrintToString(m_descriptors);
     }
     m_threads = OtherThreads();
