@@ -2,8 +2,6 @@
 
 #include "system/hot_plug.h"
 
-#include <dirent.h>
-
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -60,13 +58,9 @@ private:
     static std::vector<std::string> AsFound(const std::string& path)
     {
         std::vector<std::string> names;
-        DIR* const stream = ::opendir(path.c_str());
-        for (const dirent* entry = ::readdir(stream); entry != nullptr; entry = ::readdir(stream)) {
-            if (entry->d_name[0] != '.') {
-                names.emplace_back(entry->d_name);
-            }
+        for (const fs::directory_entry& entry : fs::directory_iterator(path)) {
+            names.push_back(entry.path().filename());
         }
-        ::closedir(stream);
         return names;
     }
 

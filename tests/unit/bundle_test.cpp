@@ -242,9 +242,8 @@ TEST_F(RunningAScript, TellsTheObserverWhenItHasEndedAndNotWhereThereIsNone)
         .Update("#!/bin/sh\nexit 1\n")
         .Write();
     std::vector<std::string> told;
-    const auto observer = std::make_shared<const Bundle::ScriptObserver>(
-        [&](const std::string& root) { told.push_back(root + (Exists(mark) ? " with its mark" : "")); });
-    Bundle bundle(std::make_shared<BundleStorageDir>(path), observer);
+    Bundle bundle(std::make_shared<BundleStorageDir>(path),
+                  [&](const std::string& root) { told.push_back(root + (Exists(mark) ? " with its mark" : "")); });
     bundle.RunScript("uninstall.sh");
     EXPECT_TRUE(told.empty());
     bundle.RunScript("install.sh");

@@ -227,7 +227,6 @@ TEST_F(TheCollectionsPath, GivesThePathsThatAWalkOverItGives)
     const std::string path = collection.Path().string();
     const std::string relative = fs::relative(collection.Path(), fs::current_path()).string();
     for (const std::string& form : {path, path + "/", path + "//", "/." + path, relative, "./" + relative + "/"}) {
-        std::string raised;
         struct Listener {
             void OnAdded(const Poco::DirectoryWatcher::DirectoryEvent& event) { promise.set_value(event.item.path()); }
             std::promise<std::string> promise;
@@ -237,8 +236,7 @@ TEST_F(TheCollectionsPath, GivesThePathsThatAWalkOverItGives)
         following.itemAdded += Poco::delegate(&listener, &Listener::OnAdded);
         fs::rename(Aside("radio"), In("radio"));
         ASSERT_EQ(added.wait_for(PATIENCE), std::future_status::ready) << form;
-        raised = added.get();
-        EXPECT_EQ(raised, Poco::DirectoryIterator(form)->path());
+        EXPECT_EQ(added.get(), Poco::DirectoryIterator(form)->path());
         following.itemAdded -= Poco::delegate(&listener, &Listener::OnAdded);
         fs::rename(In("radio"), Aside("radio"));
     }

@@ -28,7 +28,7 @@ const std::unordered_map<Bundle::BUNDLE_STATE_E, std::string> Bundle::m_bundleSt
     {BUNDLE_STOPPING, BUNDLE_STOPPING_STATE_STR},   {BUNDLE_ACTIVE, BUNDLE_ACTIVE_STATE_STR},
 };
 
-Bundle::Bundle(std::shared_ptr<BundleStorage> storage, std::shared_ptr<const ScriptObserver> scriptObserver)
+Bundle::Bundle(std::shared_ptr<BundleStorage> storage, ScriptObserver scriptObserver)
     : m_storage(std::move(storage)), m_scriptObserver(std::move(scriptObserver))
 {
     m_manifest = ReadManifest();
@@ -63,7 +63,7 @@ void Bundle::RunScript(const std::string& scriptName) const
         BUNDLE_ERROR("exception info: [%s].", e.displayText().c_str());
     }
     if (m_scriptObserver) {
-        (*m_scriptObserver)(m_storage->GetRootPath());
+        m_scriptObserver(m_storage->GetRootPath());
     }
 }
 

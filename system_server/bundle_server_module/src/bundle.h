@@ -46,10 +46,10 @@ public:
     using ScriptObserver = std::function<void(const std::string& rootPath)>;
 
     /// Reads the manifest through the storage, which is the bundle's for its whole life.
-    /// @param scriptObserver empty, or shared with other bundles
+    /// @param scriptObserver may be empty
     /// @throws Poco::FileNotFoundException there is no manifest; the storage's log record says why
     /// @throws what the storage and BundleManifest throw
-    explicit Bundle(std::shared_ptr<BundleStorage> storage, std::shared_ptr<const ScriptObserver> scriptObserver = {});
+    explicit Bundle(std::shared_ptr<BundleStorage> storage, ScriptObserver scriptObserver = {});
     virtual ~Bundle();
     Bundle(const Bundle&) = delete;
     Bundle& operator=(const Bundle&) = delete;
@@ -87,7 +87,7 @@ private:
     std::atomic<BUNDLE_STATE_E> m_curState{BUNDLE_INSTALLED}; // changed under the manager's lock
     std::shared_ptr<BundleManifest> m_manifest;     // replaced on one thread while others read it: atomic access only
     const std::shared_ptr<BundleStorage> m_storage; // immutable
-    const std::shared_ptr<const ScriptObserver> m_scriptObserver;
+    const ScriptObserver m_scriptObserver;
 };
 
 /// The name under which other bundles and the requests know it: the manifest's, and so another one after an Update that

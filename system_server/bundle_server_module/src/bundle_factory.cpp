@@ -12,8 +12,7 @@ namespace SystemServer {
 BundleFactory::~BundleFactory() = default;
 
 BundleStorageDirFactory::BundleStorageDirFactory(Bundle::ScriptObserver scriptObserver)
-    : m_scriptObserver(scriptObserver ? std::make_shared<const Bundle::ScriptObserver>(std::move(scriptObserver))
-                                      : nullptr)
+    : m_scriptObserver(std::move(scriptObserver))
 {}
 
 BundleStorageDirFactory::~BundleStorageDirFactory() = default;

@@ -24,7 +24,7 @@ public:
 /// Makes bundles of plain directories. Runs no script: installing is the manager's business.
 class BundleStorageDirFactory : public BundleFactory {
 public:
-    /// @param scriptObserver of all bundles that it makes; empty when there is none
+    /// @param scriptObserver of all bundles that it makes; may be empty
     explicit BundleStorageDirFactory(Bundle::ScriptObserver scriptObserver = {});
     ~BundleStorageDirFactory() override;
 
@@ -32,7 +32,7 @@ public:
     std::shared_ptr<Bundle> CreateBundle(const std::string& bundleStoragePath) override;
 
 private:
-    const std::shared_ptr<const Bundle::ScriptObserver> m_scriptObserver;
+    const Bundle::ScriptObserver m_scriptObserver;
 };
 
 } // namespace SystemServer

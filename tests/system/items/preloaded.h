@@ -7,7 +7,7 @@
 /// another architecture, whose loader would complain on standard error.
 __attribute__((constructor)) static void KeepFromChildren()
 {
-    ::unsetenv("LD_PRELOAD"); // NOLINT(concurrency-mt-unsafe): before the daemon's first thread
+    ::unsetenv("LD_PRELOAD");
 }
 
 #endif
