@@ -2,6 +2,7 @@
 
 #include "bundle_log.h"
 #include "child_process.h"
+#include "dir_stream.h"
 #include "unique_fd.h"
 
 #include <Poco/Exception.h>
@@ -18,6 +19,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -36,21 +38,6 @@ namespace {
 /// times the tick of the kernel's clock, within which a second change could look like the first.
 constexpr std::chrono::milliseconds SETTLING_TIME(50);
 
-/// How much of a tree is walked at most: a bundle may be a link to the root of all file systems.
-constexpr std::uint64_t WALKED_ENTRIES = 65'536;
-
-struct DirCloser {
-    void operator()(DIR* dir) const { closedir(dir); }
-};
-using DirStream = std::unique_ptr<DIR, DirCloser>;
-
-static_assert(sizeof(ino_t) == 8 && sizeof(off_t) == 8, "with less, a file with a large number or size is none");
-
-std::int64_t Nanoseconds(const timespec& time)
-{
-    return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
-}
-
 std::string DirectoryPrefix(const std::string& path)
 {
     Poco::Path prefix(path);
@@ -60,11 +47,6 @@ std::string DirectoryPrefix(const std::string& path)
 
 /// What a name stands for. A failing disk or an absent server leaves it unknown, which is no reason to stop a bundle.
 enum class Kind { ABSENT, DIRECTORY, OTHER, UNKNOWN };
-
-bool MeansAbsence(int error)
-{
-    return error == ENOENT || error == ENOTDIR || error == ELOOP;
-}
 
 Kind KindOfMode(mode_t mode)
 {
@@ -304,7 +286,7 @@ void BundleDirWatcher::LookAt(int collection, const char* name, unsigned char ty
         if (m_scan == 1) { // there from the beginning
             item.isRaised = true;
             item.isArriving = false;
-            item.mark = MarkItem(collection, position->first, item.mark);
+            item.fingerprint = m_fingerprinter.OfItem(collection, position->first, item.fingerprint);
             item.lastScan = m_scan;
             return;
         }
@@ -316,16 +298,12 @@ void BundleDirWatcher::LookAt(int collection, const char* name, unsigned char ty
     item.lastScan = m_scan;
     if (item.isArriving) {
         if (HasArrived(collection, position->first, item)) {
-            changes.push_back({DW_ITEM_ADDED, name, std::max(item.tree.newestChange, item.mark[ROOT].changed)});
+            changes.push_back({DW_ITEM_ADDED, name, std::max(item.tree.newestChange, item.fingerprint[ROOT].changed)});
         }
     } else if (isDirectory) {
-        const ItemMark mark = MarkItem(collection, position->first, item.mark);
-        if (mark != item.mark) {
-            std::int64_t newest = 0;
-            for (const FileMark& part : mark) {
-                newest = std::max(newest, part.changed);
-            }
-            changes.push_back({DW_ITEM_MODIFIED, name, newest});
+        const ItemFingerprint fingerprint = m_fingerprinter.OfItem(collection, position->first, item.fingerprint);
+        if (fingerprint != item.fingerprint) {
+            changes.push_back({DW_ITEM_MODIFIED, name, NewestChange(fingerprint)});
         }
     }
 }
@@ -339,13 +317,13 @@ bool BundleDirWatcher::HasArrived(int collection, const std::string& name, Item&
     if (!item.isDirectory) {
         return true;
     }
-    const ItemMark mark = MarkItem(collection, name, item.mark);
-    const TreeMark tree = MarkTree(name, item.isRaised);
-    const FileMark& root = mark[ROOT];
-    const bool wasMovedIn = !root.IsSameFile(item.mark[ROOT]) && mark[MANIFEST].inode != 0 &&
+    const ItemFingerprint fingerprint = m_fingerprinter.OfItem(collection, name, item.fingerprint);
+    const TreeFingerprint tree = m_fingerprinter.OfTree(m_prefix + name, item.isRaised);
+    const FileFingerprint& root = fingerprint[ROOT];
+    const bool wasMovedIn = !root.IsSameFile(item.fingerprint[ROOT]) && fingerprint[MANIFEST].inode != 0 &&
                             root.changed > root.modified && root.changed > tree.newestChange;
-    const bool stoodStill = mark == item.mark && tree == item.tree;
-    item.mark = mark;
+    const bool stoodStill = fingerprint == item.fingerprint && tree == item.tree;
+    item.fingerprint = fingerprint;
     item.tree = tree;
     return wasMovedIn || stoodStill;
 }
@@ -402,7 +380,7 @@ bool BundleDirWatcher::Take(const Change& change)
     }
     item.isArriving = false;
     item.isRaised = true;
-    item.tree = TreeMark();
+    item.tree = TreeFingerprint();
     return true;
 }
 
@@ -413,14 +391,14 @@ bool BundleDirWatcher::IsToBeRaised(const Change& change, Item& item)
     if (KindAt(AT_FDCWD, path.c_str()) != Kind::DIRECTORY) {
         return false; // the next scan sees what has become of it
     }
-    const ItemMark mark = MarkItem(AT_FDCWD, path, item.mark);
+    const ItemFingerprint fingerprint = m_fingerprinter.OfItem(AT_FDCWD, path, item.fingerprint);
     if (change.type == DW_ITEM_ADDED) {
-        return mark == item.mark && MarkTree(change.name, item.isRaised) == item.tree;
+        return fingerprint == item.fingerprint && m_fingerprinter.OfTree(path, item.isRaised) == item.tree;
     }
-    if (mark == item.mark) {
+    if (fingerprint == item.fingerprint) {
         return false;
     }
-    item.mark = mark;
+    item.fingerprint = fingerprint;
     return true;
 }
 
@@ -453,9 +431,9 @@ void BundleDirWatcher::AcceptChanges(const std::string& path)
     if (item == nullptr || item->isArriving) {
         return;
     }
-    const ItemMark mark = MarkItem(AT_FDCWD, path, item->mark);
-    if (mark[ROOT].IsSameFile(item->mark[ROOT])) {
-        item->mark = mark;
+    const ItemFingerprint fingerprint = m_fingerprinter.OfItem(AT_FDCWD, path, item->fingerprint);
+    if (fingerprint[ROOT].IsSameFile(item->fingerprint[ROOT])) {
+        item->fingerprint = fingerprint;
     }
 }
 
@@ -475,70 +453,6 @@ BundleDirWatcher::Item* BundleDirWatcher::FindItem(const std::string& path)
     }
     const auto position = m_items.find(std::string_view(path).substr(m_prefix.size()));
     return position == m_items.end() ? nullptr : &position->second;
-}
-
-// What cannot be told now is taken to be as it was.
-BundleDirWatcher::ItemMark BundleDirWatcher::MarkItem(int directory, const std::string& path, const ItemMark& last)
-{
-    constexpr std::array<const char*, PARTS> names{"", "/BundleManifest.ini", "/bin", "/script"};
-    ItemMark mark = last;
-    for (std::size_t part = 0; part < mark.size(); ++part) {
-        m_partPath.assign(path).append(names[part]);
-        struct stat status {};
-        if (fstatat(directory, m_partPath.c_str(), &status, 0) == 0) {
-            mark[part] = {status.st_dev, status.st_ino, Nanoseconds(status.st_mtim), Nanoseconds(status.st_ctim),
-                          status.st_size};
-        } else if (MeansAbsence(errno)) {
-            mark[part] = FileMark();
-        }
-    }
-    return mark;
-}
-
-// Of an item in use, only what the marks are about: what it runs may be writing to the rest, without an end. One
-// descriptor at a time, however deep the tree is. The standard library's walk over a tree would hold one for each
-// level, and end the process when it is out of memory.
-BundleDirWatcher::TreeMark BundleDirWatcher::MarkTree(const std::string& name, bool isInUse) const
-{
-    TreeMark mark;
-    std::vector<std::string> pending{m_prefix + name};
-    for (bool isRoot = true; !pending.empty() && MayWalkOn(mark); isRoot = false) {
-        const std::string folder = std::move(pending.back());
-        pending.pop_back();
-        MarkFolder(folder, isRoot && isInUse, mark, pending);
-    }
-    return mark;
-}
-
-// Folders of the folder are left pending.
-void BundleDirWatcher::MarkFolder(const std::string& path, bool isRootInUse, TreeMark& mark,
-                                  std::vector<std::string>& pending) const
-{
-    const DirStream folder(opendir(path.c_str()));
-    const auto next = [&] { return folder && MayWalkOn(mark) ? readdir(folder.get()) : nullptr; };
-    while (const dirent* const entry = next()) {
-        const std::string_view name = entry->d_name;
-        struct stat status {};
-        if (name == "." || name == ".." ||
-            fstatat(dirfd(folder.get()), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
-            continue;
-        }
-        const bool isFolder = S_ISDIR(status.st_mode);
-        if (isFolder && isRootInUse && name != "bin" && name != "script") {
-            continue;
-        }
-        ++mark.entries;
-        mark.bytes += static_cast<std::uint64_t>(status.st_size);
-        mark.newestChange = std::max(mark.newestChange, Nanoseconds(status.st_ctim));
-        if (isFolder) {
-            pending.push_back(path + "/" + entry->d_name);
-        }
-    }
-}
-
-bool BundleDirWatcher::MayWalkOn(const TreeMark& mark) const
-{
-    return mark.entries < WALKED_ENTRIES && !m_stopping;
 }
 
 } // namespace SystemServer

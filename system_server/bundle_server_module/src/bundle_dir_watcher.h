@@ -1,11 +1,11 @@
 #ifndef BUNDLE_DIR_WATCHER_H
 #define BUNDLE_DIR_WATCHER_H
 
+#include "item_fingerprint.h"
 #include "thread_annotations.h"
 
 #include <Poco/DirectoryWatcher.h>
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -61,44 +61,12 @@ private:
 
     using Clock = std::chrono::steady_clock;
 
-    /// What shows that a file is another one or has another content. Of a directory the times alone would not do:
-    /// archives and mirrors put back the time of its last change when they have changed it.
-    struct FileMark {
-        std::uint64_t device = 0;
-        std::uint64_t inode = 0; // 0: there is none
-        std::int64_t modified = 0;
-        std::int64_t changed = 0; // of the inode; both in nanoseconds
-        std::int64_t size = 0;
-
-        bool IsSameFile(const FileMark& other) const { return device == other.device && inode == other.inode; }
-        bool operator==(const FileMark& other) const
-        {
-            return IsSameFile(other) && modified == other.modified && changed == other.changed && size == other.size;
-        }
-    };
-
-    /// The directory itself, its manifest, "bin" and "script".
-    enum Part { ROOT, MANIFEST, BIN, SCRIPT, PARTS };
-    using ItemMark = std::array<FileMark, PARTS>;
-
-    /// A whole tree, for the question whether it stands still.
-    struct TreeMark {
-        std::uint64_t entries = 0;
-        std::uint64_t bytes = 0;
-        std::int64_t newestChange = 0; // of all below the root, nanoseconds
-
-        bool operator==(const TreeMark& other) const
-        {
-            return entries == other.entries && bytes == other.bytes && newestChange == other.newestChange;
-        }
-    };
-
     struct Item {
         bool isDirectory = false;
-        bool isRaised = false;  // as added, or there from the beginning: its end is an event
-        bool isArriving = true; // to be raised as added when it is complete
-        ItemMark mark;          // as raised; of the last scan, while it is arriving
-        TreeMark tree;          // of the last scan, while it is arriving
+        bool isRaised = false;       // as added, or there from the beginning: its end is an event
+        bool isArriving = true;      // to be raised as added when it is complete
+        ItemFingerprint fingerprint; // as raised; of the last scan, while it is arriving
+        TreeFingerprint tree;        // of the last scan, while it is arriving
         std::uint64_t lastScan = 0;
     };
 
@@ -126,10 +94,6 @@ private:
     bool IsToBeRaised(const Change& change, Item& item) REQUIRES(m_mutex);
     void Raise(DirectoryEventType type, const Poco::File& file) EXCLUDES(m_mutex);
     Item* FindItem(const std::string& path) REQUIRES(m_mutex);
-    ItemMark MarkItem(int directory, const std::string& path, const ItemMark& last) REQUIRES(m_mutex);
-    TreeMark MarkTree(const std::string& name, bool isInUse) const;
-    void MarkFolder(const std::string& path, bool isRootInUse, TreeMark& mark, std::vector<std::string>& pending) const;
-    bool MayWalkOn(const TreeMark& mark) const;
 
     const std::string m_prefix; // of an item's path, ending in "/": made the way the manager makes its bundles' paths
     const std::chrono::milliseconds m_interval;
@@ -140,8 +104,8 @@ private:
     std::map<std::string, Item, std::less<>> m_items GUARDED_BY(m_mutex); // by name
     std::uint64_t m_scan GUARDED_BY(m_mutex) = 0;                         // number of the last one
     bool m_isReadable GUARDED_BY(m_mutex) = true;
-    std::string m_partPath GUARDED_BY(m_mutex); // spares each mark its allocations
-    std::thread m_thread;                       // touched by the constructor and the destructor only
+    Fingerprinter m_fingerprinter GUARDED_BY(m_mutex){m_stopping};
+    std::thread m_thread; // touched by the constructor and the destructor only
 };
 
 } // namespace SystemServer

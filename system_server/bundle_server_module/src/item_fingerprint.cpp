@@ -1,0 +1,109 @@
+#include "item_fingerprint.h"
+
+#include "dir_stream.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string_view>
+#include <utility>
+
+namespace SystemServer {
+
+namespace {
+
+/// How much of a tree is walked at most: a bundle may be a link to the root of all file systems.
+constexpr std::uint64_t WALKED_ENTRIES = 65'536;
+
+static_assert(sizeof(ino_t) == 8 && sizeof(off_t) == 8, "with less, a file with a large number or size is none");
+
+FileFingerprint FingerprintOf(const struct stat& status)
+{
+    return {status.st_dev, status.st_ino, Nanoseconds(status.st_mtim), Nanoseconds(status.st_ctim), status.st_size};
+}
+
+} // namespace
+
+std::int64_t Nanoseconds(const timespec& time)
+{
+    return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+}
+
+bool MeansAbsence(int error)
+{
+    return error == ENOENT || error == ENOTDIR || error == ELOOP;
+}
+
+std::int64_t NewestChange(const ItemFingerprint& item)
+{
+    std::int64_t newest = 0;
+    for (const FileFingerprint& part : item) {
+        newest = std::max(newest, part.changed);
+    }
+    return newest;
+}
+
+ItemFingerprint Fingerprinter::OfItem(int directory, const std::string& path, const ItemFingerprint& last)
+{
+    constexpr std::array<const char*, ITEM_PARTS> names{"", "/BundleManifest.ini", "/bin", "/script"};
+    ItemFingerprint item = last;
+    for (std::size_t part = 0; part < item.size(); ++part) {
+        m_partPath.assign(path).append(names[part]);
+        struct stat status {};
+        if (fstatat(directory, m_partPath.c_str(), &status, 0) == 0) {
+            item[part] = FingerprintOf(status);
+        } else if (MeansAbsence(errno)) {
+            item[part] = FileFingerprint();
+        }
+    }
+    return item;
+}
+
+// One descriptor at a time, however deep the tree is. The standard library's walk over a tree would hold one for each
+// level, and end the process when it is out of memory.
+TreeFingerprint Fingerprinter::OfTree(const std::string& path, bool isInUse) const
+{
+    TreeFingerprint tree;
+    std::vector<std::string> pending{path};
+    for (bool isRoot = true; !pending.empty() && MayWalkOn(tree); isRoot = false) {
+        const std::string folder = std::move(pending.back());
+        pending.pop_back();
+        AddFolder(folder, isRoot && isInUse, tree, pending);
+    }
+    return tree;
+}
+
+// Folders of the folder are left pending.
+void Fingerprinter::AddFolder(const std::string& path, bool isRootInUse, TreeFingerprint& tree,
+                              std::vector<std::string>& pending) const
+{
+    const DirStream folder(opendir(path.c_str()));
+    const auto next = [&] { return folder && MayWalkOn(tree) ? readdir(folder.get()) : nullptr; };
+    while (const dirent* const entry = next()) {
+        const std::string_view name = entry->d_name;
+        struct stat status {};
+        if (name == "." || name == ".." ||
+            fstatat(dirfd(folder.get()), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+            continue;
+        }
+        const bool isFolder = S_ISDIR(status.st_mode);
+        if (isFolder && isRootInUse && name != "bin" && name != "script") {
+            continue;
+        }
+        ++tree.entries;
+        tree.bytes += static_cast<std::uint64_t>(status.st_size);
+        tree.newestChange = std::max(tree.newestChange, Nanoseconds(status.st_ctim));
+        if (isFolder) {
+            pending.push_back(path + "/" + entry->d_name);
+        }
+    }
+}
+
+bool Fingerprinter::MayWalkOn(const TreeFingerprint& tree) const
+{
+    return tree.entries < WALKED_ENTRIES && !m_isStopping;
+}
+
+} // namespace SystemServer
