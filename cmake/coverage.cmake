@@ -1,4 +1,4 @@
-# Counts which lines and branches run, for script/coverage.
+# Counts which lines and branches run, for script/test --coverage.
 #
 # The counters are kept in memory and written when a process ends in order. What a process has run before an exec, an
 # _exit or an abort would be lost, and that is all that a child of the server ever runs: coverage_flush.cpp stands in for

@@ -6,14 +6,14 @@ set(CMAKE_SYSTEM_PROCESSOR arm)
 set(BUNDLE_SERVER_CROSS arm-linux-gnueabihf- CACHE STRING "What the names of the cross tools begin with")
 set(BUNDLE_SERVER_SYSROOT
     ${CMAKE_CURRENT_LIST_DIR}/../build/sysroot-armhf
-    CACHE PATH "The root directory of the device, with headers; the default is what script/sysroot-armhf makes"
+    CACHE PATH "The root directory of the device, with headers; the default is what script/install-dependencies --arm makes"
 )
 # The compiler's checks run this file again in projects of their own, which do not see this one's cache.
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES BUNDLE_SERVER_CROSS BUNDLE_SERVER_SYSROOT)
 if(NOT IS_DIRECTORY ${BUNDLE_SERVER_SYSROOT}/usr/include)
     message(
         FATAL_ERROR
-        "There is no sysroot in ${BUNDLE_SERVER_SYSROOT}. Make one of Debian's packages with script/sysroot-armhf, or "
+        "There is no sysroot in ${BUNDLE_SERVER_SYSROOT}. Make one of Debian's packages with script/install-dependencies --arm, or "
         "name the device's own with -DBUNDLE_SERVER_SYSROOT=DIR."
     )
 endif()

@@ -9,7 +9,7 @@ if(SYSROOT)
         message(
             FATAL_ERROR
             "${SYSROOT} has no database of packages, so the package's dependencies cannot be told. Make a sysroot with "
-            "script/sysroot-armhf."
+            "script/install-dependencies --arm."
         )
     endif()
     # It asks for a library by the path at which it has found it, so in a copy the files are those below the sysroot.

@@ -122,7 +122,7 @@ void Await(pid_t pid)
     }
 }
 
-// Of a program for another machine, which script/test-arm has the kernel run with an emulator, /proc shows the
+// Of a program for another machine, which script/test --emulated has the kernel run with an emulator, /proc shows the
 // emulator: its name, the path of the program, the program's arguments.
 bool IsEmulated(const std::vector<std::string>& commandLine)
 {
