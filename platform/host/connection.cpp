@@ -14,6 +14,8 @@
 
 namespace HostPlatform {
 
+using Common::UniqueFd;
+
 Connection::Connection(Server& server, UniqueFd socket)
     : bolt_connection{socket.Get()}, m_server(server), m_socket(std::move(socket)),
       m_readable(NewEvent(server.Manager().Base(), fd, EV_READ | EV_PERSIST, OnReadable, this)),

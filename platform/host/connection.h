@@ -1,10 +1,10 @@
 #ifndef PLATFORM_HOST_CONNECTION_H
 #define PLATFORM_HOST_CONNECTION_H
 
+#include "common/unique_fd.h"
 #include "event_owner.h"
 #include "message.h"
 #include "packet_queue.h"
-#include "unique_fd.h"
 
 #include <bolt.h>
 
@@ -23,7 +23,7 @@ public:
     using Place = std::list<Connection>::iterator;
 
     /// @throws std::bad_alloc
-    Connection(Server& server, UniqueFd socket);
+    Connection(Server& server, Common::UniqueFd socket);
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
     ~Connection() = default;
@@ -51,7 +51,7 @@ private:
     Sending SendNow(std::string_view packet);
 
     Server& m_server;
-    UniqueFd m_socket;
+    Common::UniqueFd m_socket;
     EventOwner m_readable;
     EventOwner m_writable;
     Place m_place;

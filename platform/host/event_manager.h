@@ -1,10 +1,10 @@
 #ifndef PLATFORM_HOST_EVENT_MANAGER_H
 #define PLATFORM_HOST_EVENT_MANAGER_H
 
+#include "common/unique_fd.h"
 #include "event_owner.h"
 #include "packet.h"
 #include "server.h"
-#include "unique_fd.h"
 
 #include <bolt.h>
 
@@ -48,7 +48,7 @@ private:
     void End();
 
     EventBaseOwner m_base;
-    UniqueFd m_signals;
+    Common::UniqueFd m_signals;
     EventOwner m_signalled;
     std::list<Server> m_servers;
     bool m_endIsAsked = false;

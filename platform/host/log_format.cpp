@@ -1,5 +1,7 @@
 #include "log_format.h"
 
+#include "common/control_characters.h"
+
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -14,56 +16,6 @@ namespace {
 /// A file name beyond this is cut: the columns always leave room for a message.
 constexpr std::size_t FILE_LIMIT = 1024;
 
-constexpr unsigned char DELETE = 0x7F;
-/// The first byte, in UTF-8, of the control characters U+0080 to U+009F, and of harmless ones behind them.
-constexpr unsigned char C1_LEAD = 0xC2;
-
-unsigned char Byte(char c)
-{
-    return static_cast<unsigned char>(c);
-}
-
-bool IsContinuation(char c)
-{
-    return (Byte(c) & 0xC0U) == 0x80U;
-}
-
-/// The bytes of the UTF-8 character that begins with lead; 1 for what begins none.
-std::size_t CharacterSize(char lead)
-{
-    const unsigned char byte = Byte(lead);
-    if (byte >= 0xF0U && byte <= 0xF4U) {
-        return 4;
-    }
-    if (byte >= 0xE0U && byte < 0xF0U) {
-        return 3;
-    }
-    return byte >= 0xC2U && byte < 0xE0U ? 2 : 1;
-}
-
-/// The bytes to keep together at the start of a text that is not empty: a character, or one byte that belongs to none.
-std::size_t UnitSize(const char* text, std::size_t length)
-{
-    const std::size_t size = CharacterSize(*text);
-    if (size > length || !std::all_of(text + 1, text + size, IsContinuation)) {
-        return 1;
-    }
-    return size;
-}
-
-bool IsControl(char c)
-{
-    return Byte(c) < 0x20U || Byte(c) == DELETE;
-}
-
-bool IsControlUnit(const char* unit, std::size_t size)
-{
-    if (size == 1) {
-        return IsControl(*unit);
-    }
-    return size == 2 && Byte(unit[0]) == C1_LEAD && Byte(unit[1]) < 0xA0U;
-}
-
 /// True for every text with a control character, and for some without: those with a byte C2. Eight bytes at a time, for
 /// this runs over each message and nearly all are clean.
 bool MayHoldControl(const char* text, std::size_t length)
@@ -76,11 +28,13 @@ bool MayHoldControl(const char* text, std::size_t length)
         std::uint64_t word = 0;
         std::memcpy(&word, text, sizeof word);
         const bool holdsBelowBlank = ((word - ones * 0x20U) & ~word & highs) != 0;
-        if (holdsBelowBlank || holdsZero(word ^ (ones * DELETE)) || holdsZero(word ^ (ones * C1_LEAD))) {
+        if (holdsBelowBlank || holdsZero(word ^ (ones * Common::DELETE_CHARACTER)) ||
+            holdsZero(word ^ (ones * Common::C1_LEAD))) {
             return true;
         }
     }
-    return std::any_of(text, text + length, [](char c) { return IsControl(c) || Byte(c) == C1_LEAD; });
+    return std::any_of(text, text + length,
+                       [](char c) { return Common::IsControl(c) || Common::Byte(c) == Common::C1_LEAD; });
 }
 
 /// Appends to a record. What could be too long is bounded by the caller; the numbers always fit.
@@ -128,7 +82,7 @@ public:
     {
         const char* const end = m_at + limit;
         while (length > 0) {
-            const std::size_t size = UnitSize(text, length);
+            const std::size_t size = Common::UnitSize(text, length);
             if (!PutUnit(text, size, static_cast<std::size_t>(end - m_at))) {
                 return;
             }
@@ -140,38 +94,19 @@ public:
 private:
     bool PutUnit(const char* unit, std::size_t size, std::size_t room)
     {
-        if (!IsControlUnit(unit, size)) {
+        if (!Common::IsControlUnit(unit, size)) {
             if (size > room) {
                 return false;
             }
             PutText(unit, size);
             return true;
         }
-        if (*unit == '\n' || *unit == '\t') {
-            constexpr std::size_t shortEscape = 2;
-            if (room < shortEscape) {
-                return false;
-            }
-            Put('\\');
-            Put(*unit == '\n' ? 'n' : 't');
-            return true;
-        }
-        constexpr std::size_t octalEscape = 4;
-        if (room < size * octalEscape) {
+        const Common::Escape escape = Common::EscapeOf(unit, size);
+        if (escape.length > room) {
             return false;
         }
-        for (std::size_t i = 0; i < size; ++i) {
-            PutOctal(Byte(unit[i]));
-        }
+        PutText(escape.text.data(), escape.length);
         return true;
-    }
-
-    void PutOctal(unsigned char byte)
-    {
-        Put('\\');
-        Put(static_cast<char>('0' + (byte >> 6U)));
-        Put(static_cast<char>('0' + ((byte >> 3U) & 7U)));
-        Put(static_cast<char>('0' + (byte & 7U)));
     }
 
     char* m_begin;
@@ -289,8 +224,8 @@ std::size_t WithoutHalfCharacter(const char* text, std::size_t length)
     constexpr std::size_t longestCharacter = 4;
     for (std::size_t back = 1; back <= std::min(length, longestCharacter); ++back) {
         const char c = text[length - back];
-        if (!IsContinuation(c)) {
-            return CharacterSize(c) > back ? length - back : length;
+        if (!Common::IsContinuation(c)) {
+            return Common::CharacterSize(c) > back ? length - back : length;
         }
     }
     return length;

@@ -1,21 +1,20 @@
 #ifndef PLATFORM_HOST_MESSAGE_H
 #define PLATFORM_HOST_MESSAGE_H
 
+#include "common/wire.h"
+
 #include <lumo.h>
 
 #include <cstddef>
 #include <cstring>
-#include <limits>
 #include <memory>
 #include <string>
 #include <string_view>
 
 namespace HostPlatform {
 
-constexpr std::size_t MAX_PACKET_SIZE = 65536;
-constexpr std::size_t MAX_CONTENT_SIZE = MAX_PACKET_SIZE - sizeof(lumo_header);
-static_assert(MAX_CONTENT_SIZE <= std::numeric_limits<decltype(lumo_header::length)>::max(),
-              "the header's length can name every content");
+using Common::MAX_CONTENT_SIZE;
+using Common::MAX_PACKET_SIZE;
 
 /// What every lumo_message of this platform is. The content stands where the packet has it, behind room for the header,
 /// so that a message is received and sent in one piece; the string's NUL is the one that stands behind every content.

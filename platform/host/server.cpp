@@ -16,6 +16,8 @@
 
 namespace HostPlatform {
 
+using Common::UniqueFd;
+
 namespace {
 
 /// Calls into the service. What it throws ends here, for the event library is C. False when it threw.

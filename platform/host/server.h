@@ -54,7 +54,7 @@ private:
     void WaitForAnEnd();
     void HandleAcceptFailure(int error);
     bool MayConnect(int peer);
-    void Admit(UniqueFd peer);
+    void Admit(Common::UniqueFd peer);
     bool Welcome(Connection& connection);
 
     EventManager& m_manager;

@@ -1,7 +1,7 @@
 #include "service_socket.h"
 
+#include "common/service_directory.h"
 #include "host_log.h"
-#include "service_directory.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -14,6 +14,10 @@
 #include <ctime>
 
 namespace HostPlatform {
+
+using Common::MakeServiceDirectory;
+using Common::SERVICE_DIRECTORY;
+using Common::UniqueFd;
 
 namespace {
 

@@ -1,7 +1,7 @@
 #ifndef PLATFORM_HOST_SERVICE_SOCKET_H
 #define PLATFORM_HOST_SERVICE_SOCKET_H
 
-#include "unique_fd.h"
+#include "common/unique_fd.h"
 
 #include <sys/types.h>
 
@@ -30,7 +30,7 @@ private:
     bool ListenAt(const std::string& service);
 
     std::string m_path;
-    UniqueFd m_fd;
+    Common::UniqueFd m_fd;
     dev_t m_device = 0;
     ino_t m_inode = 0;
     static_assert(sizeof(ino_t) == 8, "with less, a socket with a large number cannot be recognised");

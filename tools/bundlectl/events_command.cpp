@@ -1,7 +1,7 @@
 #include "command.h"
+#include "common/service_directory.h"
+#include "common/unique_fd.h"
 #include "exit_status.h"
-#include "platform/host/service_directory.h"
-#include "platform/host/unique_fd.h"
 #include "printable.h"
 
 #include <algapp_bolt_comm.h>
@@ -27,7 +27,7 @@
 
 namespace {
 
-using HostPlatform::UniqueFd;
+using Common::UniqueFd;
 using SystemServer::EVENT_METHOD;
 using SystemServer::EVENT_SERVICE_PATH;
 using SystemServer::EventRecord;
@@ -111,7 +111,7 @@ bool MakeFifo()
 /// Opens the event service, which is made where it is missing. Returns an exit status.
 int OpenEventService(UniqueFd& fifo)
 {
-    if (!HostPlatform::MakeServiceDirectory() || !MakeFifo()) {
+    if (!Common::MakeServiceDirectory() || !MakeFifo()) {
         return FailedFor("cannot be made", errno);
     }
     // For writing too, so that the end of one publisher is not the end of the file.

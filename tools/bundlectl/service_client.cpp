@@ -1,6 +1,6 @@
 #include "service_client.h"
 
-#include "platform/host/service_directory.h"
+#include "common/service_directory.h"
 
 #include <bundle_service.h>
 
@@ -29,7 +29,7 @@ milliseconds Left(std::chrono::steady_clock::time_point end)
 } // namespace
 
 ServiceClient::ServiceClient(std::string_view service)
-    : m_path(std::string(HostPlatform::SERVICE_DIRECTORY) + '/' + std::string(service))
+    : m_path(std::string(Common::SERVICE_DIRECTORY) + '/' + std::string(service))
 {}
 
 ServiceClient::Outcome ServiceClient::Ask(std::uint8_t method, std::string_view content, milliseconds limit)

@@ -1,7 +1,7 @@
 #ifndef BUNDLECTL_SERVICE_CLIENT_H
 #define BUNDLECTL_SERVICE_CLIENT_H
 
-#include "platform/host/unique_fd.h"
+#include "common/unique_fd.h"
 
 #include <lumo.h>
 
@@ -47,7 +47,7 @@ private:
     Outcome Fail(Outcome outcome, std::string reason);
 
     const std::string m_path;
-    HostPlatform::UniqueFd m_socket;
+    Common::UniqueFd m_socket;
     Answer m_reply;
     std::string m_reason;
 };

@@ -2,8 +2,8 @@
 
 #include "bundle_log.h"
 #include "child_process.h"
+#include "common/unique_fd.h"
 #include "dir_stream.h"
-#include "unique_fd.h"
 
 #include <Poco/Exception.h>
 #include <Poco/File.h>
@@ -31,6 +31,8 @@
 #include <utility>
 
 namespace SystemServer {
+
+using Common::UniqueFd;
 
 namespace {
 

@@ -2,8 +2,8 @@
 
 #include "bundle_log.h"
 #include "child_process.h"
+#include "common/unique_fd.h"
 #include "item_kind.h"
-#include "unique_fd.h"
 
 #include <Poco/AutoPtr.h>
 #include <Poco/Exception.h>
@@ -31,6 +31,7 @@
 
 namespace SystemServer {
 
+using Common::UniqueFd;
 using ProcessInfo = BundleProcessActivator::ProcessInfo;
 
 static_assert(std::is_trivially_destructible<std::mutex>::value,
@@ -163,9 +164,9 @@ void ExecItem(const ItemCommand& command)
 // The child's whole life between fork and exec. It never returns into the copy of the server around it.
 [[noreturn]] void BecomeItem(const ItemCommand& command, ReadyPipe& ready, pid_t server)
 {
-    ready.writeEnd.Close();
+    ready.writeEnd.Reset();
     AwaitReady(ready.readEnd.Get(), server);
-    ready.readEnd.Close();
+    ready.readEnd.Reset();
     RestoreDescriptorLimit();
     ExecItem(command);
     BUNDLE_ERROR("execl fail.errno[%d].", errno);
@@ -195,8 +196,8 @@ void ReleaseChild(pid_t pid, ReadyPipe& ready)
         PauseAfterFailure();
     }
     BUNDLE_INFO("notify child process[%d] done.", pid);
-    ready.writeEnd.Close();
-    ready.readEnd.Close();
+    ready.writeEnd.Reset();
+    ready.readEnd.Reset();
 }
 
 int WaitId(idtype_t type, pid_t id, siginfo_t& info, int options)

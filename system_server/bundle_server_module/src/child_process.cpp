@@ -1,6 +1,6 @@
 #include "child_process.h"
 
-#include "unique_fd.h"
+#include "common/unique_fd.h"
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -14,6 +14,8 @@
 #include <new>
 
 namespace SystemServer {
+
+using Common::UniqueFd;
 
 namespace {
 
@@ -82,7 +84,7 @@ public:
     /// Ends the child, if there is one.
     void Undo()
     {
-        m_writeEnd.Close();
+        m_writeEnd.Reset();
         pid_t child = 0;
         ssize_t size = 0;
         do {

@@ -1,11 +1,11 @@
-#ifndef PLATFORM_HOST_UNIQUE_FD_H
-#define PLATFORM_HOST_UNIQUE_FD_H
+#ifndef COMMON_UNIQUE_FD_H
+#define COMMON_UNIQUE_FD_H
 
 #include <unistd.h>
 
 #include <utility>
 
-namespace HostPlatform {
+namespace Common {
 
 /// A descriptor and the duty to close it. Moves, never copies.
 class UniqueFd {
@@ -25,7 +25,7 @@ public:
     bool IsOpen() const noexcept { return m_fd >= 0; }
     int Release() noexcept { return std::exchange(m_fd, -1); }
 
-    /// Closes what it holds and takes fd instead.
+    /// Closes what it holds and owns fd instead.
     void Reset(int fd = -1) noexcept
     {
         if (m_fd >= 0) {
@@ -38,6 +38,6 @@ private:
     int m_fd;
 };
 
-} // namespace HostPlatform
+} // namespace Common
 
 #endif

@@ -1,19 +1,19 @@
-#ifndef PLATFORM_HOST_SERVICE_DIRECTORY_H
-#define PLATFORM_HOST_SERVICE_DIRECTORY_H
+#ifndef COMMON_SERVICE_DIRECTORY_H
+#define COMMON_SERVICE_DIRECTORY_H
 
 #include <sys/stat.h>
 
 #include <cerrno>
 
-namespace HostPlatform {
+namespace Common {
 
-/// Where services and the event service stand, each under its own name.
+/// Where services and the event service stand, each under its own name. Programs of the device find each other here.
 constexpr const char SERVICE_DIRECTORY[] = "/mnt/bolt";
 
 /// Makes the service directory where it is missing. False, with errno set, when it is missing and cannot be made.
 inline bool MakeServiceDirectory()
 {
-    // Everybody may look; who may connect is each socket's own affair. Set again, for the umask may have taken from it.
+    // Everybody may look; each socket says who may connect. Set again because the umask may have removed bits.
     constexpr mode_t mode = 0755;
     if (::mkdir(SERVICE_DIRECTORY, mode) == 0) {
         return ::chmod(SERVICE_DIRECTORY, mode) == 0;
@@ -29,6 +29,6 @@ inline bool MakeServiceDirectory()
     return true;
 }
 
-} // namespace HostPlatform
+} // namespace Common
 
 #endif
