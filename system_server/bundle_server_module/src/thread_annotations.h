@@ -1,9 +1,9 @@
 #ifndef THREAD_ANNOTATIONS_H
 #define THREAD_ANNOTATIONS_H
 
-/// Which lock guards what, in a form that clang checks (script/test --analyze). It can only do so with a standard library
-/// whose locks are annotated too, libc++; for every other compiler and library these are empty. A recursive mutex is
-/// annotated in none: what BundleManager::m_mutex guards is said in words.
+/// Which lock guards what, in a form that clang checks (script/test --analyze). It can only do so with a standard
+/// library whose locks are annotated too, libc++; for every other compiler and library these are empty. A recursive
+/// mutex is annotated in none: what BundleManager::m_mutex guards is said in words.
 #if defined(__clang__) && defined(_LIBCPP_ENABLE_THREAD_SAFETY_ANNOTATIONS)
 #define THREAD_ANNOTATION(...) __attribute__((__VA_ARGS__))
 #else
