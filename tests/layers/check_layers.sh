@@ -14,7 +14,7 @@ src=system_server/bundle_server_module/src
 
 layer_of() {
     case $1 in
-        bundle_log | child_process | dir_stream | directory | item_fingerprint | item_kind | thread_annotations) echo 0 ;;
+        bundle_log | child_process | dir_stream | directory | framework_watcher | item_fingerprint | item_kind | thread_annotations) echo 0 ;;
         bundle_manifest) echo 1 ;;
         bundle_storage_dir) echo 2 ;;
         bundle) echo 3 ;;

@@ -4,29 +4,23 @@
 #include "child_process.h"
 #include "common/unique_fd.h"
 #include "dir_stream.h"
+#include "framework_watcher.h"
 
 #include <Poco/Exception.h>
 #include <Poco/File.h>
 #include <Poco/Path.h>
-#include <Poco/Runnable.h>
-#include <Poco/Thread.h>
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <memory>
 #include <string_view>
-#include <system_error>
 #include <tuple>
 #include <utility>
 
@@ -76,83 +70,6 @@ Kind KindOfEntry(int directory, const char* name, unsigned char type)
     return type == DT_DIR ? Kind::DIRECTORY : Kind::OTHER;
 }
 
-std::vector<int> InotifyDescriptors()
-{
-    const std::string descriptors = "/proc/self/fd/";
-    const DirStream stream(opendir(descriptors.c_str()));
-    std::vector<int> found;
-    while (const dirent* const entry = stream ? readdir(stream.get()) : nullptr) {
-        std::array<char, 32> target{};
-        if (readlink((descriptors + entry->d_name).c_str(), target.data(), target.size() - 1) > 0 &&
-            std::strcmp(target.data(), "anon_inode:inotify") == 0) {
-            found.push_back(std::stoi(entry->d_name));
-        }
-    }
-    return found;
-}
-
-// What is read from it is at its end, whatever the file system has under any name.
-UniqueFd OpenNothing()
-{
-    std::array<int, 2> ends{-1, -1};
-    if (pipe2(ends.data(), O_CLOEXEC) == -1) {
-        return UniqueFd();
-    }
-    const UniqueFd writeEnd(ends[1]);
-    return UniqueFd(ends[0]);
-}
-
-// The framework has opened a descriptor that every bundle would inherit, and behind which the kernel goes on to collect
-// what nobody reads. The framework closes the number when it ends, so something must stand there. Its thread, which may
-// have begun to sleep on the descriptor for a fifth of a second, is woken by the end of its watch; whatever it looks at
-// from then on is at its end.
-// Returns what stood there: to close it takes the kernel some 20 ms, for which start-up need not wait.
-std::vector<UniqueFd> DetachInotify(const std::vector<int>& othersDescriptors)
-{
-    constexpr int firstWatch = 1;
-    const UniqueFd nothing = OpenNothing();
-    std::vector<UniqueFd> detached;
-    for (const int descriptor : InotifyDescriptors()) {
-        if (std::find(othersDescriptors.begin(), othersDescriptors.end(), descriptor) != othersDescriptors.end()) {
-            continue;
-        }
-        detached.emplace_back(fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
-        if (dup3(nothing.Get(), descriptor, O_CLOEXEC) == -1) {
-            fcntl(descriptor, F_SETFD, FD_CLOEXEC);
-        }
-        inotify_rm_watch(detached.back().Get(), firstWatch);
-    }
-    return detached;
-}
-
-/// Opens the framework's private thread to this file: an explicit instantiation may name what is private.
-struct FrameworkThread {
-    using Member = Poco::Thread Poco::DirectoryWatcher::*;
-    friend Member MemberOf(FrameworkThread);
-};
-template <class Name, typename Name::Member Value> struct Reveal {
-    friend typename Name::Member MemberOf(Name /*name*/) { return Value; }
-};
-template struct Reveal<FrameworkThread, &Poco::DirectoryWatcher::_thread>;
-
-/// Small, for it is kept as long as the watcher.
-constexpr int LEFT_THREAD_STACK = 256 * 1024;
-
-class Nothing : public Poco::Runnable {
-public:
-    void run() override {}
-};
-
-// The framework joins its thread again when it is destroyed, and a thread that has been joined already cannot be: the
-// handle may by then be another thread's. So it is given one that ends at once and stays to be joined.
-void LeaveThreadToJoin(Poco::DirectoryWatcher& watcher)
-{
-    static Nothing nothing;
-    Poco::Thread& thread = watcher.*MemberOf(FrameworkThread());
-    thread.setStackSize(LEFT_THREAD_STACK);
-    thread.start(nothing);
-}
-
 } // namespace
 
 BundleDirWatcher::BundleDirWatcher(const std::string& path, std::chrono::milliseconds interval)
@@ -177,11 +94,8 @@ BundleDirWatcher::BundleDirWatcher(const std::string& path, std::chrono::millise
 
 BundleDirWatcher::~BundleDirWatcher()
 {
-    m_stopping = true; // before the lock: a scan that holds it ends early
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-    }
-    m_stopRequested.notify_one();
+    m_stopping = true; // for a scan under way, which ends early
+    m_stop.set_value();
     m_thread.join();
 }
 
@@ -213,10 +127,10 @@ void BundleDirWatcher::RaiseChanges()
     }
 }
 
-bool BundleDirWatcher::WaitUntil(Clock::time_point time)
+// False when the watcher is being destroyed.
+bool BundleDirWatcher::WaitUntil(Clock::time_point time) const
 {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return !m_stopRequested.wait_until(lock, time, [this] { return m_stopping.load(); });
+    return m_stopRequested.wait_until(time) == std::future_status::timeout;
 }
 
 // False when the watcher is being destroyed.

@@ -8,9 +8,9 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <map>
 #include <mutex>
 #include <string>
@@ -82,7 +82,7 @@ private:
 
     void Follow(Clock::time_point firstScan);
     void RaiseChanges();
-    bool WaitUntil(Clock::time_point time);
+    bool WaitUntil(Clock::time_point time) const;
     bool LetSettle(const Change& change);
     Changes Scan();
     void LookAtAll(Changes& changes) REQUIRES(m_mutex);
@@ -98,9 +98,10 @@ private:
     const std::string m_prefix; // of an item's path, ending in "/": made the way the manager makes its bundles' paths
     const std::chrono::milliseconds m_interval;
     std::atomic<bool> m_stopping{false};
+    std::promise<void> m_stop; // ends a wait that begins later, too
+    const std::future<void> m_stopRequested = m_stop.get_future();
 
-    mutable std::mutex m_mutex; // never held while an event is raised
-    std::condition_variable m_stopRequested;
+    mutable std::mutex m_mutex;                                           // never held while an event is raised
     std::map<std::string, Item, std::less<>> m_items GUARDED_BY(m_mutex); // by name
     std::uint64_t m_scan GUARDED_BY(m_mutex) = 0;                         // number of the last one
     bool m_isReadable GUARDED_BY(m_mutex) = true;
