@@ -6,6 +6,7 @@ usage: check_documents.py ROOT PAGE...
 - a link to a file or heading that does not exist
 - a command, in a code block or in running text, that names a script of the project which does not exist, or an option
   that the script's --help does not mention
+- the name of a test that does not exist
 """
 
 import functools
@@ -23,6 +24,7 @@ BROKEN = [
 ]
 # A bundle has a folder "script" too; what is in there ends in ".sh", which no script of ours does.
 SCRIPT = re.compile(r"(?<![\w/.])(script/(?:parts/)?[\w-]+|\.ci/run)(?![\w./])((?: +[^\s`|;&()]+)*)")
+TEST_NAME = re.compile(r"[A-Z][A-Za-z]+\.[A-Z][A-Za-z]+")
 SHELL = {"sh", "bash", "text", ""}
 
 
@@ -60,6 +62,14 @@ def help_of(script):
     return "\n".join(parts)
 
 
+@functools.lru_cache(maxsize=None)
+def tests_of(root):
+    """The names of all tests, "Suite.Name"."""
+    sources = (file.read_text() for file in (root / "tests").rglob("*") if file.suffix in {".cpp", ".txt"})
+    pattern = re.compile(r"\bTEST(?:_F|_P)?\(\s*(\w+),\s*(\w+)\s*\)|\b([A-Z]\w+\.[A-Z]\w+)\b")
+    return {found[2] or f"{found[0]}.{found[1]}" for text in sources for found in pattern.findall(text)}
+
+
 class Page:
     def __init__(self, root, path):
         self.root = root
@@ -88,6 +98,11 @@ class Page:
                 self.check_link(line, child.attrs["href"])
             elif child.type == "code_inline":
                 self.check_commands(line, child.content)
+                self.check_test(line, child.content)
+
+    def check_test(self, line, name):
+        if "testing" in self.path.parts and TEST_NAME.fullmatch(name) and name not in tests_of(self.root):
+            self.find(line, f"there is no test {name}")
 
     def check_link(self, line, target):
         if re.match(r"[a-z]+:", target):

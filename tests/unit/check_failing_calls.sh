@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Keeps the tables of docs/reliability.md, "Failing calls", complete: every function outside of ARCHIVEs that their
+# Keeps the tables of docs/testing/failing-calls.md complete: every function outside of ARCHIVEs that their
 # objects call stands in the first column of a row, and every test that a row names is there. Names with an underscore in
 # front are the compiler's and the C++ library's, of which the tables speak as a whole.
 #
@@ -17,8 +17,7 @@ fault() {
     faults=$((faults + 1))
 }
 
-section=$(sed -n '/^## Failing calls/,/^## [^F]/p' "$document")
-rows=$(grep '^|' <<< "$section" || true)
+rows=$(grep '^|' "$document" || true)
 first_columns=$(cut -d'|' -f2 <<< "$rows")
 
 defined=$("$nm" --defined-only "$@" 2> /dev/null | awk 'NF == 3 { print $3 }' | sort -u)
