@@ -171,6 +171,22 @@ TEST_F(AnEntryThatIsNoBundle, IsIgnoredWhenItIsAPlainFile)
     }
 }
 
+TEST_F(AnEntryThatIsNoBundle, IsLookedForOnceWhenItIsAPlainFileThatChanges)
+{
+    WriteFile(In("note"), "");
+    ASSERT_TRUE(daemon.WaitForLog("dir item add event happen."));
+    NewRecords();
+    WriteFile(In("note"), "more");
+    ASSERT_TRUE(daemon.WaitForLog("find bundle[" + In("note") + "] fail."));
+    EXPECT_EQ(NewRecords(), (Records{"INFO dir item modified event happen.", "INFO update a bundle dir.",
+                                     "INFO find bundle[" + In("note") + "]...",
+                                     "ERROR bundle with storage path[" + In("note") + "] not found.",
+                                     "ERROR find bundle[" + In("note") + "] fail."}));
+    PassScans();
+    EXPECT_EQ(Added(), 1) << "no second attempt is made with a plain file";
+    EXPECT_EQ(Modified(), 1);
+}
+
 TEST_F(AnEntryThatIsNoBundle, ChangesNothingWhenItIsRemoved)
 {
     collection.Bundle("tuner").Copy("tunerd", TEST_SLEEPER).Write();

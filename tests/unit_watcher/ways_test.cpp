@@ -385,12 +385,31 @@ TEST_F(AnEntry, IsAddedByTheFirstScanThatSeesItWhenItWasMovedIn)
               (Events{"added first-scan", "added radio", "added second-scan"}));
 }
 
-TEST_F(AnEntry, ThatIsAPlainFileIsAddedAndRemoved)
+TEST_F(AnEntry, ThatIsAPlainFileIsAddedModifiedAndRemoved)
 {
+    WriteText(In("old"), "");
     Watch();
     EXPECT_EQ(EventsOf("echo > \"$COLLECTION\"/note"), Events{"added note"});
-    EXPECT_EQ(EventsOf("echo more >> \"$COLLECTION\"/note"), Events{});
+    for (const char* const command :
+         {"echo more >> \"$COLLECTION\"/note", "touch \"$COLLECTION\"/note", "chmod 600 \"$COLLECTION\"/note",
+          "echo > \"$ASIDE\"/other && mv \"$ASIDE\"/other \"$COLLECTION\"/note"}) {
+        EXPECT_EQ(EventsOf(command), Events{"modified note"}) << command;
+    }
     EXPECT_EQ(EventsOf("rm \"$COLLECTION\"/note"), Events{"removed note"});
+    EXPECT_EQ(EventsOf("echo >> \"$COLLECTION\"/old"), Events{"modified old"});
+}
+
+// The server asks for that when it finds no bundle, as it does for each plain file.
+TEST_F(AnEntry, ThatIsAPlainFileIsNotOfferedAgain)
+{
+    Watch();
+    recorder.SetHandler([this](const std::string& event) {
+        if (event == "modified note") {
+            watcher->OfferAgain(In("note"));
+        }
+    });
+    EXPECT_EQ(EventsOf("echo > \"$COLLECTION\"/note"), Events{"added note"});
+    EXPECT_EQ(EventsOf("echo >> \"$COLLECTION\"/note"), Events{"modified note"});
 }
 
 TEST_F(AnEntry, ThatWasThereBeforeTheWatcherRaisesNothing)

@@ -150,10 +150,14 @@ BundleDirWatcher::Changes BundleDirWatcher::Scan()
     const std::lock_guard<std::mutex> lock(m_mutex);
     Changes changes;
     LookAtAll(changes);
-    // Removals first: a bundle that is renamed would otherwise be refused as a duplicate of itself.
+    // Removals first: a bundle that is renamed would otherwise be refused as a duplicate of itself. Then plain files,
+    // which are soon dealt with.
     std::sort(changes.begin(), changes.end(), [](const Change& one, const Change& other) {
-        return std::make_tuple(one.type != DW_ITEM_REMOVED, one.time, std::ref(one.name)) <
-               std::make_tuple(other.type != DW_ITEM_REMOVED, other.time, std::ref(other.name));
+        const auto rank = [](const Change& change) {
+            return std::make_tuple(change.type != DW_ITEM_REMOVED, change.isDirectory, change.time,
+                                   std::ref(change.name));
+        };
+        return rank(one) < rank(other);
     });
     return changes;
 }
@@ -214,12 +218,13 @@ void BundleDirWatcher::LookAt(int collection, const char* name, unsigned char ty
     item.lastScan = m_scan;
     if (item.isArriving) {
         if (HasArrived(collection, position->first, item)) {
-            changes.push_back({DW_ITEM_ADDED, name, std::max(item.tree.newestChange, item.fingerprint[ROOT].changed)});
+            const std::int64_t newest = std::max(item.tree.newestChange, item.fingerprint[ROOT].changed);
+            changes.push_back({DW_ITEM_ADDED, name, isDirectory, newest});
         }
-    } else if (isDirectory) {
+    } else {
         const ItemFingerprint fingerprint = m_fingerprinter.OfItem(collection, position->first, item.fingerprint);
         if (fingerprint != item.fingerprint) {
-            changes.push_back({DW_ITEM_MODIFIED, name, NewestChange(fingerprint)});
+            changes.push_back({DW_ITEM_MODIFIED, name, isDirectory, NewestChange(fingerprint)});
         }
     }
 }
@@ -230,10 +235,11 @@ void BundleDirWatcher::LookAt(int collection, const char* name, unsigned char ty
 // moved in must have stood still for one scan.
 bool BundleDirWatcher::HasArrived(int collection, const std::string& name, Item& item)
 {
+    const ItemFingerprint fingerprint = m_fingerprinter.OfItem(collection, name, item.fingerprint);
     if (!item.isDirectory) {
+        item.fingerprint = fingerprint;
         return true;
     }
-    const ItemFingerprint fingerprint = m_fingerprinter.OfItem(collection, name, item.fingerprint);
     const TreeFingerprint tree = m_fingerprinter.OfTree(m_prefix + name, item.isRaised);
     const FileFingerprint& root = fingerprint[ROOT];
     const bool wasMovedIn = !root.IsSameFile(item.fingerprint[ROOT]) && fingerprint[MANIFEST].inode != 0 &&
@@ -259,7 +265,7 @@ void BundleDirWatcher::FindGone(int collection, Changes& changes)
             continue;
         }
         if (isGone) {
-            changes.push_back({DW_ITEM_REMOVED, name, 0});
+            changes.push_back({DW_ITEM_REMOVED, name, item.isDirectory, 0});
         }
         ++position;
     }
@@ -291,7 +297,7 @@ bool BundleDirWatcher::Take(const Change& change)
         m_items.erase(position);
         return true;
     }
-    if (item.isDirectory && !IsToBeRaised(change, item)) {
+    if (!IsToBeRaised(change, item)) {
         return false;
     }
     item.isArriving = false;
@@ -300,18 +306,18 @@ bool BundleDirWatcher::Take(const Change& change)
     return true;
 }
 
-// Not when the directory has gone, when a copy into it has begun or gone on, or when somebody has accepted the change.
+// Not when the item has gone, when a copy into it has begun or gone on, or when somebody has accepted the change.
 bool BundleDirWatcher::IsToBeRaised(const Change& change, Item& item)
 {
     const std::string path = m_prefix + change.name;
-    if (KindAt(AT_FDCWD, path.c_str()) != Kind::DIRECTORY) {
+    if (KindAt(AT_FDCWD, path.c_str()) != (item.isDirectory ? Kind::DIRECTORY : Kind::OTHER)) {
         return false; // the next scan sees what has become of it
     }
     const ItemFingerprint fingerprint = m_fingerprinter.OfItem(AT_FDCWD, path, item.fingerprint);
-    if (change.type == DW_ITEM_ADDED) {
+    if (change.type == DW_ITEM_ADDED && item.isDirectory) {
         return fingerprint == item.fingerprint && m_fingerprinter.OfTree(path, item.isRaised) == item.tree;
     }
-    if (fingerprint == item.fingerprint) {
+    if (change.type == DW_ITEM_MODIFIED && fingerprint == item.fingerprint) {
         return false;
     }
     item.fingerprint = fingerprint;
@@ -356,7 +362,8 @@ void BundleDirWatcher::AcceptChanges(const std::string& path)
 void BundleDirWatcher::OfferAgain(const std::string& path)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (Item* const item = FindItem(path)) {
+    Item* const item = FindItem(path);
+    if (item != nullptr && item->isDirectory) {
         item->isArriving = true;
     }
 }

@@ -27,8 +27,8 @@ namespace SystemServer {
 ///   when nothing in it has changed for one scan when it is being copied or unpacked in place.
 /// - removed: an item has gone. Raised before the additions of the same scan, so that a rename is seen as both.
 /// - modified: in a directory the manifest has changed, or a name was added, replaced or removed in the directory
-///   itself, in its "bin" or in its "script". Once a scan, however much has changed. Other folders are the running
-///   items' own.
+///   itself, in its "bin" or in its "script"; a plain file has changed. Once a scan, however much has changed. Other
+///   folders of a directory are the running items' own.
 ///
 /// Additions and modifications are raised in the order in which they were made, so that what is required may be
 /// installed just before what requires it.
@@ -52,8 +52,9 @@ public:
     /// modified all the same. Any thread. Unknown items are passed over.
     void AcceptChanges(const std::string& path);
 
-    /// Raises an item as added once more, when it has come to rest. For one of which a change was raised that nobody
-    /// could take: it may have been mended. Any thread. Unknown items are passed over. Throws nothing.
+    /// Raises a directory as added once more, when it has come to rest. For one of which a change was raised that
+    /// nobody could take: it may have been mended. Any thread. Plain files and unknown items are passed over. Throws
+    /// nothing.
     void OfferAgain(const std::string& path);
 
 private:
@@ -73,6 +74,7 @@ private:
     struct Change {
         DirectoryEventType type;
         std::string name;
+        bool isDirectory;
         std::int64_t time; // when it was made, nanoseconds; 0 when that cannot be told
     };
     using Changes = std::vector<Change>;

@@ -54,6 +54,9 @@ ItemFingerprint Fingerprinter::OfItem(int directory, const std::string& path, co
         struct stat status {};
         if (fstatat(directory, m_partPath.c_str(), &status, 0) == 0) {
             item[part] = FingerprintOf(status);
+            if (part == ROOT && !S_ISDIR(status.st_mode)) {
+                return {item[ROOT]};
+            }
         } else if (MeansAbsence(errno)) {
             item[part] = FileFingerprint();
         }
