@@ -123,6 +123,24 @@ put_bundle() {
     mv "$new" "$root/var/lib/bundle-server/bundles/$1"
 }
 
+# put_witness: a bundle whose item notes at each SIGTERM, in /var/log/witness, whether the server is still there.
+put_witness() {
+    put_bundle witness
+    # shellcheck disable=SC2016 # expanded by the item, whose parent is the server
+    sed -i '1i trap '\''if [ "$(cat /proc/$PPID/comm)" = bundle_server ]; then echo early; else echo late; fi >> /var/log/witness; exit'\'' TERM' \
+        "$root/var/lib/bundle-server/bundles/witness/bin/witness.sh"
+}
+
+# check_order LOG_DIRECTORY SERVER LINES WHEN: the server has gone before its items, by what it has logged since it was
+# told to end, when the log had so many lines, and by what the witness has noted.
+check_order() {
+    local records
+    records=$(tail -n +$(($3 + 1)) "$1/bundle-server/bundle-server.log" | awk -v server="$2" '$5 == server')
+    ! grep -E 'relaunch|termination| ERROR ' <<< "$records" || fail "$4: the server has taken the end of an item for a crash"
+    [ "$(cat "$1/witness")" = late ] || fail "$4: what the item saw at each SIGTERM: $(cat "$1/witness")"
+    rm "$1/witness"
+}
+
 # check_service BUNDLE: what holds for the init script, with a bundle that runs one script.
 check_service() {
     local item=bundles/$1/./bin/$1.sh before after status

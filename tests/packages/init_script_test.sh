@@ -33,6 +33,33 @@ await runs bin/tuner.sh 1 || fail "the bundle's script is not run"
     fail "the limit of descriptors is not the one that the script sets"
 check_service tuner
 
+# The server goes first, then its items: by SIGTERM, and what does not heed it by SIGKILL after ten seconds.
+put_witness
+put_bundle deaf
+sed -i "1i trap '' TERM" "$root/var/lib/bundle-server/bundles/deaf/bin/deaf.sh"
+log=$root/var/log/bundle-server/bundle-server.log
+for end in stop restart crash; do
+    service start || fail "it does not start"
+    await serves || fail "the server does not answer"
+    server=$(cat "$root/run/bundle-server.pid")
+    lines=$(wc -l < "$log")
+    begin=$(date +%s%N)
+    if [ $end = crash ]; then
+        kill -KILL "$server"
+        service start || fail "it does not start after a crash"
+    else
+        service $end || fail "\"$end\" fails"
+    fi
+    took=$((($(date +%s%N) - begin) / 1000000))
+    check_order "$root/var/log" "$server" "$lines" "$end"
+    if [ $end = stop ]; then
+        [ $took -ge 10000 ] || fail "an item that does not heed SIGTERM is killed after $took ms"
+        rm -r "$root"/var/lib/bundle-server/bundles/deaf
+    fi
+done
+rm -r "$root"/var/lib/bundle-server/bundles/witness
+service stop
+
 # An item that has left the server's session and process group is ended as well.
 printf 'exec setsid sh -c "while :; do sleep 1; done" /bin/away.sh\n' \
     > "$root/var/lib/bundle-server/bundles/tuner/bin/tuner.sh"

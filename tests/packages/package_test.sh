@@ -63,14 +63,21 @@ check_service tuner
 
 # What is changed in the configuration, an upgrade keeps. The new server is at work at once.
 echo "; changed" >> "$root/etc/bundle-server/bundle-server.ini"
+put_witness
 service start
-await runs bin/tuner.sh 1
+await runs bin/witness.sh 1 || fail "the items do not run"
+await serves || fail "the server does not answer"
 before=$(running bin/tuner.sh)
+server=$(running sbin/bundle_server)
+lines=$(wc -l < "$root/var/log/bundle-server/bundle-server.log")
 install_package
+check_order "$root/var/log" "$server" "$lines" "upgrade"
 await runs bin/tuner.sh 1 || fail "after an upgrade the item runs as: $(running bin/tuner.sh)"
 [ "$before" != "$(running bin/tuner.sh)" ] || fail "an upgrade has not restarted the server"
 grep -q "^; changed" "$root/etc/bundle-server/bundle-server.ini" || fail "an upgrade has lost the configuration"
 
+rm -r "$root/var/lib/bundle-server/bundles/witness"
+await runs bin/witness.sh 0 || fail "the item of a bundle that was taken out runs"
 package_manager --remove bundle-server || fail "it cannot be removed"
 runs sbin/bundle_server 0 || fail "a removal has left the server"
 runs bin/tuner.sh 0 || fail "a removal has left an item"

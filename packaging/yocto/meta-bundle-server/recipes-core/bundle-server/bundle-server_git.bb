@@ -43,6 +43,7 @@ FILES:${PN} += " \
     ${bindir}/bundlectl \
     ${sbindir}/bundle_server \
     ${libexecdir}/bundle-server/dyn_lib_process_loader \
+    ${libexecdir}/bundle-server/end-server \
     ${sysconfdir}/bundle-server/bundle-server.ini \
     ${sysconfdir}/default/bundle-server \
     ${sysconfdir}/init.d/bundle-server \
