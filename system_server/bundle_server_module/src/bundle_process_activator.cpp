@@ -135,6 +135,15 @@ void AwaitReady(int readEnd, pid_t server)
     BUNDLE_INFO("wait for parent process ready done pgid is [%d].", getpgrp());
 }
 
+// In the child. Returns, with errno set, only when the program cannot be executed. The signal's disposition is the
+// item's for the exec alone: a record that the limit on file sizes refuses would kill the child.
+template <class... Arguments> void Exec(const char* path, Arguments... arguments)
+{
+    RestoreFileSizeSignal();
+    execl(path, arguments..., nullptr);
+    IgnoreFileSizeSignal();
+}
+
 // In the child. Returns only when the item cannot be executed.
 void ExecItem(const ItemCommand& command)
 {
@@ -146,15 +155,15 @@ void ExecItem(const ItemCommand& command)
     switch (command.kind) {
     case ItemKind::LIBRARY:
         BUNDLE_INFO("load dyn lib[%s].excute command:{%s -f %s -e %s}", loaderPath, loader, execPath, entryFunc);
-        execl(loaderPath, loader, "-f", execPath, "-e", entryFunc, nullptr);
+        Exec(loaderPath, loader, "-f", execPath, "-e", entryFunc);
         break;
     case ItemKind::SCRIPT:
         BUNDLE_INFO("execute shell script[%s].excute command:{sh %s}", execPath, execPath);
-        execl("/bin/sh", "sh", execPath, nullptr);
+        Exec("/bin/sh", "sh", execPath);
         break;
     case ItemKind::BINARY:
         BUNDLE_INFO("execute binary[%s].excute command:{%s}", execPath, itemName);
-        execl(execPath, itemName, nullptr);
+        Exec(execPath, itemName);
         break;
     case ItemKind::TOO_SHORT:
         std::abort(); // a name too short to have an ending: the monitor shall see that this was no ordinary end

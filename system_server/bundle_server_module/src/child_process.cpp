@@ -32,6 +32,7 @@ struct StartState {
     StartState();
     sigset_t signalMask;
     struct sigaction childEnded;
+    struct sigaction fileTooLarge;
     rlimit descriptors;
 };
 
@@ -42,6 +43,7 @@ void PrepareChild()
     sigaction(SIGCHLD, &START_STATE.childEnded, nullptr);
     pthread_sigmask(SIG_SETMASK, &START_STATE.signalMask, nullptr);
     if (t_childLeadsGroup) {
+        RestoreFileSizeSignal(); // the framework's launcher calls nothing of ours between here and the exec
         setpgid(0, 0);
         const pid_t self = getpid();
         [[maybe_unused]] const ssize_t written = write(t_birthNotice, &self, sizeof self);
@@ -58,6 +60,7 @@ StartState::StartState()
     struct sigaction standard {};
     standard.sa_handler = SIG_DFL;
     sigaction(SIGCHLD, &standard, &childEnded);
+    sigaction(SIGXFSZ, nullptr, &fileTooLarge);
     getrlimit(RLIMIT_NOFILE, &descriptors);
     pthread_atfork(nullptr, nullptr, PrepareChild);
 }
@@ -153,6 +156,18 @@ void BoundDescriptorLimit()
 void RestoreDescriptorLimit() noexcept
 {
     setrlimit(RLIMIT_NOFILE, &START_STATE.descriptors);
+}
+
+void IgnoreFileSizeSignal() noexcept
+{
+    struct sigaction ignored {};
+    ignored.sa_handler = SIG_IGN;
+    sigaction(SIGXFSZ, &ignored, nullptr);
+}
+
+void RestoreFileSizeSignal() noexcept
+{
+    sigaction(SIGXFSZ, &START_STATE.fileTooLarge, nullptr);
 }
 
 } // namespace SystemServer

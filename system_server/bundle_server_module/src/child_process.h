@@ -9,8 +9,9 @@
 
 /// What the server's children and threads get of its signals, groups and limits. A child starts with the signal mask
 /// that the server was started with, whichever thread forks it: the framework's threads block SIGTERM and SIGQUIT, and
-/// its library SIGPIPE, and a bundle must still die of a plain SIGTERM. No signal handler is ever installed, so
-/// dispositions need nothing.
+/// its library SIGPIPE, and a bundle must still die of a plain SIGTERM. No signal handler is ever installed. Of the
+/// dispositions the server changes two: that of SIGCHLD, with which a child starts, and that of SIGXFSZ, which a child
+/// gets back.
 namespace SystemServer {
 
 /// A child that leads a process group of its own.
@@ -44,6 +45,14 @@ void BoundDescriptorLimit();
 
 /// Gives a child the limit back that the server was started with. For a child between fork and exec.
 void RestoreDescriptorLimit() noexcept;
+
+/// Lets a write beyond the limit on file sizes fail, where it would kill the process: a log that has reached the limit
+/// loses records. Called once, before the first record; and by a child that logs again after a failed exec.
+void IgnoreFileSizeSignal() noexcept;
+
+/// Gives a child the disposition of SIGXFSZ back that the server was started with. For a child between fork and exec
+/// that logs nothing more; a child that leads a group has it from its birth.
+void RestoreFileSizeSignal() noexcept;
 
 } // namespace SystemServer
 

@@ -27,6 +27,7 @@ int main(int argc, char** argv)
 {
     try {
         HoldStandardDescriptors();
+        SystemServer::IgnoreFileSizeSignal();
         SystemServer::BoundDescriptorLimit();
         SystemServer::BundleServer server;
         const int status = server.run(argc, argv);
