@@ -147,9 +147,10 @@ Result Format(const Input& input)
     case 3:
         return {Formatted(head, "%s|%s", text, text), input.text + "|" + input.text};
     case 4: {
-        // Without a NUL behind it.
-        const std::vector<char> bare(input.text.begin(), input.text.end());
-        return {Formatted(head, "\t%.*s", length, bare.data()), "\t" + input.text};
+        // Without a NUL behind it. An empty vector would have no address.
+        const auto bare = std::make_unique<char[]>(input.text.size());
+        input.text.copy(bare.get(), input.text.size());
+        return {Formatted(head, "\t%.*s", length, bare.get()), "\t" + input.text};
     }
     default:
         return {Formatted(head, "wide %ls\n", none), "wide %ls\n"};

@@ -19,7 +19,6 @@
 #include <cstdarg>
 #include <cstring>
 #include <ctime>
-#include <memory>
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -260,10 +259,11 @@ int WrappedCancel(pthread_t thread) WRAPPED("pthread_cancel");
 int RealLock(pthread_mutex_t* mutex) REAL("pthread_mutex_lock");
 int WrappedLock(pthread_mutex_t* mutex) WRAPPED("pthread_mutex_lock");
 
-using ThreadState = std::unique_ptr<std::thread::_State>;
+// The state is a unique_ptr to a type that newer libraries keep private. A class with a destructor is passed by its
+// address, and it is the caller who destroys it.
 #define START_THREAD_NAME "_ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE"
-void RealStartThread(std::thread* self, ThreadState state, void (*depend)()) REAL(START_THREAD_NAME);
-void WrappedStartThread(std::thread* self, ThreadState state, void (*depend)()) WRAPPED(START_THREAD_NAME);
+void RealStartThread(std::thread* self, void* state, void (*depend)()) REAL(START_THREAD_NAME);
+void WrappedStartThread(std::thread* self, void* state, void (*depend)()) WRAPPED(START_THREAD_NAME);
 
 #define LAUNCH_NAME                                                                                                    \
     "_ZN4Poco7Process6launchERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEERKSt6vectorIS6_SaIS6_EE"
@@ -355,12 +355,12 @@ int WrappedLock(pthread_mutex_t* mutex)
     return RealLock(mutex);
 }
 
-void WrappedStartThread(std::thread* self, ThreadState state, void (*depend)())
+void WrappedStartThread(std::thread* self, void* state, void (*depend)())
 {
     if (MustFail(Call::START_THREAD, 0)) {
         throw std::system_error(PlanOf(Call::START_THREAD).value, std::generic_category());
     }
-    RealStartThread(self, std::move(state), depend);
+    RealStartThread(self, state, depend);
 }
 
 Poco::ProcessHandle WrappedLaunch(const std::string& command, const Poco::Process::Args& arguments)
