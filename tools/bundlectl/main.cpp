@@ -1,11 +1,13 @@
 // The companion of the bundle server, for people and scripts.
 #include "command.h"
 #include "exit_status.h"
+#include "tools/version.h"
 
 #include <CLI/CLI.hpp>
 
 #include <exception>
 #include <iostream>
+#include <string>
 
 namespace {
 
@@ -13,6 +15,7 @@ int Run(int argc, const char* const* argv)
 {
     CLI::App program("Controls the bundle server of this machine.", "bundlectl");
     program.require_subcommand(1);
+    program.set_version_flag("--version", std::string("bundlectl ") + TOOL_VERSION, "print the version and exit");
     program.footer("exit status: 0 done, 1 failed, 2 wrong use, 3 no such bundle, 4 cannot be reached, 5 no answer");
 
     int status = EXIT_FAILED;

@@ -1,9 +1,12 @@
 // Runs a function of a dynamic library as a process of its own: the way in which a bundle's library becomes a child of
 // the bundle server. One of these stays in memory for each such item, so it does as little as it can.
+#include "tools/version.h"
+
 #include <dlfcn.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <string_view>
 
 namespace {
 
@@ -19,6 +22,7 @@ constexpr char USAGE[] =
     "  -f LIBRARY   the library's path\n"
     "  -e FUNCTION  the function's name\n"
     "  -h           print this and exit\n"
+    "  --version    print the version and exit\n"
     "\n"
     "exit status, where it is not the function's: 1 the library does not open or lacks the function,\n"
     "64 wrong usage\n";
@@ -79,17 +83,33 @@ int Run(const Arguments& arguments)
     return reinterpret_cast<int (*)()>(address)();
 }
 
+/// For what goes to standard output. Returns the exit status.
+int Tell(const char* text)
+{
+    return std::fputs(text, stdout) >= 0 && std::fflush(stdout) == 0 ? 0 : EXIT_NOT_LOADED;
+}
+
+int TellVersion()
+{
+    static_cast<void>(std::fputs("dyn_lib_process_loader ", stdout));
+    static_cast<void>(std::fputs(TOOL_VERSION, stdout));
+    return Tell("\n");
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
+    if (argc == 2 && std::string_view(argv[1]) == "--version") {
+        return TellVersion();
+    }
     Arguments arguments;
     if (!Read(argc, argv, arguments)) {
         static_cast<void>(std::fputs(USAGE, stderr));
         return EXIT_WRONG_USAGE;
     }
     if (arguments.helpIsAsked) {
-        return std::fputs(USAGE, stdout) >= 0 && std::fflush(stdout) == 0 ? 0 : EXIT_NOT_LOADED;
+        return Tell(USAGE);
     }
     return Run(arguments);
 }
