@@ -11,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <ctime>
 #include <new>
 
@@ -47,6 +48,7 @@ ssize_t WriteOnce(LogDestination destination, const char* record, std::size_t le
     case LogDestination::PIPE:
         return WriteToPipe(destination.Fd(), record, length);
     case LogDestination::SOCKET:
+    case LogDestination::JOURNAL:
         return ::send(destination.Fd(), record, length, MSG_DONTWAIT | MSG_NOSIGNAL);
     case LogDestination::PLAIN:
         break;
@@ -92,6 +94,24 @@ bool WriteAfterOpenLine(int fd, LogTrouble& trouble, const char* record, std::si
     return written == static_cast<ssize_t>(length) + 1;
 }
 
+/// Whether it is what JOURNAL_STREAM names, by device and inode: the stream that the system's service manager has given
+/// to the process. It may have been inherited, and standard error be another one.
+bool IsJournal(const struct stat& status)
+{
+    const char* const stream = std::getenv("JOURNAL_STREAM");
+    if (stream == nullptr) {
+        return false;
+    }
+    char* colon = nullptr;
+    const unsigned long long device = std::strtoull(stream, &colon, 10);
+    if (*colon != ':') {
+        return false;
+    }
+    char* end = nullptr;
+    const unsigned long long inode = std::strtoull(colon + 1, &end, 10);
+    return *end == '\0' && device == status.st_dev && inode == status.st_ino;
+}
+
 } // namespace
 
 LogDestination LogDestination::Open(const char* path)
@@ -107,7 +127,7 @@ LogDestination LogDestination::StandardError()
 {
     struct stat status {};
     if (::fstat(STDERR_FILENO, &status) == 0 && S_ISSOCK(status.st_mode)) {
-        return {STDERR_FILENO, SOCKET};
+        return {STDERR_FILENO, IsJournal(status) ? JOURNAL : SOCKET};
     }
     if (!S_ISFIFO(status.st_mode)) {
         return {STDERR_FILENO, PLAIN};

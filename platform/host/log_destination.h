@@ -9,7 +9,7 @@ namespace HostPlatform {
 /// Where records go, in the size of one atomic number.
 class LogDestination {
 public:
-    enum Kind { PLAIN, PIPE, SOCKET };
+    enum Kind { PLAIN, PIPE, SOCKET, JOURNAL }; ///< JOURNAL: a socket at whose other end the system's journal reads
 
     constexpr LogDestination() = default;
     LogDestination(int fd, Kind kind) : m_packed((fd << KIND_BITS) | kind) {}
@@ -18,7 +18,8 @@ public:
     /// yet, and its reader may come and go. Undecided, with errno set, when it cannot be opened.
     static LogDestination Open(const char* path);
 
-    /// A pipe is opened anew, for whoever else has it would otherwise be made not to wait for its reader either.
+    /// A pipe is opened anew, for whoever else has it would otherwise be made not to wait for its reader either. The
+    /// environment variable JOURNAL_STREAM names the journal's socket.
     static LogDestination StandardError();
 
     bool IsDecided() const { return m_packed != UNDECIDED; }

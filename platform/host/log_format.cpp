@@ -188,6 +188,16 @@ void PutLevel(RecordWriter& writer, int level)
     writer.PutNumber(level);
 }
 
+/// The journal's priorities grow less urgent: 3 is an error, 4 a warning, 6 information, 7 for debugging. Levels grow
+/// more urgent, and of those above an error nothing more is known.
+void PutPriority(RecordWriter& writer, int level)
+{
+    constexpr char priorities[] = {'7', '6', '4', '3'};
+    writer.Put('<');
+    writer.Put(priorities[std::clamp(level, 0, 3)]);
+    writer.Put('>');
+}
+
 void PutPlace(RecordWriter& writer, const char* file, int line)
 {
     if (file == nullptr) {
@@ -263,9 +273,13 @@ __attribute__((format(printf, 2, 0))) void PutMessage(RecordWriter& writer, cons
 
 } // namespace
 
-std::size_t FormatRecord(char (&record)[RECORD_SIZE], const RecordHead& head, const char* format, va_list arguments)
+std::size_t FormatRecord(char (&record)[RECORD_SIZE], Prefix prefix, const RecordHead& head, const char* format,
+                         va_list arguments)
 {
     RecordWriter writer(record);
+    if (prefix == Prefix::PRIORITY) {
+        PutPriority(writer, head.level);
+    }
     PutHead(writer, head);
     PutMessage(writer, format, arguments);
     writer.Put('\n');

@@ -7,7 +7,7 @@
 
 namespace HostPlatform {
 
-/// A record's most bytes, its line end included: what a pipe takes in one piece.
+/// A record's most bytes, its prefix and line end included: what a pipe takes in one piece.
 constexpr std::size_t RECORD_SIZE = 4096;
 
 /// A record's columns but the message.
@@ -22,9 +22,13 @@ struct RecordHead {
     int line;
 };
 
-/// Formats one record, its line end included and not NUL-terminated. Returns its length. Takes no lock and no heap.
-std::size_t FormatRecord(char (&record)[RECORD_SIZE], const RecordHead& head, const char* format, va_list arguments)
-    __attribute__((format(printf, 3, 0)));
+/// What stands before the columns. PRIORITY: "<6>" and the like, which the system's journal reads and takes away.
+enum class Prefix { NONE, PRIORITY };
+
+/// Formats one record, its prefix and line end included and not NUL-terminated. Returns its length. Takes no lock and
+/// no heap.
+std::size_t FormatRecord(char (&record)[RECORD_SIZE], Prefix prefix, const RecordHead& head, const char* format,
+                         va_list arguments) __attribute__((format(printf, 4, 0)));
 
 } // namespace HostPlatform
 

@@ -21,6 +21,7 @@ namespace {
 using HostPlatform::FormatRecord;
 using HostPlatform::LogDestination;
 using HostPlatform::LogTrouble;
+using HostPlatform::Prefix;
 using HostPlatform::RECORD_SIZE;
 using HostPlatform::RecordHead;
 
@@ -63,10 +64,11 @@ bool WriteRecord(const RecordHead& head, const char* format, va_list arguments) 
 /// Writes to the destination, which has been decided. False when the record is lost.
 bool WriteRecord(const RecordHead& head, const char* format, va_list arguments)
 {
+    const LogDestination destination = g_destination.load(std::memory_order_acquire);
+    const Prefix prefix = destination.WhatItIs() == LogDestination::JOURNAL ? Prefix::PRIORITY : Prefix::NONE;
     char record[RECORD_SIZE];
-    const std::size_t length = FormatRecord(record, head, format, arguments);
-    return WriteToLog(g_destination.load(std::memory_order_acquire), *g_trouble.load(std::memory_order_acquire), record,
-                      length);
+    const std::size_t length = FormatRecord(record, prefix, head, format, arguments);
+    return WriteToLog(destination, *g_trouble.load(std::memory_order_acquire), record, length);
 }
 
 /// A record of the log's own.

@@ -120,7 +120,7 @@ __attribute__((format(printf, 2, 3))) std::string Formatted(const RecordHead& he
     const auto record = std::make_unique<Record>();
     va_list arguments;
     va_start(arguments, format);
-    const std::size_t length = FormatRecord(record->text, head, format, arguments);
+    const std::size_t length = FormatRecord(record->text, HostPlatform::Prefix::NONE, head, format, arguments);
     va_end(arguments);
     Require(length <= RECORD_SIZE, "the record is longer than it may be");
     return {record->text, length};

@@ -8,8 +8,11 @@
 #include <cstdio>
 #include <ctime>
 #include <string>
+#include <utility>
+#include <vector>
 
 using HostPlatform::FormatRecord;
+using HostPlatform::Prefix;
 using HostPlatform::RECORD_SIZE;
 using HostPlatform::RecordHead;
 
@@ -22,26 +25,31 @@ RecordHead SomeHead()
     return {{1795234449, 123456789}, 4, 1, 0, 1234, 1236, "src/bundle_manager.cpp", 88};
 }
 
-__attribute__((format(printf, 2, 3))) std::string Format(const RecordHead& head, const char* format, ...)
+__attribute__((format(printf, 3, 4))) std::string Format(Prefix prefix, const RecordHead& head, const char* format, ...)
 {
     char record[RECORD_SIZE];
     va_list arguments;
     va_start(arguments, format);
-    const std::size_t length = FormatRecord(record, head, format, arguments);
+    const std::size_t length = FormatRecord(record, prefix, head, format, arguments);
     va_end(arguments);
     return {record, length};
 }
 
+std::string Format(const RecordHead& head, const std::string& message)
+{
+    return Format(Prefix::NONE, head, "%s", message.c_str());
+}
+
 std::string MessageOf(const std::string& text)
 {
-    const std::string head = Format(SomeHead(), "%s", "");
-    const std::string record = Format(SomeHead(), "%s", text.c_str());
+    const std::string head = Format(SomeHead(), "");
+    const std::string record = Format(SomeHead(), text);
     return record.substr(head.size() - 1, record.size() - head.size());
 }
 
 std::size_t MessageRoom()
 {
-    return RECORD_SIZE - Format(SomeHead(), "%s", "").size();
+    return RECORD_SIZE - Format(SomeHead(), "").size();
 }
 
 std::string TimeOf(std::int64_t seconds, long nanoseconds)
@@ -64,7 +72,7 @@ std::string ExpectedTimeOf(std::int64_t seconds)
 
 TEST(ALogRecord, HasItsColumnsInOrderWithOneBlankBetween)
 {
-    EXPECT_EQ(Format(SomeHead(), "load bundle[%s] success.", "media"),
+    EXPECT_EQ(Format(Prefix::NONE, SomeHead(), "load bundle[%s] success.", "media"),
               "2026-11-21T04:14:09.123456Z INFO 4 0 1234 1236 src/bundle_manager.cpp:88 load bundle[media] success.\n");
 }
 
@@ -77,6 +85,26 @@ TEST(ALogRecord, NamesTheTwoLevelsInUseAndNumbersTheOthers)
     EXPECT_NE(Format(head, "x").find("Z LEVEL2 4 "), std::string::npos);
     head.level = -7;
     EXPECT_NE(Format(head, "x").find("Z LEVEL-7 4 "), std::string::npos);
+}
+
+TEST(ALogRecord, BeginsForTheJournalWithItsPriority)
+{
+    const std::vector<std::pair<int, std::string>> priorities{{-1, "<7>"}, {0, "<7>"}, {1, "<6>"}, {2, "<4>"},
+                                                              {3, "<3>"},  {4, "<3>"}, {99, "<3>"}};
+    for (const auto& [level, priority] : priorities) {
+        RecordHead head = SomeHead();
+        head.level = level;
+        EXPECT_EQ(Format(Prefix::PRIORITY, head, "x"), priority + Format(head, "x"));
+    }
+}
+
+TEST(ALogRecord, IsCutToFourKibibytesWithItsPriority)
+{
+    const std::string text(RECORD_SIZE, 'x');
+    const std::string record = Format(Prefix::PRIORITY, SomeHead(), "%s", text.c_str());
+    EXPECT_EQ(record.size(), RECORD_SIZE);
+    EXPECT_EQ(record.substr(0, 5), "<6>20");
+    EXPECT_EQ(record.back(), '\n');
 }
 
 TEST(ALogRecord, ShowsNumbersOfAnySize)
@@ -199,7 +227,7 @@ TEST(TheMessageOfALogRecord, IsCutToFourKibibytesOfRecord)
     const std::size_t room = MessageRoom();
     EXPECT_EQ(MessageOf(std::string(room, 'x')), std::string(room, 'x'));
     EXPECT_EQ(MessageOf(std::string(room + 1, 'x')), std::string(room, 'x'));
-    const std::string record = Format(SomeHead(), "%s", std::string(100000, 'x').c_str());
+    const std::string record = Format(SomeHead(), std::string(100000, 'x'));
     EXPECT_EQ(record.size(), RECORD_SIZE);
     EXPECT_EQ(record.back(), '\n');
 }
@@ -266,12 +294,12 @@ TEST(TheMessageOfALogRecord, IsCutAnywhereAmongBytesThatAreNoText)
 TEST(TheMessageOfALogRecord, TakesANullTextWithoutHarm)
 {
     const char* volatile null = nullptr;
-    EXPECT_NE(Format(SomeHead(), "name %s.", null).find(":88 name (null).\n"), std::string::npos);
+    EXPECT_NE(Format(Prefix::NONE, SomeHead(), "name %s.", null).find(":88 name (null).\n"), std::string::npos);
 }
 
 TEST(TheMessageOfALogRecord, IsTheFormatWhereTheArgumentsCannotBeShown)
 {
     // No character of any locale.
     const wchar_t none[] = {static_cast<wchar_t>(0x7FFFFFFF), 0};
-    EXPECT_NE(Format(SomeHead(), "wide %ls\n", none).find(":88 wide %ls\\n\n"), std::string::npos);
+    EXPECT_NE(Format(Prefix::NONE, SomeHead(), "wide %ls\n", none).find(":88 wide %ls\\n\n"), std::string::npos);
 }

@@ -1,0 +1,58 @@
+#include "platform/log_fixture.h"
+
+#include "platform/match.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+std::string ContentOf(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream content;
+    content << file.rdbuf();
+    return content.str();
+}
+
+std::vector<std::string> LinesOf(const std::string& text)
+{
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+std::string MessageOf(const std::string& record)
+{
+    const auto found = Match(record, std::string(TIME) + " [A-Z]+ [0-9]+ [0-9]+ [0-9]+ [0-9]+ [^ ]+ (.*)");
+    return found.empty() ? "no record: " + record : found[2];
+}
+
+int TheLog::InChild(const std::function<void()>& steps)
+{
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const int fd = ::open(m_standardError.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        ::dup2(fd, STDERR_FILENO);
+        steps();
+        ::_exit(0);
+    }
+    m_child = child;
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+int TheLog::InChildWithFile(const std::function<void()>& steps)
+{
+    return InChild([&] {
+        ::setenv("ZQ_LOG_FILE", m_file.c_str(), 1);
+        steps();
+    });
+}

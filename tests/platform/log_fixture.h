@@ -1,0 +1,42 @@
+#ifndef TESTS_PLATFORM_LOG_FIXTURE_H
+#define TESTS_PLATFORM_LOG_FIXTURE_H
+
+#include "support/temporary_directory.h"
+
+#include <zq_log.h>
+
+#include <gtest/gtest.h>
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#define LOG(...) ZQ_WriteLog(4, 1, 0, 0, "src/x.cpp", 7, __VA_ARGS__)
+
+std::string ContentOf(const std::string& path);
+std::vector<std::string> LinesOf(const std::string& text);
+
+/// An expression for a record's time, up to the second as a group.
+constexpr char TIME[] = "([0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2})\\.[0-9]{6}Z";
+
+/// What a record says behind its columns.
+std::string MessageOf(const std::string& record);
+
+/// The log decides once in a process where it goes, so each test logs in a child of its own.
+class TheLog : public ::testing::Test {
+protected:
+    /// Runs the steps in a child whose standard error is a file. Returns the child's exit status.
+    int InChild(const std::function<void()>& steps);
+
+    /// The same, with the log in a file.
+    int InChildWithFile(const std::function<void()>& steps);
+
+    TemporaryDirectory m_directory;
+    const std::string m_file = m_directory / "log";
+    const std::string m_standardError = m_directory / "stderr";
+    pid_t m_child = -1;
+};
+
+#endif
