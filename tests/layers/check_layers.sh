@@ -14,7 +14,7 @@ src=system_server/bundle_server_module/src
 
 layer_of() {
     case $1 in
-        bundle_log | child_process | dir_stream | directory | framework_watcher | item_fingerprint | item_kind | thread_annotations) echo 0 ;;
+        bundle_log | child_process | dir_stream | directory | directory_sync | framework_watcher | item_fingerprint | item_kind | thread_annotations) echo 0 ;;
         bundle_manifest) echo 1 ;;
         bundle_storage_dir) echo 2 ;;
         bundle) echo 3 ;;
@@ -22,7 +22,7 @@ layer_of() {
         bundle_activator | bundle_activator_factory | bundle_process_activator | bundle_thread_activator) echo 5 ;;
         bundle_manager) echo 6 ;;
         bundle_dir_watcher) echo 7 ;;
-        bundle_server) echo 8 ;;
+        bundle_server | bundle_server_events | bundle_server_requests) echo 8 ;;
         main) echo 9 ;;
     esac
 }

@@ -25,6 +25,7 @@ enum class Call {
     READ,       ///< any other read
     WRITE,      ///< any other write; with 0 in place of an errno it writes half of what it is given
     OPEN,
+    FSYNC,
     CLOSE, ///< fails when it has closed
     FCNTL,
     DUP3,

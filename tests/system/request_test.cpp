@@ -263,6 +263,27 @@ TEST_F(DeletingABundle, SucceedsWhenItsScriptAndTheRemovalEndBeforeTheServerHasP
     EXPECT_EQ(daemon.CountInLog("setpgid "), 0) << "they had long been there";
 }
 
+TEST_F(DeletingABundle, IsAnsweredAfterASecondBySlowDisksAndKeepsNoServerFromEnding)
+{
+    constexpr auto delay = 60s;
+    Interpose("DELAY_FSYNC", "60");
+    for (const char* const name : {"radio", "tuner", "video"}) {
+        collection.Bundle(name).Write();
+    }
+    ASSERT_TRUE(daemon.StartServing());
+    const int threads = daemon.Threads();
+    const auto start = std::chrono::steady_clock::now();
+    for (const char* const name : {"radio", "tuner", "video"}) {
+        EXPECT_EQ(RequestDelete(name), 200);
+        EXPECT_FALSE(Exists(collection / name));
+        EXPECT_EQ(daemon.Threads(), threads + 1) << "however many wait";
+    }
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 3s);
+    EXPECT_EQ(daemon.CountInLog("is not synced yet."), 3);
+    EXPECT_EQ(daemon.Stop(SIGTERM).status, 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, delay);
+}
+
 TEST_F(DeletingABundle, LeavesThoseThatRequireItAlone)
 {
     collection.Bundle("base").Copy("based", TEST_SLEEPER).Write();

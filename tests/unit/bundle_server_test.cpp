@@ -622,6 +622,47 @@ TEST_F(ADeleteRequest, StopsUnloadsRemovesAndPublishes)
     EXPECT_EQ(Received(), "");
 }
 
+TEST_F(ADeleteRequest, IsAnsweredWhenTheRemovalIsWrittenOut)
+{
+    const std::string path = collection.Bundle("media").Write();
+    StartUp();
+    std::atomic<int> synced{0};
+    const BeforeEach syncing(Call::FSYNC, [&](int fd) {
+        ++synced;
+        EXPECT_EQ(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)), collection.Path());
+        EXPECT_FALSE(Exists(path));
+        EXPECT_TRUE(TakeSentMessages().empty());
+    });
+    EXPECT_EQ(Delete("media"), 200);
+    EXPECT_EQ(synced, 1);
+    EXPECT_EQ(Delete("media"), 404);
+    EXPECT_EQ(synced, 1);
+}
+
+TEST_F(ADeleteRequest, IsAnsweredAfterASecondWhenTheRemovalIsNotWrittenOutByThen)
+{
+    collection.Bundle("media").Write();
+    StartUp();
+    std::atomic<bool> hangs{true};
+    const BeforeEach syncing(Call::FSYNC, [&](int /*fd*/) { Eventually(PATIENCE, [&] { return !hangs; }); });
+    const auto start = Clock::now();
+    EXPECT_EQ(Delete("media"), 200);
+    EXPECT_GE(Clock::now() - start, 1s);
+    EXPECT_LT(Clock::now() - start, PATIENCE / 2);
+    EXPECT_TRUE(log.HasInfo("bundle collection dir[" + collection.Path() + "] is not synced yet."));
+    hangs = false;
+}
+
+TEST_F(ADeleteRequest, SucceedsThoughTheRemovalCannotBeWrittenOut)
+{
+    collection.Bundle("media").Write();
+    StartUp();
+    const Fault fault(Call::FSYNC, EIO);
+    EXPECT_EQ(Delete("media"), 200);
+    EXPECT_TRUE(
+        log.HasError("bundle collection dir[" + collection.Path() + "] can not be synced: Input/output error."));
+}
+
 TEST_F(ADeleteRequest, IsAnsweredBeforeItsEventIsPublished)
 {
     collection.Bundle("media").Write();

@@ -3,6 +3,7 @@
 
 #include "bundle_dir_watcher.h"
 #include "bundle_manager.h"
+#include "directory_sync.h"
 
 #include <Poco/DirectoryWatcher.h>
 #include <Poco/Util/OptionSet.h>
@@ -88,6 +89,8 @@ private:
     std::shared_ptr<Bundle> LoadAdded(BundleManager& manager, const std::string& path);
     static void StartAdded(BundleManager& manager, const std::shared_ptr<Bundle>& bundle);
     static void UpdateAndRestart(BundleManager& manager, const std::shared_ptr<Bundle>& bundle);
+    /// Goes before the error record of a step that failed, which names the object but not the cause.
+    static void LogReason(const std::exception& e);
 
     using Gate = std::promise<std::shared_ptr<BundleManager>>;
 
@@ -95,6 +98,7 @@ private:
     bool m_helpRequested = false;
     std::shared_ptr<BundleManager> m_bundleManager; // the main thread's; the watcher's gets it through the gate
     std::shared_ptr<Poco::DirectoryWatcher> m_dirWatcher;
+    std::unique_ptr<DirectorySync> m_collectionSync;
     BundleDirWatcher* m_changes = nullptr; // *m_dirWatcher, for its handlers, which run even while it is being released
     // Events wait here until start-up has started the collection, for its walks over all bundles and a handler would
     // get into each other's way; empty when it has failed.

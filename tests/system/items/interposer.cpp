@@ -1,6 +1,7 @@
 // Loaded before all other libraries of a daemon, it makes happen what happens too seldom by itself:
 //   REFUSE_FORK_WHEN=FILE   no process can be forked while FILE is there
 //   DELAY_SETPGID=SECONDS   setpgid for another process comes that much later
+//   DELAY_FSYNC=SECONDS     what is written out by fsync is written out that much later
 //   DELAY_SIGMASK=SECONDS   a thread that is not the main one sets its signal mask that much later
 //   LINGER_AT_EXIT=SECONDS  the daemon ends that much later than its main function and its static objects
 //   HOLD_AFTER=SECONDS:TEXT a line each: a thread that has written a record with that text is held up for so long
@@ -161,6 +162,15 @@ int setpgid(pid_t pid, pid_t pgid) noexcept
         Pause(std::strtol(seconds, nullptr, 10));
     }
     return next(pid, pgid);
+}
+
+int fsync(int fd)
+{
+    static const auto next = Next<int (*)(int)>("fsync");
+    if (const char* const seconds = std::getenv("DELAY_FSYNC")) {
+        Pause(std::strtol(seconds, nullptr, 10));
+    }
+    return next(fd);
 }
 
 // NOLINTBEGIN(bugprone-macro-parentheses): types and lists of arguments

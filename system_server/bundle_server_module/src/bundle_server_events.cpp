@@ -1,0 +1,138 @@
+// What the server does when bundles come, change and go, on the watcher's thread. Nothing leaves a handler but what it
+// lacks memory for, which the watcher records.
+
+#include "bundle_log.h"
+#include "bundle_server.h"
+#include "directory.h"
+
+#include <chrono>
+#include <thread>
+
+namespace SystemServer {
+
+using DirectoryEvent = Poco::DirectoryWatcher::DirectoryEvent;
+
+void BundleServer::OnItemAdded(const DirectoryEvent& event)
+{
+    BUNDLE_INFO("dir item add event happen.");
+    if (!IsDirectory(event.item)) {
+        return;
+    }
+    std::this_thread::sleep_for(std::chrono::seconds(1)); // a copy may still be going on
+    const std::string& path = event.item.path();
+    const auto manager = ManagerAtGate();
+    if (!manager) {
+        return;
+    }
+    if (manager->LoadedPaths().count(path) != 0) {
+        // It came while start-up read the collection, which may have found half of it.
+        BUNDLE_INFO("bundle dir[%s] is loaded already.", path.c_str());
+        if (const std::shared_ptr<Bundle> loaded = FindChanged(*manager, path)) {
+            UpdateAndRestart(*manager, loaded);
+        }
+        return;
+    }
+    if (const std::shared_ptr<Bundle> bundle = LoadAdded(*manager, path)) {
+        StartAdded(*manager, bundle);
+    }
+}
+
+std::shared_ptr<Bundle> BundleServer::LoadAdded(BundleManager& manager, const std::string& path)
+{
+    try {
+        BUNDLE_INFO("add a new bundle dir.");
+        BUNDLE_INFO("load bundle from [%s]...", path.c_str());
+        m_changes->AcceptChanges(path); // what has come since the event is loaded with the rest
+        std::shared_ptr<Bundle> bundle = manager.LoadBundle(path);
+        if (!bundle) {
+            BUNDLE_ERROR("load bundle from [%s] fail.", path.c_str());
+        }
+        return bundle;
+    } catch (const std::exception& e) {
+        LogReason(e);
+        BUNDLE_ERROR("failed to load bundle from [%s].", path.c_str());
+        return nullptr;
+    }
+}
+
+void BundleServer::StartAdded(BundleManager& manager, const std::shared_ptr<Bundle>& bundle)
+{
+    try {
+        const std::string name = NameOf(*bundle);
+        BUNDLE_INFO("load bundle[%s] done.", name.c_str());
+        BUNDLE_INFO("resolve bundle[%s]...", name.c_str());
+        manager.ResolveBundle(bundle);
+        BUNDLE_INFO("resolve bundle done.");
+        BUNDLE_INFO("start bundle[%s]...", name.c_str());
+        manager.StartBundle(bundle);
+        BUNDLE_INFO("start bundle done.");
+    } catch (const std::exception&) {
+        // The unloading is the answer, in the log too. It can be refused: a request may have dealt with the bundle.
+        try {
+            manager.UnloadBundle(bundle);
+        } catch (const std::exception& e) {
+            BUNDLE_ERROR("failed bundle[%s] is not unloaded :%s", bundle->GetManifest()->GetBundleName().c_str(),
+                         ReasonOf(e).c_str());
+        }
+    }
+}
+
+void BundleServer::OnItemRemoved(const DirectoryEvent& event)
+{
+    BUNDLE_INFO("dir item remove event happen.");
+    BUNDLE_INFO("remove a bundle dir.");
+    const auto manager = ManagerAtGate();
+    const std::shared_ptr<Bundle> bundle = manager ? FindChanged(*manager, event.item.path()) : nullptr;
+    if (bundle) {
+        StopAndUnload(*manager, bundle);
+    }
+}
+
+void BundleServer::OnItemModified(const DirectoryEvent& event)
+{
+    BUNDLE_INFO("dir item modified event happen.");
+    BUNDLE_INFO("update a bundle dir.");
+    const auto manager = ManagerAtGate();
+    if (!manager) {
+        return;
+    }
+    if (const std::shared_ptr<Bundle> bundle = FindChanged(*manager, event.item.path())) {
+        UpdateAndRestart(*manager, bundle);
+    } else {
+        m_changes->OfferAgain(event.item.path()); // what could not be loaded, resolved or started may be mended now
+    }
+}
+
+std::shared_ptr<Bundle> BundleServer::FindChanged(BundleManager& manager, const std::string& path)
+{
+    BUNDLE_INFO("find bundle[%s]...", path.c_str());
+    std::shared_ptr<Bundle> bundle = manager.FindBundleByPath(path);
+    if (bundle) {
+        BUNDLE_INFO("find bundle done.");
+    } else {
+        BUNDLE_ERROR("find bundle[%s] fail.", path.c_str());
+    }
+    return bundle;
+}
+
+// The update comes before the stop, so a manifest that does not parse leaves the old bundle running. Stopping only
+// kills; the pause after it lets the monitor reap the dead before the start puts new children beside them.
+void BundleServer::UpdateAndRestart(BundleManager& manager, const std::shared_ptr<Bundle>& bundle)
+{
+    try {
+        bundle->Update();
+        const std::string name = NameOf(*bundle);
+        BUNDLE_INFO("stop bundle[%s]...", name.c_str());
+        manager.StopBundle(bundle);
+        BUNDLE_INFO("stop bundle done.");
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        BUNDLE_INFO("start bundle[%s]...", name.c_str());
+        manager.StartBundle(bundle);
+        BUNDLE_INFO("start bundle done.");
+    } catch (const std::exception& e) {
+        LogReason(e);
+        BUNDLE_ERROR("update bundle[%s] failed.", bundle->GetManifest()->GetBundleName().c_str());
+    }
+}
+
+} // namespace SystemServer
