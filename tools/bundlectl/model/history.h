@@ -1,0 +1,147 @@
+#ifndef BUNDLECTL_MODEL_HISTORY_H
+#define BUNDLECTL_MODEL_HISTORY_H
+
+#include "attribution.h"
+#include "fact.h"
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Model {
+
+class LogReader;
+
+/// A bundle's state as the log tells it. UNKNOWN: the log's beginning is missing, and nothing has changed since.
+enum class BundleState { UNKNOWN, INSTALLED, RESOLVED, STARTING, ACTIVE, STOPPING, GONE };
+
+BundleState StateOf(std::string_view name);
+const char* NameOf(BundleState state);
+
+/// How an item's process has ended, and what the server made of it.
+struct ItemEnd {
+    enum Then { UNKNOWN, RESTS, RELAUNCHED, STOPPED };
+
+    Time time;
+    pid_t pid = 0;
+    bool isSignal = false;
+    int number = 0; ///< the status, or the signal
+    Then then = UNKNOWN;
+    std::string line;
+};
+
+/// An item of a bundle.
+struct ItemHistory {
+    static constexpr std::size_t KEPT_ENDS = 16;
+
+    std::string name;
+    std::uint64_t launches = 0;
+    std::uint64_t relaunches = 0;
+    pid_t pid = 0;             ///< of its process, or of its thread in thread mode; 0: it has none, or that is unknown
+    std::optional<Time> since; ///< of that
+    std::string executed;      ///< the path it has executed; empty: not yet, or unknown
+    int executeError = 0;      ///< errno of the last execution that failed
+    std::string failure;       ///< thread mode: the record of its failure
+    bool hasEnded = false;     ///< thread mode: its function has returned
+    std::string launchLine;
+    std::deque<ItemEnd> ends;       ///< the latest last
+    std::deque<Time> relaunchTimes; ///< of the last hour of the log
+
+    std::size_t RelaunchesSince(Time time) const;
+};
+
+/// A script that was run.
+struct ScriptRun {
+    std::string name;
+    std::string bundle;
+    Time began;
+    std::optional<Microseconds> took; ///< empty: its end is not in the log
+    std::string line;
+};
+
+/// Something that went wrong with a bundle.
+struct Problem {
+    Fact::Kind kind = Fact::NONE;
+    int refusal = 0; ///< of a LOAD_REFUSED: a Fact::Refusal
+    Time time;
+    std::string reason; ///< as the log tells it; empty: it tells none
+    std::string line;
+};
+
+/// A bundle of one server.
+struct BundleHistory {
+    static constexpr std::size_t KEPT_SCRIPTS = 16;
+
+    std::string name;
+    std::string path;
+    std::optional<int> mode; ///< empty: unknown
+    std::vector<std::string> required;
+    BundleState state = BundleState::UNKNOWN;
+    std::optional<Time> since; ///< of that state
+    std::string stateLine;
+    std::optional<Time> loaded;
+    std::vector<ItemHistory> items; ///< in the manifest's order, as far as that is known
+    std::deque<ScriptRun> scripts;  ///< the latest last
+    std::optional<Problem> problem; ///< the last, unless it has become Active since
+};
+
+/// A directory that was not taken in.
+struct RefusedDirectory {
+    std::string path;
+    std::string bundle; ///< empty: not known when it was refused
+    Problem problem;
+};
+
+/// A server, from its first record that is there to its last.
+struct ServerHistory {
+    enum class Monitor { UNKNOWN, RUNS, ENDED, DIED };
+
+    pid_t pid = 0;
+    bool isWhole = false; ///< its first record is there
+    Time first;
+    Time last;
+    std::optional<Time> ready;   ///< start-up is over
+    std::optional<Time> serving; ///< its socket answers
+    bool hasNoService = false;
+    std::string configuration;
+    std::string collection;
+    Monitor monitor = Monitor::UNKNOWN;
+    int monitorError = 0;
+    std::uint64_t lostRecords = 0;
+    std::string unreadable;                          ///< why the collection cannot be read at the moment
+    std::map<std::string, BundleHistory> bundles;    ///< by name; those that have gone too
+    std::map<std::string, RefusedDirectory> refused; ///< by path, until it is taken in
+    std::map<pid_t, ScriptRun> running;              ///< scripts without an end, by the thread that waits for them
+
+    const BundleHistory* Find(const std::string& bundle) const;
+};
+
+/// What has become of bundles and items, by server. A server's memory does not grow with the length of its log.
+class History {
+public:
+    void Take(const Fact& fact);
+
+    /// The last server of that number. Null when it is not in the log.
+    const ServerHistory* Find(pid_t server) const;
+    /// In the order of their first records. The oldest are forgotten when there are many.
+    const std::vector<std::unique_ptr<ServerHistory>>& Servers() const { return m_servers; }
+
+private:
+    ServerHistory& ServerOf(const Fact& fact);
+
+    std::vector<std::unique_ptr<ServerHistory>> m_servers;
+};
+
+/// Reads a log to its end. @param attribution feeds the history, and may have been told the present bundles
+void ReadAll(LogReader& reader, Attribution& attribution);
+
+} // namespace Model
+
+#endif

@@ -1,0 +1,52 @@
+#ifndef BUNDLECTL_MODEL_LOG_SOURCE_H
+#define BUNDLECTL_MODEL_LOG_SOURCE_H
+
+#include "common/unique_fd.h"
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Model {
+
+/// The bytes of a log, in their order. One thread at a time.
+class LogSource {
+public:
+    LogSource() = default;
+    virtual ~LogSource();
+    LogSource(const LogSource&) = delete;
+    LogSource& operator=(const LogSource&) = delete;
+
+    /// Up to size bytes; 0 when there are no more, or, while a log is followed, no more yet. A pipe is waited for.
+    virtual std::size_t Read(char* buffer, std::size_t size) = 0;
+
+    /// Why bytes are missing, one sentence each. Empty when none are.
+    const std::vector<std::string>& Troubles() const { return m_troubles; }
+
+protected:
+    void Note(std::string trouble) { m_troubles.push_back(std::move(trouble)); }
+
+private:
+    std::vector<std::string> m_troubles;
+};
+
+/// An open file or pipe from where it stands. @param name of it, for what is said of it
+std::unique_ptr<LogSource> ReadDescriptor(Common::UniqueFd fd, std::string name);
+
+/// A file from an offset on; one whose name ends in ".gz" is inflated, and the offset counts what comes out of it.
+/// A file that cannot be opened is an empty source with a trouble.
+std::unique_ptr<LogSource> ReadLogFile(const std::string& path, std::uint64_t offset = 0);
+
+/// Several one after the other.
+std::unique_ptr<LogSource> ReadInTurn(std::vector<std::unique_ptr<LogSource>> sources);
+
+/// The output of a command, which is ended with the source.
+std::unique_ptr<LogSource> ReadCommand(const std::vector<std::string>& arguments);
+
+} // namespace Model
+
+#endif
