@@ -12,19 +12,25 @@ _bundlectl_names() {
 _bundlectl() {
     local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} command=${COMP_WORDS[1]}
     COMPREPLY=()
-    case $before in --timeout | --count) return 0 ;; esac
+    case $before in
+        --timeout | --count | --pid) return 0 ;;
+        --for) mapfile -t COMPREPLY < <(compgen -W "serving" -- "$word"); return 0 ;;
+        --collection) mapfile -t COMPREPLY < <(compgen -d -- "$word"); return 0 ;;
+        --config) mapfile -t COMPREPLY < <(compgen -f -- "$word"); return 0 ;;
+    esac
     if [ "$COMP_CWORD" -eq 1 ]; then
-        mapfile -t COMPREPLY < <(compgen -W "delete events --help" -- "$word")
+        mapfile -t COMPREPLY < <(compgen -W "delete events wait --help --version" -- "$word")
         return 0
     fi
     case $command in
         delete)
             case $word in
-                -*) mapfile -t COMPREPLY < <(compgen -W "--timeout --help" -- "$word") ;;
+                -*) mapfile -t COMPREPLY < <(compgen -W "--timeout --collection --config --help" -- "$word") ;;
                 *) mapfile -t COMPREPLY < <(compgen -W "$(_bundlectl_names)" -- "$word") ;;
             esac
             ;;
         events) mapfile -t COMPREPLY < <(compgen -W "--count --help" -- "$word") ;;
+        wait) mapfile -t COMPREPLY < <(compgen -W "--for --timeout --pid --help" -- "$word") ;;
     esac
 }
 

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fnmatch.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -68,9 +69,11 @@ private:
 
 class BundlectlAndTheServer : public SystemTest {
 public:
-    int Delete(const std::string& name)
+    int Delete(const std::string& name) { return Run({"delete", name}); }
+
+    int Run(std::vector<std::string> arguments)
     {
-        Bundlectl command(Note("delete"), {"delete", name});
+        Bundlectl command(Note("run"), std::move(arguments));
         const int status = command.Wait();
         output = command.Output();
         errors = command.Errors();
@@ -90,6 +93,45 @@ TEST_F(BundlectlAndTheServer, DeleteABundle)
     EXPECT_EQ(Delete("radio"), 0);
     EXPECT_EQ(output, "bundle \"radio\" is deleted.\n");
     EXPECT_FALSE(Exists(collection / "radio"));
+}
+
+TEST_F(BundlectlAndTheServer, TellWhatIsLeftOfADeletedBundlesDirectory)
+{
+    collection.BundleIn("receiver").Name("radio").Copy("radiod", TEST_SLEEPER).Write();
+    const std::string data = collection / "receiver/data";
+    ASSERT_EQ(::mkdir(data.c_str(), 0755), 0);
+    ASSERT_EQ(::mount("none", data.c_str(), "tmpfs", 0, nullptr), 0);
+    ASSERT_TRUE(daemon.StartServing());
+    EXPECT_EQ(Delete("radio"), 1);
+    EXPECT_EQ(output, "");
+    EXPECT_NE(errors.find("its directory is not: \"" + data + "\" cannot be removed"), std::string::npos) << errors;
+    ::umount(data.c_str());
+}
+
+TEST_F(BundlectlAndTheServer, FindTheDirectoryByARelativeConfigurationToo)
+{
+    collection.Bundle("radio").Write();
+    WriteFile(Note("server.ini"), "[global]\nbundle_collection_dir = " + collection.Path() + "\n");
+    daemon.SetArguments({"--config-file=server.ini"});
+    daemon.SetPreparation([directory = notes.Path()] {
+        if (::chdir(directory.c_str()) != 0) {
+            ::_exit(126);
+        }
+    });
+    ASSERT_TRUE(daemon.StartServing());
+    EXPECT_EQ(Delete("radio"), 0);
+    EXPECT_EQ(output, "bundle \"radio\" is deleted.\n");
+}
+
+TEST_F(BundlectlAndTheServer, WaitUntilAllBundlesAreStarted)
+{
+    collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
+    collection.Bundle("tuner").Copy("tunerd", TEST_SLEEPER).Write();
+    daemon.Start();
+    EXPECT_EQ(Run({"wait", "--for", "serving", "--pid", std::to_string(daemon.Pid())}), 0) << errors;
+    EXPECT_EQ(daemon.CountInLog("bundle[radio] state changing[Starting] -> [Active]"), 1);
+    EXPECT_EQ(daemon.CountInLog("bundle[tuner] state changing[Starting] -> [Active]"), 1);
+    EXPECT_EQ(RequestDelete("nothing"), 404);
 }
 
 TEST_F(BundlectlAndTheServer, TellThatABundleIsUnknown)

@@ -1,5 +1,6 @@
 #include "platform/environment.h"
 #include "platform/running_server.h"
+#include "support/collection_builder.h"
 #include "support/unix_client.h"
 #include "tools/program.h"
 
@@ -13,6 +14,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -26,7 +29,8 @@ using namespace std::chrono_literals;
 namespace {
 
 std::mutex g_mutex;
-std::string g_request; // the last one, header and content; guarded by g_mutex
+std::string g_request;           // the last one, header and content; guarded by g_mutex
+std::function<void()> g_removal; // what a deletion does; set before the server runs
 
 void Remember(const lumo_message* msg, const void* content, int length)
 {
@@ -43,11 +47,9 @@ std::string LastRequest()
 /// Answers as the bundle's name says.
 void Answer(lumo_message* msg, bolt_connection* conn)
 {
-    static const std::map<std::string, std::uint16_t> statuses{{"gone", STATUS_OK},
-                                                               {"stuck", STATUS_BAD_REQUEST},
-                                                               {"unknown", STATUS_NOT_FOUND},
-                                                               {"odd", 500},
-                                                               {"plain", STATUS_OK}};
+    static const std::map<std::string, std::uint16_t> statuses{
+        {"gone", STATUS_OK}, {"stuck", STATUS_BAD_REQUEST}, {"unknown", STATUS_NOT_FOUND},
+        {"odd", 500},        {"radio", STATUS_OK},          {"plain", STATUS_OK}};
     void* data = nullptr;
     int length = 0;
     if (lumo_content(msg, &data, &length) != 0) {
@@ -57,6 +59,9 @@ void Answer(lumo_message* msg, bolt_connection* conn)
     const std::string name = static_cast<const char*>(data);
     if (name == "fatal") {
         throw std::runtime_error("closes the connection");
+    }
+    if (g_removal) {
+        g_removal();
     }
     const auto status = statuses.find(name);
     if (status == statuses.end()) {
@@ -91,6 +96,24 @@ protected:
     RunningServer m_server{SERVICE_NAME, g_protocol};
 };
 
+/// A server that answers that it has deleted the bundle, whatever it has done to the directory.
+class BundlectlDeleteAndTheDirectory : public BundlectlDelete {
+public:
+    BundlectlDeleteAndTheDirectory() { collection.BundleIn("receiver").Name("radio").Write(); }
+    ~BundlectlDeleteAndTheDirectory() override { g_removal = nullptr; }
+
+    int Delete()
+    {
+        ended = Control({"delete", "radio", "--collection", collection.Path()});
+        return ended.status;
+    }
+
+    void Remove() const { std::filesystem::remove_all(collection / "receiver"); }
+
+    CollectionBuilder collection;
+    Ended ended{};
+};
+
 } // namespace
 
 TEST_F(BundlectlDelete, SendsTheNameInAFieldOfZeros)
@@ -101,12 +124,18 @@ TEST_F(BundlectlDelete, SendsTheNameInAFieldOfZeros)
     EXPECT_EQ(LastRequest(), PacketOf(4, 0, content));
 }
 
-TEST_F(BundlectlDelete, EndsWithZeroWhenTheBundleIsDeleted)
+TEST_F(BundlectlDelete, SaysThatItCouldNotLookWhenItDoesNotKnowTheDirectory)
 {
     const Ended ended = Control({"delete", "gone"});
     EXPECT_EQ(ended.status, 0);
-    EXPECT_EQ(ended.output, "bundle \"gone\" is deleted.\n");
+    EXPECT_EQ(ended.output.rfind("bundle \"gone\" is deleted. Whether its directory has gone is not known: ", 0), 0U)
+        << ended.output;
     EXPECT_EQ(ended.errors, "");
+
+    const CollectionBuilder empty;
+    const Ended nowhere = Control({"delete", "gone", "--collection", empty.Path()});
+    EXPECT_EQ(nowhere.status, 0);
+    EXPECT_TRUE(Has(nowhere.output, "no manifest in " + empty.Path() + " has this name")) << nowhere.output;
 }
 
 TEST_F(BundlectlDelete, EndsWithOneWhenTheServerCouldNot)
@@ -163,6 +192,85 @@ TEST_F(BundlectlDelete, TakesANameOfAnyBytesThatFitsTheField)
     ExpectOneSentenceAbout("a\\nb\\033", Control({"delete", "a\nb\x1B", "--timeout", "1"}));
 }
 
+TEST_F(BundlectlDeleteAndTheDirectory, SaysThatTheBundleIsDeletedWhenItHasGone)
+{
+    g_removal = [this] { Remove(); };
+    EXPECT_EQ(Delete(), 0);
+    EXPECT_EQ(ended.output, "bundle \"radio\" is deleted.\n");
+    EXPECT_EQ(ended.errors, "");
+}
+
+TEST_F(BundlectlDeleteAndTheDirectory, EndsWithOneAndNamesWhatIsLeft)
+{
+    collection.BundleIn("receiver").Name("radio").Item("radiod", "").Write();
+    EXPECT_EQ(Delete(), 1);
+    ExpectOneSentenceAbout("radio", ended);
+    EXPECT_TRUE(Has(ended.errors, "\"" + collection / "receiver/")) << ended.errors;
+    EXPECT_TRUE(Has(ended.errors, "and 1 more")) << ended.errors;
+
+    g_removal = [this] {
+        std::filesystem::remove_all(collection / "receiver");
+        std::filesystem::create_directories(collection / "receiver/data/lost\nfound");
+    };
+    std::filesystem::remove_all(collection / "receiver/bin");
+    EXPECT_EQ(Delete(), 0) << "another directory has come to its place";
+
+    collection.BundleIn("receiver").Name("radio").Write();
+    g_removal = [this] { std::filesystem::remove(collection / "receiver/BundleManifest.ini"); };
+    EXPECT_EQ(Delete(), 1);
+    EXPECT_TRUE(Has(ended.errors, "\"" + collection / "receiver/data/lost\\nfound\" cannot be removed"))
+        << ended.errors;
+}
+
+TEST_F(BundlectlDeleteAndTheDirectory, TakesADirectoryThatHasComeToItsPlaceForNoneOfIt)
+{
+    g_removal = [this] {
+        Remove();
+        collection.BundleIn("receiver").Name("radio").Write();
+    };
+    EXPECT_EQ(Delete(), 0) << ended.errors;
+}
+
+TEST_F(BundlectlDeleteAndTheDirectory, TakesOneOfTwoWithTheNameForTheBundles)
+{
+    collection.BundleIn("other").Name("radio").Write();
+    g_removal = [this] { Remove(); };
+    EXPECT_EQ(Delete(), 0) << ended.errors;
+}
+
+TEST_F(BundlectlDeleteAndTheDirectory, LooksForALinkWhereTheDirectoryIsALink)
+{
+    const CollectionBuilder elsewhere;
+    elsewhere.BundleIn("receiver").Name("radio").Write();
+    std::filesystem::remove_all(collection / "receiver");
+    std::filesystem::create_directory_symlink(elsewhere / "receiver", collection / "receiver");
+    EXPECT_EQ(Delete(), 1);
+    g_removal = [this] { std::filesystem::remove(collection / "receiver"); };
+    EXPECT_EQ(Delete(), 0) << ended.errors;
+}
+
+TEST_F(BundlectlDeleteAndTheDirectory, FindsTheCollectionByAConfigurationInEachFormat)
+{
+    const std::string key = "bundle_collection_dir";
+    const std::map<std::string, std::string> texts{
+        {"ini", "[global]\n" + key + " = " + collection.Path() + "\n"},
+        {"properties", "global." + key + " = " + collection.Path() + "\n"},
+        {"xml", "<config><global><" + key + ">" + collection.Path() + "</" + key + "></global></config>"},
+        {"json", "{\"global\": {\"" + key + "\": \"" + collection.Path() + "\"}}"},
+    };
+    const TemporaryDirectory directory;
+    for (const auto& [format, text] : texts) {
+        const std::string file = directory / ("server." + format);
+        WriteFile(file, text);
+        ended = Control({"delete", "radio", "--config", file});
+        EXPECT_EQ(ended.status, 1) << format << ended.output;
+    }
+    WriteFile(directory / "empty.ini", "");
+    ended = Control({"delete", "radio", "--config", directory / "empty.ini"});
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_TRUE(Has(ended.output, "is not known: Not found: global.bundle_collection_dir. ")) << ended.output;
+}
+
 TEST(Bundlectl, EndsWithFourWhereNoServerIs)
 {
     const Ended ended = Control({"delete", "tuner"});
@@ -197,44 +305,4 @@ TEST(Bundlectl, EndsWithFiveWhereTheServerAcceptsNobody)
     EXPECT_EQ(Control({"delete", "tuner", "--timeout", "1"}).status, 5);
     ::close(busy);
     ::unlink(path.c_str());
-}
-
-TEST(Bundlectl, EndsWithTwoWhenItIsUsedWrong)
-{
-    const std::vector<std::vector<std::string>> wrong{
-        {},
-        {"conquer"},
-        {"delete"},
-        {"delete", ""},
-        {"delete", "one", "two"},
-        {"delete", "one", "--timeout"},
-        {"delete", "one", "--timeout", "0"},
-        {"delete", "one", "--timeout", "-1"},
-        {"delete", "one", "--timeout", "soon"},
-        {"delete", "one", "--timeout", "1.5"},
-        {"delete", "one", "--timeout", "86401"},
-        {"delete", "one", "--timeout", "99999999999999999999"},
-        {"delete", "one", "--force"},
-        {"events", "--count", "0"},
-        {"events", "--count", "-3"},
-        {"events", "--count", "many"},
-        {"events", "extra"},
-    };
-    for (const auto& arguments : wrong) {
-        const Ended ended = Control(arguments);
-        EXPECT_EQ(ended.status, 2) << ::testing::PrintToString(arguments);
-        EXPECT_EQ(ended.output, "");
-        EXPECT_NE(ended.errors, "");
-    }
-}
-
-TEST(Bundlectl, HelpsOnStandardOutput)
-{
-    for (const std::vector<std::string>& arguments :
-         {std::vector<std::string>{"--help"}, {"delete", "--help"}, {"events", "--help"}}) {
-        const Ended ended = Control(arguments);
-        EXPECT_EQ(ended.status, 0);
-        EXPECT_EQ(ended.errors, "");
-        EXPECT_TRUE(Has(ended.output, "exit status: 0 done")) << ended.output;
-    }
 }

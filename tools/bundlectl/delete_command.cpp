@@ -1,27 +1,40 @@
 #include "command.h"
 #include "exit_status.h"
+#include "model/collection.h"
+#include "model/installation.h"
 #include "printable.h"
+#include "removal_check.h"
 #include "service_client.h"
+#include "timeout_option.h"
 
 #include <bundle_service.h>
 
 #include <CLI/CLI.hpp>
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace {
 
 using namespace SystemServer::BundleService;
 
-constexpr int DEFAULT_TIMEOUT = 30;
-constexpr int LONGEST_TIMEOUT = 86400;
-
 struct Options {
     std::string name;
-    int timeout = DEFAULT_TIMEOUT;
+    std::string collection;
+    std::string configuration;
+    std::chrono::seconds timeout{30};
+};
+
+/// What can be said of the bundle's directory after the deletion.
+struct Check {
+    std::optional<RemovalCheck> removal;
+    std::string obstacle; ///< why there is no check
 };
 
 /// Says on standard error what became of the bundle, and what to do about it.
@@ -31,12 +44,70 @@ int Failed(ExitStatus status, const Options& options, const std::string& text)
     return status;
 }
 
-int TellAnswer(const Options& options, std::uint16_t status)
+/// The collection that is to be looked at, read before the deletion.
+Model::Collection FindCollection(const Options& options, pid_t serving)
+{
+    if (!options.collection.empty()) {
+        return Model::ReadCollection(options.collection, ".");
+    }
+    std::string configuration = options.configuration;
+    std::string program;
+    std::string base = ".";
+    for (const Model::ServerProcess& server : Model::FindServers(Model::Proc())) {
+        if (server.stat.pid == serving) {
+            program = server.program.substr(0, server.program.rfind('/') + 1);
+            base = server.directory.value_or(base);
+            configuration = configuration.empty() ? server.configuration : configuration;
+        }
+    }
+    const Model::ServerConfiguration settings = Model::ReadConfiguration(configuration, program);
+    if (!settings.trouble.empty()) {
+        Model::Collection unknown;
+        unknown.trouble = settings.trouble;
+        return unknown;
+    }
+    return Model::ReadCollection(settings.collection, base);
+}
+
+Check PrepareCheck(const Options& options, pid_t serving)
+{
+    const Model::Collection collection = FindCollection(options, serving);
+    std::vector<std::string> directories;
+    for (const Model::DeclaredBundle* const bundle : collection.Find(Printable(options.name))) {
+        directories.push_back(bundle->path);
+    }
+    if (!directories.empty()) {
+        return {RemovalCheck(directories), ""};
+    }
+    return {std::nullopt,
+            collection.trouble.empty() ? "no manifest in " + collection.path + " has this name" : collection.trouble};
+}
+
+int TellDeleted(const Options& options, const Check& check)
+{
+    if (!check.removal) {
+        std::cout << "bundle \"" << Printable(options.name)
+                  << "\" is deleted. Whether its directory has gone is not known: " << Printable(check.obstacle)
+                  << ". Name the collection with --collection or --config.\n"
+                  << std::flush;
+        return EXIT_DONE;
+    }
+    const std::string left = check.removal->Left();
+    if (!left.empty()) {
+        return Failed(EXIT_FAILED, options,
+                      "is deleted, but its directory is not: " + left +
+                          " cannot be removed. The next start of the server may load it again. Look for a mount point, "
+                          "an immutable file (lsattr) or a read-only file system, and remove the directory.");
+    }
+    std::cout << "bundle \"" << Printable(options.name) << "\" is deleted.\n" << std::flush;
+    return EXIT_DONE;
+}
+
+int TellAnswer(const Options& options, std::uint16_t status, const Check& check)
 {
     switch (status) {
     case STATUS_OK:
-        std::cout << "bundle \"" << Printable(options.name) << "\" is deleted.\n" << std::flush;
-        return EXIT_DONE;
+        return TellDeleted(options, check);
     case STATUS_BAD_REQUEST:
         return Failed(EXIT_FAILED, options,
                       "is not deleted, or only in part: the server could not stop, unload or remove it. "
@@ -52,15 +123,29 @@ int TellAnswer(const Options& options, std::uint16_t status)
     }
 }
 
-int Delete(const Options& options)
+ServiceClient::Outcome Request(const Options& options, ServiceClient& client, Check& check)
 {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point end = Clock::now() + options.timeout;
+    const ServiceClient::Outcome connected = client.Connect(options.timeout);
+    if (connected != ServiceClient::Outcome::ANSWERED) {
+        return connected;
+    }
+    check = PrepareCheck(options, client.Server());
     std::string field = options.name;
     field.resize(NAME_FIELD_SIZE, '\0');
+    return client.Ask(METHOD_DELETE_BUNDLE, field, std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()));
+}
+
+int Delete(const Options& options)
+{
     ServiceClient client(SERVICE_NAME);
-    switch (client.Ask(METHOD_DELETE_BUNDLE, field, std::chrono::seconds(options.timeout))) {
+    Check check;
+    switch (Request(options, client, check)) {
     case ServiceClient::Outcome::ANSWERED:
-        return TellAnswer(options, client.Reply().header.status);
+        return TellAnswer(options, client.Reply().header.status, check);
     case ServiceClient::Outcome::UNREACHABLE:
+    case ServiceClient::Outcome::REFUSED:
         return Failed(EXIT_UNREACHABLE, options,
                       "is not deleted: no server can be reached at " + client.Path() + " (" + client.Reason() +
                           "). Is bundle_server running, and are you its user or root?");
@@ -69,8 +154,8 @@ int Delete(const Options& options)
                       "may not be deleted: the server closed the connection without a reply. It has ended, or serves "
                       "only its own user and root; its log says which.");
     case ServiceClient::Outcome::NO_ANSWER:
-        return Failed(EXIT_NO_ANSWER, options,
-                      "may still be on its way out: no answer within " + std::to_string(options.timeout) +
+        return Failed(EXIT_TIMED_OUT, options,
+                      "may still be on its way out: no answer within " + std::to_string(options.timeout.count()) +
                           " s. A script of a bundle can hold the server; look at its log, or give a longer --timeout.");
     case ServiceClient::Outcome::BROKEN:
         break;
@@ -94,9 +179,14 @@ Action DefineDelete(CLI::App& command)
 {
     const auto options = std::make_shared<Options>();
     command.add_option("NAME", options->name, "the bundle's name, as in its manifest")->required()->check(NameFault);
-    command.add_option("--timeout", options->timeout, "how long to wait for the answer, in seconds")
-        ->check(CLI::Range(1, LONGEST_TIMEOUT))
-        ->capture_default_str()
-        ->type_name("SECONDS");
+    AddTimeout(command, "how long to wait for the answer", options->timeout);
+    CLI::Option* const collection =
+        command.add_option("--collection", options->collection, "look there whether its directory has gone")
+            ->check(CLI::ExistingDirectory)
+            ->type_name("DIR");
+    command.add_option("--config", options->configuration, "look in the collection that this configuration names")
+        ->check(CLI::ExistingFile)
+        ->excludes(collection)
+        ->type_name("FILE");
     return [options] { return Delete(*options); };
 }

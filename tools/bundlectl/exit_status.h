@@ -8,7 +8,7 @@ enum ExitStatus : int {
     EXIT_WRONG_USE = 2,
     EXIT_UNKNOWN_BUNDLE = 3,
     EXIT_UNREACHABLE = 4,
-    EXIT_NO_ANSWER = 5,
+    EXIT_TIMED_OUT = 5,
 };
 
 #endif

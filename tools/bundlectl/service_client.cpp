@@ -35,7 +35,7 @@ ServiceClient::ServiceClient(std::string_view service)
 ServiceClient::Outcome ServiceClient::Ask(std::uint8_t method, std::string_view content, milliseconds limit)
 {
     const Clock::time_point end = Clock::now() + limit;
-    Outcome outcome = Connect(end);
+    Outcome outcome = Connect(limit);
     if (outcome == Outcome::ANSWERED) {
         outcome = Send(method, content);
     }
@@ -46,8 +46,11 @@ ServiceClient::Outcome ServiceClient::Ask(std::uint8_t method, std::string_view 
     return outcome;
 }
 
-ServiceClient::Outcome ServiceClient::Connect(Clock::time_point end)
+ServiceClient::Outcome ServiceClient::Connect(milliseconds limit)
 {
+    if (m_socket.IsOpen()) {
+        return Outcome::ANSWERED;
+    }
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (m_path.size() >= sizeof address.sun_path) {
@@ -55,18 +58,29 @@ ServiceClient::Outcome ServiceClient::Connect(Clock::time_point end)
     }
     m_path.copy(address.sun_path, m_path.size());
 
-    m_socket.Reset(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    if (!m_socket.IsOpen()) {
+    Common::UniqueFd connection(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    if (!connection.IsOpen()) {
         return Fail(Outcome::UNREACHABLE, std::strerror(errno));
     }
     // A server whose queue of new connections is full lets a peer wait; a limit of zero would mean none.
-    const milliseconds left = std::max(Left(end), milliseconds(1));
-    const timeval limit{static_cast<time_t>(left.count() / 1000), static_cast<suseconds_t>(left.count() % 1000 * 1000)};
-    ::setsockopt(m_socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-    if (::connect(m_socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+    const milliseconds left = std::max(limit, milliseconds(1));
+    const timeval time{static_cast<time_t>(left.count() / 1000), static_cast<suseconds_t>(left.count() % 1000 * 1000)};
+    ::setsockopt(connection.Get(), SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
+    if (::connect(connection.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+        m_socket = std::move(connection);
         return Outcome::ANSWERED;
     }
-    return errno == EAGAIN ? Outcome::NO_ANSWER : Fail(Outcome::UNREACHABLE, std::strerror(errno));
+    if (errno == EAGAIN) {
+        return Outcome::NO_ANSWER;
+    }
+    return Fail(errno == EACCES ? Outcome::REFUSED : Outcome::UNREACHABLE, std::strerror(errno));
+}
+
+pid_t ServiceClient::Server() const
+{
+    ucred server{};
+    socklen_t size = sizeof server;
+    return ::getsockopt(m_socket.Get(), SOL_SOCKET, SO_PEERCRED, &server, &size) == 0 ? server.pid : 0;
 }
 
 ServiceClient::Outcome ServiceClient::Send(std::uint8_t method, std::string_view content)

@@ -5,6 +5,8 @@
 
 #include <lumo.h>
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -16,6 +18,7 @@ public:
     enum class Outcome {
         ANSWERED,    ///< Reply() holds it
         UNREACHABLE, ///< nobody serves; Reason() says why
+        REFUSED,     ///< this user may not ask; Reason() says why
         CLOSED,      ///< the server closed the connection instead of a reply
         NO_ANSWER,   ///< the time is over; the server may still be at it
         BROKEN,      ///< what came is no reply to the request; Reason() says why
@@ -29,7 +32,13 @@ public:
     /// @param service a name of the message service. Nothing is connected yet.
     explicit ServiceClient(std::string_view service);
 
-    /// Connects, sends one request and waits for its reply.
+    /// Connects, unless it is connected. ANSWERED: a server has the service.
+    Outcome Connect(std::chrono::milliseconds limit);
+
+    /// The process that has the service. Connected only; 0 where that process cannot be seen.
+    pid_t Server() const;
+
+    /// Connects, sends one request, waits for its reply and disconnects.
     /// @param limit for all of it together
     Outcome Ask(std::uint8_t method, std::string_view content, std::chrono::milliseconds limit);
 
@@ -40,7 +49,6 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    Outcome Connect(Clock::time_point end);
     Outcome Send(std::uint8_t method, std::string_view content);
     Outcome Receive(Clock::time_point end);
     Outcome Read(std::string_view packet);

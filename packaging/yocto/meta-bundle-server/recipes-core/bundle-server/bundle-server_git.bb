@@ -50,6 +50,7 @@ FILES:${PN} += " \
     ${sysconfdir}/logrotate.d/bundle-server \
     ${nonarch_libdir}/tmpfiles.d/bundle-server.conf \
     ${systemd_system_unitdir}/bundle-server.service \
+    ${systemd_system_unitdir}/bundle-server-serving.service \
     ${localstatedir}/lib/bundle-server/bundles \
 "
 CONFFILES:${PN} = " \
@@ -61,10 +62,10 @@ CONFFILES:${PN} = " \
 do_install:append() {
     # /var/log is in memory on most devices: who starts the server makes its directory.
     rm -rf ${D}${localstatedir}/log
-    # The unit lies where this distribution looks for units.
+    # The units lie where this distribution looks for units.
     if [ -d ${D}${prefix}/lib/systemd/system ] && [ "${prefix}/lib/systemd/system" != "${systemd_system_unitdir}" ]; then
         install -d ${D}${systemd_system_unitdir}
-        mv ${D}${prefix}/lib/systemd/system/bundle-server.service ${D}${systemd_system_unitdir}/
+        mv ${D}${prefix}/lib/systemd/system/* ${D}${systemd_system_unitdir}/
         rm -rf ${D}${prefix}/lib/systemd
     fi
 }

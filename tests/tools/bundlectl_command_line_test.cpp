@@ -1,0 +1,89 @@
+#include "tools/program.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+Ended Control(const std::vector<std::string>& arguments)
+{
+    return RunToEnd(BUNDLECTL, arguments);
+}
+
+} // namespace
+
+TEST(Bundlectl, NamesAnUnknownCommandAndTheOneThatIsMeant)
+{
+    const std::map<std::string, std::string> meant{
+        {"delet", "delete"}, {"Delete", "delete"}, {"dleete", "delete"}, {"event", "events"}, {"wiat", "wait"}};
+    for (const auto& [word, command] : meant) {
+        std::ostringstream expected;
+        expected << "bundlectl: there is no command \"" << word << "\". Did you mean \"" << command << "\"?\n";
+        EXPECT_EQ(Control({word, "radio"}).errors, expected.str());
+    }
+}
+
+TEST(Bundlectl, NamesAllCommandsWhereNoneIsMeant)
+{
+    for (const char* const word : {"conquer", "wd", "x", ""}) {
+        std::ostringstream expected;
+        expected << "bundlectl: there is no command \"" << word << "\". The commands are: delete, events, wait.\n";
+        EXPECT_EQ(Control({word}).errors, expected.str());
+    }
+    EXPECT_TRUE(Has(Control({"a\nb\x1B"}).errors, "\"a\\nb\\033\""));
+}
+
+TEST(Bundlectl, EndsWithTwoWhenItIsUsedWrong)
+{
+    const std::vector<std::vector<std::string>> wrong{
+        {},
+        {"conquer"},
+        {"delet", "one"},
+        {"delete"},
+        {"delete", ""},
+        {"delete", "one", "two"},
+        {"delete", "one", "--timeout"},
+        {"delete", "one", "--timeout", "0"},
+        {"delete", "one", "--timeout", "-1"},
+        {"delete", "one", "--timeout", "soon"},
+        {"delete", "one", "--timeout", "1.5"},
+        {"delete", "one", "--timeout", "86401"},
+        {"delete", "one", "--timeout", "99999999999999999999"},
+        {"delete", "one", "--timeout", "25h"},
+        {"delete", "one", "--timeout", "5 m"},
+        {"delete", "one", "--timeout", "h"},
+        {"delete", "one", "--collection", "/dev/null"},
+        {"delete", "one", "--config", "/dev"},
+        {"delete", "one", "--collection", "/dev", "--config", "/dev/null"},
+        {"delete", "one", "--force"},
+        {"events", "--count", "0"},
+        {"events", "--count", "-3"},
+        {"events", "--count", "many"},
+        {"events", "extra"},
+        {"wait"},
+        {"wait", "--for", "godot"},
+        {"wait", "--for", "serving", "--pid", "0"},
+        {"wait", "serving"},
+    };
+    for (const auto& arguments : wrong) {
+        const Ended ended = Control(arguments);
+        EXPECT_EQ(ended.status, 2) << ::testing::PrintToString(arguments);
+        EXPECT_EQ(ended.output, "");
+        EXPECT_NE(ended.errors, "");
+    }
+}
+
+TEST(Bundlectl, HelpsOnStandardOutput)
+{
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"--help"}, {"delete", "--help"}, {"events", "--help"}, {"wait", "--help"}}) {
+        const Ended ended = Control(arguments);
+        EXPECT_EQ(ended.status, 0);
+        EXPECT_EQ(ended.errors, "");
+        EXPECT_TRUE(Has(ended.output, "exit status: 0 done")) << ended.output;
+    }
+}

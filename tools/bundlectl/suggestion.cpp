@@ -1,0 +1,42 @@
+#include "suggestion.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <numeric>
+
+namespace {
+
+constexpr std::size_t MOST_CHANGES = 2;
+
+/// How many letters must be inserted, removed or replaced to make one word the other.
+std::size_t Distance(std::string_view from, std::string_view to)
+{
+    std::vector<std::size_t> row(to.size() + 1);
+    std::iota(row.begin(), row.end(), std::size_t{0});
+    for (std::size_t i = 0; i < from.size(); ++i) {
+        std::size_t diagonal = row[0];
+        row[0] = i + 1;
+        for (std::size_t j = 0; j < to.size(); ++j) {
+            const std::size_t replaced = diagonal + (from[i] == to[j] ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({replaced, row[j] + 1, diagonal + 1});
+        }
+    }
+    return row.back();
+}
+
+} // namespace
+
+std::string_view Nearest(std::string_view word, const std::vector<std::string_view>& known)
+{
+    std::string_view nearest;
+    std::size_t least = std::min(MOST_CHANGES + 1, word.size());
+    for (const std::string_view candidate : known) {
+        const std::size_t distance = Distance(word, candidate);
+        if (distance < least) {
+            least = distance;
+            nearest = candidate;
+        }
+    }
+    return nearest;
+}

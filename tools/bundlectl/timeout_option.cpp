@@ -1,0 +1,53 @@
+#include "timeout_option.h"
+
+#include <CLI/CLI.hpp>
+
+#include <charconv>
+#include <optional>
+#include <string_view>
+#include <system_error>
+
+namespace {
+
+constexpr std::chrono::hours LONGEST{24};
+
+/// The seconds of a unit; nothing when there is no such unit.
+std::optional<int> SecondsIn(std::string_view unit)
+{
+    if (unit.empty() || unit == "s") {
+        return 1;
+    }
+    if (unit == "m") {
+        return 60;
+    }
+    return unit == "h" ? std::optional<int>(3600) : std::nullopt;
+}
+
+std::optional<std::chrono::seconds> Parse(const std::string& text)
+{
+    const char* const end = text.data() + text.size();
+    int number = 0;
+    const auto [unit, error] = std::from_chars(text.data(), end, number);
+    const auto factor = SecondsIn({unit, static_cast<std::size_t>(end - unit)});
+    if (error != std::errc() || !factor || number < 1 || number > std::chrono::seconds(LONGEST).count() / *factor) {
+        return std::nullopt;
+    }
+    return std::chrono::seconds(number) * *factor;
+}
+
+std::string Fault(const std::string& text)
+{
+    return Parse(text) ? "" : "\"" + text + "\" is no time from 1s to 24h, such as 30, 30s or 5m";
+}
+
+} // namespace
+
+void AddTimeout(CLI::App& command, const std::string& description, std::chrono::seconds& timeout)
+{
+    command
+        .add_option_function<std::string>(
+            "--timeout", [&timeout](const std::string& text) { timeout = Parse(text).value_or(timeout); }, description)
+        ->check(Fault)
+        ->default_str(std::to_string(timeout.count()) + "s")
+        ->type_name("TIME");
+}

@@ -1,0 +1,99 @@
+#include "command.h"
+#include "exit_status.h"
+#include "service_client.h"
+#include "timeout_option.h"
+
+#include <bundle_service.h>
+
+#include <CLI/CLI.hpp>
+
+#include <sys/types.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <iostream>
+#include <limits>
+#include <memory>
+#include <string>
+#include <thread>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+struct Options {
+    std::string condition;
+    std::chrono::seconds timeout = 30s;
+    pid_t server = 0; ///< 0: whichever serves
+};
+
+int Failed(ExitStatus status, const std::string& text)
+{
+    std::cerr << "bundlectl: " << text << '\n';
+    return status;
+}
+
+bool HasEnded(pid_t process)
+{
+    return ::kill(process, 0) == -1 && errno == ESRCH;
+}
+
+int TellWhoServes(const Options& options, pid_t server)
+{
+    if (options.server == 0 || options.server == server) {
+        return EXIT_DONE;
+    }
+    return Failed(EXIT_UNREACHABLE, "process " + std::to_string(server) + " serves, and not process " +
+                                        std::to_string(options.server) +
+                                        ": two servers cannot serve on one machine. End one of them.");
+}
+
+/// The service's socket is bound when all bundles have been started, and not before.
+int WaitForServing(const Options& options)
+{
+    constexpr auto interval = 100ms;
+    const Clock::time_point end = Clock::now() + options.timeout;
+    ServiceClient client(SystemServer::BundleService::SERVICE_NAME);
+    for (;;) {
+        const bool hasEnded = options.server != 0 && HasEnded(options.server);
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+        switch (client.Connect(std::clamp(left, 1ms, 1000ms))) {
+        case ServiceClient::Outcome::ANSWERED:
+            return TellWhoServes(options, client.Server());
+        case ServiceClient::Outcome::REFUSED:
+            return Failed(EXIT_UNREACHABLE, "no server can be reached at " + client.Path() + " (" + client.Reason() +
+                                                "). Are you its user or root?");
+        default:
+            break;
+        }
+        if (hasEnded) {
+            return Failed(EXIT_UNREACHABLE, "process " + std::to_string(options.server) +
+                                                " has ended before it served. Its log, or what it wrote to standard "
+                                                "error, says why.");
+        }
+        if (Clock::now() >= end) {
+            return Failed(EXIT_TIMED_OUT, "no server serves within " + std::to_string(options.timeout.count()) +
+                                              " s. It serves when all bundles have been started; its log says how "
+                                              "far it is.");
+        }
+        std::this_thread::sleep_for(interval);
+    }
+}
+
+} // namespace
+
+Action DefineWait(CLI::App& command)
+{
+    const auto options = std::make_shared<Options>();
+    command.add_option("--for", options->condition, "what to wait for: the server answers requests")
+        ->required()
+        ->check(CLI::IsMember({"serving"}));
+    AddTimeout(command, "how long to wait", options->timeout);
+    command.add_option("--pid", options->server, "wait for this server, and no longer than it runs")
+        ->check(CLI::Range(pid_t{1}, std::numeric_limits<pid_t>::max()))
+        ->type_name("PID");
+    return [options] { return WaitForServing(*options); };
+}
