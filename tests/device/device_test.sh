@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Tests of BUNDLE_SERVER_PLATFORM=device, one a name.
+# Tests of BUNDLE_SERVER_PLATFORM=device. Each has a name.
 #
 # usage: device_test.sh TEST SOURCE_DIR SCRATCH_DIR CMAKE [-DVARIABLE=VALUE...]
 set -euo pipefail

@@ -1,19 +1,21 @@
 #!/usr/bin/env bash
-# Walks through the README as a newcomer would: runs its commands in their order and waits for each record and each
-# line of output that it shows. What it shows is thus what happens.
+# Walks through the README as a newcomer would: runs its commands in their order and waits for each record and each line
+# of output that it shows. So the README is true.
 #
-# usage: walk.sh                     with the very commands of the README
-#        walk.sh BUILD_DIR RUN_DIR   with what is built in BUILD_DIR and in a directory of its own, beside a live server
+# usage: walk.sh                     runs exactly the commands of the README
+#        walk.sh BUILD_DIR RUN_DIR   runs what is built in BUILD_DIR, in a separate directory, beside a live server
 #
-# As root it takes a mount namespace of its own, so that its services are not those of the machine.
+# As root it takes a private mount namespace, so that its services are not those of the machine.
 #
-# The README's fenced blocks are told apart by the words after the language:
-#   sh walk     commands that end                   sh walk server   the server, in a terminal of its own
-#   sh walk events   the listener, in a terminal of its own
-#   text log    records of the server's log, the message only, in this order, perhaps with others between
-#   text output what the last commands have printed       text events   what the listener has printed
-# and "<!-- walk: Ctrl-C -->" is that key in the server's terminal. In what is shown, "…" stands for anything, and a
-# number of three digits and more for any number.
+# The words after the language say what a fenced block of the README is:
+#   sh walk          commands that end
+#   sh walk server   the server, in its own terminal
+#   sh walk events   the listener, in its own terminal
+#   text log         messages of the server's log, in this order; others may stand between them
+#   text output      what the last commands have printed
+#   text events      what the listener has printed
+# "<!-- walk: Ctrl-C -->" is that key in the server's terminal. In a block, "…" stands for anything, and a number of three
+# digits or more for any number.
 set -uo pipefail
 
 root=$(cd "$(dirname "$0")/../.." && pwd)
@@ -36,7 +38,7 @@ if [ $# -eq 2 ]; then
     build=$1
     run=$2
     own_arguments=(--build-dir "$build" --run-dir "$run")
-    # Any port that nobody serves now.
+    # Any free port.
     port=$(((RANDOM % 10000) + 20000))
     while (exec 3<> "/dev/tcp/127.0.0.1/$port") 2> /dev/null; do
         port=$((port + 1))
@@ -69,7 +71,7 @@ clean_up() {
 trap clean_up EXIT
 trap 'exit 1' INT TERM HUP
 
-# What the README shows, as an extended regular expression.
+# Turns a line of the README into an extended regular expression.
 expression() {
     printf '%s\n' "$1" | sed -E -e 's/[][\.*^$+?(){}|/]/\\&/g' -e 's/[0-9]{3,}/[0-9]+/g' -e 's/…/.*/g'
 }
@@ -90,7 +92,7 @@ await_line() {
     return 1
 }
 
-# The README's commands, for this run.
+# Adapts the README's commands to this run.
 commands() {
     local text
     text=$(cat)
@@ -104,7 +106,7 @@ commands() {
     printf '%s\n' "$text" > "$notes/commands"
 }
 
-# A command that stays, as in a terminal of its own: what a script puts beside itself has the keyboard's signals ignored.
+# Runs a command that stays, as in its own terminal: in the background of a script it would ignore the keyboard's signals.
 # Leaves its process in $stayed.
 stay() {
     commands

@@ -1,6 +1,6 @@
-// The input is what a peer of the host platform's message service does, step by step (see Perform): packets sound and
-// broken, replies read or not, an end in the middle. Requests are answered in their order until the peer breaks a rule,
-// which costs its own connection and nothing else: another one is served as before.
+// The input says what a peer of the host platform's message service does, step by step (see Perform): it sends valid
+// and broken packets, reads replies or not, ends in the middle. The service answers requests in their order until the
+// peer breaks a rule, which ends its own connection only: another one is served as before.
 #include "fuzz/fuzz_target.h"
 
 #include "support/private_mnt.h"
@@ -57,7 +57,7 @@ std::string ReplyTo(const std::string& packet)
     return PacketOf(header, std::string_view(packet).substr(HEADER_SIZE));
 }
 
-/// A service on this thread, for the whole process, and a peer of it that keeps the rules.
+/// A service on this thread, for the whole process, and a peer that keeps the rules.
 class Service {
 public:
     Service() : m_manager(bolt_event_mgr_new(0))
@@ -76,7 +76,7 @@ public:
 
     static std::string Path() { return std::string("/mnt/bolt/") + SERVICE; }
 
-    /// Lets the loop come round so often: each time it reads one packet of each peer.
+    /// Runs that many rounds of the loop. Each round reads one packet of each peer.
     void Run(std::size_t rounds)
     {
         for (std::size_t i = 0; i < rounds; ++i) {
@@ -100,7 +100,7 @@ private:
     std::unique_ptr<UnixClient> m_witness;
 };
 
-/// The two lowest numbers that no descriptor has: those of a peer and of its end in the service.
+/// The two lowest free descriptors: a new peer's and that of its connection in the service.
 std::pair<int, int> FreeDescriptors()
 {
     const int first = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
@@ -110,7 +110,7 @@ std::pair<int, int> FreeDescriptors()
     return {first, second};
 }
 
-/// The peer, and what it may expect.
+/// The peer, and what it must receive.
 class Peer {
 public:
     explicit Peer(Service& service) : m_service(service), m_client(Service::Path())
@@ -144,7 +144,7 @@ public:
         m_isEnding = true;
     }
 
-    /// Takes so many replies, as far as they are there.
+    /// Receives up to that many replies.
     void Receive(std::size_t count)
     {
         static std::vector<char> buffer(MAX_PACKET_SIZE + 1);
@@ -161,7 +161,7 @@ public:
         }
     }
 
-    /// Reads all that is still to come.
+    /// Receives all remaining replies.
     void Finish()
     {
         for (std::size_t round = 0; round < m_sent + 4; ++round) {
@@ -191,7 +191,7 @@ private:
     bool m_isClosed = false;
 };
 
-/// The input, byte by byte, and zeros behind its end.
+/// The input, byte by byte. After its end come zeros.
 class Steps {
 public:
     Steps(const std::uint8_t* data, std::size_t size) : m_at(data), m_left(size) {}
@@ -219,7 +219,7 @@ private:
     std::size_t m_left;
 };
 
-/// One step, a byte that says what and bytes that say how much.
+/// One step: a byte that says what, and bytes that say how much.
 void Perform(Steps& steps, Service& service, Peer& peer)
 {
     switch (steps.Take() % 7) {

@@ -6,14 +6,14 @@
 #include <cstdlib>
 #include <iostream>
 
-/// What every fuzz target is: it gets one input, and ends the process where the input shows a fault. The fuzzer makes
-/// inputs up (script/fuzz); replay.cpp takes them from files. Always returns 0.
+/// Every fuzz target defines this. It gets one input and ends the process if the input shows a fault. The fuzzer
+/// generates inputs (script/fuzz); replay.cpp reads them from files. Always returns 0.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
-/// What a target does before all else, and before any thread is started; few have it.
+/// Optional: what a target does first, before any thread starts.
 extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* argc, char*** argv);
 
-/// Ends the process when something does not hold that holds for every input: the fuzzer then keeps the input.
+/// Ends the process when a condition that must hold for every input does not. The fuzzer then keeps the input.
 inline void Require(bool holds, const char* what)
 {
     if (!holds) {

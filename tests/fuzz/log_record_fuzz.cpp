@@ -1,5 +1,6 @@
-// The input is a record: what its columns show, in binary, and then the bytes of its message (see TakeInput). The
-// record is one line of at most 4 KiB without control characters, cut where it may be, and says what it was given.
+// The input is a record: the values of its columns, in binary, then the bytes of its message (see TakeInput). The
+// record must be one line of at most 4 KiB without control characters. It must show all values, cut only where it may
+// be.
 #include "fuzz/fuzz_target.h"
 
 #include "platform/host/log_format.h"
@@ -20,7 +21,7 @@ namespace {
 
 constexpr std::size_t FILE_LIMIT = 1024;
 
-/// Gives the input piece by piece, and zeros behind its end.
+/// The input, piece by piece. After its end come zeros.
 class Source {
 public:
     Source(const std::uint8_t* data, std::size_t size) : m_at(data), m_left(size) {}
@@ -55,7 +56,7 @@ private:
     std::size_t m_left;
 };
 
-/// The text so many times over, up to somewhat more than the longest record: so a short input reaches the cut.
+/// The text repeated that many times, up to a little more than the longest record. So a short input reaches the cut.
 std::string Repeated(const std::string& text, unsigned times)
 {
     std::string result = text;
@@ -110,7 +111,7 @@ std::string Written(const char* format, ...)
     return text;
 }
 
-/// A record of exactly its size on the heap, where a sanitizer sees a byte too many.
+/// A record of exactly its size on the heap, where a sanitizer sees an access beyond it.
 struct Record {
     char text[RECORD_SIZE];
 };
@@ -157,13 +158,13 @@ Result Format(const Input& input)
     }
 }
 
-/// A text as a record shows it.
+/// The form that a text must have in a record.
 struct Shown {
     std::string text;
     std::vector<std::size_t> escapes; ///< where in it escapes begin, in ascending order
     std::vector<std::size_t> escapeEnds;
 
-    /// Whether the text may be cut there: not inside an escape.
+    /// Whether the text may be cut there, which is never inside an escape.
     bool MayEndAt(std::size_t position) const
     {
         const auto next = std::lower_bound(escapes.begin(), escapes.end(), position);
@@ -204,7 +205,7 @@ Shown Escaped(const std::string& text)
     return shown;
 }
 
-/// The bytes of the UTF-8 character at the beginning of text; 0 when there is none.
+/// The bytes of the UTF-8 character at the beginning of the text; 0 when it does not begin with one.
 std::size_t CharacterAt(const unsigned char* text, std::size_t length)
 {
     const auto follows = [&](std::size_t count) {
@@ -243,8 +244,8 @@ bool IsUtf8(const std::string& text)
     return true;
 }
 
-/// What is wrong about the part of a text that a record shows; null when it shows as much as has room. A character or
-/// an escape that would have to be parted is left out: the longest is an escape of eight bytes.
+/// What is wrong with the part of a text that a record shows; null when it shows as much as fits. A record leaves out a
+/// character or an escape that it would have to split; the longest is an escape of eight bytes.
 const char* FaultOf(const std::string& part, const std::string& text, std::size_t room)
 {
     const Shown whole = Escaped(text);
@@ -294,8 +295,8 @@ const char* FaultOfMessage(const Result& result, std::size_t begin)
     return FaultOf(result.record.substr(begin, lineEnd - begin), result.message, RECORD_SIZE - 1 - begin);
 }
 
-/// The columns behind the front: file, line and message. Where the file's name has been cut the record does not say: a
-/// name may have the same text in it as the column that follows.
+/// The columns after the front: file, line and message. A record does not show where the file's name has been cut: a
+/// name may contain the same text as the next column.
 const char* FaultBehindFront(const Result& result, std::size_t front, const Input& input)
 {
     const std::string line = Written(":%d ", input.head.line);

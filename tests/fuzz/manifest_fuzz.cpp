@@ -1,5 +1,5 @@
-// The input is a manifest. It is read as the framework's INI reader reads it, key by key, or refused with the same
-// exception; what is too long once its references are expanded is refused beforehand.
+// The input is a manifest. The server reads it as the framework's INI reader does, key by key, or refuses it with the
+// same exception. It refuses beforehand what is too long once its references are expanded.
 #include "fuzz/fuzz_target.h"
 
 #include "bundle_manifest.h"
@@ -35,11 +35,11 @@ struct Content {
     }
 };
 
-/// An exception, by its class and, where that is the framework's, its text.
+/// An exception: its class, and the text of an exception of the framework.
 using Refusal = std::string;
 using Outcome = std::variant<Content, Refusal>;
 
-/// The standard's exceptions and the framework's only: any other leaves the target, which is a finding.
+/// Catches exceptions of the standard and of the framework only. Any other leaves the target, which is a finding.
 template <class Read> Outcome OutcomeOf(const Read& read)
 {
     try {
@@ -73,7 +73,7 @@ std::vector<std::string> NamesIn(const std::string& list)
     return names;
 }
 
-/// What the manifest has to make of a text.
+/// The content that the manifest must have for a text.
 Content Expected(const std::string& text)
 {
     std::istringstream stream(text);
@@ -147,7 +147,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
         return Take(BundleManifest(stream));
     });
     if (IsRefusedForItsLength(outcome)) {
-        // References, or the name of a section that stands before each of its keys, come to far more than the file.
+        // References, and a section's name before each of its keys, can expand to far more than the file.
         Require(text.find("${") != std::string::npos || size * size > BundleManifest::MAX_EXPANDED_SIZE,
                 "a manifest that is short in every way is too long");
         return 0;

@@ -1,6 +1,6 @@
-// The input is two bytes, a number with its low byte first, and a packet, to which as many further bytes are appended:
-// so a short input stands for a packet of any length. It is sound exactly when it is what the wire's rules say, and the
-// message made of it gives back every byte.
+// The input is a number of two bytes, the low byte first, and a packet. That many bytes are appended to the packet, so
+// a short input stands for a packet of any length. The platform must accept exactly the packets that keep the wire's
+// rules, and the message must return every byte.
 #include "fuzz/fuzz_target.h"
 
 #include "platform/host/packet.h"
@@ -40,10 +40,10 @@ bool IsSound(const std::string& packet)
 
 MessageReference Receive(const std::string& packet)
 {
-    // Of exactly its size, and gone when the message is looked at.
+    // Of exactly its size, and released before the message is checked.
     const std::unique_ptr<char[]> received(new char[packet.size()]);
     std::memcpy(received.get(), packet.data(), packet.size());
-    // Nothing is read of a packet that is too long: its end is not in the buffer that it was received in.
+    // The platform must not read a packet that is too long, because its end did not fit into the buffer.
     const void* const readable = packet.size() > MAX_PACKET_SIZE ? nullptr : received.get();
     const char* const fault = PacketFault(readable, packet.size());
     Require((fault == nullptr) == IsSound(packet), "a packet is judged wrongly");

@@ -1,5 +1,5 @@
-// Runs a fuzz target on files, those of its corpus above all: what the fuzzer once found stays tested in every build,
-// also where there is no fuzzer.
+// Runs a fuzz target on files, such as those of its corpus. So what the fuzzer once found stays tested in every build,
+// also without a fuzzer.
 #include "fuzz/fuzz_target.h"
 
 #include "support/collection_builder.h"
@@ -35,9 +35,9 @@ void Run(const fs::path& path)
     if (content.size() != fs::file_size(path)) {
         throw std::runtime_error(path.string() + " cannot be read");
     }
-    // In a buffer of exactly its size: a sanitizer sees every byte that is read beyond it.
+    // In a buffer of exactly its size, so that a sanitizer sees every read beyond it.
     const std::vector<std::uint8_t> input(content.begin(), content.end());
-    // Before the run: what ends the process has named its file.
+    // Before the run, so that an input that ends the process is named.
     std::cout << path.string() << std::endl;
     LLVMFuzzerTestOneInput(input.data(), input.size());
 }

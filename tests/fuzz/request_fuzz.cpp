@@ -1,5 +1,5 @@
-// The input is a packet as a client sends it. A sound one is given to a server that is up, and has exactly one reply,
-// of the status that it calls for. Of the bundles that requests may name all are there again for the next input.
+// The input is a packet of a client. A well-formed one goes to a running server and must get exactly one reply with the
+// right status. All bundles that requests may name are restored for the next input.
 #include "fuzz/fuzz_target.h"
 
 #include "bundle_server.h"
@@ -27,7 +27,7 @@ using namespace SystemServer::BundleService;
 
 namespace {
 
-/// What the server has done, as the platform sees it.
+/// What the server has done, as seen by the platform.
 struct Reply {
     lumo_header header;
     const bolt_connection* connection;
@@ -36,7 +36,7 @@ struct Reply {
 std::vector<Reply> g_replies;
 int g_publishedEvents = 0;
 
-/// The server with its inside open.
+/// The server with its protected members accessible.
 class OpenServer : public SystemServer::BundleServer {
 public:
     using BundleServer::initialize;
@@ -45,7 +45,7 @@ public:
     using BundleServer::ProcessMsg;
 };
 
-/// Launching "rm" closes every descriptor up to the limit.
+/// Limits the descriptors, because launching "rm" closes every one up to the limit.
 void LowerDescriptorLimit()
 {
     rlimit limit{};
@@ -54,7 +54,7 @@ void LowerDescriptorLimit()
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-/// A server that is up, for the whole process, with bundles that can be deleted and one that cannot.
+/// A running server, for the whole process, with bundles that can be deleted and one that cannot.
 class RunningServer {
 public:
     RunningServer()
@@ -91,7 +91,7 @@ public:
         m_server.OnItemAdded({item, DirectoryWatcher::DW_ITEM_ADDED});
     }
 
-    /// How many of the files are there that a request could take away.
+    /// How many of the files that a request could remove exist.
     int CountFiles() const
     {
         int count = static_cast<int>(Exists(m_outside / "server.ini")) +
@@ -165,7 +165,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
     Require(msg != nullptr, "no message is made of a sound packet");
     const std::string content = msg->packet.substr(sizeof(lumo_header));
     const int expected = ExpectedStatus(server, msg->header, content);
-    // The NUL behind the content is not the request's.
+    // The NUL after the content is not part of the request.
     const char* const behind = msg->packet.data() + msg->packet.size();
     ASAN_POISON_MEMORY_REGION(behind, 1);
 
@@ -184,8 +184,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
     return 0;
 }
 
-// What the linker sends here: the calls of lumo_message_async_send, and those of nanosleep, by which the server waits
-// for a copy to end and for the dead to be reaped. Nothing is being copied, and the bundles run nothing.
+// The linker sends the calls of lumo_message_async_send and of nanosleep here. The server sleeps until a copy has ended
+// and until dead children are reaped. Nothing is being copied here, and the bundles run nothing.
 int WrappedSend(lumo_message* msg, bolt_connection* conn, int flags) __asm__("__wrap_lumo_message_async_send");
 int WrappedNanosleep(const timespec* duration, timespec* rest) __asm__("__wrap_nanosleep");
 
@@ -202,8 +202,8 @@ int WrappedNanosleep(const timespec* /*duration*/, timespec* /*rest*/)
     return 0;
 }
 
-// In place of the platform's: it fails, so that no event reaches whoever listens on this machine. An event begins with
-// its name's field.
+// Replaces the platform's function. It fails, so that no event reaches a listener on this machine. An event begins with
+// the field of its name.
 int sprintf_s(char* dest, size_t /*dest_size*/, const char* /*format*/, ...)
 {
     *dest = '\0';

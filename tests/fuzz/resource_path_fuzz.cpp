@@ -1,5 +1,5 @@
-// The input is a path that the storage is asked for. It is refused for the reason that comes first, or leads to a place
-// below the root; only files below the root are ever opened.
+// The input is a path that the storage is asked for. The storage must refuse it for the first reason that applies, or
+// return a path below the root. It must only open files below the root.
 #include "fuzz/fuzz_target.h"
 
 #include "bundle_storage_dir.h"
@@ -106,7 +106,7 @@ Result Expected(const std::string& root, const std::string& relative)
     return {path + file, ""};
 }
 
-/// True when the path begins with the root and no component behind it leads up.
+/// Whether the path begins with the root and no component after it leads up.
 bool IsBelow(const std::string& root, const std::string& path)
 {
     if (path.compare(0, root.size() + 1, root + "/") != 0) {

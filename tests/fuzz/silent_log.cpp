@@ -1,5 +1,5 @@
-// A log that writes nothing, so that a target is not kept waiting for it. Each record is formatted all the same: an
-// argument that is no text, or has no end, is a fault that a sanitizer sees here.
+// A log that writes nothing, so that targets run fast. It still formats each record, so that a sanitizer sees arguments
+// that are no text or have no end.
 #include <zq_log.h>
 
 #include <array>

@@ -1,10 +1,7 @@
 #include "support/collection_builder.h"
 
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
-#include <stdexcept>
 
 namespace {
 
@@ -16,7 +13,7 @@ void CopyProgram(const std::string& from, const std::string& to)
     fs::copy_file(from, to, fs::copy_options::overwrite_existing);
 }
 
-/// Sections whose order by name is the order of the numbers.
+/// Names of sections that sort in the order of their numbers.
 std::string SectionName(std::size_t number)
 {
     const std::string digits = std::to_string(number);
@@ -123,38 +120,4 @@ std::string BundleBuilder::Write() const
         WriteFile(m_path + "/BundleManifest.ini", m_manifest.value_or(ManifestText()));
     }
     return m_path;
-}
-
-void WriteFile(const std::string& path, const std::string& content)
-{
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    file << content;
-    file.close();
-    if (!file) {
-        throw std::runtime_error("cannot write " + path);
-    }
-}
-
-void WriteProgram(const std::string& path, const std::string& content)
-{
-    fs::create_directories(fs::path(path).parent_path());
-    const std::string draft = path + ".draft";
-    WriteFile(draft, content);
-    fs::permissions(draft, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec);
-    fs::rename(draft, path);
-}
-
-std::string ReadFile(const std::string& path)
-{
-    const std::ifstream file(path, std::ios::binary);
-    std::ostringstream content;
-    if (file) {
-        content << file.rdbuf();
-    }
-    return content.str();
-}
-
-bool Exists(const std::string& path)
-{
-    return fs::exists(fs::symlink_status(path));
 }

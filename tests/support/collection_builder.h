@@ -1,6 +1,7 @@
 #ifndef TESTS_SUPPORT_COLLECTION_BUILDER_H
 #define TESTS_SUPPORT_COLLECTION_BUILDER_H
 
+#include "support/files.h"
 #include "support/temporary_directory.h"
 
 #include <optional>
@@ -14,19 +15,19 @@ class BundleBuilder {
 public:
     BundleBuilder(std::string path, std::string name) : m_path(std::move(path)), m_name(std::move(name)) {}
 
-    /// The bundle's name, where it is not the directory's.
+    /// The bundle's name, if it differs from the directory's.
     BundleBuilder& Name(const std::string& name);
     BundleBuilder& ThreadMode() { return Mode("1"); }
     BundleBuilder& Mode(const std::string& mode);
     BundleBuilder& Requires(const std::string& name);
 
-    /// An item of the manifest, in the order in which they are named here. With a content its file is written too, and
+    /// An item of the manifest. Items keep the order of these calls. With a content, the item's file is written too and
     /// may be executed.
     BundleBuilder& Item(const std::string& name);
     BundleBuilder& Item(const std::string& name, const std::string& content);
     /// An item of the manifest with an entry function; its file is a copy of another.
     BundleBuilder& Library(const std::string& name, const std::string& entryFunc, const std::string& copyOf = "");
-    /// An item whose file is a copy of another, a program say.
+    /// An item whose file is a copy of another, such as a program.
     BundleBuilder& Copy(const std::string& name, const std::string& copyOf);
 
     BundleBuilder& Install(const std::string& content) { return Script("install.sh", content); }
@@ -34,11 +35,11 @@ public:
     BundleBuilder& Uninstall(const std::string& content) { return Script("uninstall.sh", content); }
     BundleBuilder& Script(const std::string& name, const std::string& content);
 
-    /// The manifest's text, in place of the one that would be put together.
+    /// The manifest's text, in place of the generated one.
     BundleBuilder& Manifest(const std::string& text);
     BundleBuilder& NoManifest();
 
-    /// Makes or overwrites the directory. The path is the one under which a walk over the collection finds it.
+    /// Makes or overwrites the directory. Returns its path as a walk over the collection finds it.
     std::string Write() const;
 
 private:
@@ -61,7 +62,7 @@ private:
     bool m_hasManifest = true;
 };
 
-/// A collection directory of its own, removed with all that is in it.
+/// A temporary collection directory. The destructor removes it with its content.
 class CollectionBuilder {
 public:
     /// A bundle of that name in the directory of that name.
@@ -76,12 +77,5 @@ public:
 private:
     TemporaryDirectory m_directory;
 };
-
-/// Writes a file that may be executed, whole and in one step: whoever looks finds the old one or the new one.
-void WriteProgram(const std::string& path, const std::string& content);
-void WriteFile(const std::string& path, const std::string& content);
-/// The file's content; empty when there is none.
-std::string ReadFile(const std::string& path);
-bool Exists(const std::string& path);
 
 #endif

@@ -7,23 +7,23 @@
 #include <cstddef>
 #include <cstdlib>
 
-// Linked into every program of the coverage build, and into no other: writes the counters before a process leaves by a
-// way on which the compiler's library does not. See cmake/coverage.cmake.
+// Linked into every program of the coverage build and into no other. The compiler's library writes the counters when a
+// process ends in order; this file writes them before all other ends and before an exec. See cmake/coverage.cmake.
 
-// The compiler's. The first writes once, until the second has been called.
+// The compiler's. A second dump writes nothing until a reset has been called.
 extern "C" void __gcov_dump();  // NOLINT(bugprone-reserved-identifier, cert-dcl37-c, cert-dcl51-cpp)
 extern "C" void __gcov_reset(); // NOLINT(bugprone-reserved-identifier, cert-dcl37-c, cert-dcl51-cpp)
 
 namespace {
 
-// A child is born with its parent's counts, which the parent will write itself. Registered before any other handler, so
-// that what those run in the child is counted.
+// A forked child has its parent's counts, which the parent writes itself. Registered before any other handler, so that
+// the child counts what the others run.
 __attribute__((constructor(101))) void CountInChildrenFromZero()
 {
     pthread_atfork(nullptr, nullptr, __gcov_reset);
 }
 
-// A test that limits how long files may get would have the counters cut off, and those of all others with them.
+// A test that limits the size of files would cut off the counters of all tests.
 void WriteCounters()
 {
     rlimit limit{};
@@ -57,7 +57,7 @@ void WrappedAbort()
     RealAbort();
 }
 
-// Passed on as an array, as its arguments cannot be. It comes back when nothing could be executed.
+// Variable arguments cannot be passed on, so they become an array. It returns when nothing could be executed.
 int WrappedExecl(const char* path, const char* first, ...) // NOLINT(cert-dcl50-cpp): as execl
 {
     constexpr std::size_t most = 16;

@@ -1,6 +1,7 @@
 #include "support/daemon_runner.h"
 
 #include "support/eventually.h"
+#include "support/files.h"
 
 #include <fcntl.h>
 #include <sys/prctl.h>
@@ -13,8 +14,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
-#include <system_error>
 #include <utility>
 
 namespace {
@@ -23,58 +22,6 @@ namespace fs = std::filesystem;
 
 constexpr const char MARK_VARIABLE[] = "BUNDLE_SERVER_TEST";
 constexpr int EXEC_FAILED = 127;
-
-std::string ReadFile(const fs::path& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
-}
-
-fs::path ProcPath(pid_t pid, const char* what)
-{
-    return fs::path("/proc") / std::to_string(pid) / what;
-}
-
-std::vector<std::string> SplitAtNul(const std::string& text)
-{
-    std::vector<std::string> pieces;
-    for (std::size_t begin = 0; begin < text.size();) {
-        const std::size_t end = std::min(text.find('\0', begin), text.size());
-        pieces.push_back(text.substr(begin, end - begin));
-        begin = end + 1;
-    }
-    return pieces;
-}
-
-std::vector<fs::path> Entries(const fs::path& directory)
-{
-    std::vector<fs::path> entries;
-    std::error_code error;
-    for (fs::directory_iterator entry(directory, error), end; !error && entry != end; entry.increment(error)) {
-        entries.push_back(entry->path());
-    }
-    return entries;
-}
-
-// 0 where the text does not begin with one.
-int NumberIn(const std::string& text)
-{
-    return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
-}
-
-std::vector<pid_t> AllProcesses()
-{
-    std::vector<pid_t> pids;
-    for (const fs::path& entry : Entries("/proc")) {
-        const int pid = NumberIn(entry.filename());
-        if (pid > 0) {
-            pids.push_back(pid);
-        }
-    }
-    return pids;
-}
 
 bool Contains(const std::vector<std::string>& pieces, const std::string& piece)
 {
@@ -98,39 +45,15 @@ void Redirect(const char* path, int target)
     ::dup2(fd, target);
 }
 
-// The sum of the first so many of: own time in user and system mode, then the same of the children.
-std::chrono::milliseconds TimesOf(pid_t pid, int count)
-{
-    const std::string stat = ReadFile(ProcPath(pid, "stat"));
-    // The command's name, in parentheses, may hold anything.
-    std::istringstream fields(stat.substr(std::min(stat.rfind(')') + 1, stat.size())));
-    std::string skipped;
-    for (int i = 0; i < 11; ++i) {
-        fields >> skipped;
-    }
-    long ticks = 0;
-    for (long time = 0; count > 0 && fields >> time; --count) {
-        ticks += time;
-    }
-    return std::chrono::milliseconds(ticks * 1000 / ::sysconf(_SC_CLK_TCK));
-}
-
-// Nothing happens when it is not, or no longer, a child of this process.
-void Await(pid_t pid)
+// Does nothing when it is not, or no longer, a child of this process.
+void Reap(pid_t pid)
 {
     while (::waitpid(pid, nullptr, 0) == -1 && errno == EINTR) {
     }
 }
 
-// Of a program for another machine, which script/test --emulated has the kernel run with an emulator, /proc shows the
-// emulator: its name, the path of the program, the program's arguments.
-bool IsEmulated(const std::vector<std::string>& commandLine)
-{
-    return commandLine.size() > 2 && fs::path(commandLine[0]).filename() == "arm-binfmt-P";
-}
-
-// A record that says what a child is about to execute, with the item's path.
-bool TellsExecution(const std::string& message, const std::string& path)
+// Whether the message announces that a child executes the item at this path.
+bool AnnouncesExecution(const std::string& message, const std::string& path)
 {
     const auto beginsWith = [&message](const char* text) { return message.rfind(text, 0) == 0; };
     return (beginsWith("execute binary[") && message.find(path + "].excute command:") != std::string::npos) ||
@@ -145,7 +68,7 @@ DaemonRunner::DaemonRunner(std::string collection)
     static std::atomic<int> number{0};
     m_settings["global.bundle_collection_dir"] = std::move(collection);
     m_mark = m_directory.Path().filename().string() + "." + std::to_string(++number);
-    // Orphans come to this process, which can then wait for them: also where nobody else would.
+    // Orphans become children of this process, which can then wait for them.
     ::prctl(PR_SET_CHILD_SUBREAPER, 1);
 }
 
@@ -207,7 +130,7 @@ void DaemonRunner::Start()
     const std::vector<char*> argumentPointers = Pointers(arguments);
     const std::vector<char*> environmentPointers = Pointers(environment);
 
-    Reap();
+    ReapDaemon();
     m_end.reset();
     m_startTime = std::chrono::steady_clock::now();
     m_pid = ::fork();
@@ -220,12 +143,12 @@ void DaemonRunner::Start()
 void DaemonRunner::BecomeDaemon(char* const* arguments, char* const* environment) const
 {
     ::setpgid(0, 0);
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL); // not even a test that is killed leaves a daemon behind
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL); // even a killed test leaves no daemon behind
     const int null = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     ::dup2(null, STDIN_FILENO);
     Redirect((m_directory / "output").c_str(), STDOUT_FILENO);
     Redirect((m_directory / "errors").c_str(), STDERR_FILENO);
-    ::close_range(STDERR_FILENO + 1, ~0U, 0); // what the test was given by whoever runs it is not the daemon's
+    ::close_range(STDERR_FILENO + 1, ~0U, 0); // the test's inherited descriptors are not the daemon's
     if (m_preparation) {
         m_preparation();
     }
@@ -256,10 +179,10 @@ void DaemonRunner::TakeEnd()
     }
 }
 
-void DaemonRunner::Reap()
+void DaemonRunner::ReapDaemon()
 {
     if (m_pid > 0) {
-        Await(m_pid);
+        Reap(m_pid);
         m_pid = 0;
     }
 }
@@ -303,7 +226,7 @@ std::string DaemonRunner::Errors() const
     return ReadFile(m_directory / "errors");
 }
 
-// Takes up what has been added since the last time, whole lines only.
+// Reads what has been added since the last call, whole lines only.
 void DaemonRunner::ReadLog()
 {
     std::ifstream file(LogFile(), std::ios::binary);
@@ -356,7 +279,7 @@ std::vector<pid_t> DaemonRunner::PidsOf(const std::string& bundle, const std::st
     const std::string path = "/" + bundle + "/./bin/" + item;
     std::vector<pid_t> pids;
     for (const LogRecord& record : Log()) {
-        if (TellsExecution(record.message, path)) {
+        if (AnnouncesExecution(record.message, path)) {
             pids.push_back(record.pid);
         }
     }
@@ -367,7 +290,7 @@ pid_t DaemonRunner::WaitForItem(const std::string& bundle, const std::string& it
 {
     const std::string daemon = fs::canonical(BUNDLE_SERVER_PROGRAM).string();
     pid_t pid = 0;
-    const bool runs = Eventually(timeout, [&] {
+    const bool isRunning = Eventually(timeout, [&] {
         const std::vector<pid_t> pids = PidsOf(bundle, item);
         if (static_cast<int>(pids.size()) < launches) {
             return false;
@@ -376,35 +299,22 @@ pid_t DaemonRunner::WaitForItem(const std::string& bundle, const std::string& it
         const std::string executable = ProcessOf::Executable(pid);
         return ProcessOf::IsAlive(pid) && !executable.empty() && executable != daemon;
     });
-    return runs ? pid : 0;
+    return isRunning ? pid : 0;
 }
 
 int DaemonRunner::Threads() const
 {
-    return static_cast<int>(Entries(ProcPath(m_pid, "task")).size());
+    return static_cast<int>(ThreadNames().size());
 }
 
 std::vector<std::string> DaemonRunner::ThreadNames() const
 {
-    std::vector<std::string> names;
-    for (const fs::path& task : Entries(ProcPath(m_pid, "task"))) {
-        std::string name = ReadFile(task / "comm");
-        name.erase(std::min(name.find('\n'), name.size()));
-        names.push_back(name);
-    }
-    return names;
+    return ProcessOf::ThreadNames(m_pid);
 }
 
 std::string DaemonRunner::StateOfThread(const std::string& name) const
 {
-    for (const fs::path& task : Entries(ProcPath(m_pid, "task"))) {
-        if (ReadFile(task / "comm") == name + "\n") {
-            const std::string stat = ReadFile(task / "stat");
-            const std::size_t afterName = stat.rfind(") ");
-            return afterName == std::string::npos ? "" : stat.substr(afterName + 2, 1);
-        }
-    }
-    return {};
+    return ProcessOf::StateOfThread(m_pid, name);
 }
 
 std::map<int, std::string> DaemonRunner::Descriptors() const
@@ -414,15 +324,15 @@ std::map<int, std::string> DaemonRunner::Descriptors() const
 
 long DaemonRunner::ResidentKilobytes() const
 {
-    return NumberIn(ProcessOf::Status(m_pid, "VmRSS"));
+    return std::strtol(ProcessOf::Status(m_pid, "VmRSS").c_str(), nullptr, 10);
 }
 
 std::vector<pid_t> DaemonRunner::Descendants() const
 {
     const std::string mark = std::string(MARK_VARIABLE) + "=" + m_mark;
     std::vector<pid_t> descendants;
-    for (const pid_t pid : AllProcesses()) {
-        if (pid != m_pid && ProcessOf::IsAlive(pid) && Contains(SplitAtNul(ReadFile(ProcPath(pid, "environ"))), mark)) {
+    for (const pid_t pid : ProcessOf::All()) {
+        if (pid != m_pid && ProcessOf::IsAlive(pid) && Contains(ProcessOf::Environment(pid), mark)) {
             descendants.push_back(pid);
         }
     }
@@ -434,7 +344,7 @@ std::multiset<std::string> DaemonRunner::Programs() const
     std::multiset<std::string> programs;
     for (const pid_t pid : Descendants()) {
         const std::string program = ProcessOf::Executable(pid);
-        if (!program.empty()) { // it has not ended meanwhile
+        if (!program.empty()) { // otherwise it has ended meanwhile
             programs.insert(program);
         }
     }
@@ -448,9 +358,9 @@ void DaemonRunner::KillAll()
     }
     std::vector<pid_t> killed;
     Signal(SIGKILL);
-    // Those that are just being born, or just execute, are found by the next look.
+    // The next round finds processes that were being forked or executed during this one.
     Eventually(PATIENCE, [this, &killed] {
-        ::kill(-m_pid, SIGKILL); // the daemon, a zombie at the least, keeps the number of the group
+        ::kill(-m_pid, SIGKILL); // the daemon is at least a zombie, so the group's number is still its own
         const std::vector<pid_t> left = Descendants();
         for (const pid_t pid : left) {
             ::kill(pid, SIGKILL);
@@ -459,100 +369,7 @@ void DaemonRunner::KillAll()
         return left.empty();
     });
     for (const pid_t pid : killed) {
-        Await(pid);
+        Reap(pid);
     }
-    Reap();
+    ReapDaemon();
 }
-
-LogRecord::LogRecord(std::string text) : line(std::move(text))
-{
-    std::istringstream columns(line);
-    std::string skipped;
-    columns >> skipped >> level >> skipped >> skipped >> pid >> thread >> source;
-    columns.get();
-    std::getline(columns, message);
-}
-
-namespace ProcessOf {
-
-bool IsAlive(pid_t pid)
-{
-    const std::string state = Status(pid, "State");
-    return !state.empty() && state[0] != 'Z' && state[0] != 'X';
-}
-
-std::vector<pid_t> Zombies(pid_t parent)
-{
-    std::vector<pid_t> zombies;
-    for (const pid_t pid : AllProcesses()) {
-        if (NumberIn(Status(pid, "PPid")) == parent && Status(pid, "State").rfind('Z', 0) == 0) {
-            zombies.push_back(pid);
-        }
-    }
-    return zombies;
-}
-
-std::vector<std::string> CommandLine(pid_t pid)
-{
-    std::vector<std::string> words = SplitAtNul(ReadFile(ProcPath(pid, "cmdline")));
-    if (IsEmulated(words)) {
-        words.erase(words.begin(), words.begin() + 2);
-    }
-    return words;
-}
-
-std::string Executable(pid_t pid)
-{
-    std::error_code error;
-    const std::vector<std::string> words = SplitAtNul(ReadFile(ProcPath(pid, "cmdline")));
-    return (IsEmulated(words) ? fs::canonical(words[1], error) : fs::read_symlink(ProcPath(pid, "exe"), error))
-        .string();
-}
-
-std::map<int, std::string> Descriptors(pid_t pid)
-{
-    std::map<int, std::string> descriptors;
-    for (const fs::path& entry : Entries(ProcPath(pid, "fd"))) {
-        std::error_code error;
-        const std::string target = fs::read_symlink(entry, error).string();
-        if (!error) {
-            descriptors[NumberIn(entry.filename())] = target;
-        }
-    }
-    return descriptors;
-}
-
-std::string Status(pid_t pid, const std::string& field)
-{
-    std::ifstream status(ProcPath(pid, "status"));
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind(field + ":", 0) == 0) {
-            const std::size_t value = line.find_first_not_of(" \t", field.size() + 1);
-            return value == std::string::npos ? "" : line.substr(value);
-        }
-    }
-    return {};
-}
-
-std::string Limit(pid_t pid, const std::string& name)
-{
-    std::ifstream limits(ProcPath(pid, "limits"));
-    for (std::string line; std::getline(limits, line);) {
-        if (line.rfind(name, 0) == 0) {
-            return line;
-        }
-    }
-    return {};
-}
-
-std::chrono::milliseconds ProcessorTime(pid_t pid)
-{
-    return TimesOf(pid, 2);
-}
-
-std::chrono::milliseconds ProcessorTimeWithChildren(pid_t pid)
-{
-    return TimesOf(pid, 4);
-}
-
-} // namespace ProcessOf

@@ -6,8 +6,7 @@
 #include <chrono>
 #include <ctime>
 
-/// Asks again and again whether the condition holds. False when it still does not after that time, or a multiple of it
-/// where programs are slow.
+/// Checks the condition until it holds. False when the time is over first; the time is longer where programs are slow.
 template <typename Condition> bool Eventually(std::chrono::milliseconds timeout, Condition condition)
 {
     const auto end = std::chrono::steady_clock::now() + timeout * SLOWNESS;

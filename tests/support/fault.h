@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-/// Calls of the system, of the framework and of the platform that a test can see, and make fail. They are stood in for
-/// by the linker in the programs that link this file, in what is linked statically into them only: the shared libraries
-/// make their own calls undisturbed.
+/// Calls of the system, of the framework and of the platform that a test can count and make fail. The linker replaces
+/// them in the programs that link this file, in their statically linked code only: shared libraries keep their own
+/// calls.
 enum class Call {
     PIPE2,
     FORK,
@@ -23,10 +23,10 @@ enum class Call {
     READ_BYTE,  ///< read of a single byte
     WRITE_BYTE, ///< write of a single byte
     READ,       ///< any other read
-    WRITE,      ///< any other write; with 0 in place of an errno it writes half of what it is given
+    WRITE,      ///< any other write; with 0 in place of an errno it writes half of its data
     OPEN,
     FSYNC,
-    CLOSE, ///< fails when it has closed
+    CLOSE, ///< fails after it has closed
     FCNTL,
     DUP3,
     OPENDIR,
@@ -40,7 +40,7 @@ enum class Call {
     UNLINK,
     FLOCK,
     INOTIFY_RM_WATCH,
-    NANOSLEEP, ///< fails before any of the time has gone
+    NANOSLEEP, ///< fails before any time has passed
     PRCTL,
     SET_LIMIT,   ///< setrlimit
     SIGNAL_MASK, ///< pthread_sigmask: returns the errno
@@ -64,7 +64,7 @@ enum class Call {
     EVENT_ADD,
     CANCEL_THREAD,
     START_THREAD,     ///< std::thread's: throws std::system_error
-    LOCK_MUTEX,       ///< fails on the thread that has made the Fault, and on no other
+    LOCK_MUTEX,       ///< fails only on the thread that has made the Fault
     LAUNCH,           ///< Poco::Process::launch: throws Poco::SystemException
     WAIT_FOR_PROCESS, ///< Poco::ProcessHandle::wait: throws Poco::SystemException
     LUMO_MESSAGE_NEW,
@@ -78,15 +78,15 @@ enum class Call {
     NUMBER_OF_CALLS
 };
 
-/// Makes a call fail while it lives, on whichever thread and in forked children too. One a call at a time.
+/// While it lives, a call fails, on every thread and in forked children too. Each call may have one at a time.
 class Fault {
 public:
     static constexpr int ALWAYS = 1'000'000'000;
 
-    /// @param value the errno of a call of the system, with which it returns -1; the result of a call of the platform
-    /// (null, where that is a pointer); the code of an exception
+    /// @param value for a call of the system, which returns -1, its errno; for a call of the platform its result (null,
+    /// if that is a pointer); for a call that throws the exception's code
     /// @param count how many times it fails
-    /// @param after how many calls go through before
+    /// @param after how many calls succeed before
     explicit Fault(Call call, int value, int count = ALWAYS, int after = 0);
 
     /// Whether it has made a call fail.
@@ -101,9 +101,9 @@ private:
     const int m_count;
 };
 
-/// Does something before each call while it lives, with its first argument where that is a number (a descriptor, a
-/// pid). The call then goes on, unless the action throws, which a call of the framework lets pass. Its end waits for
-/// actions under way on other threads.
+/// While it lives, an action runs before each call. The action gets the call's first argument, if that is a number (a
+/// descriptor, a pid). Then the call goes on, unless the action throws, which only calls of the framework may. The
+/// destructor waits for actions that run on other threads.
 class BeforeEach {
 public:
     using Action = std::function<void(int)>;
@@ -118,7 +118,7 @@ private:
     const Action m_action;
 };
 
-/// While it lives, nobody pauses: nanosleep returns at once, its whole time gone.
+/// While it lives, nanosleep returns at once as if its whole time had passed.
 class NoPauses {
 public:
     NoPauses();
@@ -127,7 +127,7 @@ public:
     NoPauses& operator=(const NoPauses&) = delete;
 };
 
-/// Counts the calls since it was made, whether they failed or not. Not of LOCK_MUTEX.
+/// Counts the calls since the object was made, failed ones too. Does not count LOCK_MUTEX.
 class CallCounter {
 public:
     explicit CallCounter(Call call);
@@ -138,7 +138,7 @@ private:
     int m_before;
 };
 
-/// While it lives, lumo_message_async_send sends.
+/// While it lives, lumo_message_async_send sends. Otherwise it only records.
 class RealSending {
 public:
     RealSending();
@@ -147,7 +147,7 @@ public:
     RealSending& operator=(const RealSending&) = delete;
 };
 
-/// What lumo_message_async_send was given. Nothing is sent.
+/// The messages that lumo_message_async_send has recorded.
 struct SentMessage {
     lumo_header header;
     std::string content;
@@ -156,7 +156,7 @@ struct SentMessage {
 };
 std::vector<SentMessage> TakeSentMessages();
 
-/// What the last bolt_server_register and bolt_event_mgr_run were given.
+/// The arguments of the last bolt_server_register and bolt_event_mgr_run.
 struct ServiceCalls {
     std::string service;
     bolt_event_mgr* registeredManager = nullptr;

@@ -1,15 +1,15 @@
 #ifndef TESTS_SUPPORT_FAULT_ALLOCATION_H
 #define TESTS_SUPPORT_FAULT_ALLOCATION_H
 
-/// Makes operator new fail while it lives, in the whole program that links this file, the libraries that it has loaded
-/// included. One at a time.
+/// While it lives, operator new fails in the whole program that links this file and in its libraries. Only one may live
+/// at a time.
 class AllocationFault {
 public:
-    /// Whose allocations count, and fail.
+    /// Whose allocations are counted and fail.
     enum class Of { CALLER, OTHER_THREADS };
     enum class Lasting { ONCE, FOR_GOOD };
 
-    /// @param after how many allocations go through before the first that fails
+    /// @param after how many allocations succeed before the first that fails
     AllocationFault(long after, Lasting lasting, Of of = Of::CALLER);
     ~AllocationFault();
     AllocationFault(const AllocationFault&) = delete;

@@ -9,10 +9,11 @@
 #include <array>
 #include <cstdlib>
 #include <sstream>
+#include <utility>
 
 namespace {
 
-/// The file of this process's records: without a name, so that nobody has to remove it.
+/// The file of this process's records. It has no name, so nothing has to remove it.
 class LogFile {
 public:
     LogFile() : m_fd(::memfd_create("log", MFD_CLOEXEC))
@@ -21,7 +22,7 @@ public:
         if (m_fd < 0 || ::setenv("ZQ_LOG_FILE", path.c_str(), 1) != 0) {
             std::abort();
         }
-        // Opens it for good: what comes later can count descriptors.
+        // Opens the log now, so that later counts of descriptors include it.
         ZQ_WriteLog(0, 1, 0, 0, nullptr, 0, "the log is open");
     }
 
@@ -51,22 +52,11 @@ private:
 
 const LogFile LOG_FILE;
 
-CapturedRecord ParseRecord(const std::string& line)
-{
-    CapturedRecord record;
-    std::istringstream columns(line);
-    std::string time;
-    columns >> time >> record.level >> record.module >> record.flag >> record.pid >> record.tid >> record.source;
-    columns.get(); // the blank before the message, which may begin with blanks of its own
-    std::getline(columns, record.message);
-    return record;
-}
-
-std::string Shown(const std::vector<CapturedRecord>& records)
+std::string Shown(const std::vector<LogRecord>& records)
 {
     std::string shown = "The log is:\n";
-    for (const CapturedRecord& record : records) {
-        shown += "  " + record.level + " " + std::to_string(record.tid) + " [" + record.message + "]\n";
+    for (const LogRecord& record : records) {
+        shown += "  " + record.level + " " + std::to_string(record.thread) + " [" + record.message + "]\n";
     }
     return shown;
 }
@@ -80,12 +70,12 @@ void LogCapture::Restart()
     m_start = LOG_FILE.Size();
 }
 
-std::vector<CapturedRecord> LogCapture::Records() const
+std::vector<LogRecord> LogCapture::Records() const
 {
-    std::vector<CapturedRecord> records;
+    std::vector<LogRecord> records;
     std::istringstream text(LOG_FILE.TextFrom(m_start));
     for (std::string line; std::getline(text, line);) {
-        records.push_back(ParseRecord(line));
+        records.emplace_back(std::move(line));
     }
     return records;
 }
@@ -93,7 +83,7 @@ std::vector<CapturedRecord> LogCapture::Records() const
 std::vector<std::string> LogCapture::Messages() const
 {
     std::vector<std::string> messages;
-    for (const CapturedRecord& record : Records()) {
+    for (const LogRecord& record : Records()) {
         messages.push_back(record.message);
     }
     return messages;
@@ -101,8 +91,8 @@ std::vector<std::string> LogCapture::Messages() const
 
 ::testing::AssertionResult LogCapture::Find(const std::string& message, const std::string& level) const
 {
-    const std::vector<CapturedRecord> records = Records();
-    const bool isThere = std::any_of(records.begin(), records.end(), [&](const CapturedRecord& record) {
+    const std::vector<LogRecord> records = Records();
+    const bool isThere = std::any_of(records.begin(), records.end(), [&](const LogRecord& record) {
         return record.message == message && (level.empty() || record.level == level);
     });
     if (isThere) {
@@ -136,17 +126,7 @@ std::vector<std::string> LogCapture::Messages() const
 
 ::testing::AssertionResult LogCapture::InOrder(const std::vector<std::string>& messages) const
 {
-    const std::vector<CapturedRecord> records = Records();
-    auto next = records.begin();
-    for (const std::string& message : messages) {
-        next =
-            std::find_if(next, records.end(), [&](const CapturedRecord& record) { return record.message == message; });
-        if (next == records.end()) {
-            return ::testing::AssertionFailure() << "[" << message << "] is not in its place. " << Shown(records);
-        }
-        ++next;
-    }
-    return ::testing::AssertionSuccess() << Shown(records);
+    return ::InOrder(Messages(), messages) << ". " << Shown(Records());
 }
 
 int LogCapture::Count(const std::string& message) const

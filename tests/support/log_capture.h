@@ -1,32 +1,23 @@
 #ifndef TESTS_SUPPORT_LOG_CAPTURE_H
 #define TESTS_SUPPORT_LOG_CAPTURE_H
 
+#include "support/log_record.h"
+
 #include <gtest/gtest.h>
 
 #include <cstddef>
 #include <string>
 #include <vector>
 
-/// One record of the log.
-struct CapturedRecord {
-    std::string level; ///< "INFO", "ERROR" or "LEVEL<n>"
-    int module = 0;
-    int flag = 0;
-    int pid = 0;
-    int tid = 0;
-    std::string source; ///< file and line, or "-"
-    std::string message;
-};
-
-/// What has been logged since it was made, by this process and by the children that it has forked. The program that
-/// contains it logs to a file of its own, made before the first record, that is gone with the process.
+/// The records that this process and its forked children have written since the object was made. The program that links
+/// it logs to its own file without a name, which ends with the process.
 ///
-/// A text is found where it is a record's whole message; the answer, when it is not what was asked for, shows the log.
+/// A text matches a record's whole message. A result that fails shows the log.
 class LogCapture {
 public:
     LogCapture();
 
-    std::vector<CapturedRecord> Records() const;
+    std::vector<LogRecord> Records() const;
     std::vector<std::string> Messages() const;
 
     ::testing::AssertionResult Has(const std::string& message) const;
@@ -34,13 +25,13 @@ public:
     ::testing::AssertionResult HasError(const std::string& message) const;
     ::testing::AssertionResult HasPart(const std::string& part) const;
 
-    /// Whether these messages are there in this order, others between them or not.
+    /// Whether the log has these messages in this order. Others may stand between them.
     ::testing::AssertionResult InOrder(const std::vector<std::string>& messages) const;
 
     int Count(const std::string& message) const;
     int CountPart(const std::string& part) const;
 
-    /// Forgets what has been logged so far.
+    /// Forgets the records so far.
     void Restart();
 
 private:

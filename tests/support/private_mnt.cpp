@@ -31,15 +31,15 @@ std::string IdentityMap(unsigned id)
     return std::to_string(id) + ' ' + std::to_string(id) + " 1";
 }
 
-/// Makes the process the master of its own namespaces, as the user that it is.
+/// Gives the process all rights in a namespace of its own, under the same user.
 std::string EnterUserNamespace()
 {
     const unsigned user = ::geteuid();
     const unsigned group = ::getegid();
     if (::unshare(CLONE_NEWUSER) != 0) {
-        return Failure("not root, and no user namespace to be had (unshare(CLONE_NEWUSER))");
+        return Failure("not root, and a user namespace is unavailable (unshare(CLONE_NEWUSER))");
     }
-    // A group map may only be written by one who can no longer drop groups.
+    // The kernel accepts a group map only from a process that can no longer drop groups.
     if (!WriteFile("/proc/self/setgroups", "deny") || !WriteFile("/proc/self/uid_map", IdentityMap(user)) ||
         !WriteFile("/proc/self/gid_map", IdentityMap(group))) {
         return Failure("the user namespace's maps cannot be written");
@@ -58,7 +58,7 @@ std::string EnterPrivateMnt()
         }
     }
     if (::unshare(CLONE_NEWNS) != 0) {
-        return Failure("no mount namespace to be had (unshare(CLONE_NEWNS))");
+        return Failure("a mount namespace is unavailable (unshare(CLONE_NEWNS))");
     }
     if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
         return Failure("the mounts cannot be made private");
@@ -73,6 +73,6 @@ void PrivateMnt::SetUp()
 {
     const std::string reason = EnterPrivateMnt();
     if (!reason.empty()) {
-        FAIL() << "These tests need a /mnt of their own: " << reason;
+        FAIL() << "These tests need a private /mnt: " << reason;
     }
 }

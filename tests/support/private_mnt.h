@@ -5,13 +5,13 @@
 
 #include <string>
 
-/// Gives this process, the threads it starts and its children an empty /mnt of their own, so that tests which use the
-/// service directory neither meet each other nor a server of this machine. Before the first thread is started. Root
-/// needs nothing more; anybody else needs user namespaces.
+/// Gives this process, its later threads and its children an empty private /mnt. So tests that use the service
+/// directory meet neither each other nor a server of this machine. Call it before the first thread starts. Users other
+/// than root need user namespaces.
 /// @return empty, or what is missing
 std::string EnterPrivateMnt();
 
-/// The same for a whole test program, which fails without it:
+/// The same for a whole test program, which fails without a private /mnt:
 ///     const auto* const g_privateMnt = ::testing::AddGlobalTestEnvironment(new PrivateMnt);
 class PrivateMnt : public ::testing::Environment {
 public:

@@ -6,8 +6,8 @@
 #include <random>
 #include <string>
 
-/// Random numbers of a test that shall do something else each time. A failing test shows the seed; with it in
-/// BUNDLE_SERVER_TEST_SEED the numbers come again, though not the moments at which other processes come to their turn.
+/// Random numbers, different in each run. A failing test shows the seed. With the seed in BUNDLE_SERVER_TEST_SEED the
+/// numbers are the same again, but not the order in which processes run.
 class Random {
 public:
     unsigned Seed() const { return m_seed; }

@@ -3,8 +3,8 @@
 
 #include <cstdlib>
 
-/// Some tests prove more the longer they run. They have a short form, which runs with all others, and a long one, which
-/// script/test --long asks for by setting BUNDLE_SERVER_LONG_TESTS.
+/// Some tests prove more the longer they run. Their short form runs with all other tests. Their long form runs when
+/// BUNDLE_SERVER_LONG_TESTS is set, as script/test --long does.
 inline bool IsLongForm()
 {
     return std::getenv("BUNDLE_SERVER_LONG_TESTS") != nullptr; // NOLINT(concurrency-mt-unsafe): nothing sets it

@@ -7,7 +7,7 @@
 #include <string>
 #include <system_error>
 
-/// An empty directory, removed with all that is in it.
+/// A new empty directory. The destructor removes it with its content.
 class TemporaryDirectory {
 public:
     /// @throws std::system_error
@@ -29,7 +29,7 @@ public:
 
     const std::filesystem::path& Path() const { return m_path; }
 
-    /// The path of what is called name in it.
+    /// The path of an entry.
     std::string operator/(const std::string& name) const { return (m_path / name).string(); }
 
 private:

@@ -17,7 +17,7 @@ using Clock = std::chrono::steady_clock;
 /// Room for more than the service sends in one packet.
 constexpr std::size_t PACKET_ROOM = 128UL * 1024;
 
-/// Waits for something to read, the connection's end included. False when the time is over.
+/// Waits for a packet or for the connection's end. False when the time is over.
 bool WaitReadable(int fd, Clock::time_point end)
 {
     for (;;) {
@@ -32,52 +32,21 @@ bool WaitReadable(int fd, Clock::time_point end)
 
 } // namespace
 
-std::string PacketOf(lumo_header header, std::string_view content)
-{
-    header.length = static_cast<std::uint16_t>(content.size());
-    std::string packet(sizeof header, '\0');
-    std::memcpy(packet.data(), &header, sizeof header);
-    packet += content;
-    return packet;
-}
-
-std::string PacketOf(std::uint8_t method, std::uint16_t uri, std::string_view content)
-{
-    lumo_header header{};
-    header.method = method;
-    header.uri = uri;
-    return PacketOf(header, content);
-}
-
-lumo_header HeaderOf(std::string_view packet)
-{
-    lumo_header header{};
-    if (packet.size() >= sizeof header) {
-        std::memcpy(&header, packet.data(), sizeof header);
-    }
-    return header;
-}
-
 UnixClient::UnixClient(const std::string& path) : m_fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0))
 {
     const timeval limit{5, 0};
-    ::setsockopt(m_fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    ::setsockopt(m_fd.Get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
-    if (::connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    if (::connect(m_fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         m_error = errno;
     }
 }
 
-UnixClient::~UnixClient()
-{
-    ::close(m_fd);
-}
-
 bool UnixClient::Send(std::string_view packet) const
 {
-    return ::send(m_fd, packet.data(), packet.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(packet.size());
+    return ::send(m_fd.Get(), packet.data(), packet.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(packet.size());
 }
 
 bool UnixClient::SendWithDescriptors(std::string_view packet, const std::vector<int>& descriptors) const
@@ -95,27 +64,27 @@ bool UnixClient::SendWithDescriptors(std::string_view packet, const std::vector<
     rights->cmsg_type = SCM_RIGHTS;
     rights->cmsg_len = CMSG_LEN(size);
     std::memcpy(CMSG_DATA(rights), descriptors.data(), size);
-    return ::sendmsg(m_fd, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(packet.size());
+    return ::sendmsg(m_fd.Get(), &message, MSG_NOSIGNAL) == static_cast<ssize_t>(packet.size());
 }
 
 bool UnixClient::SendWithoutWaiting(std::string_view packet) const
 {
-    return ::send(m_fd, packet.data(), packet.size(), MSG_NOSIGNAL | MSG_DONTWAIT) ==
+    return ::send(m_fd.Get(), packet.data(), packet.size(), MSG_NOSIGNAL | MSG_DONTWAIT) ==
            static_cast<ssize_t>(packet.size());
 }
 
 void UnixClient::ShutDownSending() const
 {
-    ::shutdown(m_fd, SHUT_WR);
+    ::shutdown(m_fd.Get(), SHUT_WR);
 }
 
 std::optional<std::string> UnixClient::Receive(std::chrono::milliseconds timeout) const
 {
-    if (!WaitReadable(m_fd, Clock::now() + timeout)) {
+    if (!WaitReadable(m_fd.Get(), Clock::now() + timeout)) {
         return std::nullopt;
     }
     std::vector<char> packet(PACKET_ROOM);
-    const ssize_t size = ::recv(m_fd, packet.data(), packet.size(), MSG_DONTWAIT);
+    const ssize_t size = ::recv(m_fd.Get(), packet.data(), packet.size(), MSG_DONTWAIT);
     if (size <= 0) {
         return std::nullopt;
     }
@@ -131,8 +100,8 @@ bool UnixClient::IsClosedByPeer(std::chrono::milliseconds timeout) const
 {
     const auto end = Clock::now() + timeout;
     std::vector<char> packet(PACKET_ROOM);
-    while (WaitReadable(m_fd, end)) {
-        const ssize_t size = ::recv(m_fd, packet.data(), packet.size(), MSG_DONTWAIT);
+    while (WaitReadable(m_fd.Get(), end)) {
+        const ssize_t size = ::recv(m_fd.Get(), packet.data(), packet.size(), MSG_DONTWAIT);
         if (size == 0 || (size < 0 && errno != EAGAIN && errno != EINTR)) {
             return true;
         }

@@ -13,14 +13,11 @@ function(hostile_bundle_test part)
     target_compile_definitions(
         ${test}
         PRIVATE
-            TEST_HURRY="$<TARGET_FILE:system_test_hurry>"
             HOSTILE_PROGRAM="$<TARGET_FILE:hostile_bundle_program>"
             HOSTILE_LIBRARY="$<TARGET_FILE:hostile_bundle_library>"
             HOSTILE_CONSTRUCTOR="$<TARGET_FILE:hostile_bundle_constructor>"
     )
-    add_dependencies(
-        ${test} system_test_hurry hostile_bundle_program hostile_bundle_library hostile_bundle_constructor
-    )
+    add_dependencies(${test} hostile_bundle_program hostile_bundle_library hostile_bundle_constructor)
 endfunction()
 
 hostile_bundle_test(manifest LONG)

@@ -13,9 +13,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::uint8_t METHOD_DELETE = 4;
-constexpr std::uint8_t RESPONSE_FLAG = 0x80;
-
 bool IsTime(const std::string& text)
 {
     const std::string form = "0000-00-00T00:00:00.000000Z ";
@@ -25,19 +22,6 @@ bool IsTime(const std::string& text)
 }
 
 } // namespace
-
-std::string DeletePacket(const std::string& name)
-{
-    return PacketOf(METHOD_DELETE, 0, NameField(name));
-}
-
-std::string StatusPacket(std::uint16_t status)
-{
-    lumo_header header{};
-    header.method = RESPONSE_FLAG;
-    header.status = status;
-    return PacketOf(header, "");
-}
 
 bool IsSoundRecord(const std::string& line)
 {

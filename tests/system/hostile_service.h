@@ -49,12 +49,6 @@ public:
     int UnsoundLinesOfRotatedLog();
 };
 
-/// The packet of a good request, for a bundle of that name.
-std::string DeletePacket(const std::string& name);
-
-/// A reply with that status, byte for byte.
-std::string StatusPacket(std::uint16_t status);
-
 /// Whether a line of the log has all columns, no control character, and no more than its 4 KiB.
 bool IsSoundRecord(const std::string& line);
 

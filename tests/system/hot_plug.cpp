@@ -20,11 +20,6 @@ void HotPlug::SetUp()
     ASSERT_TRUE(daemon.StartServing());
 }
 
-void HotPlug::RunShell(const std::string& command) const
-{
-    EXPECT_EQ(std::system(command.c_str()), 0) << command;
-}
-
 testing::AssertionResult HotPlug::IsStarted(const std::string& bundle, int times)
 {
     if (daemon.WaitForLog("bundle[" + bundle + "] state changing[Starting] -> [Active]", times)) {

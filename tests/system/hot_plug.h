@@ -8,14 +8,12 @@
 #include <string>
 #include <vector>
 
-/// A daemon that serves, on a collection that is empty at first.
+/// A daemon that serves, on a collection that is empty at first. The environment variables COLLECTION and STAGING name
+/// the two directories for shell commands.
 class HotPlug : public SystemTest {
 protected:
     HotPlug();
     void SetUp() override;
-
-    /// A shell command, which must succeed. COLLECTION and STAGING in its environment are the two directories.
-    void RunShell(const std::string& command) const;
 
     /// Waits until the bundle has been started so many times in all.
     testing::AssertionResult IsStarted(const std::string& bundle, int times = 1);

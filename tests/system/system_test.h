@@ -4,6 +4,9 @@
 #include "support/collection_builder.h"
 #include "support/daemon_runner.h"
 #include "support/eventually.h"
+#include "support/files.h"
+#include "support/packets.h"
+#include "support/shell.h"
 #include "support/temporary_directory.h"
 #include "support/unix_client.h"
 
@@ -16,21 +19,21 @@
 constexpr const char SERVICE_SOCKET[] = "/mnt/bolt/bundlesvr.paas.kov";
 constexpr const char EVENT_FIFO[] = "/mnt/bolt/event.paas.kov";
 
-/// A collection and a daemon on it, which is not yet started. Each test program has a /mnt of its own.
+/// A collection and a daemon on it that is not started yet. Each test program has a private /mnt.
 ///
-/// Items of a bundle: a copy of TEST_SLEEPER runs until it is killed, a copy of TEST_LIBRARY has the entry functions of
-/// items/library.cpp, Shell(...) makes a script.
+/// Items of a bundle: a copy of TEST_SLEEPER runs until it is killed; a copy of TEST_LIBRARY has the entry functions of
+/// items/library.cpp; Shell(...) makes a script.
 class SystemTest : public ::testing::Test {
 public:
     void TearDown() override; // shows the log of a failed test
 
-    /// Has something happen to the daemon that happens too seldom by itself: see items/interposer.cpp.
+    /// Makes something happen to the daemon that rarely happens by itself: see items/interposer.cpp.
     void Interpose(const std::string& what, const std::string& value);
 
-    /// Moves a bundle's directory from beside the collection into it.
+    /// Moves a bundle's directory from the staging directory into the collection.
     void MoveIn(const std::string& name) const;
 
-    /// A path for what items and scripts leave behind: not in their bundle, where it would count as a change.
+    /// A path for the notes of items and scripts: outside their bundle, where a file would count as a change.
     std::string Note(const std::string& name) const { return notes / name; }
 
     TemporaryDirectory notes;
@@ -39,22 +42,10 @@ public:
     DaemonRunner daemon{collection.Path()};
 };
 
-/// The text of a shell script.
-std::string Shell(const std::string& commands);
-
-/// Commands that make a note of the first run and then ask to be run again, or what else the status means; the second
-/// run goes on until it is killed.
+/// A script whose first run makes a note and exits with the status. The second run goes on until it is killed.
 std::string ExitOnFirstRun(const std::string& note, int status);
 
-/// The content of a delete request: a name in a field of 128 bytes.
-std::string NameField(const std::string& name);
-
-/// Asks the daemon to delete a bundle. Returns the status of its reply, 0 when there is none.
+/// Asks the daemon to delete a bundle. Returns the status of the reply, 0 when no reply comes.
 std::uint16_t RequestDelete(const std::string& name);
-
-std::vector<std::string> Lines(const std::string& text);
-
-/// Whether the list has the messages in this order, others among them.
-::testing::AssertionResult InOrder(const std::vector<std::string>& messages, const std::vector<std::string>& expected);
 
 #endif

@@ -69,7 +69,7 @@ TEST_F(StartingABundle, MovesItToActive)
               (Messages{"bundle[a] state changing[Resolved] -> [Starting]", "start bundle[a] dependencies...",
                         "start bundle dependencies done.", "start bundle[a] activator...",
                         "start bundle[a] activator done.", "bundle[a] state changing[Starting] -> [Active]"}));
-    for (const CapturedRecord& record : log.Records()) {
+    for (const LogRecord& record : log.Records()) {
         EXPECT_EQ(record.level, "INFO");
     }
 }

@@ -125,7 +125,7 @@ TEST_F(ReadingAManifest, LogsASummaryInTheOrderOfTheFile)
                      "==================", "bundle item info : ", "bundle item name ------> [libcodec.so]",
                      "bundle item[dyn lib] entry func ------> [codec_main]",
                      "==================", "=================================================="}));
-    for (const CapturedRecord& record : log.Records()) {
+    for (const LogRecord& record : log.Records()) {
         EXPECT_EQ(record.level, "INFO") << record.message;
         EXPECT_EQ(record.module, 4) << record.message;
         EXPECT_EQ(record.flag, 0) << record.message;

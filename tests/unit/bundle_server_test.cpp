@@ -215,7 +215,7 @@ TEST_F(StartingTheServer, GoesStepByStep)
     EXPECT_TRUE(log.InOrder(steps));
     EXPECT_EQ(log.Messages().front(), steps.front());
     EXPECT_EQ(log.Messages().back(), steps.back());
-    for (const CapturedRecord& record : log.Records()) {
+    for (const LogRecord& record : log.Records()) {
         EXPECT_EQ(record.level, "INFO") << record.message;
     }
     EXPECT_NO_THROW(server->RethrowStartupFailure());
@@ -805,7 +805,7 @@ TEST_F(AnAddedItem, IsLoadedResolvedAndStarted)
          "bundle[media] state changing[Starting] -> [Active]", "start bundle done."}));
     EXPECT_EQ(log.Messages().front(), "dir item add event happen.");
     EXPECT_EQ(log.Messages().back(), "start bundle done.");
-    for (const CapturedRecord& record : log.Records()) {
+    for (const LogRecord& record : log.Records()) {
         EXPECT_EQ(record.level, "INFO") << record.message;
     }
 }
@@ -856,7 +856,7 @@ TEST_F(AnAddedItem, IsUnloadedAgainWhenItCannotBeResolved)
     EXPECT_TRUE(log.InOrder({"resolve bundle[media]...", "resolve bundle[media] dependencies...",
                              "run script[" + ScriptPath("media", "uninstall.sh") + "]..."}));
     EXPECT_FALSE(log.Has("resolve bundle done."));
-    for (const CapturedRecord& record : log.Records()) {
+    for (const LogRecord& record : log.Records()) {
         EXPECT_EQ(record.level, "INFO") << "a record of its own: " << record.message;
     }
     EXPECT_EQ(Notes(), "uninstall\n");

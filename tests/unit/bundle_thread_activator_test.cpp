@@ -140,9 +140,9 @@ TEST_F(AThreadActivator, CallsTheEntryFunctionOnAThreadOfItsOwn)
     EXPECT_EQ(library.Entered(), 1);
     EXPECT_EQ(log.Messages(), (std::vector<std::string>{"bundle[tuner] dyn lib[tunerd.so] activate start...",
                                                         "bundle[tuner] dyn lib[tunerd.so] activate done."}));
-    for (const CapturedRecord& record : log.Records()) {
+    for (const LogRecord& record : log.Records()) {
         EXPECT_EQ(record.level, "INFO");
-        EXPECT_NE(record.tid, record.pid) << "logged on the thread of the caller";
+        EXPECT_NE(record.thread, record.pid) << "logged on the thread of the caller";
     }
 }
 

@@ -176,7 +176,7 @@ TEST_F(StartingItems, TellsEachStepInItsOrder)
     EXPECT_TRUE(log.InOrder(
         {"wait for parent process ready...", released, "execute binary[" + path + "].excute command:{mediad}"}));
     EXPECT_TRUE(log.InOrder({releasing, released})) << "executed before it was recorded";
-    for (const CapturedRecord& record : log.Records()) {
+    for (const LogRecord& record : log.Records()) {
         if (record.message == released || record.message == "wait for parent process ready...") {
             EXPECT_EQ(std::to_string(record.pid), pid);
         }
@@ -379,7 +379,7 @@ TEST_F(StartingItems, EndsAChildWhoseServerIsGone)
     pid_t orphan = 0;
     const bool hasEnded = Eventually(PATIENCE, [&] { return (orphan = ::waitpid(-1, &status, WNOHANG)) != 0; });
     if (!hasEnded) {
-        for (const CapturedRecord& record : log.Records()) {
+        for (const LogRecord& record : log.Records()) {
             if (record.message == "wait for parent process ready...") {
                 ::kill(record.pid, SIGKILL);
                 ::waitpid(record.pid, nullptr, 0);

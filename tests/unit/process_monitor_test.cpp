@@ -203,7 +203,7 @@ TEST_F(TheMonitor, TellsADeathByASignalInTheLanguageLogToo)
     ProcessTable::Add(1'000'000'000, {"media", "media.mediad", "/nowhere", "mediad", ""});
     const Fault fault(Call::FORK, EAGAIN);
     EXPECT_THROW(ProcessTable::JudgeEnd(1'000'000'000, SIGTERM), Poco::InvalidArgumentException);
-    const std::vector<CapturedRecord> records = log.Records();
+    const std::vector<LogRecord> records = log.Records();
     ASSERT_EQ(records.size(), 3U);
     EXPECT_EQ(records[0].level, "INFO");
     EXPECT_EQ(records[0].module, 4);

@@ -54,7 +54,7 @@ public:
     /// The texts of the log, all of them errors of the shared header.
     std::vector<std::string> Errors() const
     {
-        for (const CapturedRecord& record : log.Records()) {
+        for (const LogRecord& record : log.Records()) {
             EXPECT_EQ(record.level, "ERROR") << record.message;
             EXPECT_EQ(record.module, 4) << record.message;
             EXPECT_EQ(record.flag, 1) << record.message;

@@ -167,11 +167,6 @@ Events WatchingACollection::EventsBetweenTwoScans(const std::string& command)
     return EventsBetweenTwoScans([&command] { RunShell(command); });
 }
 
-void RunShell(const std::string& command)
-{
-    EXPECT_EQ(std::system(command.c_str()), 0) << command;
-}
-
 void WriteText(const std::string& path, const std::string& text)
 {
     std::ofstream file(path, std::ios::binary | std::ios::trunc);

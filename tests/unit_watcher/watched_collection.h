@@ -3,6 +3,7 @@
 
 #include "support/eventually.h"
 #include "support/log_capture.h"
+#include "support/shell.h"
 #include "support/slowness.h"
 #include "support/temporary_directory.h"
 
@@ -98,9 +99,6 @@ public:
     /// The first to go: its handler uses the rest. A test whose handler uses the test's own variables takes it away.
     std::unique_ptr<SystemServer::BundleDirWatcher> watcher;
 };
-
-/// Runs a shell command, which must succeed. COLLECTION and ASIDE in its environment are the two directories.
-void RunShell(const std::string& command);
 
 void WriteText(const std::string& path, const std::string& text);
 void Append(const std::string& path, const std::string& text);

@@ -1,5 +1,5 @@
-// Loaded before all other libraries of a daemon, it makes a sleep of a second or more fifty times as short.
-#include "items/preloaded.h"
+// Loaded before all other libraries of a daemon: a sleep of a second or more becomes fifty times as short.
+#include "preloaded.h"
 
 #include <dlfcn.h>
 

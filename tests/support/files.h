@@ -1,0 +1,21 @@
+#ifndef TESTS_SUPPORT_FILES_H
+#define TESTS_SUPPORT_FILES_H
+
+#include <map>
+#include <string>
+#include <vector>
+
+void WriteFile(const std::string& path, const std::string& content);
+/// Writes a file that may be executed, in one step: readers find the old file or the whole new one.
+void WriteProgram(const std::string& path, const std::string& content);
+/// The file's content; empty when it does not exist.
+std::string ReadFile(const std::string& path);
+/// Whether an entry of any kind has this path, a dangling link included.
+bool Exists(const std::string& path);
+std::vector<std::string> Lines(const std::string& text);
+
+/// Every entry below a directory: its relative path, and its type, its mode and its content in one text.
+using Tree = std::map<std::string, std::string>;
+Tree TreeOf(const std::string& path);
+
+#endif
