@@ -1,20 +1,12 @@
-#include "bundle.h"
-
-#include "child_process.h"
-#include "support/collection_builder.h"
-#include "support/eventually.h"
-#include "support/fault.h"
-#include "support/log_capture.h"
+#include "unit/model/bundle_on_disk.h"
 
 #include <Poco/Exception.h>
-
-#include <gtest/gtest.h>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
+#include <istream>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -26,28 +18,13 @@
 using SystemServer::Bundle;
 using SystemServer::BundleManifest;
 using SystemServer::BundleStorage;
-using SystemServer::BundleStorageDir;
 
 namespace {
 
 constexpr const char* GLOBAL = "[global]\nbundle_load_mode = 0\nbundle_name = ";
 
-std::shared_ptr<Bundle> BundleAt(const std::string& path)
-{
-    return std::make_shared<Bundle>(std::make_shared<BundleStorageDir>(path));
-}
-
-class ABundle : public ::testing::Test {
-public:
-    std::string ScriptPath(const std::string& script) const { return path + "/./script/" + script; }
-
-    CollectionBuilder collection;
-    const std::string path = collection.Bundle("media").Write();
-    LogCapture log;
-};
-
-class RunningAScript : public ABundle {};
-class UpdatingABundle : public ABundle {};
+class ABundle : public BundleOnDisk {};
+class UpdatingABundle : public BundleOnDisk {};
 
 /// A storage whose file cannot be opened.
 class BrokenStorage : public BundleStorage {
@@ -223,168 +200,6 @@ TEST_F(ABundle, EndsWithoutAWord)
     EXPECT_TRUE(manifest.expired());
     EXPECT_TRUE(watched.expired());
     EXPECT_TRUE(log.Messages().empty());
-}
-
-TEST_F(RunningAScript, SaysNothingWhereThereIsNone)
-{
-    const auto bundle = BundleAt(path);
-    log.Restart();
-    bundle->RunScript("update.sh");
-    EXPECT_TRUE(log.Messages().empty());
-    EXPECT_FALSE(Exists(path + "/script"));
-}
-
-TEST_F(RunningAScript, TellsTheObserverWhenItHasEndedAndNotWhereThereIsNone)
-{
-    const std::string mark = collection / "mark";
-    collection.Bundle("media")
-        .Install("#!/bin/sh\nsleep 0.1\ntouch " + mark + "\n")
-        .Update("#!/bin/sh\nexit 1\n")
-        .Write();
-    std::vector<std::string> told;
-    Bundle bundle(std::make_shared<BundleStorageDir>(path),
-                  [&](const std::string& root) { told.push_back(root + (Exists(mark) ? " with its mark" : "")); });
-    bundle.RunScript("uninstall.sh");
-    EXPECT_TRUE(told.empty());
-    bundle.RunScript("install.sh");
-    EXPECT_EQ(told, std::vector<std::string>{path + " with its mark"});
-    bundle.Update();
-    EXPECT_EQ(told.size(), 2U);
-}
-
-TEST_F(RunningAScript, WaitsForItsEnd)
-{
-    const std::string mark = collection / "mark";
-    const auto bundle =
-        BundleAt(collection.Bundle("media").Install("#!/bin/sh\nsleep 0.3\necho \"$0 $#\" > " + mark + "\n").Write());
-    log.Restart();
-    bundle->RunScript("install.sh");
-    EXPECT_EQ(ReadFile(mark), ScriptPath("install.sh") + " 0\n");
-    EXPECT_EQ(log.Messages(), (std::vector<std::string>{"run script[" + ScriptPath("install.sh") + "]...",
-                                                        "run script[" + ScriptPath("install.sh") + "] done."}));
-    EXPECT_EQ(log.Records().at(0).level, "INFO");
-    EXPECT_EQ(log.Records().at(1).level, "INFO");
-}
-
-TEST_F(RunningAScript, TakesTheStoragesRootAsItIs)
-{
-    collection.Bundle("media").Install("#!/bin/sh\n").Write();
-    const auto bundle = BundleAt(path + "/");
-    bundle->RunScript("install.sh");
-    EXPECT_TRUE(log.Has("run script[" + path + "//./script/install.sh] done."));
-}
-
-TEST_F(RunningAScript, MakesNoDifferenceBetweenSuccessAndFailure)
-{
-    const auto bundle = BundleAt(collection.Bundle("media")
-                                     .Install("#!/bin/sh\nexit 1\n")
-                                     .Update("#!/bin/sh\nexit 0\n")
-                                     .Uninstall("#!/bin/sh\nkill -9 $$\n")
-                                     .Write());
-    for (const char* const script : {"install.sh", "update.sh", "uninstall.sh"}) {
-        log.Restart();
-        bundle->RunScript(script);
-        EXPECT_TRUE(log.HasInfo("run script[" + ScriptPath(script) + "] done."));
-        EXPECT_EQ(log.Messages().size(), 2U);
-    }
-}
-
-TEST_F(RunningAScript, RunsNothingThatMayNotBeExecuted)
-{
-    const std::string mark = collection / "mark";
-    const auto bundle = BundleAt(collection.Bundle("media").Install("#!/bin/sh\ntouch " + mark + "\n").Write());
-    ASSERT_EQ(::chmod((path + "/script/install.sh").c_str(), 0600), 0);
-    log.Restart();
-    bundle->RunScript("install.sh");
-    EXPECT_FALSE(Exists(mark));
-    EXPECT_EQ(log.Messages(), (std::vector<std::string>{"run script[" + ScriptPath("install.sh") + "]...",
-                                                        "run script[" + ScriptPath("install.sh") + "] done."}));
-}
-
-TEST_F(RunningAScript, LeavesTheChoiceOfTheInterpreterToItsFirstLine)
-{
-    const std::string mark = collection / "mark";
-    const std::string interpreter = collection / "interpreter";
-    WriteProgram(interpreter, "#!/bin/sh\necho \"read $1\" > " + mark + "\n");
-    const auto bundle = BundleAt(collection.Bundle("media").Install("#!" + interpreter + "\n").Write());
-    bundle->RunScript("install.sh");
-    EXPECT_EQ(ReadFile(mark), "read " + ScriptPath("install.sh") + "\n");
-}
-
-TEST_F(RunningAScript, GivesItTheServersDirectoryAndEnvironment)
-{
-    const std::string mark = collection / "mark";
-    ASSERT_EQ(::setenv("TEST_WORD", "inherited", 1), 0);
-    const auto bundle =
-        BundleAt(collection.Bundle("media").Install("#!/bin/sh\necho $TEST_WORD $(pwd -P) > " + mark + "\n").Write());
-    bundle->RunScript("install.sh");
-    EXPECT_EQ(ReadFile(mark), "inherited " + std::filesystem::current_path().string() + "\n");
-}
-
-TEST_F(RunningAScript, PutsItIntoAProcessGroupOfItsOwn)
-{
-    const std::string mark = collection / "mark";
-    const std::string script = "#!/bin/sh\necho $$ $(cut -d' ' -f5 /proc/$$/stat) > " + mark + "\n";
-    BundleAt(collection.Bundle("media").Install(script).Write())->RunScript("install.sh");
-    std::istringstream report(ReadFile(mark));
-    int pid = 0;
-    int group = 0;
-    report >> pid >> group;
-    EXPECT_GT(pid, 0);
-    EXPECT_EQ(group, pid);
-    EXPECT_FALSE(log.HasPart("setpgid"));
-}
-
-TEST_F(RunningAScript, GoesOnInTheServersGroupWhenItCannotHaveItsOwn)
-{
-    const std::string mark = collection / "mark";
-    const std::string script = "#!/bin/sh\necho $$ $(cut -d' ' -f5 /proc/$$/stat) > " + mark + "\n";
-    const auto bundle = BundleAt(collection.Bundle("media").Install(script).Write());
-    log.Restart();
-    {
-        const Fault fault(Call::SETPGID, EPERM);
-        bundle->RunScript("install.sh");
-    }
-    std::istringstream report(ReadFile(mark));
-    int pid = 0;
-    int group = 0;
-    report >> pid >> group;
-    EXPECT_EQ(group, ::getpgrp());
-    EXPECT_TRUE(log.HasError("setpgid " + std::to_string(pid) + " to pgid 0 failed errno 1 "));
-    EXPECT_EQ(log.Messages().size(), 3U);
-    EXPECT_EQ(log.Messages().back(), "run script[" + ScriptPath("install.sh") + "] done.");
-}
-
-TEST_F(RunningAScript, LogsThatItCannotBeLaunched)
-{
-    const auto bundle = BundleAt(collection.Bundle("media").Install("#!/bin/sh\n").Write());
-    log.Restart();
-    {
-        const Fault fault(Call::LAUNCH, EAGAIN);
-        bundle->RunScript("install.sh");
-    }
-    EXPECT_EQ(log.Messages(), (std::vector<std::string>{"run script[" + ScriptPath("install.sh") + "]...",
-                                                        "exception info: [System exception: no launch]."}));
-    EXPECT_EQ(log.Records().at(1).level, "ERROR");
-}
-
-TEST_F(RunningAScript, LogsThatItCannotBeWaitedFor)
-{
-    const auto bundle = BundleAt(collection.Bundle("media").Install("#!/bin/sh\n").Write());
-    log.Restart();
-    {
-        const Fault fault(Call::WAIT_FOR_PROCESS, ECHILD);
-        bundle->RunScript("install.sh");
-    }
-    EXPECT_EQ(log.Messages(), (std::vector<std::string>{"run script[" + ScriptPath("install.sh") + "]...",
-                                                        "exception info: [System exception: no wait]."}));
-}
-
-TEST_F(RunningAScript, LetsWhatIsNoExceptionOfTheFrameworkPass)
-{
-    const auto bundle = BundleAt(collection.Bundle("media").Install("#!/bin/sh\n").Write());
-    const BeforeEach launch(Call::LAUNCH, [](int) { throw std::runtime_error("unheard of"); });
-    EXPECT_THROW(bundle->RunScript("install.sh"), std::runtime_error);
 }
 
 TEST_F(UpdatingABundle, TakesTheNewManifest)

@@ -1,5 +1,5 @@
-#ifndef TESTS_UNIT_IN_MEMORY_FACTORY_H
-#define TESTS_UNIT_IN_MEMORY_FACTORY_H
+#ifndef TESTS_SUPPORT_IN_MEMORY_FACTORY_H
+#define TESTS_SUPPORT_IN_MEMORY_FACTORY_H
 
 #include "bundle_factory.h"
 
@@ -12,8 +12,8 @@
 #include <string>
 #include <utility>
 
-/// Makes bundles whose manifest is a text in memory: for tests of thousands, and of what no directory does. A path that
-/// nothing was put under gives no bundle.
+/// Makes bundles whose manifest is a text in memory, for tests of thousands of bundles and of faults that no directory
+/// has. A path without a text gives no bundle.
 class InMemoryFactory : public SystemServer::BundleFactory {
 public:
     void Put(const std::string& path, const std::string& manifest)
@@ -29,7 +29,7 @@ public:
                       "\n" + more);
     }
 
-    /// Done in place of making the bundle at that path, or before.
+    /// Sets an action that runs before the bundle at that path is made.
     void Before(const std::string& path, std::function<void()> action) { m_actions[path] = std::move(action); }
 
     std::shared_ptr<SystemServer::Bundle> CreateBundle(const std::string& path) override

@@ -1,4 +1,4 @@
-#include "managed_bundles.h"
+#include "unit/manager/managed_bundles.h"
 
 #include "bundle_process_activator.h"
 #include "support/eventually.h"

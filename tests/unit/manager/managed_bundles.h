@@ -1,9 +1,9 @@
-#ifndef TESTS_UNIT_MANAGED_BUNDLES_H
-#define TESTS_UNIT_MANAGED_BUNDLES_H
+#ifndef TESTS_UNIT_MANAGER_MANAGED_BUNDLES_H
+#define TESTS_UNIT_MANAGER_MANAGED_BUNDLES_H
 
 #include "bundle_manager.h"
-#include "in_memory_factory.h"
 #include "support/collection_builder.h"
+#include "support/in_memory_factory.h"
 #include "support/log_capture.h"
 
 #include <Poco/Exception.h>
