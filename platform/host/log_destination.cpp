@@ -10,8 +10,10 @@
 
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <new>
 
@@ -94,6 +96,23 @@ bool WriteAfterOpenLine(int fd, LogTrouble& trouble, const char* record, std::si
     return written == static_cast<ssize_t>(length) + 1;
 }
 
+/// Whether a link at that path can only have been put there by root or by this process's user, as /dev/stderr and links
+/// in /var/log. Elsewhere it may be anybody's and lead to any file that the server may write to.
+bool MayFollowLink(const char* path)
+{
+    std::array<char, PATH_MAX> directory{'.'};
+    if (const char* const slash = std::strrchr(path, '/')) {
+        const auto length = static_cast<std::size_t>(slash - path) + 1;
+        if (length >= directory.size()) {
+            return false;
+        }
+        std::memcpy(directory.data(), path, length);
+    }
+    struct stat status {};
+    return ::stat(directory.data(), &status) == 0 && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 &&
+           (status.st_uid == 0 || status.st_uid == ::geteuid());
+}
+
 /// Whether it is what JOURNAL_STREAM names, by device and inode: the stream that the system's service manager has given
 /// to the process. It may have been inherited, and standard error be another one.
 bool IsJournal(const struct stat& status)
@@ -116,11 +135,16 @@ bool IsJournal(const struct stat& status)
 
 LogDestination LogDestination::Open(const char* path)
 {
+    // Non-blocking: neither a FIFO without a reader nor a terminal that is held is waited for.
+    const int flags = O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | (MayFollowLink(path) ? 0 : O_NOFOLLOW);
     struct stat status {};
     const bool isFifo = ::stat(path, &status) == 0 && S_ISFIFO(status.st_mode);
-    const int fd = isFifo ? ::open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC)
-                          : ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, FILE_MODE);
-    return fd < 0 ? LogDestination() : LogDestination(fd, isFifo ? PIPE : PLAIN);
+    const int fd = isFifo ? ::open(path, flags | O_RDWR) : ::open(path, flags | O_WRONLY | O_CREAT, FILE_MODE);
+    if (fd < 0) {
+        return {};
+    }
+    // Asked again: somebody may have put another file there meanwhile.
+    return {fd, ::fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode) ? PIPE : PLAIN};
 }
 
 LogDestination LogDestination::StandardError()

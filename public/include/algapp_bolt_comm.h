@@ -6,6 +6,7 @@
 #include <zq_log.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -68,6 +69,23 @@ inline bool Send(const EventRecord& record, int fd)
     return true;
 }
 
+/// Opens the event service; -1 when it is missing or is no FIFO. A link in its place is not followed, and nothing but a
+/// FIFO is written to: who may write to the directory must not choose what a publisher writes to.
+inline int OpenService()
+{
+    // Opened for reading too: a FIFO that nobody reads would refuse a writer alone. Non-blocking: a listener that has
+    // stopped reading costs itself events, never the publisher time.
+    const int fd = ::open(EVENT_SERVICE_PATH, O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
+    struct stat status {};
+    if (fd >= 0 && ::fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode)) {
+        return fd;
+    }
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    return -1;
+}
+
 } // namespace EventDetail
 
 /// Publishes one event. It is dropped when nobody listens or the listener has fallen behind: publishing never waits.
@@ -89,9 +107,7 @@ inline void PublishEvent(const char* publisher, const char* event)
                     "Failed to sprint publisher %s", publisher);
         return;
     }
-    // Opened for reading too: a FIFO that nobody reads would refuse a writer alone. Non-blocking: a listener that has
-    // stopped reading costs itself events, never the publisher time.
-    const int fd = ::open(EVENT_SERVICE_PATH, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    const int fd = OpenService();
     if (fd < 0) {
         ZQ_WriteLog(EVENT_LOG_MODULE, EVENT_LOG_ERROR, EVENT_LOG_FLAG, 0, __FILE__, __LINE__, "open event srv fail");
         return;

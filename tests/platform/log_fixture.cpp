@@ -56,3 +56,11 @@ int TheLog::InChildWithFile(const std::function<void()>& steps)
         steps();
     });
 }
+
+void TheLog::ExpectComplaintOf(int error) const
+{
+    const auto lines = LinesOf(ContentOf(m_standardError));
+    ASSERT_EQ(lines.size(), 2U) << ContentOf(m_standardError);
+    EXPECT_EQ(MessageOf(lines[0]), "ZQ_LOG_FILE[" + m_file + "] cannot be opened for writing, errno " +
+                                       std::to_string(error) + ": the log goes to standard error.");
+}

@@ -33,6 +33,9 @@ protected:
     /// The same, with the log in a file.
     int InChildWithFile(const std::function<void()>& steps);
 
+    /// Standard error has one record and, before it, that the named file cannot be opened.
+    void ExpectComplaintOf(int error) const;
+
     TemporaryDirectory m_directory;
     const std::string m_file = m_directory / "log";
     const std::string m_standardError = m_directory / "stderr";

@@ -114,11 +114,32 @@ TEST_F(AnEventService, WhoseListenerComesAndGoesIsServedWhileItIsThere)
     ExpectHarmless();
 }
 
-TEST_F(AnEventService, ThatIsAnOrdinaryFileDoesNotMakeItGrow)
+TEST_F(AnEventService, ThatIsAnOrdinaryFileIsLeftAsItIs)
 {
-    WriteFile(EVENT_FIFO, "");
+    WriteFile(EVENT_FIFO, "mine");
     ExpectHarmless();
-    EXPECT_LE(ReadFile(EVENT_FIFO).size(), EVENT_SIZE);
+    EXPECT_TRUE(daemon.WaitForLog("open event srv fail", 16));
+    EXPECT_EQ(ReadFile(EVENT_FIFO), "mine");
+}
+
+TEST_F(AnEventService, ThatIsALinkToAFileDoesNotChangeTheFile)
+{
+    WriteFile(Note("target"), "mine");
+    ASSERT_EQ(::symlink(Note("target").c_str(), EVENT_FIFO), 0);
+    ExpectHarmless();
+    EXPECT_TRUE(daemon.WaitForLog("open event srv fail", 16));
+    EXPECT_EQ(ReadFile(Note("target")), "mine");
+}
+
+TEST_F(AnEventService, ThatIsALinkToAnotherFifoIsNotWrittenTo)
+{
+    ASSERT_EQ(::mkfifo(Note("target").c_str(), 0660), 0);
+    ASSERT_EQ(::symlink(Note("target").c_str(), EVENT_FIFO), 0);
+    const int fifo = ::open(Note("target").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ExpectHarmless();
+    EXPECT_TRUE(daemon.WaitForLog("open event srv fail", 16));
+    EXPECT_EQ(ReadEvents(fifo), 0U);
+    ::close(fifo);
 }
 
 TEST_F(AnEventService, ThatIsADirectoryIsMissedByNobody)
