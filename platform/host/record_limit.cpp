@@ -6,14 +6,12 @@ namespace HostPlatform {
 
 bool RecordLimit::Passes()
 {
-    timespec now{};
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
-    if (m_any && now.tv_sec == m_lastSecond) {
+    const auto now = std::chrono::steady_clock::now();
+    if (now < m_next) {
         ++m_leftOutSince;
         return false;
     }
-    m_any = true;
-    m_lastSecond = now.tv_sec;
+    m_next = now + m_interval;
     m_leftOut = std::exchange(m_leftOutSince, 0U);
     return true;
 }

@@ -1,21 +1,23 @@
 #ifndef PLATFORM_HOST_RECORD_LIMIT_H
 #define PLATFORM_HOST_RECORD_LIMIT_H
 
-#include <ctime>
+#include <chrono>
 
 namespace HostPlatform {
 
-/// Keeps what a peer can cause at will from filling the disk with log: one record a second of each kind, with the
+/// Keeps what others can cause at will from filling the disk with log: of each kind one record in an interval, with the
 /// number of those left out since the one before.
 class RecordLimit {
 public:
+    explicit RecordLimit(std::chrono::seconds interval = std::chrono::seconds(1)) : m_interval(interval) {}
+
     /// True when a record may be written now; LeftOut then holds until the next call.
     bool Passes();
     unsigned LeftOut() const { return m_leftOut; }
 
 private:
-    bool m_any = false;
-    std::time_t m_lastSecond = 0;
+    const std::chrono::seconds m_interval;
+    std::chrono::steady_clock::time_point m_next;
     unsigned m_leftOut = 0;
     unsigned m_leftOutSince = 0;
 };

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -316,4 +317,40 @@ TEST_F(TheLoop, LeavesHalfOfTheDescriptorsToTheProgram)
     EXPECT_FALSE(late.Receive(100ms));
     clients.pop_back();
     EXPECT_EQ(late.Receive(10s).value_or("        none").substr(8), "late");
+}
+
+TEST_F(TheLoop, AdmitsNoMoreThanHalfOfTheDescriptorsWhenAllComeAtOnce)
+{
+    std::thread([this] {
+        rlimit before{};
+        ::getrlimit(RLIMIT_NOFILE, &before);
+        const rlimit few{40, before.rlim_max};
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+        bolt_event_mgr* mgr = bolt_event_mgr_new(0);
+        ASSERT_EQ(RegisterService(SERVICE, mgr, g_testProtocol), 0);
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+        std::list<UnixClient> clients;
+        int served = 0;
+        const auto serve = [&] {
+            bolt_event_mgr_run(mgr, 10);
+            served += static_cast<int>(std::count_if(clients.begin(), clients.end(), [](const UnixClient& client) {
+                return client.Receive(0ms).has_value();
+            }));
+            return served;
+        };
+        // Some that are served, and then more than there is room for, which the loop finds waiting all at once.
+        for (const int count : {10, 20}) {
+            for (int i = 0; i < count; ++i) {
+                clients.emplace_back(m_path);
+                ASSERT_TRUE(clients.back().Send(PacketOf(ECHO, 0, "hello")));
+            }
+            EXPECT_TRUE(Eventually(10s, [&] { return serve() >= std::min(20, static_cast<int>(clients.size())); }));
+        }
+        for (int i = 0; i < 20; ++i) {
+            serve();
+        }
+        EXPECT_EQ(served, 20);
+        EndLoopOfThisThread();
+        bolt_event_mgr_run(mgr, -1);
+    }).join();
 }

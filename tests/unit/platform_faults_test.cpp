@@ -254,8 +254,11 @@ TEST_F(AFailingCallOfAConnection, IsTriedAgainWhereThatIsEnough)
 
 TEST_F(AFailingCallOfAConnection, LetsItWaitUntilThereAreDescriptors)
 {
+    const auto begin = std::chrono::steady_clock::now();
     const Fault fault(Call::ACCEPT, EMFILE, 3);
     EXPECT_TRUE(IsServed());
+    // A pause of 100 ms follows each failure; the loop's clock is a coarse one.
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 250ms);
     EXPECT_TRUE(log.HasPart("a connection cannot be accepted: Too many open files."));
     EXPECT_LT(log.CountPart("a connection cannot be accepted"), 3) << "no more than one a second";
 }

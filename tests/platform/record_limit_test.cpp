@@ -1,0 +1,36 @@
+#include "platform/host/record_limit.h"
+
+#include "support/eventually.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+using namespace std::chrono_literals;
+using HostPlatform::RecordLimit;
+
+TEST(ALimitOfRecords, LetsOneThroughInEachIntervalAndTellsHowManyItHasLeftOutBetween)
+{
+    RecordLimit limit(1s);
+    ASSERT_TRUE(limit.Passes());
+    EXPECT_EQ(limit.LeftOut(), 0U);
+    for (int round = 0; round < 2; ++round) {
+        const auto begin = std::chrono::steady_clock::now();
+        unsigned leftOut = 0;
+        ASSERT_TRUE(Eventually(20s, [&] {
+            leftOut += 1;
+            return limit.Passes();
+        }));
+        leftOut -= 1; // the last one has passed
+        EXPECT_GT(leftOut, 0U);
+        EXPECT_EQ(limit.LeftOut(), leftOut);
+        EXPECT_GE(std::chrono::steady_clock::now() - begin, 900ms) << "begin is a little after the record before";
+    }
+}
+
+TEST(ALimitOfRecords, LetsTheFirstOneThroughHoweverLongItsInterval)
+{
+    RecordLimit limit(24h);
+    EXPECT_TRUE(limit.Passes());
+    EXPECT_FALSE(limit.Passes());
+}
