@@ -6,9 +6,11 @@
 #include <Poco/Process.h>
 
 #include <dirent.h>
+#include <linux/magic.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/vfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -39,6 +41,7 @@ struct Plan {
 std::array<Plan, static_cast<std::size_t>(Call::NUMBER_OF_CALLS)> g_plans;
 std::atomic<pthread_t> g_lockingThread;
 std::atomic<bool> g_pauses{true};
+std::atomic<bool> g_isOverlay{false};
 std::atomic<bool> g_sends{false};
 
 std::vector<SentMessage> g_sentMessages;
@@ -121,6 +124,16 @@ NoPauses::NoPauses()
 NoPauses::~NoPauses()
 {
     g_pauses = true;
+}
+
+OverlayEverywhere::OverlayEverywhere()
+{
+    g_isOverlay = true;
+}
+
+OverlayEverywhere::~OverlayEverywhere()
+{
+    g_isOverlay = false;
 }
 
 RealSending::RealSending()
@@ -253,6 +266,9 @@ int RealClose(int fd) REAL("close");
 int WrappedClose(int fd) WRAPPED("close");
 int RealNanosleep(const timespec* time, timespec* left) REAL("nanosleep");
 int WrappedNanosleep(const timespec* time, timespec* left) WRAPPED("nanosleep");
+// As a file with sizes of 64 bits calls it, which this one is.
+int RealStatfs(const char* path, struct statfs* status) REAL("statfs64");
+int WrappedStatfs(const char* path, struct statfs* status) WRAPPED("statfs64");
 int RealSignalMask(int how, const sigset_t* mask, sigset_t* before) REAL("pthread_sigmask");
 int WrappedSignalMask(int how, const sigset_t* mask, sigset_t* before) WRAPPED("pthread_sigmask");
 int RealCancel(pthread_t thread) REAL("pthread_cancel");
@@ -295,6 +311,15 @@ int WrappedRegister(const char* service, bolt_event_mgr* mgr, const bolt_server_
 int RealRun(bolt_event_mgr* mgr, int timeout) REAL("bolt_event_mgr_run");
 int WrappedRun(bolt_event_mgr* mgr, int timeout) WRAPPED("bolt_event_mgr_run");
 // NOLINTEND(readability-inconsistent-declaration-parameter-name)
+
+int WrappedStatfs(const char* path, struct statfs* status)
+{
+    const int result = FailsWithErrno(Call::STATFS, 0) ? -1 : RealStatfs(path, status);
+    if (result == 0 && g_isOverlay) {
+        status->f_type = OVERLAYFS_SUPER_MAGIC;
+    }
+    return result;
+}
 
 ssize_t WrappedRead(int fd, void* data, std::size_t size)
 {

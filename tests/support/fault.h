@@ -34,6 +34,7 @@ enum class Call {
     STAT,
     LSTAT,
     FSTATAT,
+    STATFS,
     READLINK,
     MKDIR,
     CHMOD,
@@ -125,6 +126,15 @@ public:
     ~NoPauses();
     NoPauses(const NoPauses&) = delete;
     NoPauses& operator=(const NoPauses&) = delete;
+};
+
+/// While it lives, each file seems to be on an overlay.
+class OverlayEverywhere {
+public:
+    OverlayEverywhere();
+    ~OverlayEverywhere();
+    OverlayEverywhere(const OverlayEverywhere&) = delete;
+    OverlayEverywhere& operator=(const OverlayEverywhere&) = delete;
 };
 
 /// Counts the calls since the object was made, failed ones too. Does not count LOCK_MUTEX.

@@ -1,28 +1,17 @@
 // Every way in which a bundle comes, changes and goes, and what is raised for it.
 
 #include "unit_watcher/watched_collection.h"
+#include "unit_watcher/ways.h"
 
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <ctime>
 #include <filesystem>
-#include <ostream>
 
 namespace {
 
 namespace fs = std::filesystem;
-
-struct Way {
-    const char* name;
-    const char* command;
-    const char* tool = "sh"; // what it needs
-};
-
-std::ostream& operator<<(std::ostream& stream, const Way& way)
-{
-    return stream << way.name;
-}
 
 std::string NameOf(const ::testing::TestParamInfo<Way>& info)
 {
@@ -33,7 +22,7 @@ class ByAWay : public WatchingACollection, public ::testing::WithParamInterface<
 protected:
     void SetUp() override
     {
-        if (std::system((std::string("command -v ") + GetParam().tool + " >/dev/null").c_str()) != 0) {
+        if (!HasTool(GetParam())) {
             GTEST_SKIP() << "there is no " << GetParam().tool << " here";
         }
     }
@@ -74,21 +63,7 @@ TEST_P(ADirectoryThatComes, IsAddedOnceEachTimeItComes)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    By, ADirectoryThatComes,
-    ::testing::Values(Way{"Copying", "cp -r \"$ASIDE\"/radio \"$COLLECTION\"/"},
-                      Way{"CopyingWithItsAttributes", "cp -a \"$ASIDE\"/radio \"$COLLECTION\"/"},
-                      Way{"Moving", "mv \"$ASIDE\"/radio \"$COLLECTION\"/radio"},
-                      Way{"MovingAFreshCopy", "cp -r \"$ASIDE\"/radio \"$ASIDE\"/new && mv \"$ASIDE\"/new "
-                                              "\"$COLLECTION\"/radio"},
-                      Way{"MakingAnEmptyDirectory", "mkdir \"$COLLECTION\"/radio"},
-                      Way{"Unpacking", "tar -xf \"$ASIDE\"/radio.tar -C \"$COLLECTION\""},
-                      Way{"LinkingToIt", "ln -s \"$ASIDE\"/radio \"$COLLECTION\"/radio"},
-                      Way{"Mirroring", "rsync -a \"$ASIDE\"/radio \"$COLLECTION\"/", "rsync"},
-                      Way{"MirroringWithoutItsAttributes", "rsync -r \"$ASIDE\"/radio \"$COLLECTION\"/", "rsync"},
-                      Way{"MirroringWithDelayedUpdates", "rsync -a --delay-updates \"$ASIDE\"/radio \"$COLLECTION\"/",
-                          "rsync"}),
-    NameOf);
+INSTANTIATE_TEST_SUITE_P(By, ADirectoryThatComes, ::testing::ValuesIn(WaysOfComing()), NameOf);
 
 TEST_P(ADirectoryThatGoes, IsRemovedOnce)
 {
@@ -102,11 +77,7 @@ TEST_P(ADirectoryThatGoes, IsRemovedOnce)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(By, ADirectoryThatGoes,
-                         ::testing::Values(Way{"Removing", "rm -rf \"$COLLECTION\"/radio"},
-                                           Way{"MovingItAway",
-                                               "rm -rf \"$ASIDE\"/gone; mv \"$COLLECTION\"/radio \"$ASIDE\"/gone"}),
-                         NameOf);
+INSTANTIATE_TEST_SUITE_P(By, ADirectoryThatGoes, ::testing::ValuesIn(WaysOfGoing()), NameOf);
 
 TEST_P(ABundleThatIsChanged, IsModifiedOnce)
 {
@@ -133,44 +104,7 @@ TEST_P(ABundleThatIsChanged, IsModifiedAtLeastOnceWheneverTheScansCome)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    By, ABundleThatIsChanged,
-    ::testing::Values(
-        Way{"EditingTheManifestInPlace", "echo '; new' >> \"$COLLECTION\"/radio/BundleManifest.ini"},
-        Way{"EditingTheManifestAsEditorsDo", "sed -i s/radio/opera/ \"$COLLECTION\"/radio/BundleManifest.ini"},
-        Way{"CopyingOverTheManifest", "cp \"$ASIDE\"/radio/BundleManifest.ini \"$COLLECTION\"/radio/"},
-        Way{"CopyingOverTheManifestWithItsTime", "cp -p \"$ASIDE\"/radio/BundleManifest.ini \"$COLLECTION\"/radio/"},
-        Way{"MovingOverTheManifest", "mv \"$ASIDE\"/radio/BundleManifest.ini \"$COLLECTION\"/radio/"},
-        Way{"WritingAsManyBytesAtTheSameTime",
-            "cd \"$COLLECTION\"/radio && touch -r BundleManifest.ini \"$ASIDE\"/time && "
-            "printf g | dd of=BundleManifest.ini bs=1 seek=1 conv=notrunc status=none && "
-            "touch -r \"$ASIDE\"/time BundleManifest.ini"},
-        Way{"TouchingTheManifest", "touch \"$COLLECTION\"/radio/BundleManifest.ini"},
-        Way{"RemovingTheManifest", "rm \"$COLLECTION\"/radio/BundleManifest.ini"},
-        Way{"TouchingTheDirectory", "touch \"$COLLECTION\"/radio"},
-        Way{"TouchingTheDirectoryIntoThePast", "touch -d 2001-01-01 \"$COLLECTION\"/radio"},
-        Way{"AddingAFile", "echo > \"$COLLECTION\"/radio/README"},
-        Way{"AddingAFolder", "mkdir \"$COLLECTION\"/radio/skins"},
-        Way{"AddingAFileInBin", "echo > \"$COLLECTION\"/radio/bin/scand"},
-        Way{"AddingAFileInScript", "echo > \"$COLLECTION\"/radio/script/update.sh"},
-        Way{"ReplacingAFileInBin", "echo > \"$ASIDE\"/x && mv \"$ASIDE\"/x \"$COLLECTION\"/radio/bin/tunerd"},
-        Way{"ReplacingAFileInScript", "echo > \"$ASIDE\"/x && mv \"$ASIDE\"/x \"$COLLECTION\"/radio/script/install.sh"},
-        Way{"EditingAScriptAsEditorsDo", "sed -i s/sh/ash/ \"$COLLECTION\"/radio/script/install.sh"},
-        Way{"RemovingAFileInBin", "rm \"$COLLECTION\"/radio/bin/tunerd"},
-        Way{"RemovingAFileInScript", "rm \"$COLLECTION\"/radio/script/install.sh"},
-        Way{"RemovingBin", "rm -r \"$COLLECTION\"/radio/bin"},
-        Way{"ChangingManyFiles", "cd \"$COLLECTION\"/radio && for i in 1 2 3 4 5 6 7 8 9; do echo > $i; echo > bin/$i; "
-                                 "echo > script/$i; echo >> BundleManifest.ini; done"},
-        Way{"ReplacingItByAnother",
-            "mv \"$COLLECTION\"/radio \"$ASIDE\"/old && mv \"$ASIDE\"/radio \"$COLLECTION\"/radio"},
-        Way{"ReplacingItByACopy", "rm -rf \"$COLLECTION\"/radio && cp -a \"$ASIDE\"/radio \"$COLLECTION\"/"},
-        Way{"MovingItAwayAndBack",
-            "mv \"$COLLECTION\"/radio \"$ASIDE\"/old && mv \"$ASIDE\"/old \"$COLLECTION\"/radio"},
-        Way{"CopyingOverIt", "cp -r \"$ASIDE\"/radio \"$COLLECTION\"/"},
-        Way{"Mirroring", "rsync -a \"$ASIDE\"/radio \"$COLLECTION\"/", "rsync"},
-        Way{"MirroringWithDelayedUpdates", "rsync -a --delay-updates \"$ASIDE\"/radio \"$COLLECTION\"/", "rsync"},
-        Way{"MirroringInPlace", "rsync -a --inplace \"$ASIDE\"/radio \"$COLLECTION\"/", "rsync"}),
-    NameOf);
+INSTANTIATE_TEST_SUITE_P(By, ABundleThatIsChanged, ::testing::ValuesIn(WaysOfChanging()), NameOf);
 
 TEST_P(ABundleThatIsWrittenTo, RaisesNothing)
 {
@@ -179,18 +113,7 @@ TEST_P(ABundleThatIsWrittenTo, RaisesNothing)
     EXPECT_EQ(EventsOf(GetParam().command), Events{});
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    By, ABundleThatIsWrittenTo,
-    ::testing::Values(Way{"AddingAFileInAFolderOfItsOwn", "echo > \"$COLLECTION\"/radio/log/today"},
-                      Way{"WritingToAFileInAFolderOfItsOwn", "echo 1 >> \"$COLLECTION\"/radio/data/stations"},
-                      Way{"RemovingAFileInAFolderOfItsOwn", "rm \"$COLLECTION\"/radio/data/stations"},
-                      Way{"AddingAFolderBelowAFolderOfItsOwn", "mkdir -p \"$COLLECTION\"/radio/data/a/b/c"},
-                      // A program that runs is not overwritten so, and what is half written would be started.
-                      Way{"OverwritingAProgramInPlace", "echo new > \"$COLLECTION\"/radio/bin/tunerd"},
-                      Way{"OverwritingAScriptInPlace", "echo new > \"$COLLECTION\"/radio/script/install.sh"},
-                      Way{"ReadingIt", "cat \"$COLLECTION\"/radio/BundleManifest.ini \"$COLLECTION\"/radio/bin/* "
-                                       ">/dev/null; ls -lR \"$COLLECTION\" > /dev/null"}),
-    NameOf);
+INSTANTIATE_TEST_SUITE_P(By, ABundleThatIsWrittenTo, ::testing::ValuesIn(WaysOfWriting()), NameOf);
 
 // An archive or a mirror puts back the time of a directory's last change. The inode's own time cannot be put back.
 TEST_F(AnEntry, IsModifiedByAMirrorThatPutsBackEveryTime)

@@ -206,7 +206,7 @@ void BundleDirWatcher::LookAt(int collection, const char* name, unsigned char ty
         if (m_scan == 1) { // there from the beginning
             item.isRaised = true;
             item.isArriving = false;
-            item.fingerprint = m_fingerprinter.OfItem(collection, position->first, item.fingerprint);
+            item.known.Learn(m_prefix + name, FingerprintOf(collection, position->first, item));
             item.lastScan = m_scan;
             return;
         }
@@ -218,12 +218,12 @@ void BundleDirWatcher::LookAt(int collection, const char* name, unsigned char ty
     item.lastScan = m_scan;
     if (item.isArriving) {
         if (HasArrived(collection, position->first, item)) {
-            const std::int64_t newest = std::max(item.tree.newestChange, item.fingerprint[ROOT].changed);
+            const std::int64_t newest = std::max(item.tree.newestChange, item.known.Fingerprint()[ROOT].changed);
             changes.push_back({DW_ITEM_ADDED, name, isDirectory, newest});
         }
     } else {
-        const ItemFingerprint fingerprint = m_fingerprinter.OfItem(collection, position->first, item.fingerprint);
-        if (fingerprint != item.fingerprint) {
+        const ItemFingerprint fingerprint = FingerprintOf(collection, position->first, item);
+        if (fingerprint != item.known.Fingerprint() && item.known.HasChanged(m_prefix + name, fingerprint)) {
             changes.push_back({DW_ITEM_MODIFIED, name, isDirectory, NewestChange(fingerprint)});
         }
     }
@@ -235,17 +235,17 @@ void BundleDirWatcher::LookAt(int collection, const char* name, unsigned char ty
 // moved in must have stood still for one scan.
 bool BundleDirWatcher::HasArrived(int collection, const std::string& name, Item& item)
 {
-    const ItemFingerprint fingerprint = m_fingerprinter.OfItem(collection, name, item.fingerprint);
+    const ItemFingerprint fingerprint = FingerprintOf(collection, name, item);
     if (!item.isDirectory) {
-        item.fingerprint = fingerprint;
+        item.known.SetFingerprint(fingerprint);
         return true;
     }
     const TreeFingerprint tree = m_fingerprinter.OfTree(m_prefix + name, item.isRaised);
     const FileFingerprint& root = fingerprint[ROOT];
-    const bool wasMovedIn = !root.IsSameFile(item.fingerprint[ROOT]) && fingerprint[MANIFEST].inode != 0 &&
+    const bool wasMovedIn = !root.IsSameFile(item.known.Fingerprint()[ROOT]) && fingerprint[MANIFEST].inode != 0 &&
                             root.changed > root.modified && root.changed > tree.newestChange;
-    const bool stoodStill = fingerprint == item.fingerprint && tree == item.tree;
-    item.fingerprint = fingerprint;
+    const bool stoodStill = fingerprint == item.known.Fingerprint() && tree == item.tree;
+    item.known.SetFingerprint(fingerprint);
     item.tree = tree;
     return wasMovedIn || stoodStill;
 }
@@ -313,14 +313,17 @@ bool BundleDirWatcher::IsToBeRaised(const Change& change, Item& item)
     if (KindAt(AT_FDCWD, path.c_str()) != (item.isDirectory ? Kind::DIRECTORY : Kind::OTHER)) {
         return false; // the next scan sees what has become of it
     }
-    const ItemFingerprint fingerprint = m_fingerprinter.OfItem(AT_FDCWD, path, item.fingerprint);
-    if (change.type == DW_ITEM_ADDED && item.isDirectory) {
-        return fingerprint == item.fingerprint && m_fingerprinter.OfTree(path, item.isRaised) == item.tree;
-    }
-    if (change.type == DW_ITEM_MODIFIED && fingerprint == item.fingerprint) {
+    const ItemFingerprint fingerprint = FingerprintOf(AT_FDCWD, path, item);
+    if (change.type == DW_ITEM_MODIFIED && !item.known.HasChanged(path, fingerprint)) {
         return false;
     }
-    item.fingerprint = fingerprint;
+    const auto standsStill = [&] {
+        return fingerprint == item.known.Fingerprint() && m_fingerprinter.OfTree(path, item.isRaised) == item.tree;
+    };
+    if (change.type == DW_ITEM_ADDED && item.isDirectory && !standsStill()) {
+        return false;
+    }
+    item.known.Learn(path, fingerprint);
     return true;
 }
 
@@ -353,9 +356,9 @@ void BundleDirWatcher::AcceptChanges(const std::string& path)
     if (item == nullptr || item->isArriving) {
         return;
     }
-    const ItemFingerprint fingerprint = m_fingerprinter.OfItem(AT_FDCWD, path, item->fingerprint);
-    if (fingerprint[ROOT].IsSameFile(item->fingerprint[ROOT])) {
-        item->fingerprint = fingerprint;
+    const ItemFingerprint fingerprint = FingerprintOf(AT_FDCWD, path, *item);
+    if (!item->known.IsReplaced(path, fingerprint)) {
+        item->known.Learn(path, fingerprint);
     }
 }
 
@@ -366,6 +369,12 @@ void BundleDirWatcher::OfferAgain(const std::string& path)
     if (item != nullptr && item->isDirectory) {
         item->isArriving = true;
     }
+}
+
+// What cannot be told now is taken to be as it was.
+ItemFingerprint BundleDirWatcher::FingerprintOf(int directory, const std::string& path, const Item& item)
+{
+    return m_fingerprinter.OfItem(directory, path, item.known.Fingerprint());
 }
 
 // Null when there is none under that path.

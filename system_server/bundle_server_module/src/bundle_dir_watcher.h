@@ -2,6 +2,7 @@
 #define BUNDLE_DIR_WATCHER_H
 
 #include "item_fingerprint.h"
+#include "known_item.h"
 #include "thread_annotations.h"
 
 #include <Poco/DirectoryWatcher.h>
@@ -64,10 +65,10 @@ private:
 
     struct Item {
         bool isDirectory = false;
-        bool isRaised = false;       // as added, or there from the beginning: its end is an event
-        bool isArriving = true;      // to be raised as added when it is complete
-        ItemFingerprint fingerprint; // as raised; of the last scan, while it is arriving
-        TreeFingerprint tree;        // of the last scan, while it is arriving
+        bool isRaised = false;  // as added, or there from the beginning: its end is an event
+        bool isArriving = true; // to be raised as added when it is complete
+        KnownItem known;        // as raised; of the last scan, while it is arriving
+        TreeFingerprint tree;   // of the last scan, while it is arriving
         std::uint64_t lastScan = 0;
     };
 
@@ -95,6 +96,7 @@ private:
     bool Take(const Change& change);
     bool IsToBeRaised(const Change& change, Item& item) REQUIRES(m_mutex);
     void Raise(DirectoryEventType type, const Poco::File& file) EXCLUDES(m_mutex);
+    ItemFingerprint FingerprintOf(int directory, const std::string& path, const Item& item) REQUIRES(m_mutex);
     Item* FindItem(const std::string& path) REQUIRES(m_mutex);
 
     const std::string m_prefix; // of an item's path, ending in "/": made the way the manager makes its bundles' paths

@@ -47,10 +47,9 @@ std::int64_t NewestChange(const ItemFingerprint& item)
 
 ItemFingerprint Fingerprinter::OfItem(int directory, const std::string& path, const ItemFingerprint& last)
 {
-    constexpr std::array<const char*, ITEM_PARTS> names{"", "/BundleManifest.ini", "/bin", "/script"};
     ItemFingerprint item = last;
     for (std::size_t part = 0; part < item.size(); ++part) {
-        m_partPath.assign(path).append(names[part]);
+        m_partPath.assign(path).append(ITEM_PART_PATHS[part]);
         struct stat status {};
         if (fstatat(directory, m_partPath.c_str(), &status, 0) == 0) {
             item[part] = FingerprintOf(status);

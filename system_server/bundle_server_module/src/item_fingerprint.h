@@ -32,6 +32,9 @@ struct FileFingerprint {
 enum ItemPart { ROOT, MANIFEST, BIN, SCRIPT, ITEM_PARTS };
 using ItemFingerprint = std::array<FileFingerprint, ITEM_PARTS>;
 
+/// What follows the item's path in that of a part.
+constexpr std::array<const char*, ITEM_PARTS> ITEM_PART_PATHS{"", "/BundleManifest.ini", "/bin", "/script"};
+
 /// When the latest change of one of the parts was made, nanoseconds.
 std::int64_t NewestChange(const ItemFingerprint& item);
 
