@@ -291,7 +291,8 @@ INSTANTIATE_TEST_SUITE_P(Signals, WhatTheServerWasStartedWith,
                          ::testing::Values(SignalState{"Nothing", {}, {}},
                                            SignalState{"SigintIgnored", {}, {SIGINT, SIGQUIT}},
                                            SignalState{"SighupIgnoredAndSigusr1Blocked", {SIGUSR1}, {SIGHUP, SIGPIPE}},
-                                           SignalState{"SigtermBlocked", {SIGTERM}, {}}),
+                                           SignalState{"SigtermBlocked", {SIGTERM}, {}},
+                                           SignalState{"SigchldIgnored", {}, {SIGCHLD}}),
                          [](const auto& state) { return std::string(state.param.name); });
 
 TEST_F(AProcessItem, OfABundleThatCameLaterDiesOfAPlainTerminationSignal)
