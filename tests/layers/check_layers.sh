@@ -14,7 +14,7 @@ src=system_server/bundle_server_module/src
 
 layer_of() {
     case $1 in
-        bundle_log | child_process | dir_stream | directory | directory_sync | framework_watcher) echo 0 ;;
+        atomic_shared_ptr | bundle_log | child_process | dir_stream | directory | directory_sync | framework_watcher) echo 0 ;;
         item_details | item_fingerprint | item_kind | known_item | thread_annotations) echo 0 ;;
         bundle_manifest) echo 1 ;;
         bundle_storage_dir) echo 2 ;;

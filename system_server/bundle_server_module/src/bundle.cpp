@@ -31,7 +31,7 @@ const std::unordered_map<Bundle::BUNDLE_STATE_E, std::string> Bundle::m_bundleSt
 Bundle::Bundle(std::shared_ptr<BundleStorage> storage, ScriptObserver scriptObserver)
     : m_storage(std::move(storage)), m_scriptObserver(std::move(scriptObserver))
 {
-    m_manifest = ReadManifest();
+    m_manifest.Store(ReadManifest());
 }
 
 Bundle::~Bundle() = default;
@@ -69,7 +69,7 @@ void Bundle::RunScript(const std::string& scriptName) const
 
 void Bundle::Update()
 {
-    std::atomic_store(&m_manifest, ReadManifest());
+    m_manifest.Store(ReadManifest());
     RunScript("update.sh");
 }
 

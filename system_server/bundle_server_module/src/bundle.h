@@ -1,6 +1,7 @@
 #ifndef BUNDLE_H
 #define BUNDLE_H
 
+#include "atomic_shared_ptr.h"
 #include "bundle_log.h"
 #include "bundle_manifest.h"
 #include "bundle_storage_dir.h"
@@ -68,7 +69,7 @@ public:
     }
 
     /// The manifest in force, never null. A holder keeps it whole across an Update.
-    std::shared_ptr<BundleManifest> GetManifest() const { return std::atomic_load(&m_manifest); }
+    std::shared_ptr<BundleManifest> GetManifest() const { return m_manifest.Load(); }
 
     std::shared_ptr<BundleStorage> GetStorage() const { return m_storage; }
 
@@ -85,8 +86,8 @@ private:
     std::shared_ptr<BundleManifest> ReadManifest() const;
 
     std::atomic<BUNDLE_STATE_E> m_curState{BUNDLE_INSTALLED}; // changed under the manager's lock
-    std::shared_ptr<BundleManifest> m_manifest;     // replaced on one thread while others read it: atomic access only
-    const std::shared_ptr<BundleStorage> m_storage; // immutable
+    AtomicSharedPtr<BundleManifest> m_manifest;               // replaced on one thread while others read it
+    const std::shared_ptr<BundleStorage> m_storage;           // immutable
     const ScriptObserver m_scriptObserver;
 };
 

@@ -1,0 +1,43 @@
+#ifndef ATOMIC_SHARED_PTR_H
+#define ATOMIC_SHARED_PTR_H
+
+#include <atomic>
+#include <memory>
+#include <utility>
+
+namespace SystemServer {
+
+/// A shared_ptr that one thread replaces while others read it. Each standard has a way of its own for this: C++20
+/// deprecates that of C++17, which has nothing else.
+template <typename T> class AtomicSharedPtr {
+public:
+#ifdef __cpp_lib_atomic_shared_ptr
+    std::shared_ptr<T> Load() const
+    {
+        return m_pointer.load();
+    }
+    void Store(std::shared_ptr<T> pointer)
+    {
+        m_pointer.store(std::move(pointer));
+    }
+
+private:
+    std::atomic<std::shared_ptr<T>> m_pointer;
+#else
+    std::shared_ptr<T> Load() const
+    {
+        return std::atomic_load(&m_pointer);
+    }
+    void Store(std::shared_ptr<T> pointer)
+    {
+        std::atomic_store(&m_pointer, std::move(pointer));
+    }
+
+private:
+    std::shared_ptr<T> m_pointer; // atomic access only
+#endif
+};
+
+} // namespace SystemServer
+
+#endif
