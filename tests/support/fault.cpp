@@ -284,9 +284,15 @@ void WrappedStartThread(std::thread* self, void* state, void (*depend)()) WRAPPE
 
 #define LAUNCH_NAME                                                                                                    \
     "_ZN4Poco7Process6launchERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEERKSt6vectorIS6_SaIS6_EE"
-Poco::ProcessHandle RealLaunch(const std::string& command, const Poco::Process::Args& arguments) REAL(LAUNCH_NAME);
+// Later versions have options as well. Whichever the framework lacks is never called, and may be missing.
+Poco::ProcessHandle RealLaunch(const std::string& command, const Poco::Process::Args& arguments) REAL(LAUNCH_NAME)
+    __attribute__((weak));
 Poco::ProcessHandle WrappedLaunch(const std::string& command, const Poco::Process::Args& arguments)
     WRAPPED(LAUNCH_NAME);
+Poco::ProcessHandle RealLaunchWith(const std::string& command, const Poco::Process::Args& arguments, int options)
+    REAL(LAUNCH_NAME "i") __attribute__((weak));
+Poco::ProcessHandle WrappedLaunchWith(const std::string& command, const Poco::Process::Args& arguments, int options)
+    WRAPPED(LAUNCH_NAME "i");
 int RealWait(const Poco::ProcessHandle* self) REAL("_ZNK4Poco13ProcessHandle4waitEv");
 int WrappedWait(const Poco::ProcessHandle* self) WRAPPED("_ZNK4Poco13ProcessHandle4waitEv");
 
@@ -395,6 +401,14 @@ Poco::ProcessHandle WrappedLaunch(const std::string& command, const Poco::Proces
         throw Poco::SystemException("no launch", PlanOf(Call::LAUNCH).value);
     }
     return RealLaunch(command, arguments);
+}
+
+Poco::ProcessHandle WrappedLaunchWith(const std::string& command, const Poco::Process::Args& arguments, int options)
+{
+    if (MustFail(Call::LAUNCH, 0)) {
+        throw Poco::SystemException("no launch", PlanOf(Call::LAUNCH).value);
+    }
+    return RealLaunchWith(command, arguments, options);
 }
 
 int WrappedWait(const Poco::ProcessHandle* self)

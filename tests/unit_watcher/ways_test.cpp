@@ -141,7 +141,7 @@ TEST_F(ManyDirectories, AreAddedModifiedAndRemovedWithoutAMissedOrDoubledEvent)
         std::sort(events.begin(), events.end());
         return events;
     };
-    const auto forAll = [this](const std::function<void(const std::string&)>& action) {
+    const auto forAll = [](const std::function<void(const std::string&)>& action) {
         for (int i = 100; i < 200; ++i) {
             action("b" + std::to_string(i));
         }
