@@ -16,11 +16,12 @@ layer_of() {
     case $1 in
         atomic_shared_ptr | bundle_log | child_process | dir_stream | directory | directory_sync | framework_watcher) echo 0 ;;
         item_details | item_fingerprint | item_kind | known_item | thread_annotations) echo 0 ;;
+        child_wait | item_launch | launch_numbers) echo 0 ;;
         bundle_manifest) echo 1 ;;
         bundle_storage_dir) echo 2 ;;
         bundle) echo 3 ;;
         bundle_factory) echo 4 ;;
-        bundle_activator | bundle_activator_factory | bundle_process_activator | bundle_thread_activator) echo 5 ;;
+        bundle_activator | bundle_activator_factory | bundle_process_activator | bundle_process_monitor | bundle_thread_activator) echo 5 ;;
         bundle_manager) echo 6 ;;
         bundle_dir_watcher) echo 7 ;;
         bundle_server | bundle_server_events | bundle_server_requests) echo 8 ;;

@@ -211,7 +211,8 @@ FAILING_CALL(GETPGID, "getpgid", pid_t, -1, (pid_t pid), (pid), pid)
 FAILING_CALL(KILL, "kill", int, -1, (pid_t pid, int signal), (pid, signal), pid)
 FAILING_CALL(WAITID, "waitid", int, -1, (idtype_t type, id_t id, siginfo_t* info, int options),
              (type, id, info, options), static_cast<int>(id))
-FAILING_CALL(WAITPID, "waitpid", pid_t, -1, (pid_t pid, int* status, int options), (pid, status, options), pid)
+FAILING_CALL(WAITPID, "waitpid", pid_t, (PlanOf(Call::WAITPID).value == 0 ? 0 : -1),
+             (pid_t pid, int* status, int options), (pid, status, options), pid)
 // What has more arguments in some calls than in others is given one that may not be there.
 FAILING_CALLS(OPEN, "open", int, -1, (const char* path, int flags, mode_t mode), (path, flags, mode), flags)
 FAILING_CALLS(FCNTL, "fcntl", int, -1, (int fd, int command, void* value), (fd, command, value), fd)

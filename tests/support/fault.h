@@ -19,7 +19,7 @@ enum class Call {
     GETPGID,
     KILL,
     WAITID,
-    WAITPID,
+    WAITPID,    ///< with 0 in place of an errno it finds a child that has not ended
     READ_BYTE,  ///< read of a single byte
     WRITE_BYTE, ///< write of a single byte
     READ,       ///< any other read

@@ -1,6 +1,7 @@
 #include "running_items.h"
 
 #include "child_process.h"
+#include "monitor_held.h"
 #include "own_process.h"
 #include "support/eventually.h"
 #include "support/fault.h"
@@ -549,14 +550,13 @@ TEST_F(StoppingItems, KillsThemAllAndLetsThemRest)
 
 TEST_F(StoppingItems, NeitherWaitsForThemNorForgetsThem)
 {
+    MonitorHeld beforeItsWait(Call::WAITID);
     const auto activator = Start(collection.Bundle("media").Item("mediad", Sleeper()));
     const int pid = PidOf("media.mediad");
-    {
-        const std::lock_guard<std::mutex> monitorWaits(ProcessTable::BirthMutex());
-        activator->Stop();
-        EXPECT_EQ(PidOf("media.mediad"), pid);
-        EXPECT_EQ(ProcessTable::Marks(), std::set<int>{pid});
-    }
+    activator->Stop();
+    EXPECT_EQ(PidOf("media.mediad"), pid);
+    EXPECT_EQ(ProcessTable::Marks(), std::set<int>{pid});
+    beforeItsWait.Release();
     EXPECT_TRUE(MonitorEnds());
     EXPECT_TRUE(log.Has("normal stop media.mediad..."));
 }

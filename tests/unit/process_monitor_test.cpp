@@ -1,3 +1,4 @@
+#include "monitor_held.h"
 #include "running_items.h"
 
 #include "support/eventually.h"
@@ -202,7 +203,7 @@ TEST_F(TheMonitor, TellsADeathByASignalInTheLanguageLogToo)
     ::unsetenv("LANG");
     ProcessTable::Add(1'000'000'000, {"media", "media.mediad", "/nowhere", "mediad", ""});
     const Fault fault(Call::FORK, EAGAIN);
-    EXPECT_THROW(ProcessTable::JudgeEnd(1'000'000'000, SIGTERM), Poco::InvalidArgumentException);
+    EXPECT_THROW(ProcessTable::HandleExit(1'000'000'000, SIGTERM), Poco::InvalidArgumentException);
     const std::vector<LogRecord> records = log.Records();
     ASSERT_EQ(records.size(), 3U);
     EXPECT_EQ(records[0].level, "INFO");
@@ -214,7 +215,7 @@ TEST_F(TheMonitor, TellsADeathByASignalInTheLanguageLogToo)
     EXPECT_EQ(records[2].message, "relaunch media.mediad...");
     log.Restart();
     ::setenv("LC_ALL", "zh_CN.UTF-8", 1);
-    EXPECT_THROW(ProcessTable::JudgeEnd(1'000'000'000, SIGTERM), Poco::InvalidArgumentException);
+    EXPECT_THROW(ProcessTable::HandleExit(1'000'000'000, SIGTERM), Poco::InvalidArgumentException);
     ::unsetenv("LC_ALL");
     EXPECT_EQ(log.Records().at(1).message, "media.mediad[1000000000] 异常终止, 信号: 15.");
     ProcessTable::Remove(1'000'000'000);
@@ -240,7 +241,7 @@ TEST_F(TheMonitor, TakesAStoppedItemForNoEnd)
 TEST_F(TheMonitor, WouldOnlyNoteAStoppedItem)
 {
     ProcessTable::Add(1'000'000'000, {"media", "media.mediad", "/nowhere", "mediad", ""});
-    ProcessTable::JudgeEnd(1'000'000'000, StopStatus(SIGTSTP));
+    ProcessTable::HandleExit(1'000'000'000, StopStatus(SIGTSTP));
     EXPECT_EQ(log.Messages(), std::vector<std::string>{"media.mediad[1000000000] stopped, signal: 20."});
     ProcessTable::Remove(1'000'000'000);
 }
@@ -349,6 +350,17 @@ TEST_F(TheMonitor, TriesAWaitAgainThatASignalInterrupts)
     EXPECT_FALSE(log.HasPart("waitpid fail"));
 }
 
+TEST_F(TheMonitor, GoesOnAfterADeathThatItFindsTaken)
+{
+    {
+        const Fault fault(Call::WAITPID, 0, 1); // whatever errno says
+        LaunchMediad(Exiting(0));
+    }
+    ASSERT_TRUE(MonitorEnds());
+    EXPECT_TRUE(log.HasPart("normal termination, exit status: 0."));
+    EXPECT_FALSE(log.HasPart("waitpid fail"));
+}
+
 TEST_F(TheMonitor, WaitsForTheServersGroupWhenThatOfTheLowestPidIsNotToBeHad)
 {
     const Fault fault(Call::GETPGID, ESRCH, 1, 1); // the launch asks first
@@ -430,16 +442,15 @@ TEST_F(TheMonitor, RelaunchesAShellScriptThatDoesNotExist)
 
 TEST_F(TheMonitor, DropsTheMarkOfAnItemThatHadEndedBeforeItWasKilled)
 {
+    MonitorHeld beforeItsWait(Call::WAITID);
     const auto activator = Start(collection.Bundle("media").Item("mediad", ExitingAtTrigger(0)));
     const int pid = PidOf("media.mediad");
-    {
-        const std::lock_guard<std::mutex> monitorWaits(ProcessTable::BirthMutex());
-        PullTrigger();
-        siginfo_t info{};
-        ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
-        activator->Stop();
-        EXPECT_EQ(ProcessTable::Marks(), std::set<int>{pid});
-    }
+    PullTrigger();
+    siginfo_t info{};
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
+    activator->Stop();
+    EXPECT_EQ(ProcessTable::Marks(), std::set<int>{pid});
+    beforeItsWait.Release();
     ASSERT_TRUE(MonitorEnds());
     EXPECT_TRUE(log.Has(Named(pid) + " normal termination, exit status: 0."));
     EXPECT_FALSE(log.HasPart("normal stop"));
@@ -448,15 +459,14 @@ TEST_F(TheMonitor, DropsTheMarkOfAnItemThatHadEndedBeforeItWasKilled)
 
 TEST_F(TheMonitor, RelaunchesAnItemThatHadAskedForItBeforeItWasKilled)
 {
+    MonitorHeld beforeItsWait(Call::WAITID);
     const auto activator = Start(collection.Bundle("media").Item("mediad", ExitingAtTrigger(6)));
     const int pid = PidOf("media.mediad");
-    {
-        const std::lock_guard<std::mutex> monitorWaits(ProcessTable::BirthMutex());
-        PullTrigger();
-        siginfo_t info{};
-        ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
-        activator->Stop();
-    }
+    PullTrigger();
+    siginfo_t info{};
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
+    activator->Stop();
+    beforeItsWait.Release();
     EXPECT_TRUE(IsLogged("media.mediad relaunch done."));
     EXPECT_TRUE(Eventually(PATIENCE, [] { return ProcessTable::Marks().empty(); }));
     EXPECT_NE(PidOf("media.mediad"), 0);

@@ -19,7 +19,7 @@
 class ProcessTable : public SystemServer::BundleProcessActivator {
 public:
     using BundleProcessActivator::ExitStatusProc;
-    using BundleProcessActivator::JudgeEnd;
+    using BundleProcessActivator::HandleExit;
 
     static std::map<int, ProcessInfo> Entries();
     static std::set<int> Marks();
@@ -27,9 +27,6 @@ public:
     static bool IsMonitorRunning() { return m_isMonitorRunning; }
     static void Add(int pid, const ProcessInfo& info);
     static void Remove(int pid);
-
-    /// While it is held the monitor looks at no death.
-    static std::mutex& BirthMutex() { return m_birthMutex; }
 
     /// Ends all items, those too that would be relaunched for ever, and the monitor. False when it does not succeed.
     static bool EndAll();

@@ -2,24 +2,28 @@
 #define BUNDLE_PROCESS_ACTIVATOR_H
 
 #include "bundle_activator.h"
+#include "launch_numbers.h"
 #include "thread_annotations.h"
 
 #include <sys/types.h>
 
 #include <atomic>
-#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace SystemServer {
+
+class ChildWait;
+class ItemLaunch;
 
 /// Runs a bundle's items as child processes of the server, all of them in the server's process group. One monitor
 /// thread, started by the first launch, reaps them and relaunches those whose end calls for it. The bookkeeping is
 /// shared by all activators and never destroyed: the detached monitor uses it until the process is gone. Locks, in the
-/// order in which they may nest: m_ignorePidSetMutex, m_birthMutex, m_pidMapMutex.
+/// order in which they may nest: m_ignorePidSetMutex, m_forkMutex, m_pidMapMutex.
 class BundleProcessActivator : public BundleActivator {
 public:
     /// One launched item.
@@ -41,15 +45,15 @@ public:
     /// @throws Poco::InvalidArgumentException as Launch
     void Start() override;
 
-    /// Kills the bundle's children and marks them, so that the monitor lets them rest. Neither waits for their end nor
-    /// forgets them: both are the monitor's.
-    /// @throws Poco::InvalidArgumentException a child cannot be killed, as one that has been reaped and is being
-    /// relaunched this second; the children after it are left as they are
-    void Stop() override EXCLUDES(m_ignorePidSetMutex, m_pidMapMutex);
+    /// Kills the bundle's children and marks them, so that the monitor does not relaunch them. Does not wait for their
+    /// end and keeps them in the table: the monitor reaps and forgets them.
+    /// @throws Poco::InvalidArgumentException a child cannot be killed, for example one that has been reaped and is
+    /// being relaunched this second; the children after it are left as they are
+    void Stop() override EXCLUDES(m_ignorePidSetMutex, m_forkMutex, m_pidMapMutex);
 
     /// Creates one child, records it, lets it become the item, and pauses for a second. Any thread.
     /// @throws Poco::InvalidArgumentException no pipe, no process or no monitor thread; nothing is left of the child
-    static void Launch(ProcessInfo& info) EXCLUDES(m_birthMutex, m_pidMapMutex);
+    static void Launch(ProcessInfo& info) EXCLUDES(m_forkMutex, m_pidMapMutex);
 
 protected:
     /// The monitor's thread. Ends when the last child is gone, or for good, with the flag left set, when a wait fails.
@@ -59,36 +63,58 @@ protected:
     /// Relaunches a child that has exited with a status that asks for it. The monitor's thread only.
     static void ExitStatusProc(int pid, int status);
 
-    /// Judges one death by its wait status. The monitor's thread only.
-    static void JudgeEnd(int pid, int status);
+    /// Does what a death calls for by its wait status. The monitor's thread only.
+    static void HandleExit(int pid, int status);
 
-    /// Every child not yet reaped and judged, by pid.
+    /// Every child whose end has not been handled yet, by pid.
     static std::map<int, ProcessInfo>& m_pidMap GUARDED_BY(m_pidMapMutex);
     static std::mutex m_pidMapMutex;
-    /// Killed by Stop: their death is no reason for a relaunch.
+    /// Killed by Stop and not reaped yet: their death leads to no relaunch.
     static std::set<int>& m_ignorePidSet GUARDED_BY(m_ignorePidSetMutex);
-    static std::mutex m_ignorePidSetMutex ACQUIRED_BEFORE(m_birthMutex, m_pidMapMutex);
+    static std::mutex m_ignorePidSetMutex ACQUIRED_BEFORE(m_forkMutex, m_pidMapMutex);
     /// Set under m_pidMapMutex, read on any thread.
     static std::atomic<bool> m_isMonitorRunning;
-    /// Held from a child's fork until it is in m_pidMap: the monitor asks under it whose a dead pid was.
-    static std::mutex m_birthMutex ACQUIRED_BEFORE(m_pidMapMutex);
+    /// Held from a child's fork until it is in m_pidMap, and while a child is reaped or killed: what the bookkeeping
+    /// knows of a pid is true of the process that has it.
+    static std::mutex m_forkMutex ACQUIRED_BEFORE(m_pidMapMutex);
 
 private:
+    struct LaunchedChild {
+        int pid;
+        unsigned long launch; ///< its number
+    };
+    /// A child that has been reaped, with what was known under its number before.
+    struct Death {
+        int pid = 0;
+        int status = 0;
+        bool isItem = false;
+        bool isStopped = false; ///< killed by Stop
+        ProcessInfo info;
+    };
     struct WaitTarget;
     class Child;
 
-    template <class Fork> static int BearChild(const ProcessInfo& info, const Fork& fork);
-    static void JoinServerGroup(int pid) REQUIRES(m_pidMapMutex);
+    static std::vector<LaunchedChild> FindChildren(const std::string& bundleName) EXCLUDES(m_forkMutex, m_pidMapMutex);
+    static bool KillAndMark(const LaunchedChild& child) REQUIRES(m_ignorePidSetMutex) EXCLUDES(m_forkMutex);
+
+    static int ForkAndRecord(const ProcessInfo& info, ItemLaunch& launch) EXCLUDES(m_forkMutex, m_pidMapMutex);
+    static void JoinServerGroup(int pid) REQUIRES(m_forkMutex, m_pidMapMutex);
+    static pid_t GroupOf(int pid) REQUIRES(m_forkMutex);
     static void EnsureMonitorRuns(const ProcessInfo& info) REQUIRES(m_pidMapMutex);
 
-    static WaitTarget ChooseWaitTarget();
-    static int WaitForDeath(pid_t group, std::list<int>& round, int& status);
-    static std::list<int> FindDead(pid_t group, int peeked);
-    static bool IsBundleProcess(int pid);
-    static ProcessInfo CopyInfo(int pid);
-    static void JudgeSignal(int pid, int signal);
-    static void DropIgnoreMark(int pid);
-    static bool ForgetAndTellWhetherLast(int pid);
+    static WaitTarget ChooseWaitTarget() EXCLUDES(m_forkMutex, m_pidMapMutex);
+    static std::vector<int> KnownPids() EXCLUDES(m_pidMapMutex);
+    static bool ReapNext(ChildWait& deaths, pid_t group);
+    static int Reap(int pid) EXCLUDES(m_ignorePidSetMutex, m_forkMutex, m_pidMapMutex);
+    static ProcessInfo InfoOf(int pid) EXCLUDES(m_pidMapMutex);
+    static void HandleSignal(int pid, int signal) EXCLUDES(m_ignorePidSetMutex, m_forkMutex, m_pidMapMutex);
+    static bool ForgetDeadAndTellWhetherLast() EXCLUDES(m_forkMutex, m_pidMapMutex);
+
+    /// The launches of the children in m_pidMap.
+    static LaunchNumbers& m_launches GUARDED_BY(m_forkMutex);
+    /// The child whose end is being handled: its record in m_pidMap may be another launch's by now. The monitor's
+    /// thread only.
+    static Death& m_death;
 };
 
 } // namespace SystemServer

@@ -1,0 +1,58 @@
+#ifndef CHILD_WAIT_H
+#define CHILD_WAIT_H
+
+#include "bundle_log.h"
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <list>
+#include <new>
+#include <thread>
+#include <vector>
+
+namespace SystemServer {
+
+/// The deaths among the children of a process group, in rounds: all that are dead at one moment before any later one.
+/// In the kernel's own order the waiting thread's children come first. Those are the ones that the monitor has
+/// relaunched, so one item that ends at once each time would keep every other death from being seen.
+class ChildWait {
+public:
+    /// The children to look at beside the one that the kernel names first.
+    using KnownChildren = std::function<std::vector<int>()>;
+
+    explicit ChildWait(KnownChildren knownChildren);
+    ~ChildWait();
+    ChildWait(const ChildWait&) = delete;
+    ChildWait& operator=(const ChildWait&) = delete;
+
+    /// Waits, without a limit, until a child of the group is dead. It is not reaped. A child that another thread's wait
+    /// has reaped meanwhile may still be named.
+    /// @return its pid; -1, with errno set, when the wait has failed
+    int Next(pid_t group);
+
+private:
+    std::list<int> FindDead(pid_t group, int first) const;
+
+    const KnownChildren m_knownChildren;
+    std::list<int> m_round; // a list, because an empty one needs no memory
+};
+
+/// Does what a dead child calls for. Where memory is short it tries again each second: it is the monitor's to do, and
+/// no other thread would.
+template <class Step> auto RetryOnBadAlloc(int pid, const Step& step)
+{
+    for (;;) {
+        try {
+            return step();
+        } catch (const std::bad_alloc&) {
+            BUNDLE_ERROR("out of memory at the end of process[%d], trying again.", pid);
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+        }
+    }
+}
+
+} // namespace SystemServer
+
+#endif
