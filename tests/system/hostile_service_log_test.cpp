@@ -89,10 +89,14 @@ protected:
             for (int i = 0; i < 5; ++i) {
                 ExpectGoodService();
             }
-            if (size == before && Log().back() == '\n') {
+            if (size != before) {
+                return false;
+            }
+            const bool isCutOff = Log().back() != '\n';
+            if (!isCutOff) {
                 std::filesystem::resize_file(daemon.LogFile(), 0); // once in a hundred times a record fits exactly
             }
-            return size == before && Log().back() != '\n';
+            return isCutOff;
         }));
     }
 
