@@ -78,7 +78,12 @@ private:
 
     bool Settle();
     void ShowOpen() const;
-    bool MonitorSleeps() const { return daemon.StateOfThread("bundle_monitor") == "S"; }
+    /// Or has ended: when all items rest at once, there is nothing to wait for.
+    bool MonitorRests() const
+    {
+        const std::string state = daemon.StateOfThread("bundle_monitor");
+        return state == "S" || state.empty();
+    }
 
     Random m_random;
     SoakBooks m_books;
@@ -157,7 +162,7 @@ void ASoak::Change()
     // A dead child leaves the table only after the last record of its relaunch, and until then its bundle cannot be
     // stopped. The log does not show that step, the monitor's sleep does.
     SoakBundle& bundle = m_random.OneOf(m_books.Bundles());
-    if (!bundle.Balances() || bundle.isDeletionRequested || !MonitorSleeps()) {
+    if (!bundle.Balances() || bundle.isDeletionRequested || !MonitorRests()) {
         return;
     }
     if (!bundle.isIn) {
@@ -281,7 +286,7 @@ bool ASoak::Settle()
     const bool isSettled = Eventually(DaemonRunner::PATIENCE + 4 * items * g_launch, [this] {
         Follow();
         return HasFailure() || (m_books.Balance() && m_soakCollection.JunkFailures().Balances() && clients.IsQuiet() &&
-                                MonitorSleeps());
+                                MonitorRests());
     });
     if (!isSettled) {
         ShowOpen();
