@@ -285,8 +285,8 @@ bool ASoak::Settle()
     const auto items = static_cast<int>(m_books.Items().size());
     const bool isSettled = Eventually(DaemonRunner::PATIENCE + 4 * items * g_launch, [this] {
         Follow();
-        return HasFailure() || (m_books.Balance() && m_soakCollection.JunkFailures().Balances() && clients.IsQuiet() &&
-                                MonitorRests());
+        return HasFailure() ||
+               (m_books.Balance() && m_soakCollection.JunkFailures().Balances() && clients.IsQuiet() && MonitorRests());
     });
     if (!isSettled) {
         ShowOpen();
