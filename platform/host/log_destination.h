@@ -14,9 +14,9 @@ public:
     constexpr LogDestination() = default;
     LogDestination(int fd, Kind kind) : m_packed((fd << KIND_BITS) | kind) {}
 
-    /// The end of a file, made where it is missing; or a FIFO, which is opened for reading too: its reader may come later,
-    /// and come and go. A link is followed only in a directory that others may not write to. Undecided, with errno set,
-    /// when it cannot be opened.
+    /// The end of a file, made where it is missing; or a FIFO, which is opened for reading too: its reader may come
+    /// later, and come and go. A link is followed only in a directory that others may not write to. Undecided, with
+    /// errno set, when it cannot be opened.
     static LogDestination Open(const char* path);
 
     /// A pipe is opened anew, for whoever else has it would otherwise be made not to wait for its reader either. The

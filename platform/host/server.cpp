@@ -52,17 +52,76 @@ Server::Server(EventManager& manager, const char* service, const bolt_server_ops
 
 bool Server::Start()
 {
-    if (!m_socket.Listen(m_service)) {
-        return false;
-    }
     m_mostConnections = MostConnections();
+    switch (m_socket.Listen(m_service, ServiceSocket::Patience::A_SECOND)) {
+    case ServiceSocket::Listening::BEGUN:
+        return BeginToAccept() && StartService();
+    case ServiceSocket::Listening::LATER:
+        return BeginToTry() && StartService();
+    case ServiceSocket::Listening::FAILED:
+        break;
+    }
+    return false;
+}
+
+bool Server::BeginToAccept()
+{
     m_acceptable = NewEvent(m_manager.Base(), m_socket.Get(), EV_READ | EV_PERSIST, OnAcceptable, this);
     m_pauseOver = NewEvent(m_manager.Base(), -1, 0, OnPauseOver, this);
     if (event_add(m_acceptable.get(), nullptr) != 0) {
         HOST_LOG_ERROR("service[%s]: the event loop does not take its socket.", m_service.c_str());
         return false;
     }
-    return StartService();
+    return true;
+}
+
+/// A lock that nobody who serves holds must not cost the service: it is asked for again for as long as the loop runs.
+bool Server::BeginToTry()
+{
+    constexpr timeval pause{1, 0};
+    m_tryAgain = NewEvent(m_manager.Base(), -1, EV_PERSIST, OnTryAgain, this);
+    if (event_add(m_tryAgain.get(), &pause) != 0) {
+        HOST_LOG_ERROR("service[%s]: the event loop does not take its pause.", m_service.c_str());
+        return false;
+    }
+    TellOfObstacle();
+    return true;
+}
+
+void Server::TellOfObstacle()
+{
+    if (m_obstacles.Passes()) {
+        HOST_LOG_ERROR("service[%s]: it cannot be reached yet: %s. The server tries again each second.",
+                       m_service.c_str(), m_socket.Obstacle().c_str());
+    }
+}
+
+void Server::OnTryAgain(evutil_socket_t /*fd*/, short /*what*/, void* server) noexcept
+{
+    auto& self = *static_cast<Server*>(server);
+    try {
+        self.TryAgain();
+    } catch (const std::exception& exception) {
+        self.m_socket.Remove(); // the next try is to find nobody there
+        HOST_LOG_ERROR("service[%s]: it cannot be reached yet: %s.", self.m_service.c_str(), exception.what());
+    }
+}
+
+void Server::TryAgain()
+{
+    const ServiceSocket::Listening listening = m_socket.Listen(m_service, ServiceSocket::Patience::NONE);
+    if (listening == ServiceSocket::Listening::LATER) {
+        TellOfObstacle();
+        return;
+    }
+    const bool accepts = listening == ServiceSocket::Listening::BEGUN && BeginToAccept();
+    event_del(m_tryAgain.get());
+    if (accepts) {
+        HOST_LOG_INFO("service[%s]: it can be reached now.", m_service.c_str());
+    } else {
+        m_socket.Remove();
+        HOST_LOG_ERROR("service[%s]: it cannot be reached, and the server tries no more.", m_service.c_str());
+    }
 }
 
 bool Server::StartService()
@@ -88,6 +147,7 @@ void Server::Stop()
     m_connections.clear();
     m_acceptable.reset();
     m_pauseOver.reset();
+    m_tryAgain.reset();
     m_socket.Remove();
 }
 

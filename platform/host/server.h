@@ -8,6 +8,7 @@
 
 #include <bolt.h>
 
+#include <chrono>
 #include <cstddef>
 #include <list>
 #include <string>
@@ -25,8 +26,10 @@ public:
     Server& operator=(const Server&) = delete;
     ~Server() = default;
 
-    /// Takes the name, lets the service start and begins to accept. False, with the reason in the log, when any of it
+    /// Takes the name, lets the service start and begins to accept; where the lock on the name is held by a process
+    /// that does not serve, it begins as soon as the loop gets it. False, with the reason in the log, when any of it
     /// fails; nothing is then left behind.
+    /// @throws std::bad_alloc
     bool Start();
 
     /// Lets the service stop, closes its connections and takes its socket away.
@@ -46,7 +49,12 @@ public:
 private:
     static void OnAcceptable(evutil_socket_t fd, short what, void* server) noexcept;
     static void OnPauseOver(evutil_socket_t fd, short what, void* server) noexcept;
+    static void OnTryAgain(evutil_socket_t fd, short what, void* server) noexcept;
 
+    bool BeginToAccept();
+    bool BeginToTry();
+    void TellOfObstacle();
+    void TryAgain();
     bool StartService();
     void AcceptSome();
     void AcceptAgain();
@@ -64,12 +72,14 @@ private:
     ServiceSocket m_socket;
     EventOwner m_acceptable;
     EventOwner m_pauseOver;
+    EventOwner m_tryAgain;
     std::list<Connection> m_connections;
     std::size_t m_mostConnections = 0;
     bool m_waitsForAnEnd = false; // accepts nothing until a connection ends
     RecordLimit m_refusals;
     RecordLimit m_drops;
     RecordLimit m_exhaustions;
+    RecordLimit m_obstacles{std::chrono::minutes(1)};
 };
 
 } // namespace HostPlatform

@@ -2,9 +2,8 @@
 
 #include "common/service_directory.h"
 #include "host_log.h"
+#include "name_lock.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -24,51 +23,30 @@ namespace {
 /// The server's own user and group.
 constexpr mode_t SOCKET_MODE = 0660;
 
-/// The service directory, locked against every other server that is just taking a name in it. The lock is the
-/// directory's own, so nothing is left behind.
-class DirectoryLock {
-public:
-    DirectoryLock() = default;
-    DirectoryLock(const DirectoryLock&) = delete;
-    DirectoryLock& operator=(const DirectoryLock&) = delete;
-    // Given up in so many words: a child between fork and exec has the descriptor too, and closing ours alone would
-    // leave the lock with it.
-    ~DirectoryLock()
-    {
-        if (m_fd.IsOpen()) {
-            ::flock(m_fd.Get(), LOCK_UN);
-        }
-    }
+/// How long another server of the same moment is waited for.
+constexpr int MOST_TRIES = 100;
+constexpr timespec PAUSE{0, 10'000'000};
 
-    /// False, with errno set, when it cannot be had within about a second.
-    bool Take()
-    {
-        m_fd.Reset(::open(SERVICE_DIRECTORY, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (!m_fd.IsOpen()) {
-            return false;
+NameLock::Attempt TakeWithPatience(NameLock& lock)
+{
+    for (int i = 0; i < MOST_TRIES; ++i) {
+        const NameLock::Attempt attempt = lock.Try(NameLock::Foreign::WAIT);
+        if (attempt != NameLock::Attempt::BUSY) {
+            return attempt;
         }
-        constexpr int tries = 100;
-        for (int i = 0; i < tries; ++i) {
-            if (::flock(m_fd.Get(), LOCK_EX | LOCK_NB) == 0) {
-                return true;
-            }
-            if (errno != EWOULDBLOCK && errno != EINTR) {
-                return false;
-            }
-            const timespec pause{0, 10'000'000};
-            ::nanosleep(&pause, nullptr);
-        }
-        errno = EWOULDBLOCK;
-        return false;
+        ::nanosleep(&PAUSE, nullptr);
     }
-
-private:
-    UniqueFd m_fd;
-};
+    return lock.Try(NameLock::Foreign::REMOVE);
+}
 
 UniqueFd NewSocket()
 {
     return UniqueFd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+}
+
+std::string PathOf(const std::string& service)
+{
+    return std::string(SERVICE_DIRECTORY) + '/' + service;
 }
 
 sockaddr_un AddressOf(const std::string& path)
@@ -91,8 +69,26 @@ bool IsFileName(const std::string& service)
            service.find('/') == std::string::npos;
 }
 
-/// Makes the path free if a dead server's socket stands there. A dead one refuses a connection; any other answer comes
-/// from a live one, one that is too busy to accept included.
+/// Whether nobody answers at the path, as where a server is dead: that refuses a connection. Any other answer comes
+/// from a live one, one that is too busy to accept included, and stands in the log.
+bool NobodyAnswers(const std::string& service, const std::string& path)
+{
+    const UniqueFd probe = NewSocket();
+    if (!probe.IsOpen()) {
+        HOST_LOG_ERROR("service[%s]: no socket to be had: %s.", service.c_str(), std::strerror(errno));
+        return false;
+    }
+    const sockaddr_un address = AddressOf(path);
+    const bool connected = ::connect(probe.Get(), Generic(address), sizeof address) == 0;
+    if (connected || (errno != ECONNREFUSED && errno != ENOENT)) {
+        HOST_LOG_ERROR("service[%s]: a live server holds %s (%s): end that one first.", service.c_str(), path.c_str(),
+                       connected ? "it accepts connections" : std::strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+/// Makes the path free if a dead server's socket stands there.
 bool ClearPath(const std::string& service, const std::string& path)
 {
     struct stat status {};
@@ -107,16 +103,7 @@ bool ClearPath(const std::string& service, const std::string& path)
         HOST_LOG_ERROR("service[%s]: %s is in the way and is no socket: remove it.", service.c_str(), path.c_str());
         return false;
     }
-    const UniqueFd probe = NewSocket();
-    if (!probe.IsOpen()) {
-        HOST_LOG_ERROR("service[%s]: no socket to be had: %s.", service.c_str(), std::strerror(errno));
-        return false;
-    }
-    const sockaddr_un address = AddressOf(path);
-    const bool connected = ::connect(probe.Get(), Generic(address), sizeof address) == 0;
-    if (connected || (errno != ECONNREFUSED && errno != ENOENT)) {
-        HOST_LOG_ERROR("service[%s]: a live server holds %s (%s): end that one first.", service.c_str(), path.c_str(),
-                       connected ? "it accepts connections" : std::strerror(errno));
+    if (!NobodyAnswers(service, path)) {
         return false;
     }
     if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
@@ -129,32 +116,38 @@ bool ClearPath(const std::string& service, const std::string& path)
 
 } // namespace
 
-bool ServiceSocket::Listen(const std::string& service)
+ServiceSocket::Listening ServiceSocket::Listen(const std::string& service, Patience patience)
 {
     if (!IsFileName(service)) {
         HOST_LOG_ERROR("service[%s]: no name for a socket in %s: it is empty, too long or has a slash.",
                        service.c_str(), SERVICE_DIRECTORY);
-        return false;
+        return Listening::FAILED;
     }
     if (!MakeServiceDirectory()) {
         HOST_LOG_ERROR("service[%s]: %s cannot be made: %s. Make it, writable for user %u.", service.c_str(),
                        SERVICE_DIRECTORY, std::strerror(errno), static_cast<unsigned>(::geteuid()));
-        return false;
+        return Listening::FAILED;
     }
     // Held from the first look at the path until the socket listens: of two servers that start at the same moment, the
     // later one finds the other's socket alive.
-    DirectoryLock lock;
-    if (!lock.Take()) {
-        HOST_LOG_ERROR("service[%s]: %s cannot be locked: %s.", service.c_str(), SERVICE_DIRECTORY,
+    NameLock lock(service);
+    switch (patience == Patience::A_SECOND ? TakeWithPatience(lock) : lock.Try(NameLock::Foreign::REMOVE)) {
+    case NameLock::Attempt::TAKEN:
+        break;
+    case NameLock::Attempt::BUSY:
+        m_obstacle = lock.Path() + ' ' + lock.Obstacle();
+        return NobodyAnswers(service, PathOf(service)) ? Listening::LATER : Listening::FAILED;
+    case NameLock::Attempt::FAILED:
+        HOST_LOG_ERROR("service[%s]: no lock can be made at %s: %s.", service.c_str(), lock.Path().c_str(),
                        std::strerror(errno));
-        return false;
+        return Listening::FAILED;
     }
-    return ListenAt(service);
+    return ListenAt(service) ? Listening::BEGUN : Listening::FAILED;
 }
 
 bool ServiceSocket::ListenAt(const std::string& service)
 {
-    const std::string path = std::string(SERVICE_DIRECTORY) + '/' + service;
+    const std::string path = PathOf(service);
     if (!ClearPath(service, path)) {
         return false;
     }

@@ -17,9 +17,16 @@ public:
     ServiceSocket& operator=(const ServiceSocket&) = delete;
     ~ServiceSocket() { Remove(); }
 
-    /// Takes the name and listens. What a dead server left there is replaced. False, with the reason in the log, when
+    /// LATER: another process holds the lock on the name, and no server listens. Obstacle() says what is in the way.
+    enum class Listening { BEGUN, LATER, FAILED };
+    /// How long to wait for the lock.
+    enum class Patience { A_SECOND, NONE };
+
+    /// Takes the name and listens. What a dead server left there is replaced. FAILED, with the reason in the log, when
     /// the name is no file name, a live server holds it, or the system refuses.
-    bool Listen(const std::string& service);
+    /// @throws std::bad_alloc
+    Listening Listen(const std::string& service, Patience patience);
+    const std::string& Obstacle() const { return m_obstacle; }
 
     /// Takes the socket away, if what stands at its path is still this one, and closes it.
     void Remove();
@@ -30,6 +37,7 @@ private:
     bool ListenAt(const std::string& service);
 
     std::string m_path;
+    std::string m_obstacle;
     Common::UniqueFd m_fd;
     dev_t m_device = 0;
     ino_t m_inode = 0;

@@ -280,7 +280,7 @@ TEST_F(Registering, SaysWhereTheServersUserMayMakeNoSocket)
     ASSERT_TRUE(Works(SERVICE));
     const ServerProcess server(SERVICE, g_testProtocol, {BecomeNobody, [](int result) { return result; }});
     EXPECT_FALSE(server.IsRegistered());
-    EXPECT_EQ(CountInLog("service[test.service]: no socket can be made at /mnt/bolt/test.service: Permission denied"),
+    EXPECT_EQ(CountInLog("service[test.service]: no lock can be made at /mnt/bolt/.test.service.lock: Permission denied."),
               1)
         << LogText();
 }

@@ -1,16 +1,22 @@
 // Who may connect, and a socket file that somebody takes away.
 #include "system/hostile_service.h"
 
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <grp.h>
-
+#include <array>
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
+#include <utility>
 
 namespace {
+
+using namespace std::chrono_literals;
 
 constexpr uid_t NOBODY = 65534;
 
@@ -43,6 +49,49 @@ protected:
         return client.IsConnected() && !client.Receive(DaemonRunner::PATIENCE) &&
                client.IsClosedByPeer(DaemonRunner::PATIENCE);
     }
+};
+
+/// Something holds a lock while the server starts.
+class AStartUnderALock : public HostileService {
+protected:
+    /// Holds a lock on the file, made where it is missing, until the test's end or LetGo; as that user.
+    void Lock(const std::string& path, int flags, uid_t user)
+    {
+        std::array<int, 2> ready{};
+        ASSERT_EQ(::pipe2(ready.data(), O_CLOEXEC), 0);
+        m_holder = ::fork();
+        if (m_holder == 0) {
+            const bool holds = (user == 0 || (::setgid(user) == 0 && ::setuid(user) == 0)) &&
+                               ::flock(::open(path.c_str(), flags, 0600), LOCK_EX | LOCK_NB) == 0;
+            const char word = holds ? 'y' : 'n';
+            if (::write(ready[1], &word, 1) == 1 && holds) {
+                ::pause();
+            }
+            ::_exit(1);
+        }
+        ::close(ready[1]);
+        char word = 'n';
+        EXPECT_EQ(::read(ready[0], &word, 1), 1);
+        EXPECT_EQ(word, 'y');
+        ::close(ready[0]);
+    }
+
+    void LetGo()
+    {
+        if (m_holder > 0) {
+            ::kill(m_holder, SIGKILL);
+            ::waitpid(std::exchange(m_holder, 0), nullptr, 0);
+        }
+    }
+
+    void TearDown() override
+    {
+        LetGo();
+        HostileService::TearDown();
+    }
+
+private:
+    pid_t m_holder = 0;
 };
 
 class TheSocketFile : public HostileService {
@@ -92,6 +141,49 @@ TEST_F(APeerOfAnotherUser, IsJudgedByWhoConnectedAndNotByWhoSends)
         return client.Ask(DeletePacket(NO_BUNDLE), DaemonRunner::PATIENCE) == StatusPacket(404);
     }));
     ExpectRadioIsDeleted();
+}
+
+TEST_F(AStartUnderALock, ThatAnyUserHoldsOnTheServiceDirectoryServes)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root, to become another user";
+    }
+    std::filesystem::create_directories("/mnt/bolt");
+    Lock("/mnt/bolt", O_RDONLY | O_DIRECTORY | O_CLOEXEC, NOBODY);
+    StartServing();
+    ExpectGoodService();
+    ExpectRadioIsDeleted();
+    EXPECT_EQ(daemon.Stop().status, 0);
+    EXPECT_TRUE(std::filesystem::is_empty("/mnt/bolt")) << "a clean end leaves nothing behind";
+}
+
+TEST_F(AStartUnderALock, ThatNobodyWhoServesHoldsServesWhenItIsFree)
+{
+    std::filesystem::create_directories("/mnt/bolt");
+    Lock("/mnt/bolt/.bundlesvr.paas.kov.lock", O_RDONLY | O_CREAT | O_CLOEXEC, 0);
+    StartServing();
+    EXPECT_EQ(daemon.CountInLog("bolt_server_register fail."), 0);
+    EXPECT_EQ(UnixClient(SERVICE_SOCKET).Error(), ENOENT);
+    EXPECT_FALSE(daemon.WaitForLog("it can be reached now.", 1, 3s));
+    EXPECT_EQ(daemon.CountInLog("it cannot be reached yet: /mnt/bolt/.bundlesvr.paas.kov.lock is locked"), 1);
+    ASSERT_EQ(::kill(Radio(), SIGKILL), 0);
+    EXPECT_NE(daemon.WaitForItem("radio", "radiod", 2), 0) << "supervision goes on";
+    LetGo();
+    ASSERT_TRUE(daemon.WaitForLog("it can be reached now."));
+    ExpectRadioIsDeleted();
+    EXPECT_EQ(daemon.Stop().status, 0);
+    EXPECT_TRUE(std::filesystem::is_empty("/mnt/bolt"));
+}
+
+TEST_F(AStartUnderALock, ThatNobodyWhoServesHoldsEndsAtASignal)
+{
+    std::filesystem::create_directories("/mnt/bolt");
+    Lock("/mnt/bolt/.bundlesvr.paas.kov.lock", O_RDONLY | O_CREAT | O_CLOEXEC, 0);
+    StartServing();
+    daemon.Signal(SIGTERM);
+    const auto end = daemon.WaitForEnd(3s);
+    ASSERT_TRUE(end);
+    EXPECT_EQ(end->status, 0);
 }
 
 TEST_F(TheSocketFile, MayVanishAndThoseWhoAreConnectedAreServedOn)

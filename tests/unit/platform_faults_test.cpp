@@ -1,92 +1,25 @@
-#include "own_process.h"
-#include "platform/running_server.h"
-#include "support/collection_builder.h"
+// Calls that fail in the loop, in connections, messages and the log.
+#include "failing_service.h"
 #include "support/eventually.h"
-#include "support/fault.h"
 #include "support/fault_allocation.h"
-#include "support/log_capture.h"
 #include "support/private_mnt.h"
-#include "support/unix_client.h"
 
 #include <bolt.h>
-#include <lumo.h>
 #include <zq_log.h>
 
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <filesystem>
-#include <functional>
-#include <memory>
-#include <optional>
 #include <string>
-#include <vector>
 
 using namespace std::chrono_literals;
 
 namespace {
 
 [[maybe_unused]] const auto* const g_privateMnt = ::testing::AddGlobalTestEnvironment(new PrivateMnt);
-
-constexpr auto PATIENCE = 30s;
-constexpr char SERVICE[] = "test.service";
-const std::string SOCKET = std::string("/mnt/bolt/") + SERVICE;
-
-/// A socket that nobody listens on any more.
-void LeaveDeadSocket()
-{
-    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    SOCKET.copy(address.sun_path, sizeof address.sun_path - 1);
-    ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    ::close(fd);
-}
-
-class AFailingCall : public ::testing::Test {
-public:
-    AFailingCall() { std::filesystem::create_directories("/mnt/bolt"); }
-
-    static bool IsServed(const std::string& content = "hello")
-    {
-        const auto reply = UnixClient(SOCKET).Ask(PacketOf(ECHO, 0, content), PATIENCE);
-        return reply && reply->substr(sizeof(lumo_header)) == content;
-    }
-
-    const RealSending real;
-    LogCapture log;
-};
-
-class AFailingCallAtTheRegistration : public AFailingCall {
-public:
-    /// Registers while the call fails. It has to say why, to leave nothing, and to work the next time.
-    void IsSaid(Call call, int error, const std::string& record, int after = 0)
-    {
-        SCOPED_TRACE(record + " call " + std::to_string(static_cast<int>(call)) + " after " + std::to_string(after));
-        bolt_event_mgr* const manager = bolt_event_mgr_new(0);
-        const bool isDead = Exists(SOCKET);
-        const int descriptors = OwnProcess::Descriptors();
-        log.Restart();
-        {
-            const Fault fault(call, error, 1, after);
-            EXPECT_NE(RegisterService(SERVICE, manager, g_testProtocol), 0);
-            EXPECT_TRUE(fault.HasStruck());
-        }
-        EXPECT_TRUE(log.HasPart(record));
-        EXPECT_TRUE(log.HasPart(std::string("service[") + SERVICE + "]"));
-        EXPECT_EQ(OwnProcess::Descriptors(), descriptors);
-        EXPECT_TRUE(isDead || !Exists(SOCKET));
-        EXPECT_TRUE(RunningServer(SERVICE, g_testProtocol).IsRegistered());
-        EXPECT_FALSE(Exists(SOCKET));
-    }
-};
 
 class AFailingCallOfTheLoop : public AFailingCall {
 public:
@@ -134,67 +67,6 @@ class AFailingCallOfAMessage : public AFailingCall {};
 class AFailingCallOfTheLog : public AFailingCall {};
 
 } // namespace
-
-TEST_F(AFailingCallAtTheRegistration, IsSaidWhereTheDirectoryIsConcerned)
-{
-    std::filesystem::remove_all("/mnt/bolt");
-    IsSaid(Call::MKDIR, EROFS, "/mnt/bolt cannot be made: Read-only file system.");
-    std::filesystem::remove_all("/mnt/bolt");
-    IsSaid(Call::CHMOD, EPERM, "/mnt/bolt cannot be made: Operation not permitted.");
-    IsSaid(Call::OPEN, EMFILE, "/mnt/bolt cannot be locked: Too many open files.");
-    IsSaid(Call::FLOCK, ENOLCK, "/mnt/bolt cannot be locked: No locks available.");
-}
-
-TEST_F(AFailingCallAtTheRegistration, IsSaidWhereTheSocketIsConcerned)
-{
-    const std::string notMade = "no socket can be made at " + SOCKET;
-    const std::string notReady = "the socket at " + SOCKET + " cannot be made ready";
-    IsSaid(Call::LSTAT, EACCES, SOCKET + " cannot be looked at: Permission denied.");
-    IsSaid(Call::SOCKET, EMFILE, notMade + ": Too many open files.");
-    IsSaid(Call::FCHMOD, EPERM, notMade + ": Operation not permitted.");
-    IsSaid(Call::BIND, EADDRINUSE, notMade + ": Address already in use.");
-    IsSaid(Call::CHMOD, EPERM, notReady + ": Operation not permitted.");
-    IsSaid(Call::LISTEN, EADDRINUSE, notReady + ": Address already in use.");
-    IsSaid(Call::LSTAT, EACCES, notReady + ": Permission denied.", 1);
-}
-
-TEST_F(AFailingCallAtTheRegistration, IsSaidWhereADeadServersSocketIsConcerned)
-{
-    LeaveDeadSocket();
-    IsSaid(Call::SOCKET, EMFILE, "no socket to be had: Too many open files.");
-    LeaveDeadSocket();
-    IsSaid(Call::CONNECT, EAGAIN, "a live server holds " + SOCKET + " (Resource temporarily unavailable)");
-    LeaveDeadSocket();
-    IsSaid(Call::UNLINK, EACCES, "the socket of a dead server at " + SOCKET + " cannot be removed: Permission denied.");
-}
-
-TEST_F(AFailingCallAtTheRegistration, IsSaidWhereTheLoopIsConcerned)
-{
-    IsSaid(Call::EVENT_NEW, ENOMEM, "cannot be registered: std::bad_alloc.");
-    IsSaid(Call::EVENT_NEW, ENOMEM, "cannot be registered: std::bad_alloc.", 1);
-    IsSaid(Call::EVENT_ADD, ENOMEM, "the event loop does not take its socket.");
-}
-
-TEST_F(AFailingCallAtTheRegistration, IsTriedAgainWhereTheLockIsTakenOrTheWaitInterrupted)
-{
-    for (const int error : {EWOULDBLOCK, EINTR}) {
-        const Fault lock(Call::FLOCK, error, 3);
-        const Fault pause(Call::NANOSLEEP, EINTR, 2);
-        EXPECT_TRUE(RunningServer(SERVICE, g_testProtocol).IsRegistered());
-        EXPECT_TRUE(lock.HasStruck());
-    }
-    const NoPauses hurry;
-    const Fault lock(Call::FLOCK, EWOULDBLOCK);
-    EXPECT_FALSE(RunningServer(SERVICE, g_testProtocol).IsRegistered());
-    EXPECT_TRUE(log.HasPart("/mnt/bolt cannot be locked: Resource temporarily unavailable."));
-}
-
-TEST_F(AFailingCallAtTheRegistration, DoesNotMatterWhereADirectoryIsThatCanNotBeLookedAt)
-{
-    const Fault fault(Call::STAT, EACCES);
-    EXPECT_TRUE(RunningServer(SERVICE, g_testProtocol).IsRegistered());
-    EXPECT_TRUE(fault.HasStruck());
-}
 
 TEST_F(AFailingCallOfTheLoop, LeavesNoEventManager)
 {

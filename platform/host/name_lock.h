@@ -1,0 +1,49 @@
+#ifndef PLATFORM_HOST_NAME_LOCK_H
+#define PLATFORM_HOST_NAME_LOCK_H
+
+#include "common/unique_fd.h"
+
+#include <string>
+
+namespace HostPlatform {
+
+/// The lock under which a server takes a service's name. It is a lock on a file beside the service's socket that only
+/// the server's user may open, so nobody else can hold it. The file stands there while the lock is held; one that a
+/// killed server has left is used again.
+class NameLock {
+public:
+    enum class Attempt { TAKEN, BUSY, FAILED };
+    /// What to do with a file of another user: that one's server removes it in a moment, if it is no obstacle on
+    /// purpose.
+    enum class Foreign { WAIT, REMOVE };
+
+    explicit NameLock(const std::string& service);
+    NameLock(const NameLock&) = delete;
+    NameLock& operator=(const NameLock&) = delete;
+    /// Removes the file and gives up the lock.
+    ~NameLock();
+
+    /// Takes the lock if it is free. BUSY: Obstacle() says why, and another attempt may succeed. FAILED: errno says
+    /// why.
+    Attempt Try(Foreign foreign);
+
+    const std::string& Path() const { return m_path; }
+    const std::string& Obstacle() const { return m_obstacle; }
+
+private:
+    enum class Opening { OPEN, CHANGED, BLOCKED, FAILED };
+
+    Opening Open(Foreign foreign);
+    Opening OpenExisting(Foreign foreign);
+    Opening RemoveForeign();
+    bool IsAtItsPath() const;
+
+    const std::string m_path;
+    std::string m_obstacle;
+    Common::UniqueFd m_fd;
+    bool m_isTaken = false;
+};
+
+} // namespace HostPlatform
+
+#endif
