@@ -1,5 +1,5 @@
-"""The benchmarks. Each is a function of the programs and of whether it shall be quick, and returns a result: a list of
-rows, each of which compares what the server took with what the floor took, and perhaps a plot."""
+"""The benchmarks. Each is a function that takes the programs and whether to be quick. It returns a list of rows, which
+compare the server's figures with the floor's, and for some benchmarks a plot."""
 
 import json
 import os
@@ -26,13 +26,13 @@ def row(what, unit, values, floor=None, scale=1, target=""):
 
 
 def items(reports, count, seconds):
-    """Waits until so many items have come to run."""
+    """Waits until that many items have started."""
     end = time.monotonic() + seconds
     return [reports.next(max(0.1, end - time.monotonic())) for _ in range(count)]
 
 
 def relaunch(programs, quick):
-    """kill -9 of an item that has run for over two seconds, to the first statement of the program in its place. The
+    """From kill -9 of an item that has run for over two seconds to the first statement of its relaunched program. The
     server's item and the floor's are killed by turns."""
     kills = 3 if quick else 60
     warm_up = 2
@@ -58,7 +58,8 @@ def relaunch(programs, quick):
 
 
 def storm(programs, quick):
-    """All items killed at once, until all run again. One launch a second is ordered, so that n of them take n - 1 s."""
+    """From the kill of all items at once until all run again. Each launch is followed by a pause of a second, so n of
+    them take at least n - 1 s."""
     count = 4 if quick else 50
     rows = []
     for side in ("server", "floor"):
@@ -80,7 +81,7 @@ def storm(programs, quick):
     (server_first, server_all, server_each), (floor_first, floor_all, floor_each) = rows
     return {"rows": [row("the first is back", "ms", [server_first], [floor_first], MILLI, "as a relaunch"),
                      row(f"all {count} are back", "s", [server_all], [floor_all], NANO),
-                     row("beyond the ordered seconds, a launch", "ms", [server_each], [floor_each], MILLI, "0.5 ms")],
+                     row("beyond the pauses, a launch", "ms", [server_each], [floor_each], MILLI, "0.5 ms")],
             "note": f"One storm of {count} items; each came back once."}
 
 
@@ -132,7 +133,8 @@ def idle(programs, quick):
 
 
 def hot_add(programs, quick):
-    """A bundle put into the collection of the running server at a random moment, to its item's first statement."""
+    """From a bundle's arrival in the collection of the running server, at a random moment, to its item's first
+    statement."""
     renames, copies = (2, 1) if quick else (30, 10)
     random.seed(1)
     collection = fresh_directory("hot-add")
@@ -145,7 +147,7 @@ def hot_add(programs, quick):
             name = f"bundle{number:05}"
             source, target = os.path.join(staging, name), os.path.join(collection, name)
             write_bundle(source, name, programs.bench_item, number)
-            time.sleep(1.5 + random.random())  # the launch before has its second's pause
+            time.sleep(1.5 + random.random())  # the pause of the launch before takes a second
             before = time.monotonic_ns()
             if way == "rename":
                 os.rename(source, target)
@@ -154,12 +156,12 @@ def hot_add(programs, quick):
             times[way].append(reports.next(10)[0] - before)
     return {"rows": [row("renamed in", "s", times["rename"], None, NANO, "median 1.55 s, worst 2.05 s"),
                      row("copied in place", "s", times["copy"], None, NANO, "one scan (1 s) later")],
-            "note": f"{renames} renames and {copies} copies at random moments; a second's wait before the load and a "
-            "scan a second are ordered."}
+            "note": f"{renames} renames and {copies} copies at random moments. The server scans once a second and "
+            "waits a second before it loads."}
 
 
 def start_up(programs, quick):
-    """Exec of the server to the first statement of the last of n items; n - 1 seconds of it are ordered."""
+    """From the exec of the server to the first statement of the last of n items. The pauses take n - 1 s of it."""
     rows = []
     for count, repetitions in ((1, 3), (3, 1)) if quick else ((1, 40), (10, 5), (50, 1)):
         beyond = {"server": [], "floor": []}
@@ -177,7 +179,7 @@ def start_up(programs, quick):
                 if count > 1 or repetition > 0:  # the first finds cold caches
                     beyond[side].append(taken - (count - 1) * NANO)
         limit = 6 if count == 1 else 6 + 0.5 * count
-        rows.append(row(f"{count} item{'s' if count > 1 else ''}: beyond the ordered {count - 1} s", "ms",
+        rows.append(row(f"{count} item{'s' if count > 1 else ''}: beyond the {count - 1} s of pauses", "ms",
                         beyond["server"], beyond["floor"], MILLI, f"{limit:g} ms"))
     return {"rows": rows, "note": "Server and floor by turns."}
 
@@ -189,7 +191,7 @@ def ask(programs, socket, clients, amount):
 
 
 class ShortenedLog(threading.Thread):
-    """Empties a log now and then, so that a minute of requests does not fill the memory that it lies in."""
+    """Empties a log every two seconds, so that a minute of requests does not fill the memory that holds it."""
 
     def __init__(self, path):
         super().__init__(daemon=True)
@@ -210,8 +212,7 @@ class ShortenedLog(threading.Thread):
 
 
 def request(programs, quick):
-    """A request to delete a bundle that nobody knows: the round trip as a client sees it, and how many there are in a
-    second."""
+    """A request to delete an unknown bundle: the round trip as a client sees it, and how many there are in a second."""
     requests, rounds, seconds = (500, 2, 2) if quick else (5000, 10, 60)
     floor_socket = os.path.join(RUN, "request-floor.socket")
     rows = []
@@ -241,8 +242,8 @@ def request(programs, quick):
             answered = len(ask(programs, SOCKET, 8, f"{seconds}s"))
         rows.append(row(f"8 clients for {seconds} s: requests a second", "", [answered / seconds]))
     return {"rows": rows, "note": f"{rounds} rounds of {requests} requests a client, server and floor by turns, after "
-            f"one that does not count. In {seconds} s of load {answered:,} requests were made and every one was "
-            "answered with 404."}
+            f"one that does not count. In {seconds} s of load the server answered {answered:,} requests, each with "
+            "404."}
 
 
 def write_collection(name, count):
@@ -254,8 +255,8 @@ def write_collection(name, count):
 
 
 def load(programs, quick):
-    """Exec to "init bundle server done." for a collection of n bundles without items, every other one of which requires
-    another: loading and resolving. The floor reads the same files and writes as many records."""
+    """Loading and resolving: from the exec to "init bundle server done." for a collection of n bundles without items.
+    Every other bundle requires another one. The floor reads the same files and writes as many records."""
     rows = []
     series = {"server": [], "floor": []}
     for count, repetitions in ((100, 2), (1000, 1)) if quick else ((100, 20), (1000, 10), (5000, 5), (20000, 3)):
@@ -285,7 +286,7 @@ RECORD = re.compile(rb"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z INFO 4 0 \d+ \d+ 
 
 
 def check_records(path, threads, count):
-    """Every record is there once and whole, and each thread's are in order."""
+    """Checks that every record is there once and whole, and that each thread's records are in order."""
     after = [-1] * threads
     with open(path, "rb") as file:
         for line in file:
@@ -327,8 +328,8 @@ def log_record(programs, quick):
 
 
 def scan(programs, quick):
-    """The processor time of one look at the collection, which is made once a second, when nothing has changed. The floor
-    makes the same calls and keeps nothing."""
+    """The processor time of one scan of the collection when nothing has changed. The server scans once a second. The
+    floor makes the same calls and keeps nothing."""
     done = subprocess.run([os.path.join(programs.folder, "scan", "bench_scan"), fresh_directory("scan")],
                           stdout=subprocess.PIPE, check=True, timeout=300, text=True)
     rows = []
@@ -349,7 +350,8 @@ def scan(programs, quick):
 
 
 def in_process(programs, quick):
-    """Inside one process, by Google Benchmark: on a platform that does nothing, and a log record sent to /dev/null."""
+    """Inside one process, by Google Benchmark: the server's functions on a platform that does nothing, and a log record
+    that goes to /dev/null."""
     rows = []
     series = {}
     for program in (programs.bench_server, programs.bench_log):
@@ -365,7 +367,7 @@ def in_process(programs, quick):
             rows.append(row(name.replace("/real_time", "").replace(":", " "), "µs", values, None, 1000))
             kind, _, size = name.partition("/")
             if size.isdigit() and kind != "ManifestParsing":
-                # Look-ups cost so much each; a walk over all costs so much a bundle.
+                # A look-up is plotted as it is, a walk over all bundles by the bundle.
                 each = int(size) if kind.startswith("Resolve") else 1
                 series.setdefault(kind, []).append((int(size), rows[-1]["server"]["median"] / each))
     return {"rows": rows, "note": "Five repetitions. ResolveChain: each bundle requires the next; ResolveWide: every "

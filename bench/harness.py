@@ -1,7 +1,7 @@
 """What the benchmarks share: bundles, the daemon and its floors as processes, items' reports, figures.
 
-Everything runs in namespaces of its own, which script/bench has made: /mnt is an empty tmpfs, and this process is the
-first of its process namespace, so that whatever is left of a benchmark can be killed as a whole.
+Everything runs in private namespaces, which script/bench has made. /mnt is an empty tmpfs. This process is the first of
+its process namespace, so it can kill everything that a benchmark leaves.
 """
 
 import array
@@ -22,7 +22,7 @@ NANO = 1_000_000_000
 
 
 class Programs:
-    """Where the build has put what is run."""
+    """Where the build has put the programs."""
 
     def __init__(self, build):
         self.server = os.path.join(build, "system_server/bundle_server_module/bundle_server")
@@ -33,11 +33,11 @@ class Programs:
 
 
 class Missed(Exception):
-    """Something that a benchmark waited for did not come, or was not as it must be."""
+    """Something that a benchmark waited for did not come, or was wrong."""
 
 
 def percentile(values, percent):
-    """The smallest value that so many percent of the values do not exceed."""
+    """The smallest value that at least that many percent of the values do not exceed."""
     ordered = sorted(values)
     return ordered[max(0, math.ceil(len(ordered) * percent / 100) - 1)]
 
@@ -48,7 +48,7 @@ def summary(values):
 
 
 def until(condition, seconds, what):
-    """Waits for a condition, which is looked at every few milliseconds."""
+    """Waits for a condition and checks it every few milliseconds."""
     end = time.monotonic() + seconds
     while time.monotonic() < end:
         if condition():
@@ -65,7 +65,7 @@ def fresh_directory(*parts):
 
 
 def write_bundle(directory, name, item=None, number=0, requires=""):
-    """A bundle's directory; with an item, a program that reports and rests, under the name "item<number>"."""
+    """Writes a bundle's directory. The item, if any, gets the name "item<number>"."""
     os.makedirs(os.path.join(directory, "bin"))
     with open(os.path.join(directory, "BundleManifest.ini"), "w", encoding="ascii") as manifest:
         manifest.write(f"[global]\nbundle_name = {name}\nbundle_load_mode = 0\n")
@@ -85,7 +85,7 @@ def collection_of_items(name, count, item):
 
 
 class Reports:
-    """The FIFO by which items tell when they came to run."""
+    """The FIFO by which items report their start."""
 
     SIZE = 16
 
@@ -97,9 +97,9 @@ class Reports:
         self.fd = os.open(self.path, os.O_RDWR | os.O_CLOEXEC)
 
     def next(self, seconds):
-        """(time, pid, number) of the next item that came to run."""
+        """(time, pid, number) of the next item that starts."""
         if not select.select([self.fd], [], [], seconds)[0]:
-            raise Missed(f"no item came to run within {seconds} s")
+            raise Missed(f"no item has started within {seconds} s")
         return struct.unpack("=qii", os.read(self.fd, self.SIZE))
 
     def close(self):
@@ -107,7 +107,7 @@ class Reports:
 
 
 class Process:
-    """A program and all that comes out of it, which is a session of its own."""
+    """A program and its descendants, in a session of their own."""
 
     def __init__(self, programs, name, command, reports=None):
         self.log = os.path.join(RUN, name + ".log")
@@ -124,7 +124,7 @@ class Process:
         self.pid = self.popen.pid
 
     def stamps(self):
-        """The moment of the exec: by the monotonic clock and by the clock of the log."""
+        """The time of the exec: by the monotonic clock and by the clock of the log."""
         until(lambda: os.path.exists(self._stamp) and os.path.getsize(self._stamp) > 0, 10, "the start")
         with open(self._stamp, encoding="ascii") as file:
             return tuple(int(part) for part in file.read().split())
@@ -134,7 +134,7 @@ class Process:
             return file.read().strip()
 
     def wait_for_end_of_log(self, text, seconds):
-        """Waits until the text is in one of the last records."""
+        """Waits until one of the last records has the text."""
         def is_there():
             if self.popen.poll() not in (None, 0):
                 raise Missed(f"it ended with status {self.popen.returncode}: {self.errors()}")
@@ -150,7 +150,7 @@ class Process:
             return ""
 
     def kill(self):
-        """Ends it with all that has come out of it: the items stay in its session."""
+        """Kills it and its descendants, which stay in its session."""
         with contextlib.suppress(ProcessLookupError):
             os.kill(self.pid, signal.SIGKILL)
         self.popen.wait()
@@ -164,7 +164,7 @@ class Process:
                     if os.getsid(int(entry)) == self.pid:
                         os.kill(int(entry), signal.SIGKILL)
                         left = True
-        # What the server has left is this process's to reap: it is the first of its namespace.
+        # This process is the first of its namespace, so it has to reap what the server has left.
         with contextlib.suppress(ChildProcessError):
             while os.waitpid(-1, os.WNOHANG)[0] != 0:
                 pass

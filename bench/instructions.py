@@ -1,4 +1,4 @@
-"""Counts the instructions of what must not grow, by callgrind: a figure that does not depend on the machine's mood."""
+"""Counts by callgrind the instructions of work that must not grow. Unlike times, they do not depend on the load."""
 
 import json
 import os
@@ -16,7 +16,7 @@ REQUESTS = 200
 
 
 def count(programs, name, collection, functions, work):
-    """The instructions that the server spends inside the functions, those that they call included."""
+    """The instructions that the server spends inside the functions and the functions that they call."""
     out = os.path.join(RUN, name + ".callgrind")
     command = ["/usr/bin/valgrind", "--tool=callgrind", "--callgrind-out-file=" + out, "--collect-atstart=no"]
     command += ["--toggle-collect=" + function for function in functions]
@@ -43,7 +43,7 @@ def measure(programs):
 
 
 def check(programs, keep):
-    """Compares with what is kept in the tree, or keeps what is found. Returns the exit status."""
+    """Compares the figures with those in the tree, or keeps them there. Returns the exit status."""
     found = measure(programs)
     if keep:
         with open(KEPT, "w", encoding="ascii") as file:

@@ -1,7 +1,7 @@
-// The program that benchmarks run as an item. It tells when it came to run, by the FIFO that BENCH_REPORT names, and
-// rests. Linked statically: what it does before main is next to nothing.
+// The program that benchmarks run as an item. It reports the time of its start to the FIFO that BENCH_REPORT names, and
+// then sleeps. Linked statically, so that it does almost nothing before main.
 //
-// A report is one write of 16 bytes: the time in nanoseconds of the monotonic clock, the pid, and the number in the
+// A report is one write of 16 bytes: the time of the monotonic clock in nanoseconds, the pid, and the number in the
 // name that it was executed under ("item12").
 #define _GNU_SOURCE
 #include <fcntl.h>

@@ -2,8 +2,8 @@
 //
 //     bench_log_record THREADS COUNT                  COUNT records a thread, to the file that ZQ_LOG_FILE names
 //
-// Standard output gets, for each batch of records, the nanoseconds that one of them took, as 64-bit numbers of the
-// machine. Each record tells its thread's number and its own, so that a reader can find what is lost or mixed.
+// Standard output gets, for each batch of records, the nanoseconds that one record took, as 64-bit numbers of the
+// machine. Each record has the number of its thread and its own number, so that a reader finds lost and mixed records.
 #include <zq_log.h>
 
 #include <chrono>

@@ -14,7 +14,7 @@ COLOURS = ("#1f5fa8", "#c1531b", "#3a7d34", "#7b4fa3", "#5c5c5c")
 
 
 def number(value):
-    """Four digits that count."""
+    """Four significant digits."""
     if value == 0:
         return "0"
     digits = max(0, 3 - math.floor(math.log10(abs(value))))
@@ -22,8 +22,8 @@ def number(value):
 
 
 def cells(line):
-    """A row as the texts of its columns. One value has no distribution, and fewer than fifty have no 99th percentile
-    but their greatest."""
+    """A row as the texts of its columns. One value has no distribution, and fewer than fifty values have no 99th
+    percentile apart from the greatest."""
     own = line["server"]
     several = (own["count"] or 1) > 1
     many = (own["count"] or 1) >= 50
@@ -44,7 +44,7 @@ def ratio(value, floor):
 
 
 def table(result):
-    """Columns that nothing stands in are left out."""
+    """Leaves out empty columns."""
     rows = [cells(line) for line in result["rows"]]
     kept = [i for i in range(len(HEAD)) if i == 0 or any(texts[i] for texts in rows)]
     return [[HEAD[i] for i in kept]] + [[texts[i] for i in kept] for texts in rows]
@@ -77,7 +77,7 @@ def output_of(*command):
 
 
 def machine():
-    """What the figures were taken on, as rows of a table."""
+    """The machine that the figures were taken on, as rows of a table."""
     model = "not known"
     with open("/proc/cpuinfo", encoding="ascii", errors="replace") as file:
         match = re.search(r"^model name\s*:\s*(.*)", file.read(), re.M)
@@ -102,7 +102,7 @@ def machine_markdown():
 
 
 def replace_block(text, name, block):
-    """Puts the block between the two comments that name it. Nothing else of the document is touched."""
+    """Replaces the text between the two comments that name the block."""
     begin, end = f"<!-- bench:{name} -->", f"<!-- bench:{name} end -->"
     if begin not in text or end not in text:
         raise SystemExit(f"bench: docs/performance.md has no place for {name}")
@@ -130,7 +130,7 @@ def write_document(path, results):
 
 
 class Axis:
-    """One direction of a plot: logarithmic where the values reach over more than two powers of ten."""
+    """One direction of a plot. Logarithmic when the values span more than two powers of ten."""
 
     def __init__(self, values, begin, end):
         positive = [value for value in values if value > 0]
@@ -157,7 +157,7 @@ class Axis:
 
 
 def svg(title, plot):
-    """The plot as a picture: a line and its points for each series."""
+    """The plot as a picture, with a line and its points for each series."""
     width, height, left, right, top, bottom = 640, 360, 70, 20, 40, 50
     points = [point for series in plot["series"].values() for point in series]
     across = Axis([x for x, _ in points], left, width - right)

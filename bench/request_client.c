@@ -1,11 +1,11 @@
-// Asks for the deletion of a bundle that nobody knows, over and over, one connection a client, and waits for each reply
-// before the next request.
+// Sends requests to delete an unknown bundle. Each client has one connection and waits for each reply before the next
+// request.
 //
 //     bench_request_client SOCKET CLIENTS COUNT       each client makes COUNT requests
-//     bench_request_client SOCKET CLIENTS SECONDSs    each client goes on for so many seconds
+//     bench_request_client SOCKET CLIENTS SECONDSs    each client makes requests for that many seconds
 //
-// Standard output gets the round trips, in nanoseconds, as 64-bit numbers of the machine. A reply that is missing for
-// ten seconds, or anything but 404, ends it with status 1.
+// Standard output gets the round trips in nanoseconds, as 64-bit numbers of the machine. A reply that takes ten
+// seconds, or a status other than 404, ends it with status 1.
 #define _GNU_SOURCE
 #include <errno.h>
 #include <pthread.h>

@@ -47,7 +47,7 @@ def run(names, programs, quick):
 
 def main():
     given = arguments()
-    # The first of its own processes: only then may what is left be killed, and only then is /mnt its own.
+    # Only as the first process of a namespace may it kill all others, and only then is /mnt private.
     if os.getpid() != 1:
         sys.exit("bench: run script/bench, which makes the namespaces")
     os.makedirs(RUN, exist_ok=True)

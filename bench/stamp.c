@@ -1,4 +1,4 @@
-// Writes down the time and becomes another program: the moment of an exec, without what the caller spends before it.
+// Records the time and executes another program. So the time is that of the exec, without the caller's work before it.
 //
 //     bench_stamp FILE PROGRAM [ARGUMENT...]
 //

@@ -1,5 +1,5 @@
-// The least that loading a collection can cost: the directory is read, and for each bundle its directory looked at, its
-// manifest opened, read and taken apart line by line, and as many log records written as the server writes.
+// The least that loading a collection can cost. Reads the directory; for each bundle it asks for the directory's
+// status, reads and parses the manifest line by line, and writes as many log records as the server does.
 //
 //     floor_load LOG COLLECTION
 #define _GNU_SOURCE
@@ -38,7 +38,7 @@ static size_t ReadManifest(const char* path, char* text, size_t size)
     return length;
 }
 
-// The bundle's name, which the records name, as the server's do.
+// Returns the bundle's name, for the records.
 static const char* Parse(char* text)
 {
     const char* name = "";

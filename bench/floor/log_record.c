@@ -2,7 +2,7 @@
 //
 //     floor_log_record THREADS COUNT                  COUNT records a thread, to the file that ZQ_LOG_FILE names
 //
-// Standard output gets, for each batch of records, the nanoseconds that one of them took, as 64-bit numbers of the
+// Standard output gets, for each batch of records, the nanoseconds that one record took, as 64-bit numbers of the
 // machine.
 #define _GNU_SOURCE
 #include <fcntl.h>

@@ -6,7 +6,8 @@
 #include <time.h>
 #include <unistd.h>
 
-/// A log record at its least: the columns of the server's log with the time in plain seconds, one snprintf, one write.
+/// The least that a log record can cost: the columns of the server's log with the time in plain seconds, one snprintf,
+/// one write.
 static inline void WriteRecord(int log, pid_t thread, int line, const char* text)
 {
     struct timespec now;

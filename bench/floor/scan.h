@@ -5,8 +5,8 @@
 extern "C" {
 #endif
 
-/// Lists a directory and asks for the status of each entry that is a directory, of its manifest, "bin" and "script":
-/// the least that any way of looking has to do. Returns a sum of what it has seen, so that nothing is left out.
+/// The least that a scan can cost: lists a directory and asks for the status of each subdirectory, its manifest, "bin"
+/// and "script". Returns a sum of the results, so that the compiler removes no call.
 long long floor_scan(const char* path);
 
 #ifdef __cplusplus

@@ -1,6 +1,5 @@
-// The least that supervising children can cost. Starts COUNT items one after the other and runs every one again that
-// dies: a pipe on which the child waits for its word, a fork, the child's group, the same log records, and the second's
-// pause after each launch.
+// The least that supervising children can cost. Starts COUNT items one after the other and relaunches each that dies. A
+// launch is a pipe for the ready byte, a fork, the child's group, the server's log records, and the pause of a second.
 //
 //     floor_supervise LOG COUNT ITEM
 //

@@ -1,4 +1,4 @@
-// A record of the host platform's log: its making alone, as far as that can be seen, goes to /dev/null.
+// A record of the host platform's log. It goes to /dev/null, so that mostly its formatting is measured.
 #include <zq_log.h>
 
 #include <benchmark/benchmark.h>

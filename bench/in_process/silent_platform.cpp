@@ -1,4 +1,4 @@
-// A platform that does nothing: what is measured on it is the server's own work, without the log and the sockets.
+// A platform that does nothing. So a benchmark measures the server's own work, without the log and the sockets.
 #include <bolt.h>
 #include <lumo.h>
 #include <sprintf_s.h>
@@ -8,8 +8,7 @@ void ZQ_WriteLog(int /*module*/, int /*level*/, int /*flag*/, int /*reserved*/, 
                  const char* /*format*/, ...)
 {}
 
-// NOLINTNEXTLINE(readability-identifier-naming): the header's own name
-void ZQ_WriteLanguageLog(int /*module*/, int /*level*/, const char* /*format*/, const char* /*second_format*/, ...) {}
+void ZQ_WriteLanguageLog(int /*module*/, int /*level*/, const char* /*format*/, const char* /*secondFormat*/, ...) {}
 
 lumo_message* lumo_message_new(int /*flags*/)
 {
@@ -59,13 +58,12 @@ int bolt_server_register(const char* /*service*/, bolt_event_mgr* /*mgr*/, const
     return -1;
 }
 
-// NOLINTNEXTLINE(readability-identifier-naming): the header's own name
-int bolt_event_mgr_run(bolt_event_mgr* /*mgr*/, int /*timeout_ms*/)
+int bolt_event_mgr_run(bolt_event_mgr* /*mgr*/, int /*timeoutMs*/)
 {
     return -1;
 }
 
-int sprintf_s(char* /*dest*/, size_t /*dest_size*/, const char* /*format*/, ...)
+int sprintf_s(char* /*dest*/, size_t /*destSize*/, const char* /*format*/, ...)
 {
     return -1;
 }

@@ -1,6 +1,6 @@
-// Prints what one scan of the collection costs for collections of several sizes, in which nothing happens.
+// Prints what one scan costs, for collections of several sizes in which nothing changes.
 //
-//     bench_scan [DIRECTORY]    makes its collections below DIRECTORY, else below the temporary directory
+//     bench_scan [DIRECTORY]    makes its collections below DIRECTORY; the default is the temporary directory
 
 #include "floor/scan.h"
 
@@ -95,7 +95,7 @@ void MeasureCollection(const fs::path& place, int bundles)
     std::vector<double> floors;
     bool isQuiet = true;
     long long seen = 0;
-    for (int i = 0; i < rounds; ++i) { // by turns, so that both meet the same machine
+    for (int i = 0; i < rounds; ++i) { // by turns, so that both see the same load
         scans.push_back(Measure([&] { isQuiet = ScanTimer::FindsNothing(watcher) && isQuiet; }));
         floors.push_back(Measure([&] { seen += floor_scan(collection.path.c_str()); }));
     }

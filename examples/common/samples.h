@@ -12,11 +12,11 @@
 #include <system_error>
 #include <utility>
 
-/// What the native items of the examples share: where they find their bundle, and how they keep what they measure.
+/// What the native items of the examples share: how they find their bundle, and how they store what they measure.
 namespace Examples {
 
-/// The bundle's directory, told from the path of a file in its "bin": an item starts in the server's working directory
-/// and is told nothing but where it lies itself.
+/// The bundle's directory, from the path of a file in its "bin". An item starts in the server's working directory and
+/// knows only its own path.
 inline std::string BundleOf(std::string file)
 {
     for (int level = 0; level < 2; ++level) {
@@ -25,12 +25,11 @@ inline std::string BundleOf(std::string file)
     return file;
 }
 
-/// A series of samples in a file of comma-separated lines, which begin with the time in seconds. A line is one write,
-/// so that the SIGKILL that ends an item never leaves half of one. Bounded: a full file is put aside, over the one put
-/// aside before.
+/// A series of samples in a file of comma-separated lines, each with the time in seconds first. A line is one write, so
+/// a SIGKILL never leaves half a line. The size is bounded: a full file is renamed and replaces the one renamed before.
 class Samples {
 public:
-    /// @param bundle its "data" is there: the install script has made it
+    /// @param bundle its "data" exists, because the install script has made it
     /// @param columns after "time", for the heading
     Samples(const std::string& bundle, const std::string& name, std::string columns)
         : m_path(bundle + "/data/" + name), m_heading("time," + std::move(columns) + '\n')

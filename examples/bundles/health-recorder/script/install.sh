@@ -1,6 +1,6 @@
 #!/bin/sh
-# Runs each time the server loads the bundle, so also at every start of the server: what is there already stays.
-# The folder is made here because an item that made it would change its bundle's root, and with that restart itself.
+# Runs each time the server loads the bundle, so also at every start of the server. It keeps what exists already.
+# An item that made the folder itself would change its bundle's root, and the server would restart the bundle.
 set -eu
 bundle=$(cd "$(dirname "$0")/.." && pwd)
 mkdir -p "$bundle/data"

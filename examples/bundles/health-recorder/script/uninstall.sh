@@ -1,6 +1,6 @@
 #!/bin/sh
-# Runs before a deleted bundle's directory is removed: the last moment to save something. Goes beside the collection,
-# for in it a file would be an item that has come.
+# Runs before the directory of a deleted bundle is removed, so it is the last chance to save something. It saves beside
+# the collection, because a new file in the collection would raise an event.
 set -eu
 bundle=$(cd "$(dirname "$0")/.." && pwd)
 kept=$(dirname "$(dirname "$bundle")")/kept

@@ -1,6 +1,6 @@
 #!/bin/sh
-# Runs after the new manifest has been read, while the old item is still at work. The next version may record other
-# columns: it begins a new file.
+# Runs after the new manifest has been read, while the old item still runs. The next version may record other columns,
+# so it gets a new file.
 set -eu
 bundle=$(cd "$(dirname "$0")/.." && pwd)
 if [ -f "$bundle/data/samples.csv" ]; then

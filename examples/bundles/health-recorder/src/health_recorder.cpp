@@ -1,5 +1,5 @@
-// Records the machine's health: its load, the memory that is left and the processes it runs, every five seconds, in the
-// bundle's data/samples.csv. A native program, run by the server as a child process.
+// Records the machine's load, its available memory and its number of processes in the bundle's data/samples.csv, every
+// five seconds. A native program that the server runs as a child process.
 #include "common/samples.h"
 
 #include <chrono>
@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::chrono::seconds INTERVAL(5);
 
-/// The word at a place of a file of /proc, counted from zero; empty when there is none.
+/// The word of a file of /proc with that number, counted from zero; empty when the file has fewer words.
 std::string Word(const char* file, int place)
 {
     std::ifstream stream(file);
@@ -39,7 +39,7 @@ std::string MemoryValue(const std::string& key)
     return "";
 }
 
-/// "RUNNING/ALL" of /proc/loadavg: all.
+/// The second number of "RUNNING/ALL" in /proc/loadavg.
 std::string Tasks()
 {
     const std::string tasks = Word("/proc/loadavg", 3);
@@ -59,13 +59,13 @@ std::string Tasks()
 int main()
 {
     try {
-        // Argument zero is the bare name of the item; the path of the program is to be had from the kernel only.
+        // Argument zero is the bare name of the item. Only the kernel knows the program's path.
         const std::string bundle = Examples::BundleOf(std::filesystem::read_symlink("/proc/self/exe"));
         std::cerr << "health_recorder: a sample every " << INTERVAL.count() << " s to " << bundle
                   << "/data/samples.csv\n";
         Record(Examples::Samples(bundle, "samples.csv", "load_1min,memory_available_kb,tasks"));
     } catch (const std::exception& e) {
-        // Status 1 asks for no relaunch: a full disk is not emptied by trying once a second.
+        // Status 1 asks for no relaunch: trying once a second does not empty a full disk.
         std::cerr << "health_recorder: " << e.what() << '\n';
         return 1;
     }

@@ -1,7 +1,6 @@
 #!/bin/sh
-# Raises an alarm when the load of the machine is above the limit that data/alarm.conf sets, and another line when it
-# has fallen again. New settings are taken in the simplest way there is: the script ends with status 2, by which it asks
-# the server to be run again.
+# Writes a line when the load of the machine rises above the limit in data/alarm.conf, and another when it has fallen
+# again. For new settings the script ends with status 2, which asks the server for a relaunch.
 bundle=$(cd "$(dirname "$0")/.." && pwd) || exit 1
 settings=$bundle/data/alarm.conf
 
@@ -14,7 +13,7 @@ limit=$(sed -n 's/^limit=\([0-9][0-9.]*\)$/\1/p' "$settings")
 echo "load_alarm: the limit is ${limit:-not set}" >&2
 
 above=no
-# Two seconds: when the shell is killed, the sleep that it waits for lives on to its end.
+# Only two seconds, because a sleep lives on to its end when the shell that waits for it is killed.
 while sleep 2; do
     if [ "$(mark)" != "$first_mark" ]; then
         echo "load_alarm: new settings" >&2

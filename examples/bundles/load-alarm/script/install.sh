@@ -1,5 +1,5 @@
 #!/bin/sh
-# The first settings; those that somebody has changed since stay.
+# The first settings. Changed settings stay.
 set -eu
 bundle=$(cd "$(dirname "$0")/.." && pwd)
 mkdir -p "$bundle/data"

@@ -1,6 +1,5 @@
-// Measures the network traffic of the machine: bytes received and sent each five seconds, loopback left out, in the
-// bundle's data/traffic.csv. A library whose function runs in a process of its own, in which the server's loader has
-// opened it.
+// Measures the network traffic of the machine, without loopback: bytes received and sent, every five seconds, in the
+// bundle's data/traffic.csv. A library whose function runs in its own process, which is the server's loader.
 #include "common/samples.h"
 
 #include <dlfcn.h>

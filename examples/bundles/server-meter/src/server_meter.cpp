@@ -1,6 +1,6 @@
 // Measures the bundle server itself: its resident memory, threads and open descriptors, every five seconds, in the
-// bundle's data/server.csv. A library whose function runs on a thread inside the server, which is what lets it look
-// from within; a fault in here is a fault of the server.
+// bundle's data/server.csv. A library whose function runs on a thread of the server, so it sees the server from within.
+// A crash here is a crash of the server.
 #include "common/samples.h"
 
 #include <dlfcn.h>
@@ -35,7 +35,7 @@ std::string StatusValue(const std::string& key)
 long OpenDescriptors()
 {
     using Iterator = std::filesystem::directory_iterator;
-    // The one that reads the directory is not counted.
+    // The descriptor that reads the directory does not count.
     return std::distance(Iterator("/proc/self/fd"), Iterator()) - 1;
 }
 
@@ -45,8 +45,8 @@ std::string OwnPath()
     return ::dladdr(reinterpret_cast<const void*>(&OwnPath), &info) != 0 ? info.dli_fname : "";
 }
 
-/// The server stops an item of this kind by cancelling its thread. A cancellation that strikes in the middle of a
-/// destructor would end the whole server, so it is let in here only, where nothing needs an end.
+/// The server stops an item of this kind by cancelling its thread. A cancellation inside a destructor would end the
+/// whole server. So cancellation is enabled only here, where no object needs a destructor.
 void PauseCancellably()
 {
     int before = 0;
@@ -65,8 +65,8 @@ void PauseCancellably()
 
 } // namespace
 
-/// The function that the manifest names. An exception must not leave it, except the one by which the C library unwinds
-/// a cancelled thread: catch what can be thrown by name, never everything.
+/// The function that the manifest names. No exception may leave it, except the one by which the C library unwinds a
+/// cancelled thread. So catch the possible exceptions by name, never all of them.
 extern "C" int server_meter_main()
 {
     ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);

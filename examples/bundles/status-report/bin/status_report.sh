@@ -1,6 +1,6 @@
 #!/bin/sh
-# Shows the newest sample of health-recorder on the page that web-page serves. It finds both beside its own bundle, and
-# writes below the data/ of the other: that restarts nobody.
+# Shows the newest sample of health-recorder on the page that web-page serves. Both bundles lie beside its own. It
+# writes below the data/ of web-page, which restarts no bundle.
 collection=$(cd "$(dirname "$0")/../.." && pwd) || exit 1
 samples=$collection/health-recorder/data/samples.csv
 www=$collection/web-page/data/www
@@ -17,7 +17,7 @@ END
 }
 
 while sleep 2; do
-    # Put in its place by a rename: nobody is served half a page.
+    # A rename puts it in place, so that no client gets half a page.
     if [ -f "$samples" ] && report > "$www/index.html.new"; then
         mv "$www/index.html.new" "$www/index.html"
     fi

@@ -1,5 +1,5 @@
 #!/bin/sh
-# A first page, so that there is one before anybody writes another.
+# A first page, until a bundle writes another.
 set -eu
 bundle=$(cd "$(dirname "$0")/.." && pwd)
 mkdir -p "$bundle/data/www"
