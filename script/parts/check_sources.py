@@ -32,15 +32,15 @@ def long_files(sources):
 
 
 def included_units(files, files_by_name):
-    """The units that a unit's files include. A name without a folder is looked for beside the file first."""
+    """The units that a unit's files include. A name is looked for beside the file first."""
     for file in files:
         for name in INCLUDE.findall(file.read_text()):
-            candidates = [
-                other for other in files_by_name.get(pathlib.PurePath(name).name, []) if ("/" + str(other)).endswith("/" + name)
-            ]
-            beside = file.parent / name
+            same_name = files_by_name.get(pathlib.PurePath(name).name, [])
+            beside = pathlib.Path(os.path.normpath(file.parent / name))
+            candidates = [beside] if beside in same_name else [
+                other for other in same_name if ("/" + str(other)).endswith("/" + name)]
             if candidates:
-                yield (beside if beside in candidates else candidates[0]).with_suffix("")
+                yield candidates[0].with_suffix("")
 
 
 def circles(sources):

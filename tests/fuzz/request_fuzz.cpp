@@ -6,7 +6,7 @@
 
 #include "platform/host/packet.h"
 #include "support/collection_builder.h"
-#include "unit/watcher_making.h"
+#include "support/watcher_making.h"
 
 #include <bundle_service.h>
 #include <sprintf_s.h>

@@ -1,36 +1,64 @@
 #!/usr/bin/env bash
-# Shows that check_layers.sh finds what it is for, on copies of the sources in which one line is wrong.
+# Shows that check_layers.py finds each kind of fault, on a copy of the sources in which one line is wrong.
 #
 # usage: check_layers_test.sh ROOT
 set -euo pipefail
 
 root=$1
-check=$(cd "$(dirname "$0")" && pwd)/check_layers.sh
+check=$(cd "$(dirname "$0")" && pwd)/check_layers.py
 src=system_server/bundle_server_module/src
 copy=$(mktemp -d)
 trap 'rm -rf "$copy"' EXIT
 
-# expect FILE LINE TEXT: with LINE in FILE, the check fails and says TEXT.
+cd "$root"
+find bench common examples platform public system_server tests tools \( -name '*.h' -o -name '*.cpp' -o -name '*.c' \) \
+    -exec cp --parents -t "$copy" {} +
+cd "$copy"
+"$check" . || { echo "the sources have faults already"; exit 1; }
+
+# expect FILE LINE TEXT: with LINE in FILE, the check fails and says TEXT of the file without its ending.
 expect() {
-    rm -rf "${copy:?}"/*
-    mkdir "$copy/tests"
-    cp -R "$root/system_server" "$root/public" "$root/platform" "$root/tools" "$copy/"
-    echo "$2" >> "$copy/$1"
-    local said
-    if said=$("$check" "$copy"); then
+    local said saved
+    saved=$(mktemp "$copy/.saved-XXXXXX")
+    mkdir -p "$(dirname "$1")"
+    [ ! -f "$1" ] || cp "$1" "$saved"
+    echo "$2" >> "$1"
+    if said=$("$check" .); then
         echo "not found: $1 with $2"
         exit 1
     fi
-    if [[ $said != *"$1$3"* ]]; then
+    if [[ $said != *"${1%.*} $3"* ]]; then
         echo "$1 with $2 is reported as: $said"
         exit 1
     fi
+    if [ -s "$saved" ]; then mv "$saved" "$1"; else rm "$1" "$saved"; fi
 }
 
-expect $src/bundle_manifest.h '#include "bundle.h"' ' includes bundle.h, which stands above it'
-expect $src/bundle_process_activator.cpp '#include "bundle_server.h"' ' includes bundle_server.h, which stands above it'
-expect $src/bundle_log.h '# include <bundle_manifest.h>' ' includes bundle_manifest.h, which stands above it'
-expect $src/newcomer.h '' ' has no layer'
-expect $src/bundle_server.cpp '#include "platform/host/message.h"' ' includes platform/host/message.h, which the server must not know'
-expect $src/bundle.cpp '#include "../../../platform/host/packet.h"' ' includes ../../../platform/host/packet.h, which the server must not know'
-expect public/include/bundle_service.h '#include <service_client.h>' ' includes service_client.h, which the server must not know'
+manifest="includes $src/bundle_manifest"
+expect $src/bundle_manifest.h '#include "bundle.h"' "includes $src/bundle, which the layer manifest must not know"
+expect $src/bundle_process_activator.cpp '#include "bundle_server.h"' "includes $src/bundle_server, which the layer activators"
+expect $src/bundle_log.h '# include <bundle_manifest.h>' "$manifest, which the layer helpers must not know"
+expect $src/bundle_dir_watcher.cpp '#include "bundle_manifest.h"' "$manifest, which the layer watcher must not know"
+expect $src/bundle_manager.cpp '#include "bundle_dir_watcher.h"' "includes $src/bundle_dir_watcher, which the layer manager"
+expect $src/newcomer.h '' 'has no layer'
+expect newcomer/newcomer.h '' 'has no part'
+expect $src/bundle_server.cpp '#include "platform/host/message.h"' 'includes platform/host/message, which system_server must not'
+expect $src/bundle.cpp '#include "../../../platform/host/packet.h"' 'includes platform/host/packet, which system_server must not'
+expect public/include/bundle_service.h '#include <service_client.h>' 'includes tools/bundlectl/service_client, which public/include'
+expect common/wire.h '#include "bundle_manager.h"' "includes $src/bundle_manager, which common must not know"
+expect platform/host/message.h '#include "bundle_log.h"' "includes $src/bundle_log, which platform/host must not know"
+expect platform/include/lumo.h '#include "common/wire.h"' 'includes common/wire, which platform/include must not know'
+expect tools/bundlectl/main.cpp '#include "platform/host/packet.h"' 'includes platform/host/packet, which tools must not know'
+expect examples/common/samples.h '#include "common/unique_fd.h"' 'includes common/unique_fd, which examples must not know'
+expect tests/support/files.h '#include "system/system_test.h"' 'includes tests/system/system_test, which tests/support must'
+expect bench/stamp.c '#include "platform/host/packet.h"' 'includes platform/host/packet, which bench must not know'
+
+# The picture changes with the sources.
+# shellcheck disable=SC2016 # a fence of Markdown, no command
+printf '```text\n%s\n```\n' "$("$check" . --picture)" > picture.md
+"$check" . --compare picture.md
+rm tools/bundlectl/model/*
+if "$check" . --compare picture.md > /dev/null; then
+    echo "not found: tools include less than the picture shows"
+    exit 1
+fi

@@ -1,6 +1,6 @@
 // The lock under which a service's name is taken, and what others may put in its place.
-#include "platform/environment.h"
-#include "platform/running_server.h"
+#include "support/service_environment.h"
+#include "support/running_server.h"
 #include "support/eventually.h"
 #include "support/unix_client.h"
 

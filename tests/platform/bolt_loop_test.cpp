@@ -1,7 +1,7 @@
-#include "platform/cpu_time.h"
-#include "platform/environment.h"
-#include "platform/running_server.h"
+#include "support/cpu_time.h"
 #include "support/eventually.h"
+#include "support/running_server.h"
+#include "support/service_environment.h"
 #include "support/unix_client.h"
 
 #include <dirent.h>

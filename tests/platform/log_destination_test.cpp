@@ -1,6 +1,6 @@
 // Where the log goes, to standard error, a file or a FIFO, and what happens when it cannot be written.
 #include "platform/log_fixture.h"
-#include "platform/match.h"
+#include "support/match.h"
 
 #include <fcntl.h>
 #include <sys/resource.h>

@@ -1,6 +1,6 @@
 #include "platform/log_fixture.h"
 
-#include "platform/match.h"
+#include "support/match.h"
 
 #include <fcntl.h>
 #include <sys/wait.h>

@@ -1,6 +1,6 @@
 // The log on the stream of the system's journal.
 #include "platform/log_fixture.h"
-#include "platform/match.h"
+#include "support/match.h"
 
 #include <sys/socket.h>
 #include <sys/stat.h>

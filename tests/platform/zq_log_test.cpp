@@ -1,6 +1,6 @@
 // Records and who writes them: columns, languages, threads, children.
 #include "platform/log_fixture.h"
-#include "platform/match.h"
+#include "support/match.h"
 
 #include <sys/syscall.h>
 #include <sys/wait.h>

@@ -1,6 +1,6 @@
-#include "platform/environment.h"
-#include "platform/running_server.h"
 #include "support/collection_builder.h"
+#include "support/running_server.h"
+#include "support/service_environment.h"
 #include "support/unix_client.h"
 #include "tools/program.h"
 

@@ -1,7 +1,7 @@
-#include "platform/cpu_time.h"
-#include "platform/environment.h"
-#include "platform/match.h"
+#include "support/cpu_time.h"
 #include "support/eventually.h"
+#include "support/match.h"
+#include "support/service_environment.h"
 #include "support/unix_client.h"
 #include "tools/program.h"
 

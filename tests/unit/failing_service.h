@@ -2,7 +2,7 @@
 #define TESTS_UNIT_FAILING_SERVICE_H
 
 #include "own_process.h"
-#include "platform/running_server.h"
+#include "support/running_server.h"
 #include "support/collection_builder.h"
 #include "support/fault.h"
 #include "support/log_capture.h"

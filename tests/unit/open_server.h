@@ -5,7 +5,7 @@
 #include "support/collection_builder.h"
 #include "support/fault.h"
 #include "support/log_capture.h"
-#include "watcher_making.h"
+#include "support/watcher_making.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "platform/running_server.h"
+#include "support/running_server.h"
 
 #include "support/eventually.h"
 

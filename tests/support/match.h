@@ -1,5 +1,5 @@
-#ifndef TESTS_PLATFORM_MATCH_H
-#define TESTS_PLATFORM_MATCH_H
+#ifndef TESTS_SUPPORT_MATCH_H
+#define TESTS_SUPPORT_MATCH_H
 
 #include <regex.h>
 

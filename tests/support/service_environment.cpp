@@ -1,4 +1,4 @@
-#include "platform/environment.h"
+#include "support/service_environment.h"
 
 #include "support/private_mnt.h"
 #include "support/temporary_directory.h"

@@ -1,5 +1,5 @@
-#ifndef TESTS_PLATFORM_CPU_TIME_H
-#define TESTS_PLATFORM_CPU_TIME_H
+#ifndef TESTS_SUPPORT_CPU_TIME_H
+#define TESTS_SUPPORT_CPU_TIME_H
 
 #include <sys/types.h>
 

@@ -1,4 +1,4 @@
-#include "watcher_making.h"
+#include "support/watcher_making.h"
 
 #include "bundle_dir_watcher.h"
 
