@@ -131,7 +131,7 @@ Messages TheRecordsOfTheStart::OfTheServer()
         if (record.pid == daemon.Pid()) {
             EXPECT_EQ(record.level, "INFO") << record.line;
             EXPECT_EQ(record.thread, daemon.Pid()) << record.line;
-            EXPECT_EQ(record.source.rfind("system_server/bundle_server_module/src/bundle", 0), 0U) << record.line;
+            EXPECT_EQ(record.source.rfind("system_server/bundle_server_module/src/", 0), 0U) << record.line;
             messages.push_back(WithoutPid(record.message));
         }
     }
