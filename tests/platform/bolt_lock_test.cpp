@@ -1,7 +1,7 @@
 // The lock under which a service's name is taken, and what others may put in its place.
-#include "support/service_environment.h"
-#include "support/running_server.h"
 #include "support/eventually.h"
+#include "support/running_server.h"
+#include "support/service_environment.h"
 #include "support/unix_client.h"
 
 #include <fcntl.h>

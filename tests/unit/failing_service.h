@@ -2,10 +2,10 @@
 #define TESTS_UNIT_FAILING_SERVICE_H
 
 #include "own_process.h"
-#include "support/running_server.h"
 #include "support/collection_builder.h"
 #include "support/fault.h"
 #include "support/log_capture.h"
+#include "support/running_server.h"
 #include "support/unix_client.h"
 
 #include <lumo.h>
