@@ -1,5 +1,5 @@
 // Loaded before all other libraries of a daemon: a sleep of a second or more becomes fifty times as short.
-#include "preloaded.h"
+#include "system/items/preloaded.h"
 
 #include <dlfcn.h>
 

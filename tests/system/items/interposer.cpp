@@ -8,7 +8,7 @@
 //   FAIL=CALL:ERRNO:COUNT:AFTER  the daemon's own calls of that name, its libraries' included, fail: so many, after so
 //                           many that go through; only from the moment that a record with the text of FAIL_FROM is
 //                           written, where that is set
-#include "preloaded.h"
+#include "system/items/preloaded.h"
 
 #include <dirent.h>
 #include <dlfcn.h>

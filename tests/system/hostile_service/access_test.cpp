@@ -1,5 +1,5 @@
 // Who may connect, and a socket file that somebody takes away.
-#include "system/hostile_service.h"
+#include "system/hostile_service/hostile_service.h"
 
 #include <fcntl.h>
 #include <grp.h>

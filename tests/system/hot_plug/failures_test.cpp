@@ -1,6 +1,6 @@
 // What goes wrong with bundles that come, go and change, and what the log says of each.
 
-#include "system/hot_plug.h"
+#include "system/hot_plug/hot_plug.h"
 
 #include <filesystem>
 

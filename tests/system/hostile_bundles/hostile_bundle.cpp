@@ -1,4 +1,4 @@
-#include "system/hostile_bundle.h"
+#include "system/hostile_bundles/hostile_bundle.h"
 
 #include "support/slowness.h"
 

@@ -1,7 +1,7 @@
 // Some two hundred changes, after which the daemon holds what it held before. Its sleeps are short here, or the
 // handlers' seconds of waiting would add up to minutes.
 
-#include "system/hot_plug.h"
+#include "system/hot_plug/hot_plug.h"
 
 #include <algorithm>
 

@@ -1,6 +1,6 @@
 // Every way in which bundles come, change and go while the daemon runs, each for three bundles at once.
 
-#include "system/hot_plug.h"
+#include "system/hot_plug/hot_plug.h"
 
 #include <csignal>
 #include <cstdlib>

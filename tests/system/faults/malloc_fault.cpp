@@ -1,6 +1,6 @@
 // Loaded before all other libraries of a daemon: from the record of its start-up on, as many allocations as
 // MALLOC_AFTER says go through; the next MALLOC_FAILURES fail.
-#include "preloaded.h"
+#include "system/items/preloaded.h"
 
 #include <dlfcn.h>
 #include <unistd.h>

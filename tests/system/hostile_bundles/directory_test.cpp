@@ -1,6 +1,6 @@
 // Directories that are large, deep, misnamed, linked, mounted or not there; bundles' and the collection's own.
 
-#include "system/hostile_bundle.h"
+#include "system/hostile_bundles/hostile_bundle.h"
 
 #include <sys/mount.h>
 #include <sys/resource.h>

@@ -1,6 +1,6 @@
 // Programs that do what no item should: to themselves, to each other, to the server and to their own bundle.
 
-#include "system/hostile_bundle.h"
+#include "system/hostile_bundles/hostile_bundle.h"
 
 #include <unistd.h>
 

@@ -1,7 +1,7 @@
 // Manifests of every bad kind: in the collection when the server starts, dropped in while it runs, and put in the place
 // of a good one.
 
-#include "system/hostile_bundle.h"
+#include "system/hostile_bundles/hostile_bundle.h"
 
 #include "support/scale.h"
 

@@ -1,5 +1,5 @@
 // A log that cannot be written: a full disk, a FIFO or a pipe that nobody reads, a file that somebody takes away.
-#include "system/hostile_service.h"
+#include "system/hostile_service/hostile_service.h"
 
 #include <fcntl.h>
 #include <sys/mount.h>

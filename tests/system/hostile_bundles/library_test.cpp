@@ -1,6 +1,6 @@
 // Libraries on threads of the server: it does not outlive all of them, and what ends it, ends it each time.
 
-#include "system/hostile_bundle.h"
+#include "system/hostile_bundles/hostile_bundle.h"
 
 #include <algorithm>
 #include <filesystem>

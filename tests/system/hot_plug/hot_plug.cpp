@@ -1,4 +1,4 @@
-#include "system/hot_plug.h"
+#include "system/hot_plug/hot_plug.h"
 
 #include <cstdlib>
 

@@ -1,4 +1,4 @@
-#include "system/hostile_service.h"
+#include "system/hostile_service/hostile_service.h"
 
 #include "support/scale.h"
 

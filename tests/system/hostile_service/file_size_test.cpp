@@ -1,5 +1,5 @@
 // A limit on file sizes, which the log reaches.
-#include "system/hostile_service.h"
+#include "system/hostile_service/hostile_service.h"
 
 #include <sys/resource.h>
 #include <unistd.h>

@@ -1,5 +1,5 @@
-#ifndef TESTS_SYSTEM_HOT_PLUG_H
-#define TESTS_SYSTEM_HOT_PLUG_H
+#ifndef TESTS_SYSTEM_HOT_PLUG_HOT_PLUG_H
+#define TESTS_SYSTEM_HOT_PLUG_HOT_PLUG_H
 
 #include "system/system_test.h"
 

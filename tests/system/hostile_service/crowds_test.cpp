@@ -1,6 +1,6 @@
 // More peers than there is room for.
 #include "support/scale.h"
-#include "system/hostile_service.h"
+#include "system/hostile_service/hostile_service.h"
 
 #include <iterator>
 #include <list>

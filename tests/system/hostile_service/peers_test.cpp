@@ -1,6 +1,6 @@
 // Peers that send what they should not, read nothing, say nothing or vanish.
 #include "support/scale.h"
-#include "system/hostile_service.h"
+#include "system/hostile_service/hostile_service.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>

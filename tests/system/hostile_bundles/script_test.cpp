@@ -1,6 +1,6 @@
 // Scripts that are none, that end badly or never, and that turn against the server and the other bundles.
 
-#include "system/hostile_bundle.h"
+#include "system/hostile_bundles/hostile_bundle.h"
 
 #include <sys/stat.h>
 

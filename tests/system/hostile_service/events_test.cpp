@@ -1,5 +1,5 @@
 // An event service that is not there, is something else, or has a listener that does not listen.
-#include "system/hostile_service.h"
+#include "system/hostile_service/hostile_service.h"
 
 #include <fcntl.h>
 #include <sys/mount.h>

@@ -1,6 +1,6 @@
 // What the handlers do, record by record, and what happens to changes that come while they are at work.
 
-#include "system/hot_plug.h"
+#include "system/hot_plug/hot_plug.h"
 
 #include <fcntl.h>
 

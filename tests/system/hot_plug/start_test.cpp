@@ -1,6 +1,6 @@
 // What comes, changes and goes while the server is still starting: the events wait until its start is over.
 
-#include "system/hot_plug.h"
+#include "system/hot_plug/hot_plug.h"
 
 #include <filesystem>
 #include <string>

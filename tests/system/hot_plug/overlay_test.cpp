@@ -2,7 +2,7 @@
 // written.
 
 #include "support/overlay.h"
-#include "system/hot_plug.h"
+#include "system/hot_plug/hot_plug.h"
 
 namespace {
 
