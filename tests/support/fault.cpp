@@ -220,6 +220,7 @@ FAILING_CALL(PRCTL, "prctl", int, -1,
              (int option, unsigned long one, unsigned long two, unsigned long three, unsigned long four),
              (option, one, two, three, four), option)
 FAILING_CALL(FSYNC, "fsync", int, -1, (int fd), (fd), fd)
+FAILING_CALL(DLOPEN, "dlopen", void*, nullptr, (const char* path, int flags), (path, flags), flags)
 FAILING_CALL(DUP3, "dup3", int, -1, (int from, int to, int flags), (from, to, flags), from)
 FAILING_CALL(OPENDIR, "opendir", DIR*, nullptr, (const char* path), (path), 0)
 FAILING_CALLS(READDIR, "readdir", void*, nullptr, (DIR * directory), (directory), 0)

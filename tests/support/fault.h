@@ -64,6 +64,7 @@ enum class Call {
     EVENT_NEW,
     EVENT_ADD,
     CANCEL_THREAD,
+    DLOPEN,
     START_THREAD,     ///< std::thread's: throws std::system_error
     LOCK_MUTEX,       ///< fails only on the thread that has made the Fault
     LAUNCH,           ///< Poco::Process::launch: throws Poco::SystemException

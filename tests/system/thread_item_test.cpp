@@ -115,6 +115,23 @@ TEST_F(AThreadItem, IsCancelledWhenItsBundleIsStopped)
     EXPECT_EQ(daemon.Stop().status, 0);
 }
 
+TEST_F(AThreadItem, WhoseLibraryIsStillBeingLoadedIsStoppedWithoutHarm)
+{
+    daemon.SetEnvironment("GATED_LIBRARY", notes.Path());
+    collection.Bundle("radio").ThreadMode().Library("libradio.so", "Enter", GATED_LIBRARY).Write();
+    staging.Bundle("tuner").ThreadMode().Library("libtuner.so", "ReturnZero", TEST_LIBRARY).Write();
+    ASSERT_TRUE(daemon.StartServing());
+    ASSERT_TRUE(Eventually(DaemonRunner::PATIENCE, [this] { return Exists(Note("reached")); }));
+    EXPECT_EQ(RequestDelete("radio"), 200);
+    EXPECT_EQ(daemon.CountInLog("cancel done."), 1);
+    WriteFile(Note("open"), "");
+    EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [this] { return !HasThread("radio.libradio."); }));
+    EXPECT_FALSE(Exists(Note("entered")));
+    MoveIn("tuner");
+    EXPECT_TRUE(daemon.WaitForLog("bundle[tuner] dyn lib[libtuner.so] activate done."));
+    EXPECT_EQ(daemon.Stop().status, 0);
+}
+
 TEST_F(AThreadItem, ThatHasEndedIsStoppedAllTheSame)
 {
     Radio("ReturnZero").Write();

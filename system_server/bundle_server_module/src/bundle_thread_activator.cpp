@@ -8,10 +8,14 @@
 
 #include <cxxabi.h>
 #include <dlfcn.h>
+#if __has_include(<gnu/lib-names.h>)
+#include <gnu/lib-names.h>
+#endif
 #include <pthread.h>
 #include <sys/prctl.h>
 
 #include <algorithm>
+#include <atomic>
 #include <exception>
 #include <system_error>
 #include <thread>
@@ -26,13 +30,57 @@ namespace {
 
 using EntryFunction = int (*)();
 
-/// The loader's error text is gone after the first call; the records have never carried a reason, and what reads them
-/// counts on that.
+/// The loader's error text is gone after the first call. The records have never carried a reason, and programs that
+/// read them count on that.
 const char* SecondLoaderError()
 {
     dlerror();
     const char* const text = dlerror();
     return text != nullptr ? text : "(null)";
+}
+
+/// While it lives, the calling thread can be cancelled at its cancellation points. Before and after, a request waits: a
+/// cancellation within the dynamic loader, a library's constructor or the log would end the process.
+class CancellationEnabled {
+public:
+    CancellationEnabled() { pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); }
+    ~CancellationEnabled()
+    {
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+        pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr); // whatever the entry function has set
+    }
+    CancellationEnabled(const CancellationEnabled&) = delete;
+    CancellationEnabled& operator=(const CancellationEnabled&) = delete;
+};
+
+int CallCancellable(EntryFunction entry)
+{
+    const CancellationEnabled enabled;
+    pthread_testcancel(); // a thread that was cancelled before does not enter the function
+    return entry();
+}
+
+/// The C library loads the unwinder at the first cancellation, under the dynamic loader's lock. Without memory or
+/// descriptors it then ends the process, and while a library's constructor runs it waits for that. So the first thread
+/// to be unwound is one of ours, which runs before any library.
+/// @throws Poco::InvalidArgumentException there is no unwinder
+/// @throws std::system_error there is no thread
+void PrepareCancellation(const std::string& itemName)
+{
+    static std::atomic<bool> isPrepared{false};
+    if (isPrepared) {
+        return;
+    }
+    // glibc tells the unwinder's name; another C library needs none. It stays open.
+#ifdef LIBGCC_S_SO
+    if (dlopen(LIBGCC_S_SO, RTLD_NOW) == nullptr) {
+        const char* const reason = dlerror();
+        throw Poco::InvalidArgumentException("item[" + itemName +
+                                             "] thread fail: " + (reason != nullptr ? reason : LIBGCC_S_SO));
+    }
+#endif
+    std::thread([] { pthread_exit(nullptr); }).join();
+    isPrepared = true;
 }
 
 } // namespace
@@ -46,7 +94,7 @@ public:
     LiveThread& operator=(const LiveThread&) = delete;
 
 private:
-    // Apart from the destructor, because the check of the annotations passes over what is written in one.
+    // Apart from the destructor, which the check of the annotations does not look into.
     void End() const EXCLUDES(m_activator.m_liveThreadsMutex)
     {
         const std::lock_guard<std::mutex> lock(m_activator.m_liveThreadsMutex);
@@ -81,8 +129,10 @@ void BundleThreadActivator::StartThread(const std::shared_ptr<BundleManifest>& m
     m_liveThreads.reserve(m_liveThreads.size() + 1);
     try {
         const TerminationSignalsBlocked blocked;
+        PrepareCancellation(item.itemName);
         // The manifest is held for the item, which is used where it lies, across an update of the bundle too.
         std::thread thread([self = shared_from_this(), manifest, &item] {
+            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // no cancellation point comes before
             const LiveThread live(*self);
             self->RunItem(item);
         });
@@ -94,7 +144,7 @@ void BundleThreadActivator::StartThread(const std::shared_ptr<BundleManifest>& m
     }
 }
 
-// Whatever goes wrong on an item's thread is that item's affair: an exception that left it would end the server.
+// What goes wrong on an item's thread concerns that item only: an exception that left it would end the server.
 void BundleThreadActivator::RunItem(const BundleManifest::LoadItem& item)
 {
     try {
@@ -124,14 +174,14 @@ void BundleThreadActivator::ActivateDynLib(const BundleManifest::LoadItem& item)
     CallEntryFunction(entry, bundleName, item);
 }
 
-// A forced unwind carries no object: the reference to it, which nobody looks at, is what the sanitizer would take for
+// A forced unwind carries no object. The handler's reference to it is never read, but the sanitizer would report it as
 // one to null.
 __attribute__((no_sanitize("null"))) void BundleThreadActivator::CallEntryFunction(void* entry,
                                                                                    const std::string& bundleName,
                                                                                    const BundleManifest::LoadItem& item)
 {
     try {
-        if (reinterpret_cast<EntryFunction>(entry)() == 0) {
+        if (CallCancellable(reinterpret_cast<EntryFunction>(entry)) == 0) {
             BUNDLE_INFO("bundle[%s] dyn lib[%s] activate done.", bundleName.c_str(), item.itemName.c_str());
         } else {
             BUNDLE_ERROR("entry func[%s] return fail.", item.entryFunc.c_str());

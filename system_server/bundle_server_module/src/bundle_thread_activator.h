@@ -23,7 +23,9 @@ public:
     /// @throws Poco::InvalidArgumentException an item is no dynamic library, or its thread cannot be created
     void Start() override;
 
-    /// Asks every thread that still runs to end at its next cancellation point, and waits for none.
+    /// Asks every thread that still runs to end, and does not wait. A request takes effect at a cancellation point of
+    /// the item's entry function; one that comes before the function runs keeps it from being called, and one that
+    /// comes after has no effect.
     void Stop() override EXCLUDES(m_liveThreadsMutex);
 
 protected:
@@ -38,8 +40,7 @@ private:
     void ActivateDynLib(const BundleManifest::LoadItem& item);
     void CallEntryFunction(void* entry, const std::string& bundleName, const BundleManifest::LoadItem& item);
 
-    // The handle of a thread that has ended is no longer anybody's, or already another thread's: only these may be
-    // used.
+    // The handle of a thread that has ended may already be another thread's: only these may be used.
     std::mutex m_liveThreadsMutex;
     std::vector<unsigned long> m_liveThreads GUARDED_BY(m_liveThreadsMutex);
 };
