@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -18,12 +18,17 @@ Ended Control(const std::vector<std::string>& arguments)
 
 TEST(Bundlectl, NamesAnUnknownCommandAndTheOneThatIsMeant)
 {
-    const std::map<std::string, std::string> meant{
-        {"delet", "delete"}, {"Delete", "delete"}, {"dleete", "delete"}, {"event", "events"}, {"wiat", "wait"}};
-    for (const auto& [word, command] : meant) {
-        std::ostringstream expected;
-        expected << "bundlectl: there is no command \"" << word << "\". Did you mean \"" << command << "\"?\n";
-        EXPECT_EQ(Control({word, "radio"}).errors, expected.str());
+    for (const std::string meant : {"delete", "events", "wait"}) {
+        std::string swapped = meant;
+        std::swap(swapped[1], swapped[2]);
+        for (const std::string& word :
+             {meant.substr(0, meant.size() - 1), meant + 's', 'X' + meant.substr(1), swapped}) {
+            std::ostringstream expected;
+            expected << "bundlectl: there is no command \"" << word << "\". Did you mean \"" << meant << "\"?\n";
+            const Ended ended = Control({word, "radio"});
+            EXPECT_EQ(ended.errors, expected.str());
+            EXPECT_EQ(ended.status, 2);
+        }
     }
 }
 
@@ -42,7 +47,6 @@ TEST(Bundlectl, EndsWithTwoWhenItIsUsedWrong)
     const std::vector<std::vector<std::string>> wrong{
         {},
         {"conquer"},
-        {"delet", "one"},
         {"delete"},
         {"delete", ""},
         {"delete", "one", "two"},
