@@ -38,6 +38,17 @@ fresh_root() {
     echo "root:x:0:" > "$root/etc/group"
 }
 
+# own_devices: a /dev that is not this machine's, for programs that put something there.
+own_devices() {
+    local device
+    umount -R "$root/dev"
+    mount -t tmpfs -o mode=0755 none "$root/dev"
+    for device in null zero full random urandom tty; do
+        : > "$root/dev/$device"
+        mount --bind "/dev/$device" "$root/dev/$device"
+    done
+}
+
 # copy_files: copies this machine's files, whose names are read, one a line, to the fresh root.
 copy_files() {
     sed -n 's,^/,,p' | tar -C / --no-recursion --ignore-failed-read -cf - -T - 2> /dev/null | tar -C "$root" -xf -
@@ -139,6 +150,51 @@ check_order() {
     ! grep -E 'relaunch|termination| ERROR ' <<< "$records" || fail "$4: the server has taken the end of an item for a crash"
     [ "$(cat "$1/witness")" = late ] || fail "$4: what the item saw at each SIGTERM: $(cat "$1/witness")"
     rm "$1/witness"
+}
+
+has_monitor() {
+    grep -qx bundle_monitor "/proc/$(running sbin/bundle_server)/task"/*/comm
+}
+
+has_no_monitor() {
+    ! has_monitor
+}
+
+leads_session() {
+    local pid
+    pid=$(running "$1")
+    [ -n "$pid" ] && [ "$(ps -o sid= -p "$pid" | tr -d ' ')" = "$pid" ]
+}
+
+is_stopped() {
+    grep -q '^State:.T' "/proc/$1/status"
+}
+
+# lose_monitor: a bundle whose item leaves the server's process group when the monitor has long been waiting for that
+# group. It must be the only item.
+lose_monitor() {
+    local server
+    put_bundle away
+    printf 'sleep 2\nexec setsid sh -c "while :; do sleep 1; done" /bin/away.sh\n' \
+        > "$root/var/lib/bundle-server/bundles/away/bin/away.sh"
+    await leads_session bin/away.sh || fail "the item that goes into a session of its own does not run"
+    await has_monitor || fail "there is no monitor for the item"
+    # A pause of the server, such as the machine's sleep, has the monitor look again: there is no child in the group.
+    server=$(running sbin/bundle_server)
+    kill -STOP "$server"
+    await is_stopped "$server" || fail "the server cannot be paused"
+    kill -CONT "$server"
+    await has_no_monitor || fail "the monitor has survived"
+}
+
+# cron COMMAND: runs the lines of the package's crontab that call it, as cron would.
+cron() {
+    local line
+    grep -E "^[0-9*].*/$1\$|^[0-9*].* $1 " "$root/etc/cron.d/bundle-server" | sed -E 's/^([^ ]+ ){5}root //' > "$root/tmp/lines"
+    [ -s "$root/tmp/lines" ] || fail "the crontab does not call $1"
+    while read -r line; do
+        chroot "$root" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin sh -c "$line" < /dev/null
+    done < "$root/tmp/lines"
 }
 
 # check_service BUNDLE: what holds for the init script, with a bundle that runs one script.

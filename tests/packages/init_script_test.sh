@@ -12,6 +12,7 @@ enter_machine "$@"
 busybox=$(command -v busybox) || skip "there is no busybox"
 
 fresh_root
+own_devices
 DESTDIR=$root "$1" --install "$2" --prefix /usr > /dev/null || fail "it cannot be installed"
 cp "$busybox" "$root/usr/bin/busybox"
 for applet in $("$busybox" --list); do
@@ -67,6 +68,27 @@ service start || fail "it does not start again"
 await runs bin/away.sh 1 || fail "the item that goes into a session of its own does not run"
 service stop || fail "\"stop\" fails for an item in a session of its own"
 runs bin/away.sh 0 || fail "\"stop\" has left an item in a session of its own"
+
+# A server that supervises nothing any more is found by cron, and restarted where that is asked for.
+rm -r "$root/var/lib/bundle-server/bundles/tuner"
+chroot "$root" syslogd -n -O /var/log/messages &
+syslog=$!
+await test -S "$root/dev/log" || fail "there is no syslog"
+service start || fail "it does not start for the check"
+await serves || fail "the server does not answer"
+cron check-supervision || fail "a server without items is taken for one without a monitor"
+lose_monitor
+server=$(cat "$root/run/bundle-server.pid")
+! cron check-supervision || fail "a server without a monitor is taken for a sound one"
+grep -q "daemon.err bundle-server: The server, process $server, has items and no monitor" "$root/var/log/messages" ||
+    fail "nothing tells that nothing is supervised: $(cat "$root/var/log/messages")"
+[ "$(cat "$root/run/bundle-server.pid")" = "$server" ] || fail "the service was restarted unasked"
+echo 'BUNDLE_SERVER_RESTART_UNSUPERVISED="yes"' >> "$root/etc/default/bundle-server"
+! cron check-supervision || fail "a server without a monitor is taken for a sound one"
+[ "$(cat "$root/run/bundle-server.pid")" != "$server" ] || fail "the service is not restarted"
+service stop || fail "it does not stop after the check"
+! cron check-supervision 2>&1 | grep . || fail "the check has something to say of a service that does not run"
+kill $syslog
 
 # What cannot start says so.
 echo "[global" > "$root/etc/bundle-server/bundle-server.ini"

@@ -36,13 +36,13 @@ leave() {
     rm -rf "$notes"
 }
 
-# Starts the machine and waits for what it has noted.
+# start_machine ARGUMENT...: starts the machine and waits for what it has noted.
 start_machine() {
     notes=$(mktemp -d)
     (
         echo "$BASHPID" > "$group/cgroup.procs" || exit 1
         IN_MACHINE=$notes exec unshare --mount --pid --fork --kill-child --cgroup --mount-proc --propagation private \
-            "$BASH" "$0" "$package"
+            "$BASH" "$0" "$package" "$@"
     ) > "$notes/console" 2>&1 &
     machine=$!
     local tries
@@ -73,14 +73,8 @@ await_off() {
 
 # A root with systemd and its journal, without the services that it usually starts, and the package's files.
 make_root() {
-    local device
     fresh_root
-    umount -R "$root/dev"
-    mount -t tmpfs -o mode=0755 none "$root/dev"
-    for device in null zero full random urandom tty; do
-        : > "$root/dev/$device"
-        mount --bind "/dev/$device" "$root/dev/$device"
-    done
+    own_devices
     mkdir -p "$root"/sys "$root"/var/log "$root"/etc/systemd/system/multi-user.target.wants "$IN_MACHINE/log"
     mount --bind "$IN_MACHINE/log" "$root/var/log"
     mount -t sysfs none "$root/sys"
@@ -104,14 +98,16 @@ make_root() {
     echo "ZQ_LOG_FILE=/var/log/bundle-server/bundle-server.log" > "$root/etc/default/bundle-server"
 }
 
-# on_machine PACKAGE: prepares and observes the machine, and ends with what observe says.
+# on_machine PACKAGE [ARGUMENT...]: prepares and observes the machine, and ends with what observe says. The test is run
+# again with the same arguments on the machine.
 on_machine() {
     package=$1
+    shift
     if [ -z "${IN_MACHINE:-}" ]; then
         [ "$(id -u)" -eq 0 ] || skip "only root may have a machine of its own"
         [ -x /lib/systemd/systemd ] || skip "there is no systemd"
         take_control_group
-        start_machine
+        start_machine "$@"
     fi
     make_root
     prepare

@@ -26,6 +26,21 @@ limit() {
     sed -n 's/^Max open files *\([0-9]*\).*/\1/p' "/proc/$(running sbin/bundle_server)/limits"
 }
 
+# The timers run with the service. The one that rotates the log is made to come at once.
+check_timers() {
+    local timer
+    for timer in check logrotate; do
+        [ "$(manager is-active bundle-server-$timer.timer)" = active ] || fail "the timer $timer does not run"
+    done
+    command -v logrotate > /dev/null || skip "there is no logrotate"
+    head -c 1100000 /dev/zero | tr '\0' '\n' >> "$root/var/log/bundle-server/bundle-server.log"
+    mkdir "$root/etc/systemd/system/bundle-server-logrotate.timer.d"
+    printf '[Timer]\nOnCalendar=*:*:*\nAccuracySec=1ms\n' > "$root/etc/systemd/system/bundle-server-logrotate.timer.d/often.conf"
+    manager daemon-reload
+    manager restart bundle-server-logrotate.timer
+    await test -f "$root/var/log/bundle-server/bundle-server.log.1.gz" || fail "the timer does not rotate the log"
+}
+
 observe() {
     await serves || fail "the server does not serve"
     await runs bin/tuner.sh 1 || fail "the item is not run"
@@ -45,6 +60,7 @@ observe() {
     after=$(running bin/tuner.sh; running bin/away.sh)
     [ -z "$(comm -12 <(sort <<< "$before") <(sort <<< "$after"))" ] || fail "an item of the crashed server is still there"
 
+    check_timers
     chroot "$root" bundlectl delete radio || fail "a bundle cannot be deleted"
     [ ! -e "$root/$bundles/radio" ] || fail "the deleted bundle is still there"
     manager stop bundle-server || fail "it cannot be stopped"

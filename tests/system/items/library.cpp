@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <stdexcept>
 
 extern "C" {
@@ -65,6 +66,12 @@ int LeaveDeadChild()
         ::_exit(0);
     }
     return pid > 0 ? 0 : 1;
+}
+
+/// Has a child as long as the server runs.
+int KeepChild()
+{
+    return std::system("while :; do sleep 1; done") == 0 ? 0 : 1;
 }
 
 /// From now on nobody in this process can wait for a child.

@@ -42,22 +42,31 @@ FILES:${PN}-completions = " \
 FILES:${PN} += " \
     ${bindir}/bundlectl \
     ${sbindir}/bundle_server \
+    ${libexecdir}/bundle-server/check-supervision \
     ${libexecdir}/bundle-server/dyn_lib_process_loader \
     ${libexecdir}/bundle-server/end-server \
     ${sysconfdir}/bundle-server/bundle-server.ini \
+    ${sysconfdir}/cron.d/bundle-server \
     ${sysconfdir}/default/bundle-server \
     ${sysconfdir}/init.d/bundle-server \
     ${sysconfdir}/logrotate.d/bundle-server \
     ${nonarch_libdir}/tmpfiles.d/bundle-server.conf \
     ${systemd_system_unitdir}/bundle-server.service \
+    ${systemd_system_unitdir}/bundle-server-check.service \
+    ${systemd_system_unitdir}/bundle-server-check.timer \
+    ${systemd_system_unitdir}/bundle-server-logrotate.service \
+    ${systemd_system_unitdir}/bundle-server-logrotate.timer \
     ${systemd_system_unitdir}/bundle-server-serving.service \
     ${localstatedir}/lib/bundle-server/bundles \
 "
 CONFFILES:${PN} = " \
     ${sysconfdir}/bundle-server/bundle-server.ini \
+    ${sysconfdir}/cron.d/bundle-server \
     ${sysconfdir}/default/bundle-server \
     ${sysconfdir}/logrotate.d/bundle-server \
 "
+# What the timers and the crontab run.
+RRECOMMENDS:${PN} = "logrotate"
 
 do_install:append() {
     # /var/log is in memory on most devices: who starts the server makes its directory.
