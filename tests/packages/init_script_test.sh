@@ -90,6 +90,28 @@ service stop || fail "it does not stop after the check"
 ! cron check-supervision 2>&1 | grep . || fail "the check has something to say of a service that does not run"
 kill $syslog
 
+# On a root file system that nothing writes to, as docs/operating.md has it.
+mkdir "$root/data"
+mount -t tmpfs none "$root/data"
+mkdir "$root"/data/{bundles,etc}
+put_bundle tuner
+mv "$root/var/lib/bundle-server/bundles/tuner" "$root/data/bundles/"
+mv "$root/etc/default/bundle-server" "$root/data/etc/"
+ln -s /data/etc/bundle-server "$root/etc/default/bundle-server"
+sed -i 's,^bundle_collection_dir.*,bundle_collection_dir = /data/bundles,' "$root/etc/bundle-server/bundle-server.ini"
+for directory in run var mnt/bolt; do
+    mount -t tmpfs -o mode=0755 none "$root/$directory"
+done
+mount -o remount,bind,ro "$root"
+! touch "$root/etc/written" 2> /dev/null || fail "the root file system is not read-only"
+service start || fail "it does not start with a read-only root"
+await serves || fail "the server does not answer with a read-only root"
+await runs bin/tuner.sh 1 || fail "the item is not run with a read-only root"
+cron check-supervision || fail "the check fails with a read-only root"
+service stop || fail "it does not stop with a read-only root"
+mount -o remount,bind,rw "$root"
+umount "$root/var"
+
 # What cannot start says so.
 echo "[global" > "$root/etc/bundle-server/bundle-server.ini"
 rm -r "$root/var/lib/bundle-server/bundles"

@@ -80,7 +80,7 @@ make_root() {
     mount -t sysfs none "$root/sys"
     mount -t cgroup2 none "$root/sys/fs/cgroup"
     # shellcheck disable=SC2046 # one package a word
-    dpkg-query -L $(closure systemd dash coreutils util-linux grep sed gzip \
+    dpkg-query -L $(closure systemd dash coreutils util-linux mount grep sed gzip \
         $(dpkg-query -W -f='${Package} ' logrotate 2> /dev/null) \
         $(dpkg-deb --field "$package" Depends | sed 's/([^)]*)//g; s/,/ /g')) |
         grep -E '^/(usr/)?(s?bin|lib(64)?)/' | grep -v '/systemd/system/' | sort -u | copy_files

@@ -22,6 +22,24 @@ prepare() {
     chmod 755 "$root/$bundles/radio/script/install.sh"
 }
 
+# What an item mounts is seen by others only when the unit gives up what needs a mount namespace, as the manual has it.
+check_mounts() {
+    local own=$root/etc/systemd/system/bundle-server.service.d
+    put_bundle card
+    printf 'mkdir -p /srv/card\nmount -t tmpfs none /srv/card && touch /srv/card/mounted /var/log/mounted\nwhile :; do sleep 1; done\n' \
+        > "$root/$bundles/card/bin/card.sh"
+    await test -e "$root/var/log/mounted" || fail "an item cannot mount"
+    [ ! -e "$root/srv/card/mounted" ] || fail "what an item mounts is seen by others"
+    mkdir "$own"
+    sed -n '/^- Or give up what needs the namespace/,/^  ```$/s/^  \([[A-Z].*\)/\1/p' "$(dirname "$0")/../../docs/operating.md" > "$own/mounts.conf"
+    [ "$(wc -l < "$own/mounts.conf")" -ge 5 ] || fail "the manual has no drop-in: $(cat "$own/mounts.conf")"
+    manager daemon-reload
+    manager restart bundle-server
+    await test -e "$root/srv/card/mounted" || fail "with the manual's drop-in nobody sees what an item mounts"
+    rm -r "$own" "${root:?}/$bundles/card"
+    manager daemon-reload
+}
+
 limit() {
     sed -n 's/^Max open files *\([0-9]*\).*/\1/p' "/proc/$(running sbin/bundle_server)/limits"
 }
@@ -61,6 +79,8 @@ observe() {
     [ -z "$(comm -12 <(sort <<< "$before") <(sort <<< "$after"))" ] || fail "an item of the crashed server is still there"
 
     check_timers
+    check_mounts
+    await serves || fail "the server does not serve after a restart"
     chroot "$root" bundlectl delete radio || fail "a bundle cannot be deleted"
     [ ! -e "$root/$bundles/radio" ] || fail "the deleted bundle is still there"
     manager stop bundle-server || fail "it cannot be stopped"
