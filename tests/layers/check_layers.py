@@ -34,7 +34,6 @@ PARTS = {
     "tests/tools": {"public/include", "common", "tests/support"},
     "tests/platform": {"platform/include", "public/include", "common", "platform/host", "tests/support"},
     "tests/unit": {"platform/include", "public/include", "common", SERVER, "tests/support"},
-    "tests/unit_watcher": {"common", SERVER, "tests/support"},
     "tests/fuzz": {"platform/include", "public/include", "common", "platform/host", SERVER, "tests/support"},
 }
 

@@ -1,0 +1,82 @@
+#ifndef TESTS_UNIT_PROCESSES_RUNNING_ITEMS_H
+#define TESTS_UNIT_PROCESSES_RUNNING_ITEMS_H
+
+#include "bundle_process_activator.h"
+#include "support/collection_builder.h"
+#include "support/log_capture.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+/// The bookkeeping that all process activators share, opened for tests.
+class ProcessTable : public SystemServer::BundleProcessActivator {
+public:
+    using BundleProcessActivator::ExitStatusProc;
+    using BundleProcessActivator::HandleExit;
+
+    static std::map<int, ProcessInfo> Entries();
+    static std::set<int> Marks();
+    static void ForgetMarks();
+    static bool IsMonitorRunning() { return m_isMonitorRunning; }
+    static void Add(int pid, const ProcessInfo& info);
+    static void Remove(int pid);
+
+    /// Ends all items, those too that would be relaunched for ever, and the monitor. False when it does not succeed.
+    static bool EndAll();
+
+    /// The same where the monitor has ended for good.
+    static void EndAllWithoutMonitor();
+
+private:
+    static void KillAndMarkAll();
+};
+
+/// Bundles whose items run as real processes. None of them is left when the test is over.
+class RunningItems : public ::testing::Test {
+public:
+    static constexpr std::chrono::seconds PATIENCE{30};
+
+    using Activator = SystemServer::BundleProcessActivator;
+    using ActivatorPtr = std::shared_ptr<Activator>;
+
+    RunningItems();
+    ~RunningItems() override;
+
+    static ActivatorPtr Make(const BundleBuilder& builder);
+    static ActivatorPtr Start(const BundleBuilder& builder);
+
+    /// Launches one item as a binary of a bundle.
+    static void Launch(const std::string& path, const std::string& bundleName = "media");
+
+    /// An item that runs until it is killed, but not for ever.
+    static std::string Sleeper() { return "#!/bin/sh\nexec sleep 60\n"; }
+    static std::string Exiting(int status) { return "#!/bin/sh\nexit " + std::to_string(status) + "\n"; }
+    /// One that exits with the status when the trigger is pulled, and runs on when it is started again.
+    std::string ExitingAtTrigger(int status) const;
+    void PullTrigger() const;
+
+    /// The pid under which an item is recorded, the newest of several; 0 when there is none.
+    static int PidOf(const std::string& processName);
+
+    /// Waits for the record.
+    bool IsLogged(const std::string& message, int times = 1) const;
+    bool MonitorEnds() const;
+
+    /// What the probe of that name has written, line by line, once it is there.
+    std::vector<std::string> ProbeReport(const std::string& name) const;
+    /// The values of the lines that begin with the word.
+    std::vector<std::string> Reported(const std::string& name, const std::string& word) const;
+
+    CollectionBuilder collection;
+    TemporaryDirectory outside;
+    LogCapture log;
+};
+
+#endif

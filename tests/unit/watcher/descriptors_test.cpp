@@ -1,0 +1,138 @@
+// What a watcher holds while it lives: no thread and no descriptor beside its own, and nothing that a child inherits.
+
+#include "unit/watcher/watched_collection.h"
+
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <map>
+
+using SystemServer::BundleDirWatcher;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class WhatAWatcherHolds : public WatchingACollection {};
+
+/// Where each open descriptor leads, that of the look itself left out.
+std::map<int, std::string> Descriptors()
+{
+    std::map<int, std::string> descriptors;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code error;
+        const fs::path target = fs::read_symlink(entry.path(), error);
+        if (!error && target.string().find("/fd") == std::string::npos) {
+            descriptors[std::stoi(entry.path().filename())] = target.string();
+        }
+    }
+    return descriptors;
+}
+
+std::vector<std::string> ThreadNames()
+{
+    std::vector<std::string> names;
+    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
+        std::ifstream file(task.path() / "comm");
+        std::string name;
+        std::getline(file, name);
+        names.push_back(name);
+    }
+    return names;
+}
+
+/// The number of threads beside a watcher's, which may only just have ended.
+std::size_t OtherThreads()
+{
+    Eventually(std::chrono::seconds(30), [] {
+        const std::vector<std::string> names = ThreadNames();
+        return std::count(names.begin(), names.end(), "bundle_watcher") == 0;
+    });
+    return ThreadNames().size();
+}
+
+/// Whether there are so many threads. One that has ended is still to be seen for a moment.
+::testing::AssertionResult ThereAreThreads(std::size_t count)
+{
+    if (Eventually(std::chrono::seconds(30), [count] { return ThreadNames().size() == count; })) {
+        return ::testing::AssertionSuccess();
+    }
+    return ::testing::AssertionFailure() << ThreadNames().size() << " in place of " << count;
+}
+
+} // namespace
+
+TEST_F(WhatAWatcherHolds, IsOneThread)
+{
+    Watch(); // a sanitizer adds a thread of its own when it sees the first
+    watcher.reset();
+    const std::size_t before = OtherThreads();
+    Watch();
+    recorder.PassScans(1);
+    const std::vector<std::string> names = ThreadNames();
+    EXPECT_TRUE(ThereAreThreads(before + 1));
+    EXPECT_EQ(std::count(names.begin(), names.end(), "bundle_watcher"), 1);
+    watcher.reset();
+    EXPECT_TRUE(ThereAreThreads(before));
+}
+
+TEST_F(WhatAWatcherHolds, IsNoDescriptorThatAChildInherits)
+{
+    const auto before = Descriptors();
+    Watch();
+    BetweenTwoScans([&before] {
+        for (const auto& [descriptor, target] : Descriptors()) {
+            if (before.count(descriptor) == 0) {
+                EXPECT_NE(::fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0) << target;
+            }
+        }
+    });
+}
+
+TEST_F(WhatAWatcherHolds, IsNothingBehindWhichTheKernelCollectsWhatNobodyReads)
+{
+    Watch();
+    EXPECT_TRUE(Eventually(std::chrono::seconds(10), [] { // the watcher's own thread closes it
+        const auto descriptors = Descriptors();
+        return std::none_of(descriptors.begin(), descriptors.end(),
+                            [](const auto& entry) { return entry.second.find("inotify") != std::string::npos; });
+    }));
+}
+
+TEST_F(WhatAWatcherHolds, LeavesTheInotifyDescriptorsOfOthersAlone)
+{
+    const int descriptor = ::inotify_init1(0);
+    ASSERT_GE(descriptor, 0);
+    Watch();
+    watcher.reset();
+    EXPECT_EQ(Descriptors()[descriptor], "anon_inode:inotify");
+    EXPECT_EQ(::fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0);
+    ::close(descriptor);
+}
+
+TEST_F(WhatAWatcherHolds, IsGoneWithIt)
+{
+    Watch();
+    watcher.reset();
+    const auto before = Descriptors();
+    const std::size_t threads = OtherThreads();
+    for (int i = 0; i < 20; ++i) {
+        const BundleDirWatcher one(collection.Path().string(), INTERVAL);
+        const BundleDirWatcher other(collection.Path().string(), INTERVAL);
+    }
+    EXPECT_EQ(Descriptors(), before);
+    EXPECT_TRUE(ThereAreThreads(threads));
+}
+
+TEST_F(WhatAWatcherHolds, IsGoneWhenItCouldNotBeMade)
+{
+    const auto before = Descriptors();
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_ANY_THROW(BundleDirWatcher(In("missing")));
+    }
+    EXPECT_EQ(Descriptors(), before);
+}
