@@ -3,11 +3,11 @@
 
 #include "bundle_thread_activator.h"
 
-#include "support/own_process.h"
 #include "support/collection_builder.h"
 #include "support/eventually.h"
 #include "support/fault.h"
 #include "support/log_capture.h"
+#include "support/own_process.h"
 
 #include <gtest/gtest.h>
 
