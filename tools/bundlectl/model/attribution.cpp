@@ -144,7 +144,7 @@ const std::string& Attribution::TakeFromServer(const LogRecord& record, const Ev
     // The record in one of two languages repeats the one before it.
     constexpr int languageModule = 5;
     if (record.module == languageModule) {
-        step.bundle = step.ChildOf(step.thread.dead, {}).bundle;
+        step.bundle = step.thread.deadChild.bundle;
     } else if (const AttributionHandler handler = HandlerOf(event.kind)) {
         handler(step);
     }

@@ -12,6 +12,12 @@
 
 namespace Model {
 
+/// A child of the server.
+struct ChildContext {
+    std::string bundle;
+    std::string item;
+};
+
 /// What a thread of the server is doing, as far as its records tell.
 struct ThreadContext {
     std::vector<std::string> bundles; ///< begun and not done, the innermost last
@@ -24,14 +30,9 @@ struct ThreadContext {
     std::string reason;              ///< of the failure whose record is to follow
     std::string item;                ///< in thread mode: whose thread it is
     std::size_t nextItem = 0;        ///< of the manifest, to be launched
-    pid_t dead = 0;                  ///< the child whose end it deals with
+    pid_t dead = 0;                  ///< the child whose end it deals with; its number may be another's by now
+    ChildContext deadChild;
     bool isRelaunching = false;
-};
-
-/// A child of the server.
-struct ChildContext {
-    std::string bundle;
-    std::string item;
 };
 
 /// A server, as far as its records tell.

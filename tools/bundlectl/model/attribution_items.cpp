@@ -13,7 +13,7 @@ void OnChildIsTold(Step& step)
     ChildContext child;
     const bool isRelaunch = step.thread.isRelaunching;
     if (isRelaunch) {
-        child = step.ChildOf(step.thread.dead, {});
+        child = step.thread.deadChild;
     } else if (!step.thread.bundles.empty()) {
         child.bundle = step.thread.bundles.back();
         const auto bundle = step.server.bundles.find(child.bundle);
@@ -27,36 +27,29 @@ void OnChildIsTold(Step& step)
     step.TellItem(Fact::ITEM_LAUNCHED, child, pid, isRelaunch ? 1 : 0);
 }
 
+// The number is free for another child from now on.
 void OnEnd(Step& step, Fact::Kind kind)
 {
     const pid_t pid = step.event.Number(1);
     const ChildContext child = step.ChildOf(pid, step.event.arguments[0]);
     step.bundle = child.bundle;
     step.thread.dead = pid;
+    step.thread.deadChild = child;
     step.thread.isRelaunching = false;
-    step.server.children[pid] = child; // for what is logged next about it, which may lack its number
+    step.server.children.erase(pid);
     step.TellItem(kind, child, pid, step.event.Number(2));
 }
 
 void OnAfterEnd(Step& step, Fact::Kind kind)
 {
-    const pid_t pid = step.thread.dead;
-    const ChildContext child = step.ChildOf(pid, step.event.arguments[0]);
-    step.bundle = child.bundle;
-    step.TellItem(kind, child, pid);
-    if (kind == Fact::ITEM_RELAUNCHES) {
-        step.thread.isRelaunching = true;
-        step.server.children[pid] = child;
-    } else {
-        step.server.children.erase(pid);
-    }
+    step.bundle = step.thread.deadChild.bundle;
+    step.TellItem(kind, step.thread.deadChild, step.thread.dead);
+    step.thread.isRelaunching = kind == Fact::ITEM_RELAUNCHES;
 }
 
 void OnRelaunched(Step& step)
 {
-    step.bundle = step.ChildOf(step.thread.dead, step.event.arguments[0]).bundle;
-    step.server.children.erase(step.thread.dead);
-    step.thread.dead = 0;
+    step.bundle = step.thread.deadChild.bundle;
     step.thread.isRelaunching = false;
 }
 

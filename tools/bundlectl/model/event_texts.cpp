@@ -140,6 +140,7 @@ const EventText EVENT_TEXTS[] = {
     {"Failed to get pgid of [%d] ", EventKind::NONE},
     {"non-bundle process[%d] exit.", EventKind::NONE},
     {"exit pid[%d] not found.", EventKind::NONE},
+    {"process[%d] is a new child by now.", EventKind::NONE},
     {"out of memory at the end of process[%d], trying again.", EventKind::NONE},
     {"entering exit status proc....", EventKind::NONE},
     {"leaving exit status proc....", EventKind::NONE},

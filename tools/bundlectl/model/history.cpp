@@ -61,6 +61,7 @@ void SetState(BundleHistory& bundle, BundleState state, const Fact& fact)
 void SetManifest(BundleHistory& bundle, const Fact& fact)
 {
     bundle.path = fact.path;
+    bundle.manifestRead = fact.time;
     bundle.mode = fact.manifest->mode;
     bundle.required = fact.manifest->required;
     // What is known of an item is kept: its process may run on.

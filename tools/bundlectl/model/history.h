@@ -87,9 +87,10 @@ struct BundleHistory {
     std::optional<Time> since; ///< of that state
     std::string stateLine;
     std::optional<Time> loaded;
-    std::vector<ItemHistory> items; ///< in the manifest's order, as far as that is known
-    std::deque<ScriptRun> scripts;  ///< the latest last
-    std::optional<Problem> problem; ///< the last, unless it has become Active since
+    std::optional<Time> manifestRead; ///< the one in force
+    std::vector<ItemHistory> items;   ///< in the manifest's order, as far as that is known
+    std::deque<ScriptRun> scripts;    ///< the latest last
+    std::optional<Problem> problem;   ///< the last, unless it has become Active since
 };
 
 /// A directory that was not taken in.

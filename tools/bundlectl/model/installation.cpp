@@ -164,8 +164,11 @@ LogLocation InstalledLog()
 Installation FindInstallation(const Choice& choice, const Proc& proc)
 {
     Installation found;
-    found.server = ChooseServer(FindServers(proc), choice, found.notes);
+    found.others = FindServers(proc);
+    found.server = ChooseServer(found.others, choice, found.notes);
     const bool hasServer = found.server.has_value();
+    Keep(found.others,
+         [&found](const ServerProcess& server) { return !found.server || server.stat.pid != found.server->stat.pid; });
     found.base = hasServer ? found.server->directory.value_or("") : CurrentDirectory();
     found.configuration = !choice.configuration.empty() ? choice.configuration
                           : hasServer                   ? found.server->configuration

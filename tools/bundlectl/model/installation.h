@@ -41,6 +41,7 @@ struct ServerConfiguration {
 /// What a verb is to look at.
 struct Installation {
     std::optional<ServerProcess> server; ///< the one that is meant; empty: none runs
+    std::vector<ServerProcess> others;   ///< further servers that run
     std::string configuration;           ///< path; empty: unknown
     ServerConfiguration settings;
     std::string collection; ///< as the server has it; empty: unknown

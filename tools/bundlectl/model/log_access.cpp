@@ -35,6 +35,9 @@ std::unique_ptr<LogSource> OpenJournal(const std::string& unit, const LogPart& p
         const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(part.since->time_since_epoch());
         command.push_back("--since=@" + std::to_string(seconds.count()));
     }
+    if (part.follow) {
+        command.emplace_back("--follow");
+    }
     return ReadCommand(command);
 }
 

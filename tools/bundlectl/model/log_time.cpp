@@ -1,5 +1,6 @@
 #include "log_time.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdint>
@@ -138,6 +139,31 @@ std::optional<Time> ParsePointInTime(std::string_view text, Time now)
         text.remove_prefix(11);
     }
     return ParseTimeOfDay(text, local);
+}
+
+std::string SpanText(Microseconds span)
+{
+    const std::int64_t milliseconds = std::max<std::int64_t>(span.count() / 1000, 0);
+    const std::int64_t whole = milliseconds / 1000;
+    if (whole < 1) {
+        return std::to_string(milliseconds) + " ms";
+    }
+    struct Unit {
+        const char* name;
+        std::int64_t seconds;
+    };
+    constexpr std::array<Unit, 4> units{{{" d", 86400}, {" h", 3600}, {" min", 60}, {" s", 1}}};
+    std::size_t unit = 0;
+    while (whole < units[unit].seconds) {
+        ++unit;
+    }
+    std::string text = std::to_string(whole / units[unit].seconds) + units[unit].name;
+    const std::int64_t rest = unit + 1 < units.size() ? whole % units[unit].seconds / units[unit + 1].seconds : 0;
+    // Beyond a few minutes nobody needs the seconds.
+    if (rest > 0 && (units[unit].seconds > 60 || whole < 600)) {
+        text += " " + std::to_string(rest) + units[unit + 1].name;
+    }
+    return text;
 }
 
 } // namespace Model

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace Model {
@@ -25,6 +26,9 @@ std::optional<Time> ParsePointInTime(std::string_view text, Time now);
 
 /// Reads a span: a number and a unit out of ms, s, m, h and d; without a unit, seconds.
 std::optional<Microseconds> ParseSpan(std::string_view text);
+
+/// A span in words: "250 ms", "12 s", "3 min 20 s", "2 h 5 min", "3 d 4 h".
+std::string SpanText(Microseconds span);
 
 } // namespace Model
 
