@@ -1,4 +1,4 @@
-#include "tools/program.h"
+#include "support/program.h"
 
 #include <gtest/gtest.h>
 
@@ -36,7 +36,8 @@ TEST(Bundlectl, NamesAllCommandsWhereNoneIsMeant)
 {
     for (const char* const word : {"conquer", "wd", "x", ""}) {
         std::ostringstream expected;
-        expected << "bundlectl: there is no command \"" << word << "\". The commands are: delete, events, wait.\n";
+        expected << "bundlectl: there is no command \"" << word
+                 << "\". The commands are: status, why, log, delete, events, wait.\n";
         EXPECT_EQ(Control({word}).errors, expected.str());
     }
     EXPECT_TRUE(Has(Control({"a\nb\x1B"}).errors, "\"a\\nb\\033\""));
@@ -88,6 +89,6 @@ TEST(Bundlectl, HelpsOnStandardOutput)
         const Ended ended = Control(arguments);
         EXPECT_EQ(ended.status, 0);
         EXPECT_EQ(ended.errors, "");
-        EXPECT_TRUE(Has(ended.output, "exit status: 0 done")) << ended.output;
+        EXPECT_TRUE(Has(ended.output, "exit status: 0 good")) << ended.output;
     }
 }

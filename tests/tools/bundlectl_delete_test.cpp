@@ -1,8 +1,8 @@
 #include "support/collection_builder.h"
+#include "support/program.h"
 #include "support/running_server.h"
 #include "support/service_environment.h"
 #include "support/unix_client.h"
-#include "tools/program.h"
 
 #include <bundle_service.h>
 

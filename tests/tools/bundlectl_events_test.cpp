@@ -1,9 +1,9 @@
 #include "support/cpu_time.h"
 #include "support/eventually.h"
 #include "support/match.h"
+#include "support/program.h"
 #include "support/service_environment.h"
 #include "support/unix_client.h"
-#include "tools/program.h"
 
 #include <algapp_bolt_comm.h>
 

@@ -1,7 +1,7 @@
 #include "support/eventually.h"
+#include "support/program.h"
 #include "support/running_server.h"
 #include "support/service_environment.h"
-#include "tools/program.h"
 
 #include <bundle_service.h>
 

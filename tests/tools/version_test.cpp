@@ -1,4 +1,4 @@
-#include "tools/program.h"
+#include "support/program.h"
 
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+#include "arguments.h"
 #include "command.h"
 #include "exit_status.h"
 #include "model/collection.h"
@@ -9,8 +10,7 @@
 
 #include <bundle_service.h>
 
-#include <CLI/CLI.hpp>
-
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -173,20 +173,36 @@ std::string NameFault(const std::string& name)
                                                  : "";
 }
 
+bool IsKind(const std::string& path, mode_t kind)
+{
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 && (status.st_mode & S_IFMT) == kind;
+}
+
+std::string FaultOfDirectory(const std::string& path)
+{
+    return IsKind(path, S_IFDIR) ? "" : "there is no directory " + Printable(path);
+}
+
+std::string FaultOfFile(const std::string& path)
+{
+    return IsKind(path, S_IFREG) ? "" : "there is no file " + Printable(path);
+}
+
 } // namespace
 
-Action DefineDelete(CLI::App& command)
+Action DefineDelete(Arguments& arguments)
 {
     const auto options = std::make_shared<Options>();
-    command.add_option("NAME", options->name, "the bundle's name, as in its manifest")->required()->check(NameFault);
-    AddTimeout(command, "how long to wait for the answer", options->timeout);
-    CLI::Option* const collection =
-        command.add_option("--collection", options->collection, "look there whether its directory has gone")
-            ->check(CLI::ExistingDirectory)
-            ->type_name("DIR");
-    command.add_option("--config", options->configuration, "look in the collection that this configuration names")
-        ->check(CLI::ExistingFile)
-        ->excludes(collection)
-        ->type_name("FILE");
+    Argument name{"NAME", "the bundle's name, as in its manifest"};
+    name.check = NameFault;
+    name.isRequired = true;
+    arguments.Add(name, options->name);
+    AddTimeout(arguments, "how long to wait for the answer", options->timeout);
+    Argument collection{"--collection", "look there whether its directory has gone", "DIR", FaultOfDirectory};
+    arguments.Add(collection, options->collection);
+    Argument configuration{"--config", "look in the collection that this configuration names", "FILE", FaultOfFile};
+    configuration.without = collection.names;
+    arguments.Add(configuration, options->configuration);
     return [options] { return Delete(*options); };
 }

@@ -1,3 +1,4 @@
+#include "arguments.h"
 #include "command.h"
 #include "common/service_directory.h"
 #include "common/unique_fd.h"
@@ -5,8 +6,6 @@
 #include "printable.h"
 
 #include <algapp_bolt_comm.h>
-
-#include <CLI/CLI.hpp>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -33,7 +32,7 @@ using SystemServer::EVENT_SERVICE_PATH;
 using SystemServer::EventRecord;
 
 struct Options {
-    unsigned count = 0; ///< 0: no limit
+    long count = 0; ///< 0: no limit
 };
 
 /// What stands in front of every event.
@@ -155,7 +154,7 @@ bool Print(const EventRecord& record)
 /// The loop of the command.
 class Listener {
 public:
-    Listener(UniqueFd signals, UniqueFd fifo, unsigned count)
+    Listener(UniqueFd signals, UniqueFd fifo, long count)
         : m_signals(std::move(signals)), m_fifo(std::move(fifo)), m_count(count)
     {}
 
@@ -209,8 +208,8 @@ private:
 
     UniqueFd m_signals;
     UniqueFd m_fifo;
-    const unsigned m_count;
-    unsigned m_seen = 0;
+    const long m_count;
+    long m_seen = 0;
     int m_status = EXIT_DONE;
     EventStream m_stream;
 };
@@ -226,11 +225,9 @@ int Listen(const Options& options)
 
 } // namespace
 
-Action DefineEvents(CLI::App& command)
+Action DefineEvents(Arguments& arguments)
 {
     const auto options = std::make_shared<Options>();
-    command.add_option("--count", options->count, "end after so many events")
-        ->check(CLI::Range(1U, std::numeric_limits<unsigned>::max()))
-        ->type_name("N");
+    arguments.Add({"--count", "end after so many events", "N"}, options->count, 1, std::numeric_limits<int>::max());
     return [options] { return Listen(*options); };
 }

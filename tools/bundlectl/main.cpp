@@ -1,4 +1,5 @@
 // The companion of the bundle server, for people and scripts.
+#include "arguments.h"
 #include "command.h"
 #include "exit_status.h"
 #include "printable.h"
@@ -16,6 +17,9 @@
 #include <vector>
 
 namespace {
+
+constexpr const char STATUSES[] =
+    "exit status: 0 good, 1 failed or not healthy, 2 wrong use, 3 no such bundle, 4 cannot be reached, 5 timed out";
 
 int TellUnknown(std::string_view word, const std::vector<std::string_view>& commands)
 {
@@ -46,14 +50,16 @@ int Run(int argc, const char* const* argv)
     CLI::App program("Controls the bundle server of this machine.", "bundlectl");
     program.require_subcommand(1);
     program.set_version_flag("--version", std::string("bundlectl ") + TOOL_VERSION, "print the version and exit");
-    program.footer("exit status: 0 done, 1 failed, 2 wrong use, 3 no such bundle, 4 cannot be reached, 5 timed out");
+    program.footer(STATUSES);
 
     int status = EXIT_FAILED;
     std::vector<std::string_view> names;
     for (const Command& command : COMMANDS) {
         names.emplace_back(command.name);
         CLI::App* part = program.add_subcommand(command.name, command.description);
-        part->callback([&status, action = command.define(*part)] { status = action(); });
+        part->footer(std::string(command.examples) + (*command.examples == '\0' ? "" : "\n") + STATUSES);
+        Arguments arguments(*part);
+        part->callback([&status, action = command.define(arguments)] { status = action(); });
     }
     const std::string_view word = argc > 1 ? argv[1] : "-";
     if (word.substr(0, 1) != "-" && std::find(names.begin(), names.end(), word) == names.end()) {

@@ -1,9 +1,10 @@
 #include "timeout_option.h"
 
-#include <CLI/CLI.hpp>
+#include "arguments.h"
 
 #include <charconv>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <system_error>
 
@@ -42,12 +43,10 @@ std::string Fault(const std::string& text)
 
 } // namespace
 
-void AddTimeout(CLI::App& command, const std::string& description, std::chrono::seconds& timeout)
+void AddTimeout(Arguments& arguments, const char* description, std::chrono::seconds& timeout)
 {
-    command
-        .add_option_function<std::string>(
-            "--timeout", [&timeout](const std::string& text) { timeout = Parse(text).value_or(timeout); }, description)
-        ->check(Fault)
-        ->default_str(std::to_string(timeout.count()) + "s")
-        ->type_name("TIME");
+    const std::string standard = std::to_string(timeout.count()) + "s";
+    Argument argument{"--timeout", description, "TIME", Fault};
+    argument.standard = standard.c_str();
+    arguments.Add(argument, [&timeout](const std::string& text) { timeout = Parse(text).value_or(timeout); });
 }

@@ -1,11 +1,10 @@
+#include "arguments.h"
 #include "command.h"
 #include "exit_status.h"
 #include "service_client.h"
 #include "timeout_option.h"
 
 #include <bundle_service.h>
-
-#include <CLI/CLI.hpp>
 
 #include <sys/types.h>
 
@@ -27,7 +26,7 @@ using namespace std::chrono_literals;
 struct Options {
     std::string condition;
     std::chrono::seconds timeout = 30s;
-    pid_t server = 0; ///< 0: whichever serves
+    long server = 0; ///< 0: whichever serves
 };
 
 int Failed(ExitStatus status, const std::string& text)
@@ -58,7 +57,7 @@ int WaitForServing(const Options& options)
     const Clock::time_point end = Clock::now() + options.timeout;
     ServiceClient client(SystemServer::BundleService::SERVICE_NAME);
     for (;;) {
-        const bool hasEnded = options.server != 0 && HasEnded(options.server);
+        const bool hasEnded = options.server != 0 && HasEnded(static_cast<pid_t>(options.server));
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
         switch (client.Connect(std::clamp(left, 1ms, 1000ms))) {
         case ServiceClient::Outcome::ANSWERED:
@@ -83,17 +82,21 @@ int WaitForServing(const Options& options)
     }
 }
 
+std::string FaultOfCondition(const std::string& condition)
+{
+    return condition == "serving" ? "" : "\"" + condition + "\" is no condition; there is \"serving\"";
+}
+
 } // namespace
 
-Action DefineWait(CLI::App& command)
+Action DefineWait(Arguments& arguments)
 {
     const auto options = std::make_shared<Options>();
-    command.add_option("--for", options->condition, "what to wait for: the server answers requests")
-        ->required()
-        ->check(CLI::IsMember({"serving"}));
-    AddTimeout(command, "how long to wait", options->timeout);
-    command.add_option("--pid", options->server, "wait for this server, and no longer than it runs")
-        ->check(CLI::Range(pid_t{1}, std::numeric_limits<pid_t>::max()))
-        ->type_name("PID");
+    Argument condition{"--for", "what to wait for: the server answers requests", "CONDITION", FaultOfCondition};
+    condition.isRequired = true;
+    arguments.Add(condition, options->condition);
+    AddTimeout(arguments, "how long to wait", options->timeout);
+    arguments.Add({"--pid", "wait for this server, and no longer than it runs", "PID"}, options->server, 1,
+                  std::numeric_limits<pid_t>::max());
     return [options] { return WaitForServing(*options); };
 }

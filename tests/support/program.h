@@ -1,5 +1,5 @@
-#ifndef TESTS_TOOLS_PROGRAM_H
-#define TESTS_TOOLS_PROGRAM_H
+#ifndef TESTS_SUPPORT_PROGRAM_H
+#define TESTS_SUPPORT_PROGRAM_H
 
 #include "support/temporary_directory.h"
 

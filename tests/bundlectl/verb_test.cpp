@@ -1,0 +1,21 @@
+#include "bundlectl/verb_test.h"
+
+::testing::AssertionResult FollowsSchema(const std::string& text)
+{
+    const TemporaryDirectory directory;
+    WriteFile(directory / "output", text);
+    const Ended checked =
+        RunToEnd("/bin/sh", {"-c", "exec python3 " VALIDATOR " " JSON_SCHEMA " < " + (directory / "output")});
+    if (checked.status == 0) {
+        return ::testing::AssertionSuccess();
+    }
+    return ::testing::AssertionFailure() << checked.errors << "\n" << text;
+}
+
+::testing::AssertionResult Tells(const Ended& ended, const std::string& part)
+{
+    if (Has(ended.output, part)) {
+        return ::testing::AssertionSuccess();
+    }
+    return ::testing::AssertionFailure() << "no \"" << part << "\" in:\n" << ended.output << ended.errors;
+}

@@ -1,0 +1,25 @@
+#ifndef TESTS_BUNDLECTL_VERB_TEST_H
+#define TESTS_BUNDLECTL_VERB_TEST_H
+
+#include "support/program.h"
+#include "system/system_test.h"
+
+#include <string>
+#include <vector>
+
+/// A daemon, and bundlectl that looks at it. bundlectl finds the daemon by itself: both see the same private /mnt.
+class VerbTest : public SystemTest {
+public:
+    static Ended Run(std::vector<std::string> arguments) { return RunToEnd(BUNDLECTL_PROGRAM, std::move(arguments)); }
+
+    /// Starts the daemon, which then has started all that can be started.
+    void Serve() { ASSERT_TRUE(daemon.StartServing()); }
+};
+
+/// Whether each line of a text follows the schema of what bundlectl prints for programs.
+::testing::AssertionResult FollowsSchema(const std::string& text);
+
+/// What is wrong with the text unless it has the part.
+::testing::AssertionResult Tells(const Ended& ended, const std::string& part);
+
+#endif

@@ -1,0 +1,122 @@
+#include "json_writer.h"
+
+#include "times.h"
+
+#include "common/control_characters.h"
+
+#include <array>
+#include <cstdio>
+
+namespace Output {
+
+namespace {
+
+/// A byte that begins no character of UTF-8 in this place.
+bool IsStray(std::string_view unit)
+{
+    const unsigned char lead = Common::Byte(unit.front());
+    if (unit.size() == 1) {
+        return lead >= 0x80U;
+    }
+    // Longer than need be, half of a pair, beyond the last character.
+    const unsigned char next = Common::Byte(unit[1]);
+    return (lead == 0xE0U && next < 0xA0U) || (lead == 0xEDU && next >= 0xA0U) || (lead == 0xF0U && next < 0x90U) ||
+           (lead == 0xF4U && next >= 0x90U);
+}
+
+void AppendEscaped(std::string& text, std::string_view unit)
+{
+    const char first = unit.front();
+    if (IsStray(unit)) {
+        text += "\uFFFD";
+    } else if (first == '"' || first == '\\') {
+        (text += '\\') += first;
+    } else if (unit.size() == 1 && Common::IsControl(first)) {
+        std::array<char, 8> escape{};
+        std::snprintf(escape.data(), escape.size(), "\\u%04x", Common::Byte(first));
+        text += escape.data();
+    } else {
+        text += unit;
+    }
+}
+
+} // namespace
+
+JsonWriter& JsonWriter::Begin(char bracket)
+{
+    Separate();
+    m_text += bracket;
+    m_open += bracket == '{' ? '}' : ']';
+    m_needsComma = false;
+    return *this;
+}
+
+JsonWriter& JsonWriter::End()
+{
+    m_text += m_open.back();
+    m_open.pop_back();
+    m_needsComma = true;
+    if (m_open.empty()) {
+        m_text += '\n';
+    }
+    return *this;
+}
+
+JsonWriter& JsonWriter::Key(const char* name)
+{
+    Value(name);
+    m_text += ':';
+    m_needsComma = false;
+    return *this;
+}
+
+JsonWriter& JsonWriter::Value(std::string_view text)
+{
+    Separate();
+    m_text += '"';
+    while (!text.empty()) {
+        const std::size_t size = Common::UnitSize(text.data(), text.size());
+        const bool isStray = IsStray(text.substr(0, size));
+        AppendEscaped(m_text, text.substr(0, size));
+        text.remove_prefix(isStray ? 1 : size);
+    }
+    m_text += '"';
+    return *this;
+}
+
+JsonWriter& JsonWriter::Value(Model::Time time)
+{
+    return Value(Rfc3339(time));
+}
+
+JsonWriter& JsonWriter::Value(Model::Microseconds span)
+{
+    std::array<char, 48> text{};
+    const long long count = span.count();
+    std::snprintf(text.data(), text.size(), "%s%lld.%06lld", count < 0 ? "-" : "",
+                  (count < 0 ? -count : count) / 1'000'000, (count < 0 ? -count : count) % 1'000'000);
+    return Plain(text.data());
+}
+
+JsonWriter& JsonWriter::BeginOutput(const char* verb, Model::Time taken)
+{
+    BeginObject().Member("schema", JSON_SCHEMA).Member("verb", verb);
+    return Member("time", taken);
+}
+
+JsonWriter& JsonWriter::Plain(const std::string& value)
+{
+    Separate();
+    m_text += value;
+    return *this;
+}
+
+void JsonWriter::Separate()
+{
+    if (m_needsComma) {
+        m_text += ',';
+    }
+    m_needsComma = true;
+}
+
+} // namespace Output

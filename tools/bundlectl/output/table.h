@@ -1,0 +1,39 @@
+#ifndef BUNDLECTL_OUTPUT_TABLE_H
+#define BUNDLECTL_OUTPUT_TABLE_H
+
+#include "terminal.h"
+
+#include <string>
+#include <vector>
+
+namespace Output {
+
+/// A table for people: columns as wide as they need be, two blanks between them. The last column takes what is left
+/// and, on a terminal, is cut to it.
+class Table {
+public:
+    struct Cell {
+        Cell(std::string content, Colour paint = Colour::NONE) : text(std::move(content)), colour(paint) {}
+        Cell(const char* content) : text(content) {}
+
+        std::string text; ///< as it is to be shown, without colours
+        Colour colour = Colour::NONE;
+    };
+
+    explicit Table(std::vector<std::string> heads) : m_heads(std::move(heads)) {}
+
+    void Add(std::vector<Cell> row) { m_rows.push_back(std::move(row)); }
+
+    /// The lines, with their ends. Columns in which every row is empty are left out.
+    std::string Text(const Terminal& terminal) const;
+
+private:
+    std::vector<std::size_t> Widths(const Terminal& terminal) const;
+
+    std::vector<std::string> m_heads;
+    std::vector<std::vector<Cell>> m_rows;
+};
+
+} // namespace Output
+
+#endif
