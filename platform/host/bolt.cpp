@@ -49,5 +49,10 @@ int bolt_server_register(const char* service, bolt_event_mgr* mgr, const bolt_se
 // NOLINTNEXTLINE(readability-identifier-naming): the header's own name
 int bolt_event_mgr_run(bolt_event_mgr* mgr, int timeout_ms)
 {
-    return mgr != nullptr && static_cast<EventManager*>(mgr)->Run(timeout_ms) ? 0 : -1;
+    try {
+        return mgr != nullptr && static_cast<EventManager*>(mgr)->Run(timeout_ms) ? 0 : -1;
+    } catch (const std::exception& exception) {
+        HOST_LOG_ERROR("the event loop does not run: %s.", exception.what());
+        return -1;
+    }
 }

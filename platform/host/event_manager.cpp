@@ -120,17 +120,33 @@ bool EventManager::Run(int milliseconds)
     if (m_hasEnded) {
         return false;
     }
-    if (milliseconds >= 0) {
-        const timeval limit{milliseconds / 1000, suseconds_t{milliseconds % 1000} * 1000};
-        if (event_base_loopexit(m_base.get(), &limit) != 0) {
-            return false;
-        }
+    if (milliseconds >= 0 && !EndIn(milliseconds)) {
+        return false;
     }
     const bool ran = event_base_dispatch(m_base.get()) >= 0;
+    m_limit.Close();
     if (m_endIsAsked || !ran) {
         End();
     }
     return ran;
+}
+
+// Without time left, a run handles what is there.
+bool EventManager::EndIn(int milliseconds)
+{
+    if (milliseconds == 0) {
+        return event_base_loopexit(m_base.get(), nullptr) == 0;
+    }
+    return m_limit.Open(*m_base, OnTimeOver, this) && m_limit.Start(std::chrono::milliseconds(milliseconds));
+}
+
+void EventManager::OnTimeOver(evutil_socket_t /*fd*/, short /*what*/, void* manager) noexcept
+{
+    auto& self = *static_cast<EventManager*>(manager);
+    self.m_limit.Stop();
+    if (event_base_loopexit(self.m_base.get(), nullptr) != 0) { // what else is ready now waits for the next run
+        event_base_loopbreak(self.m_base.get());
+    }
 }
 
 void EventManager::End()

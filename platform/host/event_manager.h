@@ -5,6 +5,7 @@
 #include "event_owner.h"
 #include "packet.h"
 #include "server.h"
+#include "timer.h"
 
 #include <bolt.h>
 
@@ -42,14 +43,17 @@ private:
     EventManager() = default;
 
     static void OnSignal(evutil_socket_t fd, short what, void* manager) noexcept;
+    static void OnTimeOver(evutil_socket_t fd, short what, void* manager) noexcept;
 
     bool Open();
     bool WatchSignals();
+    bool EndIn(int milliseconds);
     void End();
 
     EventBaseOwner m_base;
     Common::UniqueFd m_signals;
     EventOwner m_signalled;
+    Timer m_limit;
     std::list<Server> m_servers;
     bool m_endIsAsked = false;
     bool m_hasEnded = false;

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <exception>
 #include <limits>
@@ -19,6 +20,8 @@ namespace HostPlatform {
 using Common::UniqueFd;
 
 namespace {
+
+constexpr std::chrono::seconds TRY_INTERVAL{1};
 
 /// Calls into the service. What it throws ends here, for the event library is C. False when it threw.
 template <typename Call> bool Guarded(const std::string& service, const char* callback, const Call& call) noexcept
@@ -67,9 +70,13 @@ bool Server::Start()
 bool Server::BeginToAccept()
 {
     m_acceptable = NewEvent(m_manager.Base(), m_socket.Get(), EV_READ | EV_PERSIST, OnAcceptable, this);
-    m_pauseOver = NewEvent(m_manager.Base(), -1, 0, OnPauseOver, this);
     if (event_add(m_acceptable.get(), nullptr) != 0) {
         HOST_LOG_ERROR("service[%s]: the event loop does not take its socket.", m_service.c_str());
+        return false;
+    }
+    if (!m_pause.Open(m_manager.Base(), OnPauseOver, this)) {
+        m_acceptable.reset();
+        HOST_LOG_ERROR("service[%s]: no timer can be made: %s.", m_service.c_str(), std::strerror(errno));
         return false;
     }
     return true;
@@ -78,10 +85,8 @@ bool Server::BeginToAccept()
 /// A lock that nobody who serves holds must not cost the service: it is asked for again for as long as the loop runs.
 bool Server::BeginToTry()
 {
-    constexpr timeval pause{1, 0};
-    m_tryAgain = NewEvent(m_manager.Base(), -1, EV_PERSIST, OnTryAgain, this);
-    if (event_add(m_tryAgain.get(), &pause) != 0) {
-        HOST_LOG_ERROR("service[%s]: the event loop does not take its pause.", m_service.c_str());
+    if (!m_tryAgain.Open(m_manager.Base(), OnTryAgain, this) || !m_tryAgain.Start(TRY_INTERVAL)) {
+        HOST_LOG_ERROR("service[%s]: no timer can be made: %s.", m_service.c_str(), std::strerror(errno));
         return false;
     }
     TellOfObstacle();
@@ -99,6 +104,7 @@ void Server::TellOfObstacle()
 void Server::OnTryAgain(evutil_socket_t /*fd*/, short /*what*/, void* server) noexcept
 {
     auto& self = *static_cast<Server*>(server);
+    self.m_tryAgain.Start(TRY_INTERVAL);
     try {
         self.TryAgain();
     } catch (const std::exception& exception) {
@@ -115,7 +121,7 @@ void Server::TryAgain()
         return;
     }
     const bool accepts = listening == ServiceSocket::Listening::BEGUN && BeginToAccept();
-    event_del(m_tryAgain.get());
+    m_tryAgain.Stop();
     if (accepts) {
         HOST_LOG_INFO("service[%s]: it can be reached now.", m_service.c_str());
     } else {
@@ -146,8 +152,8 @@ void Server::Stop()
     }
     m_connections.clear();
     m_acceptable.reset();
-    m_pauseOver.reset();
-    m_tryAgain.reset();
+    m_pause.Close();
+    m_tryAgain.Close();
     m_socket.Remove();
 }
 
@@ -158,7 +164,9 @@ void Server::OnAcceptable(evutil_socket_t /*fd*/, short /*what*/, void* server) 
 
 void Server::OnPauseOver(evutil_socket_t /*fd*/, short /*what*/, void* server) noexcept
 {
-    static_cast<Server*>(server)->AcceptAgain();
+    auto& self = *static_cast<Server*>(server);
+    self.m_pause.Stop();
+    self.AcceptAgain();
 }
 
 /// Where the loop does not take the listener back it is asked again later: a service must not stay deaf.
@@ -169,11 +177,10 @@ void Server::AcceptAgain()
     }
 }
 
-/// A loop that has no room for the end of a pause has to do without the pause.
+/// A pause that would not end is left out.
 void Server::PauseAccepting()
 {
-    constexpr timeval pause{0, 100'000};
-    if (event_add(m_pauseOver.get(), &pause) == 0) {
+    if (m_pause.Start(std::chrono::milliseconds(100))) {
         event_del(m_acceptable.get());
     }
 }

@@ -5,6 +5,7 @@
 #include "event_owner.h"
 #include "record_limit.h"
 #include "service_socket.h"
+#include "timer.h"
 
 #include <bolt.h>
 
@@ -71,8 +72,8 @@ private:
     void* const m_arg;
     ServiceSocket m_socket;
     EventOwner m_acceptable;
-    EventOwner m_pauseOver;
-    EventOwner m_tryAgain;
+    Timer m_pause;
+    Timer m_tryAgain;
     std::list<Connection> m_connections;
     std::size_t m_mostConnections = 0;
     bool m_waitsForAnEnd = false; // accepts nothing until a connection ends

@@ -204,6 +204,17 @@ ServiceCalls LastServiceCalls()
     }
 // NOLINTEND(bugprone-macro-parentheses)
 
+// On a 32-bit machine, calls that are given a time of 64 bits have one name, the last.
+#ifdef TEST_TIME64_NAMES
+#define TIMED(name, timed) timed
+#define FAILING_TIMED_CALLS(call, name, timed, Result, failure, parameters, arguments, argument)                       \
+    FAILING_CALL(call, timed, Result, failure, parameters, arguments, argument)
+#else
+#define TIMED(name, timed) name
+#define FAILING_TIMED_CALLS(call, name, timed, Result, failure, parameters, arguments, argument)                       \
+    FAILING_CALLS(call, name, Result, failure, parameters, arguments, argument)
+#endif
+
 FAILING_CALL(PIPE2, "pipe2", int, -1, (int* ends, int flags), (ends, flags), flags)
 FAILING_CALL(FORK, "fork", pid_t, -1, (), (), 0)
 FAILING_CALL(SETPGID, "setpgid", int, -1, (pid_t pid, pid_t group), (pid, group), pid)
@@ -215,8 +226,9 @@ FAILING_CALL(WAITPID, "waitpid", pid_t, (PlanOf(Call::WAITPID).value == 0 ? 0 : 
              (pid_t pid, int* status, int options), (pid, status, options), pid)
 // What has more arguments in some calls than in others is given one that may not be there.
 FAILING_CALLS(OPEN, "open", int, -1, (const char* path, int flags, mode_t mode), (path, flags, mode), flags)
-FAILING_CALLS(FCNTL, "fcntl", int, -1, (int fd, int command, void* value), (fd, command, value), fd)
-FAILING_CALL(PRCTL, "prctl", int, -1,
+FAILING_TIMED_CALLS(FCNTL, "fcntl", "__fcntl_time64", int, -1, (int fd, int command, void* value), (fd, command, value),
+                    fd)
+FAILING_CALL(PRCTL, TIMED("prctl", "__prctl_time64"), int, -1,
              (int option, unsigned long one, unsigned long two, unsigned long three, unsigned long four),
              (option, one, two, three, four), option)
 FAILING_CALL(FSYNC, "fsync", int, -1, (int fd), (fd), fd)
@@ -224,10 +236,11 @@ FAILING_CALL(DLOPEN, "dlopen", void*, nullptr, (const char* path, int flags), (p
 FAILING_CALL(DUP3, "dup3", int, -1, (int from, int to, int flags), (from, to, flags), from)
 FAILING_CALL(OPENDIR, "opendir", DIR*, nullptr, (const char* path), (path), 0)
 FAILING_CALLS(READDIR, "readdir", void*, nullptr, (DIR * directory), (directory), 0)
-FAILING_CALLS(STAT, "stat", int, -1, (const char* path, void* status), (path, status), 0)
-FAILING_CALLS(LSTAT, "lstat", int, -1, (const char* path, void* status), (path, status), 0)
-FAILING_CALLS(FSTATAT, "fstatat", int, -1, (int directory, const char* path, void* status, int flags),
-              (directory, path, status, flags), directory)
+FAILING_TIMED_CALLS(STAT, "stat", "__stat64_time64", int, -1, (const char* path, void* status), (path, status), 0)
+FAILING_TIMED_CALLS(LSTAT, "lstat", "__lstat64_time64", int, -1, (const char* path, void* status), (path, status), 0)
+FAILING_TIMED_CALLS(FSTATAT, "fstatat", "__fstatat64_time64", int, -1,
+                    (int directory, const char* path, void* status, int flags), (directory, path, status, flags),
+                    directory)
 FAILING_CALL(READLINK, "readlink", ssize_t, -1, (const char* path, char* target, std::size_t size),
              (path, target, size), 0)
 FAILING_CALL(MKDIR, "mkdir", int, -1, (const char* path, mode_t mode), (path, mode), 0)
@@ -238,6 +251,9 @@ FAILING_CALL(INOTIFY_RM_WATCH, "inotify_rm_watch", int, -1, (int fd, int watch),
 FAILING_CALLS(SET_LIMIT, "setrlimit", int, -1, (int resource, const void* limit), (resource, limit), resource)
 FAILING_CALL(RAISE, "raise", int, -1, (int signal), (signal), signal)
 FAILING_CALL(SIGNALFD, "signalfd", int, -1, (int fd, const sigset_t* mask, int flags), (fd, mask, flags), fd)
+FAILING_CALL(TIMERFD_CREATE, "timerfd_create", int, -1, (int clock, int flags), (clock, flags), clock)
+FAILING_CALL(TIMERFD_SETTIME, TIMED("timerfd_settime", "__timerfd_settime64"), int, -1,
+             (int fd, int flags, const void* time, void* before), (fd, flags, time, before), fd)
 FAILING_CALL(SOCKET, "socket", int, -1, (int domain, int type, int protocol), (domain, type, protocol), domain)
 FAILING_CALL(BIND, "bind", int, -1, (int fd, const sockaddr* address, socklen_t size), (fd, address, size), fd)
 FAILING_CALL(LISTEN, "listen", int, -1, (int fd, int backlog), (fd, backlog), fd)
@@ -245,8 +261,8 @@ FAILING_CALL(CONNECT, "connect", int, -1, (int fd, const sockaddr* address, sock
 FAILING_CALL(FCHMOD, "fchmod", int, -1, (int fd, mode_t mode), (fd, mode), fd)
 FAILING_CALL(ACCEPT, "accept4", int, -1, (int fd, sockaddr* address, socklen_t* size, int flags),
              (fd, address, size, flags), fd)
-FAILING_CALL(GETSOCKOPT, "getsockopt", int, -1, (int fd, int level, int option, void* value, socklen_t* size),
-             (fd, level, option, value, size), fd)
+FAILING_CALL(GETSOCKOPT, TIMED("getsockopt", "__getsockopt64"), int, -1,
+             (int fd, int level, int option, void* value, socklen_t* size), (fd, level, option, value, size), fd)
 FAILING_CALL(RECV, "recv", ssize_t, -1, (int fd, void* data, std::size_t size, int flags), (fd, data, size, flags), fd)
 FAILING_CALL(SEND, "send", ssize_t, -1, (int fd, const void* data, std::size_t size, int flags),
              (fd, data, size, flags), fd)
@@ -266,8 +282,8 @@ ssize_t RealWrite(int fd, const void* data, std::size_t size) REAL("write");
 ssize_t WrappedWrite(int fd, const void* data, std::size_t size) WRAPPED("write");
 int RealClose(int fd) REAL("close");
 int WrappedClose(int fd) WRAPPED("close");
-int RealNanosleep(const timespec* time, timespec* left) REAL("nanosleep");
-int WrappedNanosleep(const timespec* time, timespec* left) WRAPPED("nanosleep");
+int RealNanosleep(const timespec* time, timespec* left) REAL(TIMED("nanosleep", "__nanosleep64"));
+int WrappedNanosleep(const timespec* time, timespec* left) WRAPPED(TIMED("nanosleep", "__nanosleep64"));
 // As a file with sizes of 64 bits calls it, which this one is.
 int RealStatfs(const char* path, struct statfs* status) REAL("statfs64");
 int WrappedStatfs(const char* path, struct statfs* status) WRAPPED("statfs64");

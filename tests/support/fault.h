@@ -47,6 +47,8 @@ enum class Call {
     SIGNAL_MASK, ///< pthread_sigmask: returns the errno
     RAISE,
     SIGNALFD,
+    TIMERFD_CREATE,
+    TIMERFD_SETTIME,
     SOCKET,
     BIND,
     LISTEN,

@@ -84,14 +84,26 @@ TEST_F(AFailingCallOfTheLoop, EndsItAndTakesItsSocketAway)
 {
     bolt_event_mgr* const manager = bolt_event_mgr_new(0);
     ASSERT_EQ(RegisterService(SERVICE, manager, g_testProtocol), 0);
-    {
-        const Fault fault(Call::EVENT_BASE_LOOPEXIT, ENOMEM);
-        EXPECT_EQ(bolt_event_mgr_run(manager, 10), -1);
+    for (const auto& [call, time] : {std::pair{Call::EVENT_BASE_LOOPEXIT, 0}, std::pair{Call::TIMERFD_CREATE, 10},
+                                     std::pair{Call::TIMERFD_SETTIME, 10}, std::pair{Call::EVENT_ADD, 10}}) {
+        const Fault fault(call, ENOMEM);
+        EXPECT_EQ(bolt_event_mgr_run(manager, time), -1);
+        EXPECT_TRUE(fault.HasStruck());
     }
     EXPECT_TRUE(Exists(SOCKET)) << "it was not run and can be";
     const Fault fault(Call::EVENT_BASE_DISPATCH, ENOMEM);
     EXPECT_EQ(bolt_event_mgr_run(manager, -1), -1);
     EXPECT_FALSE(Exists(SOCKET));
+}
+
+TEST_F(AFailingCallOfTheLoop, DoesNotMakeItGoOnWhenItsTimeIsOver)
+{
+    bolt_event_mgr* const manager = bolt_event_mgr_new(0);
+    ASSERT_EQ(RegisterService(SERVICE, manager, g_testProtocol), 0);
+    const Fault fault(Call::EVENT_BASE_LOOPEXIT, ENOMEM);
+    EXPECT_EQ(bolt_event_mgr_run(manager, 10), 0);
+    EXPECT_TRUE(fault.HasStruck());
+    EXPECT_TRUE(Exists(SOCKET));
 }
 
 TEST_F(AFailingCallOfTheLoop, LosesNoSignal)
@@ -139,12 +151,12 @@ TEST_F(AFailingCallOfAConnection, LeavesNoServiceDeafThatWaits)
 {
     {
         const Fault accept(Call::ACCEPT, EMFILE, 1);
-        const Fault pause(Call::EVENT_ADD, ENOMEM, 1);
+        const Fault pause(Call::TIMERFD_SETTIME, ENOMEM, 1);
         EXPECT_TRUE(IsServed()) << "the pause never begins";
         EXPECT_TRUE(pause.HasStruck());
     }
     const Fault accept(Call::ACCEPT, EMFILE, 1);
-    const Fault pause(Call::EVENT_ADD, ENOMEM, 1, 1);
+    const Fault pause(Call::EVENT_ADD, ENOMEM, 1);
     EXPECT_TRUE(IsServed()) << "the pause never ends";
     EXPECT_TRUE(pause.HasStruck());
 }

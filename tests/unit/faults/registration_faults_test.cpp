@@ -164,6 +164,8 @@ TEST_F(AFailingCallAtTheRegistration, IsSaidWhereTheLoopIsConcerned)
     IsSaid(Call::EVENT_NEW, ENOMEM, "cannot be registered: std::bad_alloc.");
     IsSaid(Call::EVENT_NEW, ENOMEM, "cannot be registered: std::bad_alloc.", 1);
     IsSaid(Call::EVENT_ADD, ENOMEM, "the event loop does not take its socket.");
+    IsSaid(Call::EVENT_ADD, ENOMEM, "no timer can be made: Cannot allocate memory.", 1);
+    IsSaid(Call::TIMERFD_CREATE, EMFILE, "no timer can be made: Too many open files.");
 }
 
 TEST_F(AFailingCallAtTheRegistration, IsTriedAgainWhereTheLockIsTakenOrTheWaitInterrupted)
@@ -277,12 +279,15 @@ TEST_F(AServiceThatWaitsForItsLock, IsTriedAgainWithoutMemory)
     EXPECT_TRUE(ComesToBeServed());
 }
 
-TEST_F(AServiceThatWaitsForItsLock, IsNotRegisteredWhereTheLoopDoesNotTakeThePause)
+TEST_F(AServiceThatWaitsForItsLock, IsNotRegisteredWithoutATimer)
 {
     const NoPauses hurry;
     const Fault lock(Call::FLOCK, EWOULDBLOCK);
     bolt_event_mgr* const manager = bolt_event_mgr_new(0);
-    const Fault fault(Call::EVENT_ADD, ENOMEM, 1);
-    EXPECT_NE(RegisterService(SERVICE, manager, g_testProtocol), 0);
-    EXPECT_TRUE(log.HasPart("the event loop does not take its pause."));
+    for (const Call call : {Call::TIMERFD_CREATE, Call::EVENT_ADD, Call::TIMERFD_SETTIME}) {
+        log.Restart();
+        const Fault fault(call, ENOMEM, 1);
+        EXPECT_NE(RegisterService(SERVICE, manager, g_testProtocol), 0);
+        EXPECT_TRUE(log.HasPart("no timer can be made: Cannot allocate memory."));
+    }
 }
