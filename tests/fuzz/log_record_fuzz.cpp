@@ -3,7 +3,7 @@
 // be.
 #include "fuzz/fuzz_target.h"
 
-#include "platform/host/log_format.h"
+#include "platform/host/log/log_format.h"
 
 #include <algorithm>
 #include <cstdarg>

@@ -3,7 +3,7 @@
 // rules, and the message must return every byte.
 #include "fuzz/fuzz_target.h"
 
-#include "platform/host/packet.h"
+#include "platform/host/ipc/packet.h"
 
 #include <cstring>
 #include <memory>

@@ -4,7 +4,7 @@
 
 #include "bundle_server.h"
 
-#include "platform/host/packet.h"
+#include "platform/host/ipc/packet.h"
 #include "support/collection_builder.h"
 #include "support/watcher_making.h"
 

@@ -42,16 +42,16 @@ expect $src/bundle_dir_watcher.cpp '#include "bundle_manifest.h"' "$manifest, wh
 expect $src/bundle_manager.cpp '#include "bundle_dir_watcher.h"' "includes $src/bundle_dir_watcher, which the layer manager"
 expect $src/newcomer.h '' 'has no layer'
 expect newcomer/newcomer.h '' 'has no part'
-expect $src/bundle_server.cpp '#include "platform/host/message.h"' 'includes platform/host/message, which system_server must not'
-expect $src/bundle.cpp '#include "../../../platform/host/packet.h"' 'includes platform/host/packet, which system_server must not'
+expect $src/bundle_server.cpp '#include "platform/host/ipc/message.h"' 'includes platform/host/ipc/message, which system_server must not'
+expect $src/bundle.cpp '#include "../../../platform/host/ipc/packet.h"' 'includes platform/host/ipc/packet, which system_server must not'
 expect public/include/bundle_service.h '#include <service_client.h>' 'includes tools/bundlectl/service_client, which public/include'
 expect common/wire.h '#include "bundle_manager.h"' "includes $src/bundle_manager, which common must not know"
-expect platform/host/message.h '#include "bundle_log.h"' "includes $src/bundle_log, which platform/host must not know"
+expect platform/host/ipc/message.h '#include "bundle_log.h"' "includes $src/bundle_log, which platform/host must not know"
 expect platform/include/lumo.h '#include "common/wire.h"' 'includes common/wire, which platform/include must not know'
-expect tools/bundlectl/main.cpp '#include "platform/host/packet.h"' 'includes platform/host/packet, which tools must not know'
+expect tools/bundlectl/main.cpp '#include "platform/host/ipc/packet.h"' 'includes platform/host/ipc/packet, which tools must not know'
 expect examples/common/samples.h '#include "common/unique_fd.h"' 'includes common/unique_fd, which examples must not know'
 expect tests/support/files.h '#include "system/system_test.h"' 'includes tests/system/system_test, which tests/support must'
-expect bench/stamp.c '#include "platform/host/packet.h"' 'includes platform/host/packet, which bench must not know'
+expect bench/stamp.c '#include "platform/host/ipc/packet.h"' 'includes platform/host/ipc/packet, which bench must not know'
 
 # The picture changes with the sources.
 # shellcheck disable=SC2016 # a fence of Markdown, no command

@@ -280,8 +280,8 @@ TEST_F(Registering, SaysWhereTheServersUserMayMakeNoSocket)
     ASSERT_TRUE(Works(SERVICE));
     const ServerProcess server(SERVICE, g_testProtocol, {BecomeNobody, [](int result) { return result; }});
     EXPECT_FALSE(server.IsRegistered());
-    EXPECT_EQ(CountInLog("service[test.service]: no lock can be made at /mnt/bolt/.test.service.lock: Permission denied."),
-              1)
+    EXPECT_EQ(
+        CountInLog("service[test.service]: no lock can be made at /mnt/bolt/.test.service.lock: Permission denied."), 1)
         << LogText();
 }
 

@@ -1,4 +1,4 @@
-#include "platform/host/log_format.h"
+#include "platform/host/log/log_format.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "platform/host/packet_queue.h"
+#include "platform/host/ipc/packet_queue.h"
 
 #include "support/unix_client.h"
 

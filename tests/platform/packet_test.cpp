@@ -1,4 +1,4 @@
-#include "platform/host/packet.h"
+#include "platform/host/ipc/packet.h"
 
 #include "support/unix_client.h"
 

@@ -1,4 +1,4 @@
-#include "platform/host/record_limit.h"
+#include "platform/host/log/record_limit.h"
 
 #include "support/eventually.h"
 

@@ -1,5 +1,5 @@
-#ifndef PLATFORM_HOST_NAME_LOCK_H
-#define PLATFORM_HOST_NAME_LOCK_H
+#ifndef PLATFORM_HOST_IPC_NAME_LOCK_H
+#define PLATFORM_HOST_IPC_NAME_LOCK_H
 
 #include "common/unique_fd.h"
 

@@ -1,9 +1,7 @@
 #include "connection.h"
 
-#include "event_manager.h"
-#include "host_log.h"
 #include "packet.h"
-#include "server.h"
+#include "platform/host/log/host_log.h"
 
 #include <sys/socket.h>
 
@@ -16,13 +14,13 @@ namespace HostPlatform {
 
 using Common::UniqueFd;
 
-Connection::Connection(Server& server, UniqueFd socket)
-    : bolt_connection{socket.Get()}, m_server(server), m_socket(std::move(socket)),
-      m_readable(NewEvent(server.Manager().Base(), fd, EV_READ | EV_PERSIST, OnReadable, this)),
-      m_writable(NewEvent(server.Manager().Base(), fd, EV_WRITE | EV_PERSIST, OnWritable, this))
+Connection::Connection(EventLoop& loop, ConnectionOwner& owner, UniqueFd socket)
+    : bolt_connection{socket.Get()}, m_loop(loop), m_owner(owner), m_socket(std::move(socket)),
+      m_readable(NewEvent(loop.Base(), fd, EV_READ | EV_PERSIST, OnReadable, this)),
+      m_writable(NewEvent(loop.Base(), fd, EV_WRITE | EV_PERSIST, OnWritable, this))
 {}
 
-bool Connection::Begin(Place place)
+bool Connection::Begin(ConnectionPlace place)
 {
     m_place = place;
     return event_add(m_readable.get(), nullptr) == 0;
@@ -32,7 +30,7 @@ void Connection::OnReadable(evutil_socket_t /*fd*/, short /*what*/, void* connec
 {
     auto& self = *static_cast<Connection*>(connection);
     if (self.m_dropped) {
-        self.m_server.Forget(self.m_place);
+        self.m_owner.Forget(self.m_place);
         return;
     }
     self.Receive();
@@ -49,7 +47,7 @@ void Connection::OnWritable(evutil_socket_t /*fd*/, short /*what*/, void* connec
 /// One packet for each time that the loop comes round, so that a busy peer does not keep the others waiting.
 void Connection::Receive()
 {
-    auto& buffer = m_server.Manager().ReceiveBuffer();
+    auto& buffer = m_loop.ReceiveBuffer();
     const ssize_t size = ::recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
     if (size < 0 && (errno == EAGAIN || errno == EINTR)) {
         return;
@@ -69,17 +67,17 @@ void Connection::Receive()
 void Connection::Handle(const void* packet, std::size_t size)
 {
     if (const char* fault = PacketFault(packet, size)) {
-        m_server.LogDrop("sent a broken packet", fault);
+        m_owner.LogDrop("sent a broken packet", fault);
         Drop();
         return;
     }
     const MessageReference msg = MessageOfPacket(packet, size);
     if (!msg) {
-        m_server.LogDrop("cannot be served", "out of memory");
+        m_owner.LogDrop("cannot be served", "out of memory");
         Drop();
         return;
     }
-    if (!m_server.Deliver(*msg, *this)) {
+    if (!m_owner.Deliver(*msg, *this)) {
         Drop();
     }
 }
@@ -116,19 +114,19 @@ bool Connection::Send(Message& msg)
 bool Connection::Queue(std::string_view packet)
 {
     if (!m_queue.HasRoomFor(packet.size())) {
-        m_server.LogDrop("does not read", "more than 1 MiB of replies wait");
+        m_owner.LogDrop("does not read", "more than 1 MiB of replies wait");
         Drop();
         return false;
     }
     try {
         m_queue.Append(packet);
     } catch (const std::bad_alloc&) {
-        m_server.LogDrop("cannot be answered", "out of memory");
+        m_owner.LogDrop("cannot be answered", "out of memory");
         Drop();
         return false;
     }
     if (event_add(m_writable.get(), nullptr) != 0) {
-        m_server.LogDrop("cannot be answered", "the event loop does not take it");
+        m_owner.LogDrop("cannot be answered", "the event loop does not take it");
         Drop();
         return false;
     }
@@ -167,7 +165,7 @@ Connection::Sending Connection::SendNow(std::string_view packet)
         return Sending::LATER;
     }
     if (errno != EPIPE && errno != ECONNRESET) {
-        m_server.LogDrop("cannot be sent a reply", std::strerror(errno));
+        m_owner.LogDrop("cannot be sent a reply", std::strerror(errno));
     }
     return Sending::FAILED;
 }

@@ -1,5 +1,5 @@
-#ifndef PLATFORM_HOST_PACKET_H
-#define PLATFORM_HOST_PACKET_H
+#ifndef PLATFORM_HOST_IPC_PACKET_H
+#define PLATFORM_HOST_IPC_PACKET_H
 
 #include "message.h"
 

@@ -1,7 +1,6 @@
-#include "server.h"
+#include "service.h"
 
-#include "event_manager.h"
-#include "host_log.h"
+#include "platform/host/log/host_log.h"
 
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -49,11 +48,11 @@ std::size_t MostConnections()
 
 } // namespace
 
-Server::Server(EventManager& manager, const char* service, const bolt_server_ops* ops, void* arg)
-    : bolt_server{nullptr}, m_manager(manager), m_service(service), m_ops(ops), m_arg(arg)
+Service::Service(EventLoop& loop, const char* service, const bolt_server_ops* ops, void* arg)
+    : bolt_server{nullptr}, m_loop(loop), m_service(service), m_ops(ops), m_arg(arg)
 {}
 
-bool Server::Start()
+bool Service::Start()
 {
     m_mostConnections = MostConnections();
     switch (m_socket.Listen(m_service, ServiceSocket::Patience::A_SECOND)) {
@@ -67,14 +66,14 @@ bool Server::Start()
     return false;
 }
 
-bool Server::BeginToAccept()
+bool Service::BeginToAccept()
 {
-    m_acceptable = NewEvent(m_manager.Base(), m_socket.Get(), EV_READ | EV_PERSIST, OnAcceptable, this);
+    m_acceptable = NewEvent(m_loop.Base(), m_socket.Get(), EV_READ | EV_PERSIST, OnAcceptable, this);
     if (event_add(m_acceptable.get(), nullptr) != 0) {
         HOST_LOG_ERROR("service[%s]: the event loop does not take its socket.", m_service.c_str());
         return false;
     }
-    if (!m_pause.Open(m_manager.Base(), OnPauseOver, this)) {
+    if (!m_pause.Open(m_loop.Base(), OnPauseOver, this)) {
         m_acceptable.reset();
         HOST_LOG_ERROR("service[%s]: no timer can be made: %s.", m_service.c_str(), std::strerror(errno));
         return false;
@@ -83,9 +82,9 @@ bool Server::BeginToAccept()
 }
 
 /// A lock that nobody who serves holds must not cost the service: it is asked for again for as long as the loop runs.
-bool Server::BeginToTry()
+bool Service::BeginToTry()
 {
-    if (!m_tryAgain.Open(m_manager.Base(), OnTryAgain, this) || !m_tryAgain.Start(TRY_INTERVAL)) {
+    if (!m_tryAgain.Open(m_loop.Base(), OnTryAgain, this) || !m_tryAgain.Start(TRY_INTERVAL)) {
         HOST_LOG_ERROR("service[%s]: no timer can be made: %s.", m_service.c_str(), std::strerror(errno));
         return false;
     }
@@ -93,7 +92,7 @@ bool Server::BeginToTry()
     return true;
 }
 
-void Server::TellOfObstacle()
+void Service::TellOfObstacle()
 {
     if (m_obstacles.Passes()) {
         HOST_LOG_ERROR("service[%s]: it cannot be reached yet: %s. The server tries again each second.",
@@ -101,9 +100,9 @@ void Server::TellOfObstacle()
     }
 }
 
-void Server::OnTryAgain(evutil_socket_t /*fd*/, short /*what*/, void* server) noexcept
+void Service::OnTryAgain(evutil_socket_t /*fd*/, short /*what*/, void* service) noexcept
 {
-    auto& self = *static_cast<Server*>(server);
+    auto& self = *static_cast<Service*>(service);
     self.m_tryAgain.Start(TRY_INTERVAL);
     try {
         self.TryAgain();
@@ -113,7 +112,7 @@ void Server::OnTryAgain(evutil_socket_t /*fd*/, short /*what*/, void* server) no
     }
 }
 
-void Server::TryAgain()
+void Service::TryAgain()
 {
     const ServiceSocket::Listening listening = m_socket.Listen(m_service, ServiceSocket::Patience::NONE);
     if (listening == ServiceSocket::Listening::LATER) {
@@ -130,7 +129,7 @@ void Server::TryAgain()
     }
 }
 
-bool Server::StartService()
+bool Service::StartService()
 {
     if (m_ops == nullptr || m_ops->start == nullptr) {
         return true;
@@ -145,7 +144,7 @@ bool Server::StartService()
     return result == 0;
 }
 
-void Server::Stop()
+void Service::Stop()
 {
     if (m_ops != nullptr && m_ops->stop != nullptr) {
         Guarded(m_service, "stop", [this] { m_ops->stop(this, m_arg); });
@@ -157,20 +156,20 @@ void Server::Stop()
     m_socket.Remove();
 }
 
-void Server::OnAcceptable(evutil_socket_t /*fd*/, short /*what*/, void* server) noexcept
+void Service::OnAcceptable(evutil_socket_t /*fd*/, short /*what*/, void* service) noexcept
 {
-    static_cast<Server*>(server)->AcceptSome();
+    static_cast<Service*>(service)->AcceptSome();
 }
 
-void Server::OnPauseOver(evutil_socket_t /*fd*/, short /*what*/, void* server) noexcept
+void Service::OnPauseOver(evutil_socket_t /*fd*/, short /*what*/, void* service) noexcept
 {
-    auto& self = *static_cast<Server*>(server);
+    auto& self = *static_cast<Service*>(service);
     self.m_pause.Stop();
     self.AcceptAgain();
 }
 
 /// Where the loop does not take the listener back it is asked again later: a service must not stay deaf.
-void Server::AcceptAgain()
+void Service::AcceptAgain()
 {
     if (event_add(m_acceptable.get(), nullptr) != 0) {
         PauseAccepting();
@@ -178,7 +177,7 @@ void Server::AcceptAgain()
 }
 
 /// A pause that would not end is left out.
-void Server::PauseAccepting()
+void Service::PauseAccepting()
 {
     if (m_pause.Start(std::chrono::milliseconds(100))) {
         event_del(m_acceptable.get());
@@ -186,7 +185,7 @@ void Server::PauseAccepting()
 }
 
 /// A few for each time that the loop comes round, so that a rush of new peers does not keep the old ones waiting.
-void Server::AcceptSome()
+void Service::AcceptSome()
 {
     if (m_connections.size() >= m_mostConnections) {
         WaitForAnEnd();
@@ -206,7 +205,7 @@ void Server::AcceptSome()
 }
 
 /// The waiting peer keeps the listener readable, so a loop that went on would spin.
-void Server::WaitForAnEnd()
+void Service::WaitForAnEnd()
 {
     event_del(m_acceptable.get());
     m_waitsForAnEnd = true;
@@ -217,7 +216,7 @@ void Server::WaitForAnEnd()
     }
 }
 
-void Server::Forget(Connection::Place connection)
+void Service::Forget(ConnectionPlace connection)
 {
     m_connections.erase(connection);
     if (std::exchange(m_waitsForAnEnd, false)) {
@@ -225,7 +224,7 @@ void Server::Forget(Connection::Place connection)
     }
 }
 
-void Server::HandleAcceptFailure(int error)
+void Service::HandleAcceptFailure(int error)
 {
     if (error == EAGAIN || error == EINTR || error == ECONNABORTED) {
         return;
@@ -240,7 +239,7 @@ void Server::HandleAcceptFailure(int error)
     }
 }
 
-bool Server::MayConnect(int peer)
+bool Service::MayConnect(int peer)
 {
     ucred credentials{};
     socklen_t size = sizeof credentials;
@@ -257,10 +256,10 @@ bool Server::MayConnect(int peer)
     return false;
 }
 
-void Server::Admit(UniqueFd peer)
+void Service::Admit(UniqueFd peer)
 {
     try {
-        m_connections.emplace_front(*this, std::move(peer));
+        m_connections.emplace_front(m_loop, static_cast<ConnectionOwner&>(*this), std::move(peer));
     } catch (const std::bad_alloc&) {
         LogDrop("cannot be accepted", "out of memory");
         return;
@@ -276,7 +275,7 @@ void Server::Admit(UniqueFd peer)
     }
 }
 
-bool Server::Welcome(Connection& connection)
+bool Service::Welcome(Connection& connection)
 {
     if (protocol_ops == nullptr || protocol_ops->connected == nullptr) {
         return true;
@@ -284,7 +283,7 @@ bool Server::Welcome(Connection& connection)
     return Guarded(m_service, "connected", [&] { protocol_ops->connected(&connection); });
 }
 
-bool Server::Deliver(Message& msg, Connection& connection)
+bool Service::Deliver(Message& msg, Connection& connection)
 {
     if (protocol_ops == nullptr || protocol_ops->message == nullptr) {
         return true;
@@ -292,7 +291,7 @@ bool Server::Deliver(Message& msg, Connection& connection)
     return Guarded(m_service, "message", [&] { protocol_ops->message(&msg, &connection); });
 }
 
-void Server::LogDrop(const char* what, const char* why)
+void Service::LogDrop(const char* what, const char* why)
 {
     if (m_drops.Passes()) {
         HOST_LOG_ERROR("service[%s]: a peer %s (%s), its connection is closed; %u earlier ones are not shown.",

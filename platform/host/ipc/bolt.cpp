@@ -1,7 +1,7 @@
 #include <bolt.h>
 
 #include "event_manager.h"
-#include "host_log.h"
+#include "platform/host/log/host_log.h"
 
 #include <exception>
 #include <list>

@@ -1,5 +1,5 @@
-#ifndef PLATFORM_HOST_TIMER_H
-#define PLATFORM_HOST_TIMER_H
+#ifndef PLATFORM_HOST_IPC_TIMER_H
+#define PLATFORM_HOST_IPC_TIMER_H
 
 #include "common/unique_fd.h"
 #include "event_owner.h"

@@ -1,6 +1,6 @@
 #include "event_manager.h"
 
-#include "host_log.h"
+#include "platform/host/log/host_log.h"
 
 #include <sys/signalfd.h>
 
@@ -23,28 +23,6 @@ sigset_t EndingSignals()
     return signals;
 }
 
-/// The event library's own complaints belong in the log, too.
-void LogForLibrary(int severity, const char* text)
-{
-    if (severity >= EVENT_LOG_WARN) {
-        HOST_LOG_ERROR("event loop: %s.", text);
-    }
-}
-
-struct ConfigFree {
-    void operator()(event_config* config) const { event_config_free(config); }
-};
-
-event_base* NewBase()
-{
-    const std::unique_ptr<event_config, ConfigFree> config(event_config_new());
-    // Everything runs on the thread of the loop; and what stands in the environment is no business of a service.
-    if (!config || event_config_set_flag(config.get(), EVENT_BASE_FLAG_NOLOCK | EVENT_BASE_FLAG_IGNORE_ENV) != 0) {
-        return nullptr;
-    }
-    return event_base_new_with_config(config.get());
-}
-
 } // namespace
 
 std::unique_ptr<EventManager> EventManager::Make()
@@ -55,10 +33,7 @@ std::unique_ptr<EventManager> EventManager::Make()
 
 bool EventManager::Open()
 {
-    event_set_log_callback(LogForLibrary);
-    m_base.reset(NewBase());
-    if (!m_base) {
-        HOST_LOG_ERROR("no event loop can be made: %s.", std::strerror(errno));
+    if (!m_loop.Open()) {
         return false;
     }
     if (!WatchSignals()) {
@@ -81,7 +56,7 @@ bool EventManager::WatchSignals()
     if (!m_signals.IsOpen()) {
         return false;
     }
-    m_signalled = NewEvent(*m_base, m_signals.Get(), EV_READ | EV_PERSIST, OnSignal, this);
+    m_signalled = NewEvent(m_loop.Base(), m_signals.Get(), EV_READ | EV_PERSIST, OnSignal, this);
     return event_add(m_signalled.get(), nullptr) == 0;
 }
 
@@ -93,7 +68,7 @@ void EventManager::OnSignal(evutil_socket_t fd, short /*what*/, void* manager) n
     }
     auto& self = *static_cast<EventManager*>(manager);
     self.m_endIsAsked = true;
-    event_base_loopbreak(self.m_base.get());
+    event_base_loopbreak(&self.m_loop.Base());
 }
 
 bool EventManager::Register(const char* service, const bolt_server_ops* ops, void* arg)
@@ -101,16 +76,16 @@ bool EventManager::Register(const char* service, const bolt_server_ops* ops, voi
     if (m_hasEnded) {
         return false;
     }
-    Server& server = m_servers.emplace_back(*this, service, ops, arg);
+    Service& added = m_services.emplace_back(m_loop, service, ops, arg);
     bool started = false;
     try {
-        started = server.Start();
+        started = added.Start();
     } catch (...) {
-        m_servers.pop_back();
+        m_services.pop_back();
         throw;
     }
     if (!started) {
-        m_servers.pop_back();
+        m_services.pop_back();
     }
     return started;
 }
@@ -123,7 +98,7 @@ bool EventManager::Run(int milliseconds)
     if (milliseconds >= 0 && !EndIn(milliseconds)) {
         return false;
     }
-    const bool ran = event_base_dispatch(m_base.get()) >= 0;
+    const bool ran = event_base_dispatch(&m_loop.Base()) >= 0;
     m_limit.Close();
     if (m_endIsAsked || !ran) {
         End();
@@ -135,30 +110,30 @@ bool EventManager::Run(int milliseconds)
 bool EventManager::EndIn(int milliseconds)
 {
     if (milliseconds == 0) {
-        return event_base_loopexit(m_base.get(), nullptr) == 0;
+        return event_base_loopexit(&m_loop.Base(), nullptr) == 0;
     }
-    return m_limit.Open(*m_base, OnTimeOver, this) && m_limit.Start(std::chrono::milliseconds(milliseconds));
+    return m_limit.Open(m_loop.Base(), OnTimeOver, this) && m_limit.Start(std::chrono::milliseconds(milliseconds));
 }
 
 void EventManager::OnTimeOver(evutil_socket_t /*fd*/, short /*what*/, void* manager) noexcept
 {
     auto& self = *static_cast<EventManager*>(manager);
     self.m_limit.Stop();
-    if (event_base_loopexit(self.m_base.get(), nullptr) != 0) { // what else is ready now waits for the next run
-        event_base_loopbreak(self.m_base.get());
+    if (event_base_loopexit(&self.m_loop.Base(), nullptr) != 0) { // what else is ready now waits for the next run
+        event_base_loopbreak(&self.m_loop.Base());
     }
 }
 
 void EventManager::End()
 {
     m_hasEnded = true;
-    for (Server& server : m_servers) {
-        server.Stop();
+    for (Service& service : m_services) {
+        service.Stop();
     }
-    m_servers.clear();
+    m_services.clear();
     if (m_endIsAsked) {
         // The signal has been taken out of the queue, yet the program waits for one when the loop has returned: it
-        // finds this, which stays pending on this thread. SIGTERM, for a debugged program does not wait for SIGINT.
+        // finds this, which stays pending on this thread. SIGTERM, because a debugged program does not wait for SIGINT.
         static_cast<void>(std::raise(SIGTERM));
     }
 }

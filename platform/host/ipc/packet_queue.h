@@ -1,5 +1,5 @@
-#ifndef PLATFORM_HOST_PACKET_QUEUE_H
-#define PLATFORM_HOST_PACKET_QUEUE_H
+#ifndef PLATFORM_HOST_IPC_PACKET_QUEUE_H
+#define PLATFORM_HOST_IPC_PACKET_QUEUE_H
 
 #include <cstddef>
 #include <string>

@@ -1,5 +1,5 @@
-#ifndef PLATFORM_HOST_MESSAGE_H
-#define PLATFORM_HOST_MESSAGE_H
+#ifndef PLATFORM_HOST_IPC_MESSAGE_H
+#define PLATFORM_HOST_IPC_MESSAGE_H
 
 #include "common/wire.h"
 

@@ -1,15 +1,14 @@
-#ifndef PLATFORM_HOST_EVENT_MANAGER_H
-#define PLATFORM_HOST_EVENT_MANAGER_H
+#ifndef PLATFORM_HOST_IPC_EVENT_MANAGER_H
+#define PLATFORM_HOST_IPC_EVENT_MANAGER_H
 
 #include "common/unique_fd.h"
+#include "event_loop.h"
 #include "event_owner.h"
-#include "packet.h"
-#include "server.h"
+#include "service.h"
 #include "timer.h"
 
 #include <bolt.h>
 
-#include <array>
 #include <list>
 #include <memory>
 
@@ -25,11 +24,6 @@ public:
     /// failure.
     /// @throws std::bad_alloc
     static std::unique_ptr<EventManager> Make();
-
-    event_base& Base() { return *m_base; }
-
-    /// Where every connection receives: one packet is handled before the next is read, so one buffer is enough for all.
-    std::array<unsigned char, MAX_PACKET_SIZE>& ReceiveBuffer() { return m_receiveBuffer; }
 
     /// False, with the reason in the log, when the service cannot be registered.
     /// @throws std::bad_alloc
@@ -50,14 +44,13 @@ private:
     bool EndIn(int milliseconds);
     void End();
 
-    EventBaseOwner m_base;
+    EventLoop m_loop;
     Common::UniqueFd m_signals;
     EventOwner m_signalled;
     Timer m_limit;
-    std::list<Server> m_servers;
+    std::list<Service> m_services;
     bool m_endIsAsked = false;
     bool m_hasEnded = false;
-    std::array<unsigned char, MAX_PACKET_SIZE> m_receiveBuffer; // not cleared: pages that are not used cost nothing
 };
 
 } // namespace HostPlatform

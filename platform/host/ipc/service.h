@@ -1,9 +1,10 @@
-#ifndef PLATFORM_HOST_SERVER_H
-#define PLATFORM_HOST_SERVER_H
+#ifndef PLATFORM_HOST_IPC_SERVICE_H
+#define PLATFORM_HOST_IPC_SERVICE_H
 
 #include "connection.h"
+#include "event_loop.h"
 #include "event_owner.h"
-#include "record_limit.h"
+#include "platform/host/log/record_limit.h"
 #include "service_socket.h"
 #include "timer.h"
 
@@ -16,16 +17,14 @@
 
 namespace HostPlatform {
 
-class EventManager;
-
 /// One registered service: its socket, whom it admits and the connections.
-class Server final : public bolt_server {
+class Service final : public bolt_server, private ConnectionOwner {
 public:
     /// @throws std::bad_alloc
-    Server(EventManager& manager, const char* service, const bolt_server_ops* ops, void* arg);
-    Server(const Server&) = delete;
-    Server& operator=(const Server&) = delete;
-    ~Server() = default;
+    Service(EventLoop& loop, const char* service, const bolt_server_ops* ops, void* arg);
+    Service(const Service&) = delete;
+    Service& operator=(const Service&) = delete;
+    ~Service() override = default;
 
     /// Takes the name, lets the service start and begins to accept; where the lock on the name is held by a process
     /// that does not serve, it begins as soon as the loop gets it. False, with the reason in the log, when any of it
@@ -36,21 +35,14 @@ public:
     /// Lets the service stop, closes its connections and takes its socket away.
     void Stop();
 
-    EventManager& Manager() { return m_manager; }
-
-    /// Hands a message to the service. False when the service threw.
-    bool Deliver(Message& msg, Connection& connection);
-
-    /// Ends a connection.
-    void Forget(Connection::Place connection);
-
-    /// Tells the log why a connection is dropped.
-    void LogDrop(const char* what, const char* why);
-
 private:
-    static void OnAcceptable(evutil_socket_t fd, short what, void* server) noexcept;
-    static void OnPauseOver(evutil_socket_t fd, short what, void* server) noexcept;
-    static void OnTryAgain(evutil_socket_t fd, short what, void* server) noexcept;
+    bool Deliver(Message& msg, Connection& connection) override;
+    void Forget(ConnectionPlace connection) override;
+    void LogDrop(const char* what, const char* why) override;
+
+    static void OnAcceptable(evutil_socket_t fd, short what, void* service) noexcept;
+    static void OnPauseOver(evutil_socket_t fd, short what, void* service) noexcept;
+    static void OnTryAgain(evutil_socket_t fd, short what, void* service) noexcept;
 
     bool BeginToAccept();
     bool BeginToTry();
@@ -66,7 +58,7 @@ private:
     void Admit(Common::UniqueFd peer);
     bool Welcome(Connection& connection);
 
-    EventManager& m_manager;
+    EventLoop& m_loop;
     const std::string m_service;
     const bolt_server_ops* const m_ops;
     void* const m_arg;

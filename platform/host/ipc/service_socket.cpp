@@ -1,8 +1,8 @@
 #include "service_socket.h"
 
 #include "common/service_directory.h"
-#include "host_log.h"
 #include "name_lock.h"
+#include "platform/host/log/host_log.h"
 
 #include <sys/socket.h>
 #include <sys/stat.h>

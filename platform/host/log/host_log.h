@@ -1,5 +1,5 @@
-#ifndef PLATFORM_HOST_HOST_LOG_H
-#define PLATFORM_HOST_HOST_LOG_H
+#ifndef PLATFORM_HOST_LOG_HOST_LOG_H
+#define PLATFORM_HOST_LOG_HOST_LOG_H
 
 #include <zq_log.h>
 

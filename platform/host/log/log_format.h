@@ -1,5 +1,5 @@
-#ifndef PLATFORM_HOST_LOG_FORMAT_H
-#define PLATFORM_HOST_LOG_FORMAT_H
+#ifndef PLATFORM_HOST_LOG_LOG_FORMAT_H
+#define PLATFORM_HOST_LOG_LOG_FORMAT_H
 
 #include <cstdarg>
 #include <cstddef>
