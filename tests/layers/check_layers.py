@@ -41,7 +41,7 @@ PARTS = {
 # nothing of bundles.
 LAYERS = {
     "helpers": ("atomic_shared_ptr bundle_log child_process child_wait dir_stream directory directory_sync item_kind "
-                "item_launch launch_numbers thread_annotations", ""),
+                "item_launch launch_numbers start_up_signals thread_annotations", ""),
     "manifest": ("bundle_manifest", "helpers"),
     "storage": ("bundle_storage_dir", "helpers manifest"),
     "bundle": ("bundle", "helpers manifest storage"),

@@ -153,6 +153,7 @@ int BundleServer::main(const std::vector<std::string>& /*args*/)
     if (m_helpRequested) {
         return EXIT_OK;
     }
+    m_startUpSignals.LeaveToLoop();
     RunService();
     // Also when there was no service to run: the bundles are still supervised and the directory followed.
     waitForTerminationRequest();

@@ -3,6 +3,7 @@
 
 #include "bundle_dir_watcher.h"
 #include "bundle_manager.h"
+#include "start_up_signals.h"
 #include "directory_sync.h"
 
 #include <Poco/DirectoryWatcher.h>
@@ -95,6 +96,7 @@ private:
     using Gate = std::promise<std::shared_ptr<BundleManager>>;
 
     // The main thread's, but for m_changes and m_gateOpen: these are set before there is a handler, and stay.
+    StartUpSignals m_startUpSignals;
     bool m_helpRequested = false;
     std::shared_ptr<BundleManager> m_bundleManager; // the main thread's; the watcher's gets it through the gate
     std::shared_ptr<Poco::DirectoryWatcher> m_dirWatcher;

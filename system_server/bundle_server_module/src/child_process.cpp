@@ -131,13 +131,19 @@ GroupLeader LaunchInOwnGroup(const std::string& command, const std::vector<std::
     return child;
 }
 
-TerminationSignalsBlocked::TerminationSignalsBlocked()
+sigset_t TerminationSignals()
 {
     sigset_t signals;
     sigemptyset(&signals);
     for (const int signal : {SIGINT, SIGTERM, SIGQUIT}) {
         sigaddset(&signals, signal);
     }
+    return signals;
+}
+
+TerminationSignalsBlocked::TerminationSignalsBlocked()
+{
+    const sigset_t signals = TerminationSignals();
     pthread_sigmask(SIG_BLOCK, &signals, &m_before);
 }
 

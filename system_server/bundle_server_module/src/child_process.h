@@ -26,6 +26,9 @@ struct GroupLeader {
 /// @throws std::bad_alloc nothing is left of the child
 GroupLeader LaunchInOwnGroup(const std::string& command, const std::vector<std::string>& arguments);
 
+/// SIGINT, SIGTERM and SIGQUIT: the signals that end the server.
+sigset_t TerminationSignals();
+
 /// While it lives, the calling thread blocks the signals that end the server. A thread created meanwhile keeps them
 /// blocked for good, which leaves them to the main thread.
 class TerminationSignalsBlocked {

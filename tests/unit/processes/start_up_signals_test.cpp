@@ -1,0 +1,83 @@
+#include "start_up_signals.h"
+
+#include "support/own_process.h"
+#include "unit/processes/pid_namespace.h"
+
+#include <gtest/gtest.h>
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <optional>
+
+using SystemServer::StartUpSignals;
+
+namespace {
+
+bool IsBlocked(int signal)
+{
+    sigset_t mask;
+    ::pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    return sigismember(&mask, signal) == 1;
+}
+
+bool IsPending(int signal)
+{
+    sigset_t pending;
+    ::sigpending(&pending);
+    return sigismember(&pending, signal) == 1;
+}
+
+} // namespace
+
+TEST(TheSignalsOfAStartUp, AreLeftAsTheyAreInAnyProcessButTheFirst)
+{
+    const int threads = OwnProcess::Threads();
+    StartUpSignals signals;
+    EXPECT_EQ(OwnProcess::Threads(), threads);
+    for (const int signal : {SIGINT, SIGTERM, SIGQUIT}) {
+        EXPECT_FALSE(IsBlocked(signal));
+    }
+    signals.LeaveToLoop();
+}
+
+TEST(TheSignalsOfAStartUp, EndProcessOneAlsoWhenItSendsThemItself)
+{
+    for (const int signal : {SIGINT, SIGTERM, SIGQUIT}) {
+        const std::optional<int> status = PidNamespace::ExitStatusOf([signal] {
+            const StartUpSignals signals;
+            ::kill(::getpid(), signal);
+            ::pause();
+        });
+        if (!status) {
+            GTEST_SKIP() << "no process namespace can be made";
+        }
+        EXPECT_EQ(*status, 128 + signal);
+    }
+}
+
+TEST(TheSignalsOfAStartUp, WaitForTheLoopOnceTheyAreLeftToIt)
+{
+    PidNamespace::Run([] {
+        StartUpSignals signals;
+        signals.LeaveToLoop();
+        EXPECT_EQ(OwnProcess::Threads(), 1);
+        for (const int signal : {SIGINT, SIGTERM, SIGQUIT}) {
+            EXPECT_TRUE(IsBlocked(signal));
+            EXPECT_FALSE(IsPending(signal));
+            ::kill(::getpid(), signal);
+            EXPECT_TRUE(IsPending(signal));
+        }
+    });
+}
+
+TEST(TheSignalsOfAStartUp, AreNoLongerTakenWhenItHasFailed)
+{
+    PidNamespace::Run([] {
+        {
+            const StartUpSignals signals;
+        }
+        EXPECT_EQ(OwnProcess::Threads(), 1);
+    });
+}
