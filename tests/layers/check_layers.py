@@ -40,8 +40,8 @@ PARTS = {
 # Inside the server: its layers from the lowest, their units, and the layers that they may include. The watcher knows
 # nothing of bundles.
 LAYERS = {
-    "helpers": ("atomic_shared_ptr bundle_log child_process child_wait dir_stream directory directory_sync item_kind "
-                "item_launch launch_numbers start_up_signals thread_annotations", ""),
+    "helpers": ("atomic_shared_ptr bundle_log child_process child_wait content_hash dir_stream directory directory_sync "
+                "item_kind item_launch launch_numbers start_up_signals thread_annotations", ""),
     "manifest": ("bundle_manifest", "helpers"),
     "storage": ("bundle_storage_dir", "helpers manifest"),
     "bundle": ("bundle", "helpers manifest storage"),
@@ -49,7 +49,8 @@ LAYERS = {
     "activators": ("bundle_activator bundle_activator_factory bundle_process_activator bundle_process_monitor "
                    "bundle_thread_activator", "helpers manifest storage bundle factory"),
     "manager": ("bundle_manager", "helpers manifest storage bundle factory activators"),
-    "watcher": ("bundle_dir_watcher framework_watcher item_details item_fingerprint known_item", "helpers"),
+    "watcher": ("bundle_dir_watcher entry_kind framework_watcher item_details item_fingerprint known_item "
+                "removal_tries watched_item", "helpers"),
     "server": ("bundle_server bundle_server_events bundle_server_requests",
                "helpers manifest storage bundle factory activators manager watcher"),
     "main": ("main", "helpers manifest storage bundle factory activators manager watcher server"),

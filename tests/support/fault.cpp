@@ -241,6 +241,8 @@ FAILING_TIMED_CALLS(LSTAT, "lstat", "__lstat64_time64", int, -1, (const char* pa
 FAILING_TIMED_CALLS(FSTATAT, "fstatat", "__fstatat64_time64", int, -1,
                     (int directory, const char* path, void* status, int flags), (directory, path, status, flags),
                     directory)
+FAILING_CALL(STATX, "statx", int, -1, (int directory, const char* path, int flags, unsigned mask, void* status),
+             (directory, path, flags, mask, status), directory)
 FAILING_CALL(READLINK, "readlink", ssize_t, -1, (const char* path, char* target, std::size_t size),
              (path, target, size), 0)
 FAILING_CALL(MKDIR, "mkdir", int, -1, (const char* path, mode_t mode), (path, mode), 0)

@@ -35,6 +35,7 @@ enum class Call {
     LSTAT,
     FSTATAT,
     STATFS,
+    STATX,
     READLINK,
     MKDIR,
     CHMOD,

@@ -6,6 +6,8 @@
 #include <Poco/File.h>
 #include <Poco/Process.h>
 
+#include <sys/stat.h>
+
 #include <istream>
 #include <utility>
 
@@ -45,6 +47,22 @@ std::shared_ptr<BundleManifest> Bundle::ReadManifest() const
     return std::make_shared<BundleManifest>(*stream);
 }
 
+bool Bundle::IsManifestOutdated() const
+{
+    // Looked at first, because the storage logs what is not there.
+    struct stat status {};
+    const std::string path = m_storage->GetRootPath() + "/" + BUNDLE_MANIFEST_FILE;
+    if (stat(path.c_str(), &status) == -1 || !S_ISREG(status.st_mode)) {
+        return false;
+    }
+    try {
+        const std::unique_ptr<std::istream> stream(m_storage->GetResourceFile(BUNDLE_MANIFEST_FILE_LOCATION));
+        return stream && !GetManifest()->WasReadFrom(*stream);
+    } catch (const Poco::Exception&) {
+        return false;
+    }
+}
+
 void Bundle::RunScript(const std::string& scriptName) const
 {
     const std::string path = m_storage->GetRootPath() + "/" + BUNDLE_SCRIPT_FILE_PATH + scriptName;
@@ -63,7 +81,7 @@ void Bundle::RunScript(const std::string& scriptName) const
         BUNDLE_ERROR("exception info: [%s].", e.displayText().c_str());
     }
     if (m_scriptObserver) {
-        m_scriptObserver(m_storage->GetRootPath());
+        m_scriptObserver(*this);
     }
 }
 

@@ -42,9 +42,9 @@ public:
     static const std::string BUNDLE_ACTIVE_STATE_STR;
     static const std::unordered_map<BUNDLE_STATE_E, std::string> m_bundleStateStrMap;
 
-    /// Told of each script that has run, when it has ended, on the thread that ran it: in which bundle's directory.
-    /// Must not throw.
-    using ScriptObserver = std::function<void(const std::string& rootPath)>;
+    /// Told of each script that has run, when it has ended, on the thread that ran it: which bundle's it was. Must not
+    /// throw.
+    using ScriptObserver = std::function<void(const Bundle& bundle)>;
 
     /// Reads the manifest through the storage, which is the bundle's for its whole life.
     /// @param scriptObserver may be empty
@@ -70,6 +70,10 @@ public:
 
     /// The manifest in force, never null. A holder keeps it whole across an Update.
     std::shared_ptr<BundleManifest> GetManifest() const { return m_manifest.Load(); }
+
+    /// Whether the manifest's file has another content than the manifest in force. False when it cannot be read. Any
+    /// thread.
+    bool IsManifestOutdated() const;
 
     std::shared_ptr<BundleStorage> GetStorage() const { return m_storage; }
 

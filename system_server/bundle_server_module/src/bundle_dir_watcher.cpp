@@ -4,6 +4,7 @@
 #include "child_process.h"
 #include "common/unique_fd.h"
 #include "dir_stream.h"
+#include "entry_kind.h"
 #include "framework_watcher.h"
 
 #include <Poco/Exception.h>
@@ -34,6 +35,8 @@ namespace {
 /// times the tick of the kernel's clock, within which a second change could look like the first.
 constexpr std::chrono::milliseconds SETTLING_TIME(50);
 
+const std::string NO_PREFIX;
+
 std::string DirectoryPrefix(const std::string& path)
 {
     Poco::Path prefix(path);
@@ -41,34 +44,8 @@ std::string DirectoryPrefix(const std::string& path)
     return prefix.toString();
 }
 
-/// What a name stands for. A failing disk or an absent server leaves it unknown, which is no reason to stop a bundle.
-enum class Kind { ABSENT, DIRECTORY, OTHER, UNKNOWN };
-
-Kind KindOfMode(mode_t mode)
-{
-    return S_ISDIR(mode) ? Kind::DIRECTORY : Kind::OTHER;
-}
-
-// A link counts as what it leads to; one that leads nowhere is there all the same, but no directory.
-Kind KindAt(int directory, const char* path)
-{
-    struct stat status {};
-    if (fstatat(directory, path, &status, 0) == 0) {
-        return KindOfMode(status.st_mode);
-    }
-    if (MeansAbsence(errno) && fstatat(directory, path, &status, AT_SYMLINK_NOFOLLOW) == 0) {
-        return KindOfMode(status.st_mode);
-    }
-    return MeansAbsence(errno) ? Kind::ABSENT : Kind::UNKNOWN;
-}
-
-Kind KindOfEntry(int directory, const char* name, unsigned char type)
-{
-    if (type == DT_LNK || type == DT_UNKNOWN) {
-        return KindAt(directory, name);
-    }
-    return type == DT_DIR ? Kind::DIRECTORY : Kind::OTHER;
-}
+/// In how many items names are counted at a time, which takes some 10 ms.
+constexpr int COUNTED_ITEMS = 256;
 
 } // namespace
 
@@ -107,6 +84,7 @@ void BundleDirWatcher::Follow(Clock::time_point firstScan)
         next = Clock::now() + m_interval;
         try {
             RaiseChanges();
+            CountNames();
         } catch (const std::exception& e) { // out of memory; what has not been raised is found again
             BUNDLE_ERROR("bundle collection dir[%s] can not be followed: %s. The next look at it tries again.",
                          m_prefix.c_str(), ReasonOf(e).c_str());
@@ -121,8 +99,12 @@ void BundleDirWatcher::RaiseChanges()
             return;
         }
         const Poco::File item(m_prefix + change.name); // made before the change counts as raised, for this may fail
-        if (Take(change)) {
-            Raise(change.type, item);
+        if (!Take(change)) {
+            continue;
+        }
+        Raise(change.type, item);
+        if (change.type == DW_ITEM_REMOVED) {
+            EndRemoval(change.name);
         }
     }
 }
@@ -193,82 +175,58 @@ void BundleDirWatcher::LookAtAll(Changes& changes)
 
 void BundleDirWatcher::LookAt(int collection, const char* name, unsigned char type, Changes& changes)
 {
-    const Kind kind = KindOfEntry(collection, name, type);
-    auto position = m_items.find(name);
-    if (kind == Kind::ABSENT || kind == Kind::UNKNOWN) {
+    const EntryKind kind = KindOfEntry(collection, name, type);
+    if (kind == EntryKind::ABSENT || kind == EntryKind::UNKNOWN) {
         return; // what it was is told apart when those that have gone are looked for
     }
-    const bool isDirectory = kind == Kind::DIRECTORY;
-    if (position == m_items.end()) {
-        position = m_items.emplace(name, Item()).first;
-        Item& item = position->second;
-        item.isDirectory = isDirectory;
-        if (m_scan == 1) { // there from the beginning
-            item.isRaised = true;
-            item.isArriving = false;
-            item.known.Learn(m_prefix + name, FingerprintOf(collection, position->first, item));
-            item.lastScan = m_scan;
-            return;
-        }
+    const bool isDirectory = kind == EntryKind::DIRECTORY;
+    auto position = m_items.find(name);
+    const bool isNew = position == m_items.end();
+    if (isNew) {
+        position = m_items.emplace(name, Entry{WatchedItem(isDirectory)}).first;
     }
-    Item& item = position->second;
-    if (item.isDirectory != isDirectory) {
+    WatchedItem& item = position->second.item;
+    const WatchedItem::Place place{collection, position->first, m_prefix};
+    if (item.IsDirectory() != isDirectory || item.HasLeft(place, m_fingerprinter)) {
         return; // another thing under the same name: the old one has gone, the next scan finds the new one
     }
-    item.lastScan = m_scan;
-    if (item.isArriving) {
-        if (HasArrived(collection, position->first, item)) {
-            const std::int64_t newest = std::max(item.tree.newestChange, item.known.Fingerprint()[ROOT].changed);
-            changes.push_back({DW_ITEM_ADDED, name, isDirectory, newest});
-        }
-    } else {
-        const ItemFingerprint fingerprint = FingerprintOf(collection, position->first, item);
-        if (fingerprint != item.known.Fingerprint() && item.known.HasChanged(m_prefix + name, fingerprint)) {
-            changes.push_back({DW_ITEM_MODIFIED, name, isDirectory, NewestChange(fingerprint)});
-        }
+    position->second.lastScan = m_scan;
+    if (isNew && m_scan == 1) {
+        item.BeginAsRaised(place, m_fingerprinter);
+        return;
     }
-}
-
-// A directory that was moved in was complete when it came: the move is the latest change of its inode, later than that
-// of its content, and nothing below has changed since. That can be told only when it is seen for the first time; later,
-// or without a manifest, the same signs are those of a copy whose beginning has set its owner or mode. Whatever was not
-// moved in must have stood still for one scan.
-bool BundleDirWatcher::HasArrived(int collection, const std::string& name, Item& item)
-{
-    const ItemFingerprint fingerprint = FingerprintOf(collection, name, item);
-    if (!item.isDirectory) {
-        item.known.SetFingerprint(fingerprint);
-        return true;
+    const WatchedItem::Finding finding = item.Look(place, m_fingerprinter);
+    if (finding.event != WatchedItem::Event::NONE) {
+        const bool isAdded = finding.event == WatchedItem::Event::ADDED;
+        changes.push_back({isAdded ? DW_ITEM_ADDED : DW_ITEM_MODIFIED, name, isDirectory, finding.time});
     }
-    const TreeFingerprint tree = m_fingerprinter.OfTree(m_prefix + name, item.isRaised);
-    const FileFingerprint& root = fingerprint[ROOT];
-    const bool wasMovedIn = !root.IsSameFile(item.known.Fingerprint()[ROOT]) && fingerprint[MANIFEST].inode != 0 &&
-                            root.changed > root.modified && root.changed > tree.newestChange;
-    const bool stoodStill = fingerprint == item.known.Fingerprint() && tree == item.tree;
-    item.known.SetFingerprint(fingerprint);
-    item.tree = tree;
-    return wasMovedIn || stoodStill;
 }
 
 void BundleDirWatcher::FindGone(int collection, Changes& changes)
 {
     for (auto position = m_items.begin(); position != m_items.end();) {
-        const auto& [name, item] = *position;
-        bool isGone = false;
-        if (item.lastScan != m_scan) {
-            // Asked for by name: a listing may leave out what is there while others come and go.
-            const Kind kind = KindAt(collection, name.c_str());
-            isGone = kind != Kind::UNKNOWN && kind != (item.isDirectory ? Kind::DIRECTORY : Kind::OTHER);
-        }
-        if (isGone && !item.isRaised) {
+        auto& [name, entry] = *position;
+        const bool isGone = entry.lastScan != m_scan && HasGone(collection, name, entry.item);
+        if (isGone && !entry.item.IsRaised()) {
             position = m_items.erase(position);
             continue;
         }
         if (isGone) {
-            changes.push_back({DW_ITEM_REMOVED, name, item.isDirectory, 0});
+            changes.push_back({DW_ITEM_REMOVED, name, entry.item.IsDirectory()});
         }
         ++position;
     }
+    m_removals.ForEachDue(m_scan, [&changes](const std::string& name) {
+        changes.push_back({DW_ITEM_REMOVED, name, true, 0, true});
+    });
+}
+
+// Asked by name: a listing may leave out what is there while others come and go.
+bool BundleDirWatcher::HasGone(int collection, const std::string& name, WatchedItem& item)
+{
+    const EntryKind kind = KindAt(collection, name.c_str());
+    const EntryKind known = item.IsDirectory() ? EntryKind::DIRECTORY : EntryKind::OTHER;
+    return kind != EntryKind::UNKNOWN && (kind != known || item.HasLeft({collection, name, m_prefix}, m_fingerprinter));
 }
 
 void BundleDirWatcher::NoteReadable(int error)
@@ -291,40 +249,37 @@ void BundleDirWatcher::NoteReadable(int error)
 bool BundleDirWatcher::Take(const Change& change)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
+    if (change.isRetry) {
+        return m_removals.IsDue(change.name, m_scan);
+    }
     const auto position = m_items.find(change.name); // there: only this thread takes items away
-    Item& item = position->second;
     if (change.type == DW_ITEM_REMOVED) {
+        m_removals.Begin(change.name); // first, for it may fail
         m_items.erase(position);
         return true;
     }
-    if (!IsToBeRaised(change, item)) {
+    const bool isAdded = change.type == DW_ITEM_ADDED;
+    const WatchedItem::Event event = isAdded ? WatchedItem::Event::ADDED : WatchedItem::Event::MODIFIED;
+    const std::string path = m_prefix + change.name;
+    if (!position->second.item.Take(event, {AT_FDCWD, path, NO_PREFIX}, m_fingerprinter)) {
         return false;
     }
-    item.isArriving = false;
-    item.isRaised = true;
-    item.tree = TreeFingerprint();
+    if (isAdded && change.isDirectory) {
+        m_removals.Forget(change.name);
+    }
     return true;
 }
 
-// Not when the item has gone, when a copy into it has begun or gone on, or when somebody has accepted the change.
-bool BundleDirWatcher::IsToBeRaised(const Change& change, Item& item)
+// Unless the handler has asked for another try, that was all.
+void BundleDirWatcher::EndRemoval(const std::string& name)
 {
-    const std::string path = m_prefix + change.name;
-    if (KindAt(AT_FDCWD, path.c_str()) != (item.isDirectory ? Kind::DIRECTORY : Kind::OTHER)) {
-        return false; // the next scan sees what has become of it
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const int tries = m_removals.End(name, m_scan);
+    if (tries == 1) {
+        BUNDLE_INFO("removal of [%s%s] is tried again once a second.", m_prefix.c_str(), name.c_str());
+    } else if (tries == RemovalTries::FREQUENT_TRIES) {
+        BUNDLE_INFO("removal of [%s%s] is tried again once a minute.", m_prefix.c_str(), name.c_str());
     }
-    const ItemFingerprint fingerprint = FingerprintOf(AT_FDCWD, path, item);
-    if (change.type == DW_ITEM_MODIFIED && !item.known.HasChanged(path, fingerprint)) {
-        return false;
-    }
-    const auto standsStill = [&] {
-        return fingerprint == item.known.Fingerprint() && m_fingerprinter.OfTree(path, item.isRaised) == item.tree;
-    };
-    if (change.type == DW_ITEM_ADDED && item.isDirectory && !standsStill()) {
-        return false;
-    }
-    item.known.Learn(path, fingerprint);
-    return true;
 }
 
 void BundleDirWatcher::Raise(DirectoryEventType type, const Poco::File& file)
@@ -352,39 +307,100 @@ void BundleDirWatcher::Raise(DirectoryEventType type, const Poco::File& file)
 void BundleDirWatcher::AcceptChanges(const std::string& path)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    Item* const item = FindItem(path);
-    if (item == nullptr || item->isArriving) {
-        return;
-    }
-    const ItemFingerprint fingerprint = FingerprintOf(AT_FDCWD, path, *item);
-    if (!item->known.IsReplaced(path, fingerprint)) {
-        item->known.Learn(path, fingerprint);
+    if (WatchedItem* const item = FindItem(path)) {
+        item->Accept({AT_FDCWD, path, NO_PREFIX}, m_fingerprinter);
     }
 }
 
 void BundleDirWatcher::OfferAgain(const std::string& path)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    Item* const item = FindItem(path);
-    if (item != nullptr && item->isDirectory) {
-        item->isArriving = true;
+    if (WatchedItem* const item = FindItem(path)) {
+        item->OfferAgain();
     }
 }
 
-// What cannot be told now is taken to be as it was.
-ItemFingerprint BundleDirWatcher::FingerprintOf(int directory, const std::string& path, const Item& item)
+bool BundleDirWatcher::RaiseOnceMore(const std::string& path)
 {
-    return m_fingerprinter.OfItem(directory, path, item.known.Fingerprint());
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    WatchedItem* const item = FindItem(path);
+    return item == nullptr || item->RaiseOnceMore();
+}
+
+void BundleDirWatcher::RetryRemoval(const std::string& path)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_removals.AskForAnother(NameOf(path));
+}
+
+bool BundleDirWatcher::IsWithdrawn(const std::string& path)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    WatchedItem* const item = FindItem(path);
+    return item != nullptr && item->IsWithdrawn({AT_FDCWD, path, NO_PREFIX}, m_fingerprinter);
+}
+
+void BundleDirWatcher::Withdraw(const std::string& path)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const std::string_view name = NameOf(path);
+    if (name.empty()) {
+        return;
+    }
+    // Not yet known when it came while start-up read the collection.
+    WatchedItem& item = m_items.try_emplace(std::string(name), Entry{WatchedItem(true)}).first->second.item;
+    item.Withdraw({AT_FDCWD, path, NO_PREFIX}, m_fingerprinter);
+}
+
+void BundleDirWatcher::EndWithdrawal(const std::string& path, bool hasBegun)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (WatchedItem* const item = FindItem(path)) {
+        item->EndWithdrawal({AT_FDCWD, path, NO_PREFIX}, hasBegun);
+    }
+}
+
+// What is there at the start is not counted at once: start-up would wait for it.
+void BundleDirWatcher::CountNames()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    int counted = 0;
+    for (auto position = m_items.begin(); !m_areNamesCounted && position != m_items.end(); ++position) {
+        auto& [name, entry] = *position;
+        if (entry.item.HasCountedNames()) {
+            continue;
+        }
+        if (++counted > COUNTED_ITEMS) {
+            return; // the rest after the next scan
+        }
+        entry.item.CountNames({AT_FDCWD, name, m_prefix}, m_fingerprinter);
+    }
+    m_areNamesCounted = true;
+}
+
+// Of an item's path; empty when it is another's.
+std::string_view BundleDirWatcher::NameOf(const std::string& path) const
+{
+    const bool isBelow = path.compare(0, m_prefix.size(), m_prefix) == 0;
+    return isBelow ? std::string_view(path).substr(m_prefix.size()) : std::string_view();
 }
 
 // Null when there is none under that path.
-BundleDirWatcher::Item* BundleDirWatcher::FindItem(const std::string& path)
+WatchedItem* BundleDirWatcher::FindItem(const std::string& path)
 {
-    if (path.compare(0, m_prefix.size(), m_prefix) != 0) {
-        return nullptr;
-    }
-    const auto position = m_items.find(std::string_view(path).substr(m_prefix.size()));
-    return position == m_items.end() ? nullptr : &position->second;
+    const auto position = m_items.find(NameOf(path));
+    return position == m_items.end() ? nullptr : &position->second.item;
+}
+
+BundleDirWatcher::Withdrawal::Withdrawal(BundleDirWatcher& watcher, std::string path)
+    : m_watcher(watcher), m_path(std::move(path))
+{
+    m_watcher.Withdraw(m_path);
+}
+
+BundleDirWatcher::Withdrawal::~Withdrawal()
+{
+    m_watcher.EndWithdrawal(m_path, m_hasBegun);
 }
 
 } // namespace SystemServer

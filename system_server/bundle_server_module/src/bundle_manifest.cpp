@@ -52,21 +52,32 @@ void RequireBoundedKeys(const std::string& text)
     }
 }
 
-// The INI reader reads until the end of the file and takes an error for more to come: it would never return.
-std::string ReadWhole(std::istream& stream)
+// Reads to the end, or to the first chunk that takes is not to be followed by another.
+template <class Take> void ReadChunks(std::istream& stream, const Take& take)
 {
-    std::string text;
     std::array<char, 4096> chunk;
     while (stream.read(chunk.data(), chunk.size()) || stream.gcount() > 0) {
-        text.append(chunk.data(), static_cast<std::size_t>(stream.gcount()));
-        if (text.size() > BundleManifest::MAX_SIZE) {
-            throw Poco::DataFormatException("bundle manifest is longer than " +
-                                            std::to_string(BundleManifest::MAX_SIZE) + " bytes");
+        if (!take(chunk.data(), static_cast<std::size_t>(stream.gcount()))) {
+            return;
         }
     }
     if (stream.bad()) {
         throw Poco::ReadFileException("bundle manifest can not be read");
     }
+}
+
+// The INI reader reads until the end of the file and takes an error for more to come: it would never return.
+std::string ReadWhole(std::istream& stream)
+{
+    std::string text;
+    ReadChunks(stream, [&text](const char* data, std::size_t size) {
+        text.append(data, size);
+        if (text.size() > BundleManifest::MAX_SIZE) {
+            throw Poco::DataFormatException("bundle manifest is longer than " +
+                                            std::to_string(BundleManifest::MAX_SIZE) + " bytes");
+        }
+        return true;
+    });
     RequireBoundedKeys(text);
     return text;
 }
@@ -96,7 +107,9 @@ private:
 
 BundleManifest::BundleManifest(std::istream& stream)
 {
-    std::istringstream text(ReadWhole(stream));
+    const std::string content = ReadWhole(stream);
+    m_contentHash.Add(content.data(), content.size());
+    std::istringstream text(content);
     m_config = new BoundedIniConfiguration(text);
     try {
         Parse();
@@ -163,6 +176,18 @@ void BundleManifest::ParseLoadItem(const std::string& section)
     }
     BUNDLE_INFO("==================");
     m_loadItems.push_back(item);
+}
+
+bool BundleManifest::WasReadFrom(std::istream& stream) const
+{
+    ContentHash hash;
+    std::size_t hashed = 0;
+    ReadChunks(stream, [&](const char* data, std::size_t size) {
+        hash.Add(data, size);
+        hashed += size;
+        return hashed <= MAX_SIZE;
+    });
+    return hash == m_contentHash;
 }
 
 void BundleManifest::Clear()

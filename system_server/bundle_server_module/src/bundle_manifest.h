@@ -1,6 +1,8 @@
 #ifndef BUNDLE_MANIFEST_H
 #define BUNDLE_MANIFEST_H
 
+#include "content_hash.h"
+
 #include <Poco/AutoPtr.h>
 #include <Poco/Util/IniFileConfiguration.h>
 
@@ -50,6 +52,11 @@ public:
     /// Sorted by the names of their sections without regard to case, which is the order the INI reader keeps.
     const std::vector<LoadItem>& GetLoadItems() const { return m_loadItems; }
 
+    /// Whether the stream has the content that this manifest was read from. Of a longer one than a manifest may be, no
+    /// more is read than it takes to see that.
+    /// @throws Poco::ReadFileException the stream cannot be read
+    bool WasReadFrom(std::istream& stream) const;
+
 private:
     static const std::string GLOBAL_SECTION_NAME;
     static const std::string BUNDLE_NAME;
@@ -69,6 +76,7 @@ private:
     std::string m_bundleName;
     std::vector<std::string> m_dependencies;
     std::vector<LoadItem> m_loadItems;
+    ContentHash m_contentHash;
     Poco::AutoPtr<Poco::Util::IniFileConfiguration> m_config;
 };
 

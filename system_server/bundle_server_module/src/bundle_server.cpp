@@ -106,7 +106,7 @@ void BundleServer::StartUp()
 
     BUNDLE_INFO("create BundleFactory...");
     const std::shared_ptr<BundleFactory> bundleFactory =
-        std::make_shared<BundleStorageDirFactory>([this](const std::string& path) { AcceptWritesOfScript(path); });
+        std::make_shared<BundleStorageDirFactory>([this](const Bundle& bundle) { AcceptWritesOfScript(bundle); });
     BUNDLE_INFO("create BundleFactory done.");
     BUNDLE_INFO("create BundleManager...");
     m_bundleManager = std::make_shared<BundleManager>(bundleFactory);
@@ -137,12 +137,19 @@ void BundleServer::WatchCollection(const std::string& collectionDir)
     m_dirWatcher->itemModified += Poco::delegate(this, &BundleServer::OnItemModified);
 }
 
-// What a script has written in its bundle is no change that anybody has made. What the watcher is not told, for want of
-// memory, costs a needless update.
-void BundleServer::AcceptWritesOfScript(const std::string& path) const
+// What a script has written in its bundle is no change that anybody has made, but for a manifest that is not the one in
+// force: that has come while the script ran, or the script has made it. The look at it comes last, so that one which
+// comes even later is a change like any other. What the watcher is not told, because it is out of memory, costs a
+// needless update.
+void BundleServer::AcceptWritesOfScript(const Bundle& bundle) const
 {
+    const std::string& path = bundle.GetStorage()->GetRootPath();
     try {
         m_changes->AcceptChanges(path);
+        if (bundle.IsManifestOutdated() && !m_changes->RaiseOnceMore(path)) {
+            BUNDLE_INFO("manifest in [%s] has been changed by a script again, and is read after the next change.",
+                        path.c_str());
+        }
     } catch (const std::exception& e) {
         BUNDLE_ERROR("accept changes of [%s] fail. exception info: [%s].", path.c_str(), ReasonOf(e).c_str());
     }

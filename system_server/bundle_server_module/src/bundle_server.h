@@ -19,6 +19,7 @@
 #include <exception>
 #include <future>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -80,14 +81,17 @@ protected:
 private:
     void StartUp();
     void WatchCollection(const std::string& collectionDir);
-    void AcceptWritesOfScript(const std::string& path) const;
+    void AcceptWritesOfScript(const Bundle& bundle) const;
     std::shared_ptr<BundleManager> ManagerAtGate() const { return m_gateOpen.get(); }
 
     static std::uint16_t DeleteBundle(const char* content, std::size_t length);
+    static bool StopAndRemove(const BundleServer& server, const std::shared_ptr<Bundle>& bundle);
     static bool StopAndUnload(BundleManager& manager, const std::shared_ptr<Bundle>& bundle);
-    static bool RemoveBundleDirectory(const std::string& path);
+    static bool RemoveBundleDirectory(const std::string& path, BundleDirWatcher::Withdrawal& withdrawal);
     static std::shared_ptr<Bundle> FindChanged(BundleManager& manager, const std::string& path);
     std::shared_ptr<Bundle> LoadAdded(BundleManager& manager, const std::string& path);
+    void RetryRemoval(BundleManager& manager, const Bundle& bundle);
+    void OfferRefusedAgain();
     static void StartAdded(BundleManager& manager, const std::shared_ptr<Bundle>& bundle);
     static void UpdateAndRestart(BundleManager& manager, const std::shared_ptr<Bundle>& bundle);
     /// Goes before the error record of a step that failed, which names the object but not the cause.
@@ -107,6 +111,9 @@ private:
     Gate m_gate;
     std::shared_future<std::shared_ptr<BundleManager>> m_gateOpen;
     std::exception_ptr m_startupFailure;
+    // The watcher's thread's.
+    std::set<std::string> m_unfinishedRemovals;  // paths of bundles that could not be stopped when they had gone
+    std::vector<std::string> m_refusedMeanwhile; // paths of additions: what has gone may have held their names
 };
 
 } // namespace SystemServer

@@ -32,6 +32,10 @@ void BundleServer::OnItemAdded(const DirectoryEvent& event)
         }
         return;
     }
+    if (m_changes->IsWithdrawn(path)) {
+        BUNDLE_INFO("bundle dir[%s] is being deleted, it is not loaded.", path.c_str());
+        return;
+    }
     if (const std::shared_ptr<Bundle> bundle = LoadAdded(*manager, path)) {
         StartAdded(*manager, bundle);
     }
@@ -46,6 +50,9 @@ std::shared_ptr<Bundle> BundleServer::LoadAdded(BundleManager& manager, const st
         std::shared_ptr<Bundle> bundle = manager.LoadBundle(path);
         if (!bundle) {
             BUNDLE_ERROR("load bundle from [%s] fail.", path.c_str());
+            if (!m_unfinishedRemovals.empty()) {
+                m_refusedMeanwhile.push_back(path);
+            }
         }
         return bundle;
     } catch (const std::exception& e) {
@@ -82,10 +89,36 @@ void BundleServer::OnItemRemoved(const DirectoryEvent& event)
     BUNDLE_INFO("dir item remove event happen.");
     BUNDLE_INFO("remove a bundle dir.");
     const auto manager = ManagerAtGate();
-    const std::shared_ptr<Bundle> bundle = manager ? FindChanged(*manager, event.item.path()) : nullptr;
-    if (bundle) {
-        StopAndUnload(*manager, bundle);
+    if (!manager) {
+        return;
     }
+    const std::string& path = event.item.path();
+    const std::shared_ptr<Bundle> bundle = FindChanged(*manager, path);
+    if (bundle && !StopAndUnload(*manager, bundle)) {
+        RetryRemoval(*manager, *bundle);
+    } else if (m_unfinishedRemovals.erase(path) != 0) {
+        OfferRefusedAgain();
+    }
+}
+
+// A child that is being run again cannot be killed in the second that this takes. What else keeps a bundle from being
+// stopped does not pass.
+void BundleServer::RetryRemoval(BundleManager& manager, const Bundle& bundle)
+{
+    const std::string& path = bundle.GetStorage()->GetRootPath();
+    if (manager.LoadedPaths().count(path) != 0 && bundle.GetCurState() == Bundle::BUNDLE_ACTIVE) {
+        m_changes->RetryRemoval(path);
+        m_unfinishedRemovals.insert(path);
+    }
+}
+
+// A directory that was renamed has been refused as long as the bundle was registered under its old path.
+void BundleServer::OfferRefusedAgain()
+{
+    for (const std::string& path : m_refusedMeanwhile) {
+        m_changes->OfferAgain(path);
+    }
+    m_refusedMeanwhile.clear();
 }
 
 void BundleServer::OnItemModified(const DirectoryEvent& event)

@@ -113,10 +113,7 @@ std::uint16_t BundleServer::DeleteBundle(const char* content, std::size_t length
             return STATUS_NOT_FOUND;
         }
         BUNDLE_INFO("find bundle done.");
-        if (!StopAndUnload(*server.m_bundleManager, bundle)) {
-            return STATUS_BAD_REQUEST;
-        }
-        if (!RemoveBundleDirectory(bundle->GetStorage()->GetRootPath())) {
+        if (!StopAndRemove(server, bundle)) {
             return STATUS_BAD_REQUEST;
         }
         server.m_collectionSync->Run(SYNC_PATIENCE);
@@ -125,6 +122,15 @@ std::uint16_t BundleServer::DeleteBundle(const char* content, std::size_t length
         BUNDLE_ERROR("request fail.exception info: [%s].", e.what());
         return STATUS_BAD_REQUEST;
     }
+}
+
+// Withdrawn before it leaves the registry: the watcher's thread, which finds it there no more, asks next whether it is
+// being removed.
+bool BundleServer::StopAndRemove(const BundleServer& server, const std::shared_ptr<Bundle>& bundle)
+{
+    const std::string& path = bundle->GetStorage()->GetRootPath();
+    BundleDirWatcher::Withdrawal withdrawal(*server.m_changes, path);
+    return StopAndUnload(*server.m_bundleManager, bundle) && RemoveBundleDirectory(path, withdrawal);
 }
 
 bool BundleServer::StopAndUnload(BundleManager& manager, const std::shared_ptr<Bundle>& bundle)
@@ -145,10 +151,11 @@ bool BundleServer::StopAndUnload(BundleManager& manager, const std::shared_ptr<B
     }
 }
 
-bool BundleServer::RemoveBundleDirectory(const std::string& path)
+bool BundleServer::RemoveBundleDirectory(const std::string& path, BundleDirWatcher::Withdrawal& withdrawal)
 {
     try {
         const GroupLeader remover = LaunchInOwnGroup("rm", {"-rf", path});
+        withdrawal.Begin();
         if (remover.groupError != 0) {
             BUNDLE_ERROR("setpgid %d to pgid %d failed errno %s ", remover.process.id(), 0,
                          std::strerror(remover.groupError));

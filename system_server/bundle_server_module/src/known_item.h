@@ -29,6 +29,9 @@ public:
     /// @throws std::bad_alloc
     bool IsReplaced(const std::string& path, const ItemFingerprint& now) const;
 
+    /// Once it is learned. There numbers and births of directories change by themselves.
+    bool IsOnOverlay() const { return m_details != nullptr; }
+
 private:
     ItemFingerprint m_fingerprint;
     std::unique_ptr<const ItemDetails> m_details; // where they are needed; never older than the fingerprint

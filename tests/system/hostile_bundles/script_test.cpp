@@ -153,7 +153,8 @@ TEST_F(AHostileScript, OfAnUpdateIsGotOver)
         EXPECT_TRUE(IsStarted(bundle, 2));
     }
     EXPECT_TRUE(IsUnharmed());
-    EXPECT_EQ(daemon.CountInLog("dir item modified event happen."), 3) << "what a script does counts as its own";
+    EXPECT_TRUE(daemon.WaitForLog("update bundle[rewriter] failed.")) << "its manifest is read once more";
+    EXPECT_EQ(daemon.CountInLog("dir item modified event happen."), 4) << "what else a script does counts as its own";
 }
 
 TEST_F(AHostileScript, ThatKillsTheGroupOfTheServerEndsIt)

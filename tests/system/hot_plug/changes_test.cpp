@@ -201,34 +201,6 @@ TEST_F(AnUpdate, TakesInADirectoryThatHasReplacedTheOld)
     EXPECT_EQ(Modified(), 1);
 }
 
-TEST_F(AnUpdate, IsNotRepeatedForWhatItsScriptHasDone)
-{
-    staging.Bundle("radio")
-        .Update(Shell("cd \"$(dirname \"$0\")\"/.. && echo '; updated' >> BundleManifest.ini && "
-                      "sed -i 's/$/ /' BundleManifest.ini && mkdir -p bin && date > bin/stamp && date > script/stamp"))
-        .Write();
-    MoveIn("radio");
-    ASSERT_TRUE(IsStarted("radio"));
-    for (int i = 1; i <= 3; ++i) {
-        RunShell("touch \"$COLLECTION\"/radio");
-        ASSERT_TRUE(IsStarted("radio", i + 1));
-        PassScans();
-        EXPECT_EQ(Modified(), i);
-    }
-}
-
-TEST_F(AnUpdate, IsNotMadeForWhatTheInstallationHasDone)
-{
-    staging.Bundle("radio")
-        .Install(Shell("cd \"$(dirname \"$0\")\"/.. && echo >> BundleManifest.ini; "
-                       "mkdir -p bin && date > bin/stamp"))
-        .Write();
-    MoveIn("radio");
-    ASSERT_TRUE(IsStarted("radio"));
-    PassScans();
-    EXPECT_EQ(Modified(), 0);
-}
-
 TEST_F(AnUpdate, IsNotMadeForWhatItemsWriteToFoldersOfTheirOwn)
 {
     staging.Bundle("radio")

@@ -251,6 +251,24 @@ TEST_F(AFailingCallOfTheWatcher, TakesNoItemForGoneThatCanNotBeLookedAt)
     EXPECT_TRUE(SeesWhatComes());
 }
 
+TEST_F(AFailingCallOfTheWatcher, TellsAWithdrawnDirectoryByItsNumberAlone)
+{
+    const std::string path = collection.Bundle("media").Write();
+    Watch();
+    const Fault fault(Call::STATX, ENOSYS);
+    const CallCounter calls(Call::STATX);
+    {
+        BundleDirWatcher::Withdrawal withdrawal(*watcher, path);
+        withdrawal.Begin();
+    }
+    EXPECT_TRUE(Eventually(PATIENCE, [&] { return calls.Count() > 10; }));
+    EXPECT_EQ(events, 0);
+    EXPECT_TRUE(watcher->IsWithdrawn(path));
+    std::filesystem::rename(path, outside / "media");
+    collection.Bundle("media").Write();
+    EXPECT_TRUE(Eventually(PATIENCE, [&] { return events == 2; })) << "removed and added";
+}
+
 TEST_F(AFailingCallOfAnItemThread, LeavesItNamelessAndRunning)
 {
     const auto activator = std::make_shared<SystemServer::BundleThreadActivator>(

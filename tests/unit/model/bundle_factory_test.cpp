@@ -47,7 +47,8 @@ TEST_F(MakingABundle, RunsNoScript)
 TEST_F(MakingABundle, GivesItTheObserverOfScripts)
 {
     std::string told;
-    BundleStorageDirFactory observed([&told](const std::string& root) { told = root; });
+    BundleStorageDirFactory observed(
+        [&told](const SystemServer::Bundle& teller) { told = teller.GetStorage()->GetRootPath(); });
     const std::string path = collection.Bundle("media").Install("#!/bin/sh\n").Write();
     observed.CreateBundle(path)->RunScript("install.sh");
     EXPECT_EQ(told, path);

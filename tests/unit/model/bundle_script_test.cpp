@@ -39,8 +39,9 @@ TEST_F(RunningAScript, TellsTheObserverWhenItHasEndedAndNotWhereThereIsNone)
         .Update("#!/bin/sh\nexit 1\n")
         .Write();
     std::vector<std::string> told;
-    Bundle bundle(std::make_shared<BundleStorageDir>(path),
-                  [&](const std::string& root) { told.push_back(root + (Exists(mark) ? " with its mark" : "")); });
+    Bundle bundle(std::make_shared<BundleStorageDir>(path), [&](const Bundle& teller) {
+        told.push_back(teller.GetStorage()->GetRootPath() + (Exists(mark) ? " with its mark" : ""));
+    });
     bundle.RunScript("uninstall.sh");
     EXPECT_TRUE(told.empty());
     bundle.RunScript("install.sh");

@@ -36,6 +36,22 @@ public:
     }
 };
 
+/// A storage whose file can be opened once.
+class FailingStorage : public BundleStorage {
+public:
+    explicit FailingStorage(const std::string& path) : BundleStorage(path) {}
+    std::istream* GetResourceFile(const std::string& /*relativePath*/) const override
+    {
+        if (std::exchange(m_hasBeenOpened, true)) {
+            throw Poco::OpenFileException("no way in");
+        }
+        return std::make_unique<std::istringstream>(GLOBAL + std::string("media\n")).release();
+    }
+
+private:
+    mutable bool m_hasBeenOpened = false;
+};
+
 /// A storage that tells when its stream and itself are gone.
 class WatchedStorage : public BundleStorage {
 public:
@@ -186,6 +202,45 @@ TEST_F(ABundle, RefusesAStateThatIsNone)
         EXPECT_EQ(bundle->GetCurState(), Bundle::BUNDLE_RESOLVED);
     }
     EXPECT_TRUE(log.Messages().empty());
+}
+
+TEST_F(ABundle, KnowsWhetherItsManifestIsOutdated)
+{
+    const std::string manifest = path + "/BundleManifest.ini";
+    const std::string text = ReadFile(manifest);
+    const auto bundle = BundleAt(path);
+    EXPECT_FALSE(bundle->IsManifestOutdated());
+    WriteFile(manifest, text + "\n");
+    EXPECT_TRUE(bundle->IsManifestOutdated());
+    bundle->Update();
+    EXPECT_FALSE(bundle->IsManifestOutdated());
+    WriteFile(manifest, text);
+    EXPECT_TRUE(bundle->IsManifestOutdated());
+    WriteFile(manifest, "");
+    EXPECT_TRUE(bundle->IsManifestOutdated());
+    WriteFile(manifest, text + std::string(BundleManifest::MAX_SIZE, ';'));
+    EXPECT_TRUE(bundle->IsManifestOutdated());
+    EXPECT_THROW(bundle->Update(), Poco::DataFormatException);
+    WriteFile(manifest, text + "\n");
+    EXPECT_FALSE(bundle->IsManifestOutdated()) << "written anew with the content in force";
+}
+
+TEST_F(ABundle, TakesItsManifestForCurrentWhenThatCannotBeRead)
+{
+    const std::string manifest = path + "/BundleManifest.ini";
+    const auto bundle = BundleAt(path);
+    log.Restart();
+    ASSERT_EQ(::unlink(manifest.c_str()), 0);
+    EXPECT_FALSE(bundle->IsManifestOutdated());
+    ASSERT_EQ(::mkfifo(manifest.c_str(), 0600), 0);
+    EXPECT_FALSE(bundle->IsManifestOutdated());
+    ASSERT_EQ(::unlink(manifest.c_str()), 0);
+    ASSERT_EQ(::mkdir(manifest.c_str(), 0700), 0);
+    EXPECT_FALSE(bundle->IsManifestOutdated());
+    EXPECT_TRUE(log.Messages().empty());
+    ASSERT_EQ(::rmdir(manifest.c_str()), 0);
+    WriteFile(manifest, "");
+    EXPECT_FALSE(Bundle(std::make_shared<FailingStorage>(path)).IsManifestOutdated());
 }
 
 TEST_F(ABundle, EndsWithoutAWord)
