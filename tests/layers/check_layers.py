@@ -48,7 +48,7 @@ LAYERS = {
     "factory": ("bundle_factory", "helpers manifest storage bundle"),
     "activators": ("bundle_activator bundle_activator_factory bundle_process_activator bundle_process_monitor "
                    "bundle_thread_activator", "helpers manifest storage bundle factory"),
-    "manager": ("bundle_manager", "helpers manifest storage bundle factory activators"),
+    "manager": ("bundle_manager dependency_chains waiting_bundles", "helpers manifest storage bundle factory activators"),
     "watcher": ("bundle_dir_watcher entry_kind framework_watcher item_details item_fingerprint known_item "
                 "removal_tries watched_item", "helpers"),
     "server": ("bundle_server bundle_server_events bundle_server_requests",

@@ -3,11 +3,13 @@
 #include "bundle_activator_factory.h"
 #include "bundle_log.h"
 #include "directory.h"
+#include "waiting_bundles.h"
 
 #include <Poco/DirectoryIterator.h>
 #include <Poco/Exception.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <exception>
 #include <utility>
 
@@ -15,8 +17,6 @@ namespace SystemServer {
 
 namespace {
 
-// Texts are put together out of line: the operations that refuse recurse along the dependencies, and a long chain of
-// bundles must fit the stack.
 [[noreturn]] void Refuse(const char* before, const std::string& name, const char* after)
 {
     throw Poco::InvalidArgumentException(before + name + after);
@@ -40,43 +40,18 @@ bool IsUnloadable(const Bundle& bundle)
     return (bundle.GetCurState() & runningStates) == 0;
 }
 
-/// Puts a bundle back into a state when an operation leaves by an exception.
-class StateRollback {
-public:
-    StateRollback(Bundle& bundle, Bundle::BUNDLE_STATE_E state) : m_bundle(bundle), m_state(state) {}
-    ~StateRollback()
-    {
-        if (!m_dismissed) {
-            m_bundle.SetCurState(m_state);
-        }
+/// How many bundles may require each other in a row. More are a mistake, or made to keep the server busy.
+constexpr std::size_t LONGEST_CHAIN = 10'000;
+
+void RequireShortChain(const std::string& name, DependencyChains& chains)
+{
+    const std::size_t length = chains.LengthFrom(name);
+    if (length > LONGEST_CHAIN) {
+        throw Poco::InvalidArgumentException("bundle[" + name + "] begins a dependency chain of " +
+                                             std::to_string(length) + " bundles, at most " +
+                                             std::to_string(LONGEST_CHAIN) + " are allowed.");
     }
-    StateRollback(const StateRollback&) = delete;
-    StateRollback& operator=(const StateRollback&) = delete;
-
-    void Dismiss() { m_dismissed = true; }
-
-private:
-    Bundle& m_bundle;
-    const Bundle::BUNDLE_STATE_E m_state;
-    bool m_dismissed = false;
-};
-
-/// Keeps a bundle in the set of those being resolved.
-class ResolvingMark {
-public:
-    using Set = std::set<std::shared_ptr<Bundle>>;
-
-    ResolvingMark(Set& resolving, const std::shared_ptr<Bundle>& bundle)
-        : m_resolving(resolving), m_position(resolving.insert(bundle).first)
-    {}
-    ~ResolvingMark() { m_resolving.erase(m_position); }
-    ResolvingMark(const ResolvingMark&) = delete;
-    ResolvingMark& operator=(const ResolvingMark&) = delete;
-
-private:
-    Set& m_resolving;
-    const Set::iterator m_position;
-};
+}
 
 } // namespace
 
@@ -227,14 +202,15 @@ std::shared_ptr<Bundle> BundleManager::RequiredBundle(const std::string& name) c
 void BundleManager::ResolveAllBundles()
 {
     BundleFailProcessor failProcessor(this);
-    ForEachBundle([this, &failProcessor](const std::shared_ptr<Bundle>& bundle) {
+    DependencyChains chains = Chains();
+    ForEachBundle([this, &failProcessor, &chains](const std::shared_ptr<Bundle>& bundle) {
         if (IsResolved(*bundle)) {
             return;
         }
         const std::string name = NameOf(*bundle);
         try {
             BUNDLE_INFO("resolve bundle[%s]...", name.c_str());
-            ResolveBundle(bundle);
+            Resolve(bundle, chains);
             BUNDLE_INFO("resolve bundle done.");
         } catch (const Poco::Exception& e) {
             BUNDLE_ERROR("%s", ("failed to resolve bundle[" + name + "] :" + e.displayText()).c_str());
@@ -246,33 +222,60 @@ void BundleManager::ResolveAllBundles()
 void BundleManager::ResolveBundle(std::shared_ptr<Bundle> bundle)
 {
     const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    DependencyChains chains = Chains();
+    Resolve(bundle, chains);
+}
+
+void BundleManager::Resolve(const std::shared_ptr<Bundle>& bundle, DependencyChains& chains)
+{
     if (IsResolved(*bundle)) {
         Refuse("bundle[", NameOf(*bundle), "] already resolved can not be resolved twice.");
     }
-    {
-        const ResolvingMark resolving(m_resolvingBundleSet, bundle);
-        BUNDLE_INFO("resolve bundle[%s] dependencies...", NameOf(*bundle).c_str());
-        ResolveBundleDependencies(bundle);
-        BUNDLE_INFO("resolve bundle dependencies done.");
+    RequireShortChain(NameOf(*bundle), chains);
+    WaitingBundles<ResolvingMark> waiting;
+    for (std::shared_ptr<Bundle> next = bundle; next; next = ResolveBundleDependencies(waiting)) {
+        waiting.Push(next, m_resolvingBundleSet, next);
+        BUNDLE_INFO("resolve bundle[%s] dependencies...", NameOf(*next).c_str());
     }
-    bundle->SetCurState(Bundle::BUNDLE_RESOLVED);
 }
 
-void BundleManager::ResolveBundleDependencies(std::shared_ptr<Bundle> bundle)
+// Resolves the last of the bundles, and those before it, up to the first that requires another one which is not
+// resolved yet. Returns that one; null when all are resolved.
+std::shared_ptr<Bundle> BundleManager::ResolveBundleDependencies(WaitingBundles<ResolvingMark>& waiting)
 {
-    const std::shared_ptr<BundleManifest> manifest = bundle->GetManifest();
-    for (const std::string& name : manifest->GetDependencies()) {
-        const std::shared_ptr<Bundle> required = RequiredBundle(name);
-        if (IsResolved(*required)) {
-            continue;
+    for (;;) {
+        WaitingBundle<ResolvingMark>& last = waiting.Last();
+        while (const std::string* const name = last.NextRequired()) {
+            std::shared_ptr<Bundle> required = RequiredBundle(*name);
+            if (IsResolved(*required)) {
+                continue;
+            }
+            if (IsResolving(required)) {
+                RefuseCircle(NameOf(*last.bundle), *name);
+            }
+            BUNDLE_INFO("resolve bundle[%s]...", name->c_str());
+            return required;
         }
-        if (IsResolving(required)) {
-            RefuseCircle(manifest->GetBundleName(), name);
+        BUNDLE_INFO("resolve bundle dependencies done.");
+        last.bundle->SetCurState(Bundle::BUNDLE_RESOLVED);
+        waiting.Pop();
+        if (waiting.IsEmpty()) {
+            return nullptr;
         }
-        BUNDLE_INFO("resolve bundle[%s]...", name.c_str());
-        ResolveBundle(required);
         BUNDLE_INFO("resolve bundle done.");
     }
+}
+
+DependencyChains BundleManager::Chains() const
+{
+    return DependencyChains([this](const std::string& name) -> DependencyChains::Dependencies {
+        const auto entry = m_bundleInfoMap.find(name);
+        if (entry == m_bundleInfoMap.end()) {
+            return nullptr;
+        }
+        const std::shared_ptr<BundleManifest> manifest = entry->second.pBundle->GetManifest();
+        return {manifest, &manifest->GetDependencies()};
+    });
 }
 
 bool BundleManager::IsResolving(std::shared_ptr<Bundle> bundle) const
@@ -302,35 +305,50 @@ void BundleManager::StartAllBundles()
 void BundleManager::StartBundle(std::shared_ptr<Bundle> bundle)
 {
     const std::lock_guard<std::recursive_mutex> lock(m_mutex);
-    const std::string name = NameOf(*bundle);
-    if (bundle->GetCurState() != Bundle::BUNDLE_RESOLVED) {
-        Refuse("bundle[", name, "] not in resolved state can not be starting.");
+    WaitingBundles<StateRollback> waiting;
+    for (std::shared_ptr<Bundle> next = std::move(bundle); next; next = StartBundleDependencies(waiting)) {
+        const std::string name = NameOf(*next);
+        if (next->GetCurState() != Bundle::BUNDLE_RESOLVED) {
+            Refuse("bundle[", name, "] not in resolved state can not be starting.");
+        }
+        waiting.Push(next, *next, Bundle::BUNDLE_STARTING, Bundle::BUNDLE_RESOLVED);
+        BUNDLE_INFO("start bundle[%s] dependencies...", name.c_str());
     }
-    bundle->SetCurState(Bundle::BUNDLE_STARTING);
-    StateRollback rollback(*bundle, Bundle::BUNDLE_RESOLVED);
-    BUNDLE_INFO("start bundle[%s] dependencies...", name.c_str());
-    StartBundleDependencies(bundle);
-    BUNDLE_INFO("start bundle dependencies done.");
+}
+
+// Starts the last of the bundles, and those before it, up to the first that requires another one which does not run
+// yet. Returns that one; null when all run.
+std::shared_ptr<Bundle> BundleManager::StartBundleDependencies(WaitingBundles<StateRollback>& waiting)
+{
+    for (;;) {
+        WaitingBundle<StateRollback>& last = waiting.Last();
+        while (const std::string* const name = last.NextRequired()) {
+            std::shared_ptr<Bundle> required = RequiredBundle(*name);
+            if (required->GetCurState() == Bundle::BUNDLE_ACTIVE) {
+                continue;
+            }
+            BUNDLE_INFO("start bundle[%s]...", name->c_str());
+            return required;
+        }
+        BUNDLE_INFO("start bundle dependencies done.");
+        StartActivator(*last.bundle);
+        last.bundle->SetCurState(Bundle::BUNDLE_ACTIVE);
+        last.undo.Dismiss();
+        waiting.Pop();
+        if (waiting.IsEmpty()) {
+            return nullptr;
+        }
+        BUNDLE_INFO("start bundle done.");
+    }
+}
+
+void BundleManager::StartActivator(const Bundle& bundle) const
+{
+    const std::string name = NameOf(bundle);
     const std::shared_ptr<BundleActivator> activator = ActivatorOf(name);
     BUNDLE_INFO("start bundle[%s] activator...", name.c_str());
     activator->Start();
     BUNDLE_INFO("start bundle[%s] activator done.", name.c_str());
-    bundle->SetCurState(Bundle::BUNDLE_ACTIVE);
-    rollback.Dismiss();
-}
-
-void BundleManager::StartBundleDependencies(std::shared_ptr<Bundle> bundle)
-{
-    const std::shared_ptr<BundleManifest> manifest = bundle->GetManifest();
-    for (const std::string& name : manifest->GetDependencies()) {
-        const std::shared_ptr<Bundle> required = RequiredBundle(name);
-        if (required->GetCurState() == Bundle::BUNDLE_ACTIVE) {
-            continue;
-        }
-        BUNDLE_INFO("start bundle[%s]...", name.c_str());
-        StartBundle(required);
-        BUNDLE_INFO("start bundle done.");
-    }
 }
 
 std::shared_ptr<BundleActivator> BundleManager::ActivatorOf(const std::string& name) const
@@ -349,8 +367,7 @@ void BundleManager::StopBundle(std::shared_ptr<Bundle> bundle)
     if (bundle->GetCurState() != Bundle::BUNDLE_ACTIVE) {
         Refuse("bundle [", name, "] not in active state can not be stopping.");
     }
-    bundle->SetCurState(Bundle::BUNDLE_STOPPING);
-    StateRollback rollback(*bundle, Bundle::BUNDLE_ACTIVE);
+    StateRollback rollback(*bundle, Bundle::BUNDLE_STOPPING, Bundle::BUNDLE_ACTIVE);
     const std::shared_ptr<BundleActivator> activator = ActivatorOf(name);
     BUNDLE_INFO("stop bundle[%s] activator...", name.c_str());
     activator->Stop();

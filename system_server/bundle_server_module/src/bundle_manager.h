@@ -3,6 +3,7 @@
 
 #include "bundle_activator.h"
 #include "bundle_factory.h"
+#include "dependency_chains.h"
 
 #include <map>
 #include <memory>
@@ -12,6 +13,10 @@
 #include <vector>
 
 namespace SystemServer {
+
+class ResolvingMark;
+class StateRollback;
+template <class Undo> class WaitingBundles;
 
 /// Every bundle that the server knows, and what is done with them. All operations may be called from any thread; each
 /// lifecycle operation holds one recursive mutex for its whole length, scripts and launches included, so a slow script
@@ -52,8 +57,9 @@ public:
     /// Resolves every bundle that is not, required bundles first. Those that fail are unloaded at the end.
     void ResolveAllBundles();
 
-    /// @throws Poco::InvalidArgumentException it is resolved already, requires a bundle that is not registered, or is
-    /// part of a circle; its state is unchanged
+    /// Resolves the bundles that it requires, depth first, then the bundle itself.
+    /// @throws Poco::InvalidArgumentException it is resolved already, requires a bundle that is not registered, is part
+    /// of a circle, or begins a chain of more than 10,000 bundles that require each other; its state is unchanged
     void ResolveBundle(std::shared_ptr<Bundle> bundle);
 
     /// Starts every Resolved bundle, required bundles first. Those that fail are unloaded at the end.
@@ -82,14 +88,17 @@ public:
 private:
     template <class Visit> void ForEachBundle(const Visit& visit);
     std::shared_ptr<Bundle> RequiredBundle(const std::string& name) const;
-    void ResolveBundleDependencies(std::shared_ptr<Bundle> bundle);
+    DependencyChains Chains() const;
+    void Resolve(const std::shared_ptr<Bundle>& bundle, DependencyChains& chains);
+    std::shared_ptr<Bundle> ResolveBundleDependencies(WaitingBundles<ResolvingMark>& waiting);
     bool IsResolving(std::shared_ptr<Bundle> bundle) const;
-    void StartBundleDependencies(std::shared_ptr<Bundle> bundle);
+    std::shared_ptr<Bundle> StartBundleDependencies(WaitingBundles<StateRollback>& waiting);
+    void StartActivator(const Bundle& bundle) const;
     std::shared_ptr<BundleActivator> ActivatorOf(const std::string& name) const;
 
     const std::shared_ptr<BundleFactory> m_bundleFactory;   // immutable
     std::map<std::string, BUNDLE_INFO_S> m_bundleInfoMap;   // by the manifest's name; guarded by m_mutex
-    std::set<std::shared_ptr<Bundle>> m_resolvingBundleSet; // on the stack of ResolveBundle; guarded by m_mutex
+    std::set<std::shared_ptr<Bundle>> m_resolvingBundleSet; // begun and not ended; guarded by m_mutex
     std::recursive_mutex m_mutex;                           // recursive: the operations use one another
 };
 

@@ -253,21 +253,3 @@ TEST_F(ResolvingAllBundles, LeavesAllMarksBehindItself)
     memoryManager.ResolveAllBundles();
     EXPECT_EQ(Registered(), (std::set<std::string>{"a", "b"}));
 }
-
-TEST_F(ResolvingAllBundles, ResolvesAChainOfThousands)
-{
-    constexpr int length = 5000;
-    const auto nameOf = [](int number) {
-        std::string digits = std::to_string(number);
-        return "b" + std::string(5 - digits.size(), '0') + digits;
-    };
-    for (int i = 0; i < length; ++i) {
-        Put(nameOf(i), i + 1 < length ? nameOf(i + 1) : "");
-    }
-    memoryManager.ResolveAllBundles();
-    EXPECT_EQ(Registered().size(), static_cast<std::size_t>(length));
-    EXPECT_EQ(memoryManager.FindBundleByName(nameOf(length - 1))->GetCurState(), Bundle::BUNDLE_RESOLVED);
-    memoryManager.StartAllBundles();
-    EXPECT_EQ(memoryManager.FindBundleByName(nameOf(length - 1))->GetCurState(), Bundle::BUNDLE_ACTIVE);
-    EXPECT_EQ(memoryManager.FindBundleByName(nameOf(0))->GetCurState(), Bundle::BUNDLE_ACTIVE);
-}

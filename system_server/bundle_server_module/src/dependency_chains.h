@@ -1,0 +1,39 @@
+#ifndef DEPENDENCY_CHAINS_H
+#define DEPENDENCY_CHAINS_H
+
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace SystemServer {
+
+/// How long the chains of bundles are that require each other: a bundle, one that it requires, one that this one
+/// requires, and so on. Needs no stack for their length. What has been found is kept, so the walk over all bundles
+/// looks at each of them once; whoever changes a bundle makes a new object. One thread's.
+class DependencyChains {
+public:
+    using Dependencies = std::shared_ptr<const std::vector<std::string>>;
+    /// The names that the bundle of a name requires; null when there is no such bundle.
+    using Find = std::function<Dependencies(const std::string& name)>;
+
+    explicit DependencyChains(Find find);
+
+    /// The bundles in the longest chain that begins with this one. A chain ends at a bundle that is not there, and
+    /// where it comes back to itself.
+    std::size_t LengthFrom(const std::string& name);
+
+private:
+    struct Link;
+
+    Link LinkOf(const std::string& name) const;
+
+    const Find m_find;
+    std::map<std::string, std::size_t> m_lengths; // 0: not known yet, or not there
+};
+
+} // namespace SystemServer
+
+#endif
