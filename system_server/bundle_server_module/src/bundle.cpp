@@ -1,13 +1,16 @@
 #include "bundle.h"
 
+#include "bundle_log.h"
 #include "child_process.h"
+#include "file_type.h"
 
 #include <Poco/Exception.h>
-#include <Poco/File.h>
 #include <Poco/Process.h>
 
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <cstring>
 #include <istream>
 #include <utility>
 
@@ -66,7 +69,11 @@ bool Bundle::IsManifestOutdated() const
 void Bundle::RunScript(const std::string& scriptName) const
 {
     const std::string path = m_storage->GetRootPath() + "/" + BUNDLE_SCRIPT_FILE_PATH + scriptName;
-    if (!Poco::File(path).exists()) {
+    if (!FileType(path)) {
+        const int error = errno;
+        if (!MeansAbsence(error)) {
+            BUNDLE_ERROR("script[%s] can not be looked at: %s. It is not run.", path.c_str(), std::strerror(error));
+        }
         return;
     }
     try {

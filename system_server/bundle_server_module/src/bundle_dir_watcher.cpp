@@ -5,6 +5,7 @@
 #include "common/unique_fd.h"
 #include "dir_stream.h"
 #include "entry_kind.h"
+#include "file_type.h"
 #include "framework_watcher.h"
 
 #include <Poco/Exception.h>
@@ -55,8 +56,8 @@ BundleDirWatcher::BundleDirWatcher(const std::string& path, std::chrono::millise
 
 BundleDirWatcher::BundleDirWatcher(const std::string& path, std::chrono::milliseconds interval,
                                    const std::vector<int>& othersDescriptors)
-    : DirectoryWatcher(path, DW_ITEM_ADDED | DW_ITEM_REMOVED | DW_ITEM_MODIFIED, 1), m_prefix(DirectoryPrefix(path)),
-      m_interval(interval)
+    : DirectoryWatcher(RequireVisible(path), DW_ITEM_ADDED | DW_ITEM_REMOVED | DW_ITEM_MODIFIED, 1),
+      m_prefix(DirectoryPrefix(path)), m_interval(interval)
 {
     const TerminationSignalsBlocked blocked; // for both threads: the framework's blocks them only once it has begun
     std::vector<UniqueFd> detached = DetachInotify(othersDescriptors);

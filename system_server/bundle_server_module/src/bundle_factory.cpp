@@ -2,9 +2,13 @@
 
 #include "bundle_log.h"
 #include "bundle_storage_dir.h"
+#include "file_type.h"
 
 #include <Poco/File.h>
 
+#include <sys/stat.h>
+
+#include <optional>
 #include <utility>
 
 namespace SystemServer {
@@ -19,7 +23,9 @@ BundleStorageDirFactory::~BundleStorageDirFactory() = default;
 
 std::shared_ptr<Bundle> BundleStorageDirFactory::CreateBundle(const std::string& bundleStoragePath)
 {
-    if (!Poco::File(bundleStoragePath).isDirectory()) {
+    const std::optional<mode_t> type = FileType(bundleStoragePath);
+    // What is missing or cannot be looked at, the framework's test names by an exception.
+    if (type ? !S_ISDIR(*type) : !Poco::File(bundleStoragePath).isDirectory()) {
         BUNDLE_ERROR("BundleStoragePath[%s] is not a directory.", bundleStoragePath.c_str());
         return nullptr;
     }

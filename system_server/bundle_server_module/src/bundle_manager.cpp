@@ -2,7 +2,7 @@
 
 #include "bundle_activator_factory.h"
 #include "bundle_log.h"
-#include "directory.h"
+#include "file_type.h"
 #include "waiting_bundles.h"
 
 #include <Poco/DirectoryIterator.h>
@@ -93,7 +93,7 @@ template <class Visit> void BundleManager::ForEachBundle(const Visit& visit)
 void BundleManager::LoadAllBundles(std::string& dir)
 {
     for (Poco::DirectoryIterator entry(dir), end; entry != end; ++entry) {
-        if (!IsDirectory(*entry)) {
+        if (!IsDirectory(entry->path())) {
             continue;
         }
         const std::string& path = entry->path();

@@ -3,7 +3,7 @@
 
 #include "bundle_log.h"
 #include "bundle_server.h"
-#include "directory.h"
+#include "file_type.h"
 
 #include <chrono>
 #include <thread>
@@ -15,7 +15,7 @@ using DirectoryEvent = Poco::DirectoryWatcher::DirectoryEvent;
 void BundleServer::OnItemAdded(const DirectoryEvent& event)
 {
     BUNDLE_INFO("dir item add event happen.");
-    if (!IsDirectory(event.item)) {
+    if (!IsDirectory(event.item.path())) {
         return;
     }
     std::this_thread::sleep_for(std::chrono::seconds(1)); // a copy may still be going on

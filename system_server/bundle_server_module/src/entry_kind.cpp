@@ -1,6 +1,6 @@
 #include "entry_kind.h"
 
-#include "item_fingerprint.h"
+#include "file_type.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -1,7 +1,10 @@
 #include "framework_watcher.h"
 
 #include "dir_stream.h"
+#include "file_type.h"
 
+#include <Poco/Exception.h>
+#include <Poco/File.h>
 #include <Poco/Runnable.h>
 #include <Poco/Thread.h>
 
@@ -11,6 +14,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <string>
 
@@ -50,6 +54,17 @@ public:
 };
 
 } // namespace
+
+const std::string& RequireVisible(const std::string& path)
+{
+    const Poco::File directory(path);
+    const bool isThere = FileType(path).has_value();
+    errno = 0;
+    if (isThere && !directory.exists() && errno != 0) {
+        throw Poco::FileException("the framework can not look at it (" + std::string(std::strerror(errno)) + ")", path);
+    }
+    return path;
+}
 
 std::vector<int> InotifyDescriptors()
 {

@@ -5,11 +5,16 @@
 
 #include <Poco/DirectoryWatcher.h>
 
+#include <string>
 #include <vector>
 
 /// Puts the framework's own watching to rest in a class that derives from its watcher. The kernel's notifications leave
 /// out what a bundle server has to know, and would only cost descriptors and wake-ups.
 namespace SystemServer {
+
+/// @return path
+/// @throws Poco::FileException the framework cannot look at what is there, and would say that nothing is
+const std::string& RequireVisible(const std::string& path);
 
 /// The process's descriptors for the kernel's notifications. Asked for before the framework's watcher is made, they are
 /// those of others.

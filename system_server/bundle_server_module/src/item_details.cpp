@@ -2,6 +2,7 @@
 
 #include "common/unique_fd.h"
 #include "dir_stream.h"
+#include "file_type.h"
 
 #include <fcntl.h>
 #include <linux/magic.h>

@@ -1,6 +1,7 @@
 #include "item_fingerprint.h"
 
 #include "dir_stream.h"
+#include "file_type.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -29,11 +30,6 @@ FileFingerprint FingerprintOf(const struct stat& status)
 std::int64_t Nanoseconds(const timespec& time)
 {
     return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
-}
-
-bool MeansAbsence(int error)
-{
-    return error == ENOENT || error == ENOTDIR || error == ELOOP;
 }
 
 std::int64_t NewestChange(const ItemFingerprint& item)

@@ -74,10 +74,6 @@ private:
 
 std::int64_t Nanoseconds(const timespec& time);
 
-/// Whether a call that failed with this error has shown that there is nothing under the name. A failing disk or an
-/// absent server shows nothing.
-bool MeansAbsence(int error);
-
 } // namespace SystemServer
 
 #endif

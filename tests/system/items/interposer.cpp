@@ -7,7 +7,8 @@
 //   HOLD_AFTER=SECONDS:TEXT a line each: a thread that has written a record with that text is held up for so long
 //   FAIL=CALL:ERRNO:COUNT:AFTER  the daemon's own calls of that name, its libraries' included, fail: so many, after so
 //                           many that go through; only from the moment that a record with the text of FAIL_FROM is
-//                           written, where that is set
+//                           written, where that is set, and only those of libraries with the text of FAIL_IN in their
+//                           path
 #include "system/items/preloaded.h"
 
 #include <dirent.h>
@@ -86,10 +87,18 @@ Plan& ThePlan()
     return plan;
 }
 
-bool Fails(const char* call)
+/// Whether the code that has called is in a library that FAIL_IN means.
+bool IsMeant(void* caller)
+{
+    const char* const text = std::getenv("FAIL_IN");
+    Dl_info library{};
+    return text == nullptr || (::dladdr(caller, &library) != 0 && std::strstr(library.dli_fname, text) != nullptr);
+}
+
+bool Fails(const char* call, void* caller)
 {
     Plan& plan = ThePlan();
-    if (!plan.isArmed || plan.call != call || plan.daemon != ::getpid()) {
+    if (!plan.isArmed || plan.call != call || plan.daemon != ::getpid() || !IsMeant(caller)) {
         return false;
     }
     if (plan.after.fetch_sub(1) > 0 || plan.count.fetch_sub(1) <= 0) {
@@ -178,23 +187,34 @@ int fsync(int fd)
     Result call parameters                                                                                             \
     {                                                                                                                  \
         static const auto next = Next<Result(*) parameters>(#call);                                                    \
-        return Fails(#call) ? failure : next arguments;                                                                \
+        return Fails(#call, __builtin_return_address(0)) ? failure : next arguments;                                   \
     }
 // NOLINTEND(bugprone-macro-parentheses)
 
 FAILING_CALL(inotify_init, int, -1, () noexcept, ())
 FAILING_CALL(opendir, DIR*, nullptr, (const char* name), (name))
-FAILING_CALL(stat64, int, -1, (const char* file, struct stat64* buf) noexcept, (file, buf))
-FAILING_CALL(lstat64, int, -1, (const char* file, struct stat64* buf) noexcept, (file, buf))
 FAILING_CALL(waitpid, pid_t, -1, (pid_t pid, int* stat_loc, int options), (pid, stat_loc, options))
 FAILING_CALL(read, ssize_t, -1, (int fd, void* buf, size_t nbytes), (fd, buf, nbytes))
 FAILING_CALL(execvp, int, -1, (const char* file, char* const* argv) noexcept, (file, argv))
+
+// The status of a file, of which the size of times is not known here.
+#define FAILING_STATUS(function, call, name)                                                                           \
+    int function(const char* file, void* status) noexcept __asm__(name);                                               \
+    int function(const char* file, void* status) noexcept                                                              \
+    {                                                                                                                  \
+        static const auto next = Next<int (*)(const char*, void*)>(name);                                              \
+        return Fails(call, __builtin_return_address(0)) ? -1 : next(file, status);                                     \
+    }
+FAILING_STATUS(FailingStat, "stat64", "stat64")
+#ifdef TEST_TIME64_NAMES
+FAILING_STATUS(FailingTimedStat, "stat64", "__stat64_time64") // the daemon's own on a 32-bit machine
+#endif
 
 // NOLINTNEXTLINE(readability-identifier-naming): the header's own name
 int pthread_create(pthread_t* newthread, const pthread_attr_t* attr, void* (*start_routine)(void*), void* arg) noexcept
 {
     static const auto next =
         Next<int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)>("pthread_create");
-    return Fails("pthread_create") ? errno : next(newthread, attr, start_routine, arg);
+    return Fails("pthread_create", __builtin_return_address(0)) ? errno : next(newthread, attr, start_routine, arg);
 }
 }

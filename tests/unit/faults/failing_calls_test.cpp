@@ -178,12 +178,54 @@ TEST_F(AFailingCallOfAStorage, RegistersNoBundleThatCanNotBeLookedAt)
     const std::string path = collection.Bundle("media").Write();
     BundleManager manager(std::make_shared<BundleStorageDirFactory>());
     for (const int error : {EIO, EACCES}) {
-        const Fault fault(Call::STAT, error, 1);
+        const Fault fault(Call::STAT, error,
+                          2); // of its directory, which the framework then looks at, and of its manifest
         EXPECT_THROW(manager.LoadBundle(path), Poco::FileNotFoundException);
     }
     EXPECT_TRUE(log.HasError("resource file[" + path + "/BundleManifest.ini] does not exist."));
     EXPECT_TRUE(manager.LoadedPaths().empty());
     EXPECT_TRUE(manager.LoadBundle(path));
+}
+
+TEST_F(AFailingCallOfAStorage, IsToldWhereAnEntryOfTheCollectionCanNotBeLookedAt)
+{
+    const std::string path = collection.Bundle("media").Write();
+    std::string directory = collection.Path();
+    WriteFile(collection / "note", "");
+    BundleManager manager(std::make_shared<BundleStorageDirFactory>());
+    {
+        const Fault fault(Call::STAT, EOVERFLOW);
+        manager.LoadAllBundles(directory);
+    }
+    EXPECT_TRUE(log.HasError("[" + path +
+                             "] can not be looked at: Value too large for defined data type. It counts as no "
+                             "directory."));
+    EXPECT_TRUE(manager.LoadedPaths().empty());
+    log.Restart();
+    std::filesystem::create_symlink("nowhere", collection / "dangling");
+    manager.LoadAllBundles(directory);
+    EXPECT_EQ(log.CountPart("can not be looked at"), 0);
+    EXPECT_EQ(manager.LoadedPaths().size(), 1U);
+}
+
+TEST_F(AFailingCallOfAStorage, IsToldWhereAScriptCanNotBeLookedAt)
+{
+    const std::string mark = collection / "installed";
+    const std::string path = collection.Bundle("media").Install("#!/bin/sh\ntouch " + mark + "\n").Write();
+    const Bundle bundle(std::make_shared<BundleStorageDir>(path));
+    {
+        const Fault fault(Call::STAT, EIO);
+        bundle.RunScript("install.sh");
+    }
+    EXPECT_TRUE(log.HasError("script[" + path +
+                             "/./script/install.sh] can not be looked at: Input/output error. It is not "
+                             "run."));
+    EXPECT_FALSE(Exists(mark));
+    log.Restart();
+    bundle.RunScript("update.sh");
+    EXPECT_EQ(log.CountPart("can not be looked at"), 0);
+    bundle.RunScript("install.sh");
+    EXPECT_TRUE(Exists(mark));
 }
 
 // The framework's descriptor is then kept from the bundles, or is not; the watching does not depend on it.

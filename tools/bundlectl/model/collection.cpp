@@ -7,7 +7,7 @@
 
 #include <bundle_factory.h>
 #include <bundle_manager.h>
-#include <directory.h>
+#include <file_type.h>
 #include <item_kind.h>
 
 #include <Poco/DirectoryIterator.h>
@@ -234,7 +234,7 @@ Collection ReadCollection(const std::string& configured, const std::string& base
     try {
         // The same walk as the server's, for the same order.
         for (Poco::DirectoryIterator entry(collection.path), end; entry != end; ++entry) {
-            if (SystemServer::IsDirectory(*entry)) {
+            if (SystemServer::IsDirectory(entry->path())) {
                 DeclaredBundle bundle;
                 bundle.path = entry->path();
                 bundle.loggedPath = Printable(prefix + entry.name());
