@@ -78,6 +78,9 @@ observe() {
     after=$(running bin/tuner.sh; running bin/away.sh)
     [ -z "$(comm -12 <(sort <<< "$before") <(sort <<< "$after"))" ] || fail "an item of the crashed server is still there"
 
+    # The server sees the file systems in a namespace of its own, and is this machine's all the same.
+    chroot "$root" bundlectl status > "$root/tmp/status" 2>&1
+    grep -q "tuner.*1/1" "$root/tmp/status" || fail "bundlectl does not see what runs: $(cat "$root/tmp/status")"
     check_timers
     check_mounts
     await serves || fail "the server does not serve after a restart"

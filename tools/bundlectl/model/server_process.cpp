@@ -1,6 +1,9 @@
 #include "server_process.h"
 
+#include "common/service_directory.h"
 #include "files.h"
+
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstring>
@@ -74,6 +77,22 @@ std::set<std::string> ServiceSockets(const Proc& proc)
     return sockets;
 }
 
+/// Whether the process sees the file systems that we see. One that a service manager has given a namespace of its own,
+/// to take something from it, still shares the directory of services with us; one in a container does not.
+std::optional<bool> IsOfOurMounts(const Proc& proc, pid_t pid)
+{
+    const auto ours = ReadLink(proc.Root() + "/self/ns/mnt");
+    const auto its = proc.Link(pid, "ns/mnt");
+    if (!ours || !its) {
+        return std::nullopt;
+    }
+    struct stat here {};
+    struct stat there {};
+    return *ours == *its || (::stat(Common::SERVICE_DIRECTORY, &here) == 0 &&
+                             ::stat((proc.Path(pid, "root") + Common::SERVICE_DIRECTORY).c_str(), &there) == 0 &&
+                             here.st_dev == there.st_dev && here.st_ino == there.st_ino);
+}
+
 void ReadSurroundings(const Proc& proc, const std::set<std::string>& serviceSockets, ServerProcess& server)
 {
     const pid_t pid = server.stat.pid;
@@ -84,11 +103,7 @@ void ReadSurroundings(const Proc& proc, const std::set<std::string>& serviceSock
         server.configuration = AbsolutePath(*server.directory, server.configuration);
     }
     server.unit = UnitIn(proc.Read(pid, "cgroup").value_or(""));
-    const auto ourMounts = ReadLink(proc.Root() + "/self/ns/mnt");
-    const auto itsMounts = proc.Link(pid, "ns/mnt");
-    if (ourMounts && itsMounts) {
-        server.isOfOurMounts = *ourMounts == *itsMounts;
-    }
+    server.isOfOurMounts = IsOfOurMounts(proc, pid);
     const auto environment = proc.Environment(pid);
     const auto descriptors = proc.Descriptors(pid);
     server.isReadable = environment && descriptors;
