@@ -43,7 +43,7 @@ void StartUpSignals::LeaveToLoop()
 {
     if (m_thread.joinable()) {
         m_isOver = true;
-        pthread_kill(m_thread.native_handle(), SIGTERM); // what is pending for the process stays so
+        pthread_kill(m_thread.native_handle(), SIGINT); // what is pending for the process stays so
         m_thread.join();
     }
 }
