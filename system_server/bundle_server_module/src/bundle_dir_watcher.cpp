@@ -22,6 +22,7 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <new>
 #include <string_view>
 #include <tuple>
 #include <utility>
@@ -401,7 +402,10 @@ BundleDirWatcher::Withdrawal::Withdrawal(BundleDirWatcher& watcher, std::string 
 
 BundleDirWatcher::Withdrawal::~Withdrawal()
 {
-    m_watcher.EndWithdrawal(m_path, m_hasBegun);
+    try {
+        m_watcher.EndWithdrawal(m_path, m_hasBegun);
+    } catch (const std::bad_alloc&) { // once the removal has begun; the next scan finds out what has become of it
+    }
 }
 
 } // namespace SystemServer

@@ -3,8 +3,8 @@
 
 #include "bundle_dir_watcher.h"
 #include "bundle_manager.h"
-#include "start_up_signals.h"
 #include "directory_sync.h"
+#include "start_up_signals.h"
 
 #include <Poco/DirectoryWatcher.h>
 #include <Poco/Util/OptionSet.h>
