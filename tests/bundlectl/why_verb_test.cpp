@@ -118,7 +118,7 @@ TEST_F(Why, NamesACrashLoop)
     const Ended ended = Ask("radio");
     EXPECT_TRUE(Tells(ended, "The item tuner.sh dies again and again"));
     EXPECT_TRUE(Tells(ended, "the last end was SIGSEGV"));
-    EXPECT_TRUE(Tells(ended, "bundlectl delete --force radio"));
+    EXPECT_TRUE(Tells(ended, "bundlectl delete radio"));
 }
 
 TEST_F(Why, FindsOutWhyAProgramCannotBeExecuted)

@@ -84,7 +84,8 @@ void ItemInquiry::AddCrashLoop(const ItemStatus& item)
             "The item " + item.name + " dies again and again: " + often + " in the last hour" +
                 (last.empty() ? "" : ", the last end was " + last + " " + Ago(history.ends.back().time)) + ".",
             item.name + " crash loop" + (last.empty() ? "" : ", " + last),
-            "Correct it, or take it out: bundlectl delete --force " + m_bundle.name);
+            "Correct it. Or overwrite its file with a program that ends with status 0, then: bundlectl delete " +
+                m_bundle.name);
     if (!history.ends.empty()) {
         reason.evidence = {history.ends.back().line};
     }
@@ -165,7 +166,7 @@ void ItemInquiry::AddMarks(const ItemStatus& item)
         Add("runs-twice",
             "The item " + item.name + " runs more than once: also as process " + std::to_string(item.further.front()) +
                 ", which this server does not supervise.",
-            item.name + " runs twice", "bundlectl orphans");
+            item.name + " runs twice", "end process " + std::to_string(item.further.front()));
     }
     if (item.process != nullptr && item.process->isReplaced) {
         Add("program-replaced", "The item " + item.name + " runs a program file that has been replaced since.",

@@ -117,7 +117,7 @@ Reason ReasonOfProblem(const Problem& problem, const BundleStatus& bundle)
         return Make("start-failed", "Its start failed" + because, "start failed: " + brief, "touch " + bundle.path);
     case Fact::STOP_FAILED:
         return Make("stop-failed", "It could not be stopped, or not be unloaded" + because, "stop failed: " + brief,
-                    "bundlectl delete --force " + bundle.name);
+                    "bundlectl delete " + bundle.name);
     case Fact::UPDATE_FAILED:
         return Make("update-failed", "A change of its directory could not be taken in" + because,
                     "update failed: " + brief, "Correct it, then: touch " + bundle.path);
