@@ -19,7 +19,7 @@ public:
     /// errno set, when it cannot be opened.
     static LogDestination Open(const char* path);
 
-    /// A pipe is opened anew, for whoever else has it would otherwise be made not to wait for its reader either. The
+    /// A pipe is opened anew: other holders of it must go on waiting for its reader. The
     /// environment variable JOURNAL_STREAM names the journal's socket.
     static LogDestination StandardError();
 

@@ -256,7 +256,7 @@ bool BundleDirWatcher::Take(const Change& change)
     }
     const auto position = m_items.find(change.name); // there: only this thread takes items away
     if (change.type == DW_ITEM_REMOVED) {
-        m_removals.Begin(change.name); // first, for it may fail
+        m_removals.Begin(change.name); // first, because it may fail
         m_items.erase(position);
         return true;
     }

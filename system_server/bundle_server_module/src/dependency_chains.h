@@ -12,7 +12,7 @@ namespace SystemServer {
 
 /// How long the chains of bundles are that require each other: a bundle, one that it requires, one that this one
 /// requires, and so on. Needs no stack for their length. What has been found is kept, so the walk over all bundles
-/// looks at each of them once; whoever changes a bundle makes a new object. One thread's.
+/// looks at each of them once; a change of a bundle makes a new object. One thread's.
 class DependencyChains {
 public:
     using Dependencies = std::shared_ptr<const std::vector<std::string>>;

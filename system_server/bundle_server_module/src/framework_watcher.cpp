@@ -45,7 +45,7 @@ template <class Name, typename Name::Member Value> struct Reveal {
 };
 template struct Reveal<FrameworkThread, &Poco::DirectoryWatcher::_thread>;
 
-/// Small, for it is kept as long as the watcher.
+/// Small, because it lives as long as the watcher.
 constexpr int LEFT_THREAD_STACK = 256 * 1024;
 
 class Nothing : public Poco::Runnable {

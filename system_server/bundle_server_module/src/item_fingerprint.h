@@ -38,7 +38,7 @@ constexpr std::array<const char*, ITEM_PARTS> ITEM_PART_PATHS{"", "/BundleManife
 /// When the latest change of one of the parts was made, nanoseconds.
 std::int64_t NewestChange(const ItemFingerprint& item);
 
-/// A whole tree, for the question whether it stands still.
+/// A whole tree: shows whether it stands still.
 struct TreeFingerprint {
     std::uint64_t entries = 0;
     std::uint64_t bytes = 0;
