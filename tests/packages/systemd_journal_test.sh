@@ -1,0 +1,48 @@
+#!/usr/bin/env bash
+# Where the log goes to the journal, the journal knows each record's priority, and the operator's filters find it.
+#
+# usage: systemd_journal_test.sh PACKAGE
+set -uo pipefail
+root= # made by fresh_root
+bundles= # named by systemd_machine
+
+# shellcheck disable=SC1091 # checked by itself
+. "$(dirname "$0")/fresh_root.sh"
+# shellcheck disable=SC1091
+. "$(dirname "$0")/systemd_machine.sh"
+
+prepare() {
+    echo "ZQ_LOG_FILE=" > "$root/etc/default/bundle-server"
+    put_bundle tuner
+    put_bundle player
+    sed -i '/^bundle_load_mode/a bundle_dependencies = nowhere' "$root/$bundles/player/BundleManifest.ini"
+}
+
+# journal FILTER...: the texts of the records that pass.
+journal() {
+    chroot "$root" journalctl --unit=bundle-server --quiet --output=cat "$@"
+}
+
+told() {
+    journal | grep -q "$1"
+}
+
+observe() {
+    await serves || fail "the server does not serve"
+    await told player || fail "the journal has no record of the bundle that lacks another: $(journal)"
+
+    local errors all
+    errors=$(journal --priority=err)
+    all=$(journal)
+    grep -q 'ERROR.*bundle\[player\].*nowhere' <<< "$errors" || fail "the filter for errors finds: $errors"
+    ! grep -q 'INFO' <<< "$errors" || fail "the filter for errors passes information: $errors"
+    grep -q 'INFO.*tuner' <<< "$all" || fail "the journal has no information: $all"
+    ! grep -q '^<' <<< "$all" || fail "the journal shows the priorities in the records: $all"
+    [ ! -s "$root/var/log/bundle-server/bundle-server.log" ] || fail "the log goes to a file as well"
+
+    errors=$(chroot "$root" bundlectl log --level error 2>&1)
+    grep -q 'player' <<< "$errors" || fail "bundlectl does not read the journal: $errors"
+    echo "the filters find the errors, and bundlectl reads the journal"
+}
+
+on_machine "$@"
