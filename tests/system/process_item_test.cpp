@@ -37,7 +37,7 @@ class WhatTheServerWasStartedWith : public SystemTest, public ::testing::WithPar
 protected:
     void SetUp() override
     {
-        daemon.SetPreparation([this] {
+        daemon.SetPreparation([] {
             sigset_t blocked;
             sigemptyset(&blocked);
             for (const int signal : GetParam().blocked) {
