@@ -11,6 +11,7 @@ for name in bundle_server.8 dyn_lib_process_loader.8 bundlectl.1 BundleManifest.
         grep -qx "\.Sh $section" "$name" || { echo "$name has no section $section"; exit 1; }
     done
 done
+grep -qx "\.Sh RETURN VALUES" bundle_client.3 || { echo "bundle_client.3 does not say what is returned"; exit 1; }
 command -v mandoc > /dev/null || { echo "skipped: there is no mandoc"; exit 77; }
 said=$(mandoc -Tlint -Wwarning ./*[0-9])
 status=$?

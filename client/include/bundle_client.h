@@ -1,0 +1,151 @@
+#ifndef BUNDLE_CLIENT_H
+#define BUNDLE_CLIENT_H
+
+/*
+ * Clients of the bundle server: delete a bundle, publish events and listen for them. C, for any language; the library
+ * needs nothing but the C library.
+ *
+ * Threads: every function may be called from any thread, several at the same time. A listener alone belongs to one
+ * thread at a time.
+ *
+ * Time limits are in milliseconds of the monotonic clock, so setting the time of day does not matter. A negative limit
+ * is none; 0 does not wait. A call never ends with BUNDLE_CLIENT_TIMEOUT before its limit is over.
+ *
+ * Signals: no call is ended by a signal handler, none raises SIGPIPE. No function is a cancellation point of
+ * pthread_cancel.
+ *
+ * Resources: every descriptor of the library is close-on-exec. Except a listener's, none outlives the call. No function
+ * but bundle_client_listener_open allocates memory.
+ *
+ * Failures: a function that returns an int returns 0, BUNDLE_CLIENT_OK, or one of the codes below. Where a code says
+ * so, errno holds the reason; otherwise errno means nothing.
+ *
+ * Rights: the server serves its own user and root.
+ */
+
+#include <stddef.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define BUNDLE_CLIENT_API __attribute__((visibility("default")))
+
+/* What functions return. The numbers stay what they are; later versions may add some. */
+enum {
+    BUNDLE_CLIENT_OK = 0,              /* done */
+    BUNDLE_CLIENT_INVALID = 1,         /* an argument is not what this header asks for; nothing was done */
+    BUNDLE_CLIENT_UNREACHABLE = 2,     /* no server can be reached, errno says why; nothing was done */
+    BUNDLE_CLIENT_TIMEOUT = 3,         /* the time is over; the server may still do what it was asked for */
+    BUNDLE_CLIENT_CLOSED = 4,          /* the server closed the connection without a reply: it has ended, or refuses
+                                          this user */
+    BUNDLE_CLIENT_SHORT_REPLY = 5,     /* the reply is shorter than a header */
+    BUNDLE_CLIENT_WRONG_LENGTH = 6,    /* the reply's length field is not its content's length */
+    BUNDLE_CLIENT_NOT_A_REPLY = 7,     /* what came is no reply */
+    BUNDLE_CLIENT_FAILED = 8,          /* the server could not do it, or only in part; its log says why */
+    BUNDLE_CLIENT_UNKNOWN_BUNDLE = 9,  /* the server knows no bundle of that name */
+    BUNDLE_CLIENT_UNKNOWN_STATUS = 10, /* the reply has a status that this library does not know */
+    BUNDLE_CLIENT_UNHEARD = 11,        /* no program listens, or the listener has fallen behind; the event is dropped */
+    BUNDLE_CLIENT_NOT_A_FIFO = 12,     /* something else stands in the event service's place */
+    BUNDLE_CLIENT_SYSTEM = 13          /* a call of the system failed, errno says why */
+};
+
+/* The longest name of a bundle, of a publisher and of an event, in bytes without the NUL. */
+#define BUNDLE_CLIENT_NAME_MAX 127
+#define BUNDLE_CLIENT_EVENT_NAME_MAX 15
+
+/*
+ * Deletes a bundle: the server stops it, uninstalls it and removes its directory.
+ *
+ * name     the one in the bundle's manifest, 1 to BUNDLE_CLIENT_NAME_MAX bytes
+ * timeout  in milliseconds, for connecting, the request and its reply together; a script of a bundle can hold the
+ *          server for long
+ *
+ * Returns BUNDLE_CLIENT_OK when the bundle is gone, BUNDLE_CLIENT_UNKNOWN_BUNDLE when there is none of that name,
+ * BUNDLE_CLIENT_FAILED when it could not be deleted. After INVALID, UNREACHABLE and UNKNOWN_BUNDLE the bundle is as it
+ * was; after any other code it may be gone, now or later.
+ */
+BUNDLE_CLIENT_API int bundle_client_delete(const char *name, int timeout);
+
+/*
+ * Sends one request and waits for its reply: what bundle_client_delete is made of, for a request that this library has
+ * no function for.
+ *
+ * method   0 to 127
+ * content  size bytes, at most 65,528; may be null when size is 0
+ * timeout  in milliseconds, for connecting, the request and its reply together
+ * status   receives the reply's status. May be null. Left alone unless BUNDLE_CLIENT_OK is returned
+ *
+ * Returns BUNDLE_CLIENT_OK for any sound reply, whatever its status is.
+ */
+BUNDLE_CLIENT_API int bundle_client_request(unsigned method, const void *content, size_t size, int timeout,
+                                            unsigned *status);
+
+/*
+ * Publishes an event. Never waits: an event that cannot be written at once is dropped.
+ *
+ * publisher, event  at most BUNDLE_CLIENT_EVENT_NAME_MAX bytes each
+ *
+ * Returns BUNDLE_CLIENT_OK when a listener is there and has room for the event, which does not say that it reads it;
+ * BUNDLE_CLIENT_UNHEARD when the event is dropped; BUNDLE_CLIENT_NOT_A_FIFO, BUNDLE_CLIENT_SYSTEM. Another program that
+ * publishes at the same moment passes for a listener.
+ */
+BUNDLE_CLIENT_API int bundle_client_publish(const char *publisher, const char *event);
+
+/* An event; both names end with a NUL. The server publishes "app.event.init" as "bundle_service" after each deletion.
+ */
+typedef struct bundle_client_event {
+    char publisher[BUNDLE_CLIENT_EVENT_NAME_MAX + 2];
+    char event[BUNDLE_CLIENT_EVENT_NAME_MAX + 2];
+} bundle_client_event;
+
+/* One who listens for events. All listeners of a machine share the events: each event reaches one of them. */
+typedef struct bundle_client_listener bundle_client_listener;
+
+/*
+ * Begins to listen: makes the event service, and the directory that it stands in, where they are missing. Events from
+ * here on are kept for the listener, some hundreds of them.
+ *
+ * listener  receives the new listener, which the caller closes; null on failure
+ *
+ * Returns BUNDLE_CLIENT_OK, BUNDLE_CLIENT_NOT_A_FIFO, BUNDLE_CLIENT_SYSTEM, or BUNDLE_CLIENT_INVALID.
+ */
+BUNDLE_CLIENT_API int bundle_client_listener_open(bundle_client_listener **listener);
+
+/*
+ * Waits for the next event.
+ *
+ * event    receives it; left alone unless BUNDLE_CLIENT_OK is returned
+ * timeout  in milliseconds, how long to wait for one that has not come yet
+ *
+ * Returns BUNDLE_CLIENT_OK, BUNDLE_CLIENT_TIMEOUT when none has come, BUNDLE_CLIENT_SYSTEM, or BUNDLE_CLIENT_INVALID.
+ */
+BUNDLE_CLIENT_API int bundle_client_listener_next(bundle_client_listener *listener, bundle_client_event *event,
+                                                  int timeout);
+
+/*
+ * The listener's descriptor, for poll and its like. It is the listener's: do not read or close it. When it is readable,
+ * take events with a limit of 0 until BUNDLE_CLIENT_TIMEOUT comes: the listener reads several at once. -1 for null.
+ */
+BUNDLE_CLIENT_API int bundle_client_listener_fd(const bundle_client_listener *listener);
+
+/*
+ * How many bytes the listener has skipped since the last call because they were no event. Some other program has
+ * written them. 0 for null.
+ */
+BUNDLE_CLIENT_API size_t bundle_client_listener_skipped(bundle_client_listener *listener);
+
+/* Ends listening and frees the listener. The event service stays. Null is allowed. */
+BUNDLE_CLIENT_API void bundle_client_listener_close(bundle_client_listener *listener);
+
+/* A code in words, English, without a line end. Never null, also for a number that is no code; static. */
+BUNDLE_CLIENT_API const char *bundle_client_text(int code);
+
+/* The version of the library that runs, such as "0.1.0". Static. */
+BUNDLE_CLIENT_API const char *bundle_client_version(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

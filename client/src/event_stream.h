@@ -1,0 +1,53 @@
+#ifndef CLIENT_EVENT_STREAM_H
+#define CLIENT_EVENT_STREAM_H
+
+#include <algapp_bolt_comm.h>
+#include <lumo.h>
+
+#include <cstddef>
+
+namespace BundleClient {
+
+/// An event as it is on the wire.
+struct EventMessage {
+    lumo_header header;
+    SystemServer::EventRecord record;
+};
+static_assert(sizeof(EventMessage) == 72, "an event has no padding");
+
+/// An event without names, its header filled in.
+EventMessage EmptyEvent();
+
+/// Cuts events out of the bytes of the FIFO. What is written at once arrives in one piece, but a FIFO does not keep
+/// apart what two programs have written: after bytes that are no event, the next event is found by its header.
+class EventStream {
+public:
+    /// How many bytes to read at once: whole events, so that what other readers of the FIFO get is whole as well.
+    static constexpr std::size_t READ_SIZE = 56 * sizeof(EventMessage);
+
+    /// Room for so many bytes. Only when Next has found no event.
+    char* Room() { return m_bytes + m_size; }
+    /// Tells how many of them have been filled.
+    void Added(std::size_t size) { m_size += size; }
+
+    /// Takes the next event out. False when there is none in full.
+    bool Next(SystemServer::EventRecord& record);
+
+    /// Called when the FIFO is empty: what is left is then no beginning of an event.
+    void DropRest() { Skip(m_size); }
+
+    /// The number of bytes since the last call that were no event.
+    std::size_t TakeSkipped();
+
+private:
+    void Skip(std::size_t count);
+    void Remove(std::size_t count);
+
+    char m_bytes[READ_SIZE + sizeof(EventMessage)] = {};
+    std::size_t m_size = 0;
+    std::size_t m_skipped = 0;
+};
+
+} // namespace BundleClient
+
+#endif
