@@ -17,7 +17,7 @@ enter_machine() {
     [ "$(id -u)" -eq 0 ] || skip "only root may have a mount namespace in which it can install"
     [ -z "${IN_FRESH_ROOT:-}" ] || return 0
     local namespaces=(unshare --mount --pid --fork --kill-child --mount-proc --propagation private)
-    "${namespaces[@]}" true 2> /dev/null || skip "there are no namespaces for mounts and processes to be had"
+    "${namespaces[@]}" true 2> /dev/null || skip "no namespaces for mounts and processes are available"
     IN_FRESH_ROOT=yes exec "${namespaces[@]}" "$BASH" "$0" "$@"
 }
 
