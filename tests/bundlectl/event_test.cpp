@@ -159,7 +159,7 @@ TEST(AnEvent, ToleratesNamesThatLookLikeTheText)
     EXPECT_EQ(event.Number(1), 4711);
 }
 
-TEST(AnEvent, IsNothingWhereTheTextIsUnknownOrCut)
+TEST(AnEvent, IsNotReadFromAnUnknownOrCutText)
 {
     EXPECT_FALSE(EventOf("").isKnown);
     EXPECT_FALSE(EventOf("an item says something").isKnown);

@@ -88,7 +88,7 @@ TEST(AnyRecord, MayHaveAPriorityBeforeIt)
     EXPECT_EQ(MessagesIn(reader), (Messages{"one", "two"}));
 }
 
-TEST(ALogReader, PassesOverLinesThatAreNoRecords)
+TEST(ALogReader, SkipsLinesThatAreNoRecords)
 {
     LogReader reader = ReaderOf("hello\n" + Record("one") + "\n\001\n" + Record("two"));
     EXPECT_EQ(MessagesIn(reader), (Messages{"one", "two"}));
@@ -163,7 +163,7 @@ TEST(ALogReader, CountsStepsOfTheClock)
     EXPECT_EQ(reader.Counts().stepsBack, 1U);
 }
 
-TEST(ALogReader, PassesOverLinesOfAnyLength)
+TEST(ALogReader, SkipsLinesOfAnyLength)
 {
     const std::string endless(1'000'000, 'T');
     LogReader reader = ReaderOf(Record("one") + endless + "\n" + Record("two") + endless, 10'000);

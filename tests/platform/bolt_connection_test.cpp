@@ -67,7 +67,7 @@ TEST_F(AConnection, CarriesRequestsAndTheirReplies)
     EXPECT_EQ(reply->substr(8), "content");
 }
 
-TEST_F(AConnection, CarriesEverySizeFromNoneToAFullPacketWithANulBehindTheContent)
+TEST_F(AConnection, CarriesContentsOfEverySizeUpToAFullPacketFollowedByANul)
 {
     const UnixClient client(m_path);
     for (const std::size_t size : {65528UL, 0UL, 1UL, 127UL, 128UL, 4096UL, 65527UL}) {
@@ -78,7 +78,7 @@ TEST_F(AConnection, CarriesEverySizeFromNoneToAFullPacketWithANulBehindTheConten
     EXPECT_EQ(ContentsWithoutNul(), 0);
 }
 
-TEST_F(AConnection, KeepsTheOrderOfWhatIsSentInOneGo)
+TEST_F(AConnection, KeepsTheOrderOfRequestsThatAreSentTogether)
 {
     const UnixClient client(m_path);
     for (int i = 0; i < 200; ++i) {
@@ -111,7 +111,7 @@ TEST_F(AConnection, IsOneOfHundredsThatAreServedSideBySide)
     }
 }
 
-TEST_F(AConnection, IsClosedForABrokenPacketAndNoOtherIs)
+TEST_F(AConnection, IsTheOnlyOneClosedForABrokenPacket)
 {
     const std::string sound = PacketOf(ECHO, 0, "hello");
     const std::string broken[] = {
@@ -162,7 +162,7 @@ TEST_F(AConnection, FillsNoDiskWithLogWhenManyAreBroken)
     EXPECT_LE(records, seconds + 1);
 }
 
-TEST_F(AConnection, MayLeaveOneMebibyteOfRepliesUnreadAsOftenAsItLikes)
+TEST_F(AConnection, MayLeaveOneMebibyteOfRepliesUnreadRepeatedly)
 {
     const UnixClient client(m_path);
     const UnixClient other(m_path);
@@ -180,7 +180,7 @@ TEST_F(AConnection, MayLeaveOneMebibyteOfRepliesUnreadAsOftenAsItLikes)
     }
 }
 
-TEST_F(AConnection, LetsNoReplyOvertakeThoseThatWait)
+TEST_F(AConnection, LetsNoReplyOvertakeWaitingOnes)
 {
     const UnixClient client(m_path);
     const UnixClient other(m_path);
@@ -204,7 +204,7 @@ TEST_F(AConnection, LetsNoReplyOvertakeThoseThatWait)
     EXPECT_EQ(client.Receive(10s).value_or("        none").substr(8), "hello");
 }
 
-TEST_F(AConnection, IsClosedWhenMoreThanOneMebibyteOfRepliesIsUnreadAndNoOtherIs)
+TEST_F(AConnection, IsTheOnlyOneClosedWhenMoreThanOneMebibyteOfRepliesIsUnread)
 {
     const UnixClient other(m_path);
     const UnixClient client(m_path);
@@ -218,7 +218,7 @@ TEST_F(AConnection, IsClosedWhenMoreThanOneMebibyteOfRepliesIsUnreadAndNoOtherIs
     EXPECT_TRUE(IsServed(other));
 }
 
-TEST_F(AConnection, TakesNoMoreRepliesOnceItIsDroppedAndOutlivesTheCallbackThatGoesOnSending)
+TEST_F(AConnection, TakesNoMoreRepliesOnceItIsDroppedAndOutlivesTheCallbackThatKeepsSending)
 {
     const UnixClient other(m_path);
     const UnixClient client(m_path);
@@ -230,7 +230,7 @@ TEST_F(AConnection, TakesNoMoreRepliesOnceItIsDroppedAndOutlivesTheCallbackThatG
     EXPECT_LT(RepliesTakenInFlood(), 100);
 }
 
-TEST_F(AConnection, IsClosedWhenTheServiceThrowsAndNoOtherIs)
+TEST_F(AConnection, IsTheOnlyOneClosedWhenTheServiceThrows)
 {
     const UnixClient other(m_path);
     for (const std::uint8_t method : {THROW, THROW_INT}) {
@@ -254,7 +254,7 @@ TEST_F(AConnection, MayEndWhileRepliesAreUnderWay)
     EXPECT_TRUE(IsServed(other));
 }
 
-TEST_F(AConnection, IsSentTheRepliesThatWaitWhenItsPeerHasShutDownItsSending)
+TEST_F(AConnection, GetsItsWaitingRepliesAfterItsPeerHasShutDownItsSending)
 {
     const UnixClient other(m_path);
     const UnixClient client(m_path);
@@ -282,7 +282,7 @@ TEST_F(AConnection, IsRefusedToAnotherUserByTheSocketsMode)
     EXPECT_TRUE(HoldsForNobody([this] { return UnixClient(m_path).Error() == EACCES; }));
 }
 
-TEST_F(AConnection, OfAnotherUserIsClosedAtOnceWhereTheSocketLetsItIn)
+TEST_F(AConnection, OfAnotherUserIsClosedAtOnceIfTheSocketLetsItIn)
 {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "needs root, to become another user";

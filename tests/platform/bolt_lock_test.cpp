@@ -91,7 +91,7 @@ const std::string TheLockOnAName::SOCKET = SocketPath(SERVICE);
 
 } // namespace
 
-TEST_F(TheLockOnAName, IsNotOneOnTheDirectoryWhichEverybodyMayOpen)
+TEST_F(TheLockOnAName, IsNotOnTheDirectoryThatAllMayOpen)
 {
     const Holder holder("/mnt/bolt", O_RDONLY | O_DIRECTORY);
     const RunningServer server(SERVICE, g_testProtocol);
@@ -142,7 +142,7 @@ TEST_F(TheLockOnAName, LeftByAKilledServerIsUsedAgain)
     EXPECT_EQ(LogText().find("service["), std::string::npos) << LogText();
 }
 
-TEST_F(TheLockOnAName, HasAnyLinkInItsPlaceRemovedAndNothingElseTouched)
+TEST_F(TheLockOnAName, RemovesALinkInItsPlaceAndNothingElse)
 {
     std::ofstream("/mnt/mine") << "mine";
     const Holder holder("/mnt/mine");
@@ -155,7 +155,7 @@ TEST_F(TheLockOnAName, HasAnyLinkInItsPlaceRemovedAndNothingElseTouched)
     ASSERT_EQ(::unlink("/mnt/mine"), 0);
 }
 
-TEST_F(TheLockOnAName, HasAFifoInItsPlaceRemoved)
+TEST_F(TheLockOnAName, RemovesAFifoInItsPlace)
 {
     ASSERT_EQ(::mkfifo(LOCK, 0600), 0);
     const RunningServer server(SERVICE, g_testProtocol);
@@ -173,7 +173,7 @@ TEST_F(TheLockOnAName, WaitsUntilADirectoryInItsPlaceIsRemoved)
     EXPECT_TRUE(ComesToBeServed());
 }
 
-TEST_F(TheLockOnAName, HasAFileOfAnotherUserRemovedWhichThatOneHoldsLocked)
+TEST_F(TheLockOnAName, RemovesAFileThatAnotherUserHoldsLocked)
 {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "needs root, to make a file of another user";
@@ -188,7 +188,7 @@ TEST_F(TheLockOnAName, HasAFileOfAnotherUserRemovedWhichThatOneHoldsLocked)
         << "it can be another user's server, which removes it itself";
 }
 
-TEST_F(TheLockOnAName, WaitsUntilAFileOfAnotherUserIsRemovedWhichItMayNotRemove)
+TEST_F(TheLockOnAName, WaitsUntilAFileIsRemovedThatItMayNotRemove)
 {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "needs root, to become another user";

@@ -104,7 +104,7 @@ TEST_P(TheLoopOn, EndsTheServiceAndTheWaitThatFollows)
     EXPECT_FALSE(Exists(m_path));
 }
 
-TEST_P(TheLoopOn, EndsAlsoWhereTheProcessWasStartedWithTheSignalIgnored)
+TEST_P(TheLoopOn, EndsEvenIfTheProcessWasStartedWithTheSignalIgnored)
 {
     const auto ignore = [] {
         for (const int number : {SIGINT, SIGQUIT, SIGTERM}) {
@@ -119,7 +119,7 @@ TEST_P(TheLoopOn, EndsAlsoWhereTheProcessWasStartedWithTheSignalIgnored)
     EXPECT_EQ(server.Wait(), 0);
 }
 
-TEST_P(TheLoopOn, EndsAtOnceWhereTheSignalHasComeBeforeItRuns)
+TEST_P(TheLoopOn, EndsAtOnceIfTheSignalCameBeforeItRuns)
 {
     bool isOver = false;
     std::thread([&] {
@@ -159,7 +159,7 @@ TEST_F(TheLoop, BlocksTheThreeSignalsAndChangesNoDisposition)
     EXPECT_TRUE(areBlocked);
 }
 
-TEST_F(TheLoop, TakesItsSocketAwayAtItsEnd)
+TEST_F(TheLoop, RemovesItsSocketAtItsEnd)
 {
     RunningServer server(SERVICE, g_testProtocol);
     ASSERT_TRUE(Exists(m_path));
@@ -167,7 +167,7 @@ TEST_F(TheLoop, TakesItsSocketAwayAtItsEnd)
     EXPECT_FALSE(Exists(m_path));
 }
 
-TEST_F(TheLoop, LeavesAtItsEndWhatSomebodyElseHasPutInItsSocketsPlace)
+TEST_F(TheLoop, DoesNotTouchAtItsEndAnotherFileInItsSocketsPlace)
 {
     RunningServer server(SERVICE, g_testProtocol);
     ASSERT_EQ(::unlink(m_path.c_str()), 0);
@@ -177,7 +177,7 @@ TEST_F(TheLoop, LeavesAtItsEndWhatSomebodyElseHasPutInItsSocketsPlace)
     EXPECT_TRUE(IsServed(UnixClient(m_path)));
 }
 
-TEST_F(TheLoop, ReturnsAfterItsTimeAndLeavesTheServiceAsItIs)
+TEST_F(TheLoop, ReturnsAfterItsTimeAndKeepsTheService)
 {
     std::thread([this] {
         bolt_event_mgr* mgr = bolt_event_mgr_new(0);
@@ -246,7 +246,7 @@ TEST_F(TheLoop, ServesSeveralServicesAtOnce)
     }).join();
 }
 
-TEST_F(TheLoop, KeepsEveryDescriptorFromThePrograms)
+TEST_F(TheLoop, HidesEveryDescriptorFromPrograms)
 {
     const ServerProcess server(SERVICE, g_testProtocol, {RememberDescriptors, [](int result) { return result; }});
     ASSERT_TRUE(server.IsRegistered()) << LogText();
@@ -256,7 +256,7 @@ TEST_F(TheLoop, KeepsEveryDescriptorFromThePrograms)
     EXPECT_EQ(HeaderOf(*reply).status, 0);
 }
 
-TEST_F(TheLoop, WaitsQuietlyWhenItHasNoDescriptorLeftAndGoesOnWhenItHas)
+TEST_F(TheLoop, WaitsQuietlyWithoutADescriptorAndContinuesWithOne)
 {
     static const bolt_protocol_ops protocol{[](bolt_connection* /*conn*/) {
                                                 static bool isLimited = false;

@@ -145,7 +145,7 @@ int WinnersAmong(int competitors)
 
 } // namespace
 
-TEST_F(Registering, MakesTheServiceDirectoryWhereItIsMissing)
+TEST_F(Registering, MakesTheMissingServiceDirectory)
 {
     ::rmdir("/mnt/bolt");
     const mode_t before = ::umask(077);
@@ -155,7 +155,7 @@ TEST_F(Registering, MakesTheServiceDirectoryWhereItIsMissing)
     EXPECT_EQ(ModeOf("/mnt/bolt"), 0755U);
 }
 
-TEST_F(Registering, MakesASocketForTheUserAndTheGroupOnlyWhateverTheUmask)
+TEST_F(Registering, MakesASocketForTheUserAndTheGroupOnlyUnderAnyUmask)
 {
     for (const mode_t mask : {0U, 022U, 077U, 0777U}) {
         const mode_t before = ::umask(mask);
@@ -188,7 +188,7 @@ TEST_F(Registering, ReplacesTheSocketOfAKilledServer)
     EXPECT_TRUE(IsServed(m_path));
 }
 
-TEST_F(Registering, FailsWhereALiveServerHoldsTheNameAndLeavesThatOneAlone)
+TEST_F(Registering, FailsIfALiveServerHoldsTheNameAndDoesNotDisturbIt)
 {
     const RunningServer server(SERVICE, g_testProtocol);
     EXPECT_FALSE(Works(SERVICE));
@@ -197,7 +197,7 @@ TEST_F(Registering, FailsWhereALiveServerHoldsTheNameAndLeavesThatOneAlone)
     EXPECT_TRUE(Works("other.service"));
 }
 
-TEST_F(Registering, FailsWhereALiveServerIsTooBusyToAccept)
+TEST_F(Registering, FailsIfALiveServerIsTooBusyToAccept)
 {
     // A server that never accepts, with its queue full.
     ASSERT_TRUE(Works(SERVICE));
@@ -223,7 +223,7 @@ TEST_F(Registering, IsWonByExactlyOneOfTwentyThatStartAtTheSameMoment)
     }
 }
 
-TEST_F(Registering, LeavesAloneWhatIsNoSocket)
+TEST_F(Registering, DoesNotTouchOtherFilesThanSockets)
 {
     ASSERT_TRUE(Works(SERVICE));
     std::ofstream(m_path) << "mine";
@@ -233,7 +233,7 @@ TEST_F(Registering, LeavesAloneWhatIsNoSocket)
     ::unlink(m_path.c_str());
 }
 
-TEST_F(Registering, FailsForANameThatIsNoFileName)
+TEST_F(Registering, FailsForANameThatCannotBeAFileName)
 {
     for (const std::string name : {"", ".", "..", "a/b", "/etc/x"}) {
         EXPECT_FALSE(Works(name)) << name;
@@ -272,7 +272,7 @@ TEST_F(Registering, FailsAndLeavesNothingWhenTheServiceDoesNotStart)
     EXPECT_TRUE(Works(SERVICE));
 }
 
-TEST_F(Registering, SaysWhereTheServersUserMayMakeNoSocket)
+TEST_F(Registering, ReportsWhereTheServersUserMayMakeNoSocket)
 {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "needs root, to become another user";
@@ -285,7 +285,7 @@ TEST_F(Registering, SaysWhereTheServersUserMayMakeNoSocket)
         << LogText();
 }
 
-TEST_F(Registering, SaysThatTheDirectoryIsMissingAndForWhomToMakeIt)
+TEST_F(Registering, ReportsTheMissingDirectoryAndItsFutureOwner)
 {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "needs root, to become another user";
@@ -297,7 +297,7 @@ TEST_F(Registering, SaysThatTheDirectoryIsMissingAndForWhomToMakeIt)
         << LogText();
 }
 
-TEST_F(Registering, SaysThatSomethingElseStandsInTheDirectorysPlace)
+TEST_F(Registering, ReportsAnotherKindOfFileInTheDirectorysPlace)
 {
     ::rmdir("/mnt/bolt");
     std::ofstream("/mnt/bolt") << "no directory";
@@ -306,7 +306,7 @@ TEST_F(Registering, SaysThatSomethingElseStandsInTheDirectorysPlace)
     ASSERT_EQ(::unlink("/mnt/bolt"), 0);
 }
 
-TEST_F(Registering, ServesRootAlsoWhereTheServerIsAnotherUser)
+TEST_F(Registering, ServesRootIfTheServerIsAnotherUser)
 {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "needs root, to become another user";

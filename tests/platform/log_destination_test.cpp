@@ -15,7 +15,7 @@
 #include <fstream>
 #include <thread>
 
-TEST_F(TheLog, GoesToStandardErrorWhereNoFileIsNamed)
+TEST_F(TheLog, GoesToStandardErrorIfNoFileIsNamed)
 {
     ASSERT_EQ(InChild([] {
                   ::unsetenv("ZQ_LOG_FILE");
@@ -56,7 +56,7 @@ TEST_F(TheLog, MakesItsFileForTheUserAndTheGroupOnly)
     EXPECT_EQ(status.st_mode & 07777U, 0640U);
 }
 
-TEST_F(TheLog, SaysOnceOnStandardErrorThatItsFileCannotBeOpenedAndGoesThere)
+TEST_F(TheLog, ReportsOnceThatItsFileCannotBeOpenedAndGoesToStandardError)
 {
     ASSERT_EQ(InChild([] {
                   ::setenv("ZQ_LOG_FILE", "/nowhere/to/be/found", 1);
@@ -72,7 +72,7 @@ TEST_F(TheLog, SaysOnceOnStandardErrorThatItsFileCannotBeOpenedAndGoesThere)
     EXPECT_EQ(MessageOf(lines[2]), "two");
 }
 
-TEST_F(TheLog, KeepsItsFileFromThePrograms)
+TEST_F(TheLog, HidesItsFileFromPrograms)
 {
     EXPECT_EQ(InChildWithFile([&] {
                   LOG("x");
@@ -89,7 +89,7 @@ TEST_F(TheLog, KeepsItsFileFromThePrograms)
               0);
 }
 
-TEST_F(TheLog, EndsALineThatAFullDiskCutOffAndTellsHowManyRecordsItAndItsChildrenLost)
+TEST_F(TheLog, EndsALineThatAFullDiskCutOffAndCountsLostRecordsOfAllProcesses)
 {
     constexpr int records = 20;
     constexpr int childRecords = 3;
@@ -134,7 +134,7 @@ TEST_F(TheLog, EndsALineThatAFullDiskCutOffAndTellsHowManyRecordsItAndItsChildre
     EXPECT_EQ(MessageOf(lines[whole + 3]), "and more.");
 }
 
-TEST_F(TheLog, IsNotKeptWaitingByAFifoThatNobodyReads)
+TEST_F(TheLog, DoesNotWaitForAFifoWithoutAReader)
 {
     ASSERT_EQ(::mkfifo(m_file.c_str(), 0600), 0);
     const int fifo = ::open(m_file.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC); // what is in it outlives the child
@@ -156,7 +156,7 @@ TEST_F(TheLog, IsNotKeptWaitingByAFifoThatNobodyReads)
     }
 }
 
-TEST_F(TheLog, OnAPipeWhoseReaderHasGoneKillsNobodyAndChangesNoSignal)
+TEST_F(TheLog, OnAPipeWithoutAReaderKillsNoProcessAndChangesNoSignal)
 {
     EXPECT_EQ(InChild([] {
                   std::array<int, 2> ends{};
@@ -178,7 +178,7 @@ TEST_F(TheLog, OnAPipeWhoseReaderHasGoneKillsNobodyAndChangesNoSignal)
               0);
 }
 
-TEST_F(TheLog, AgreesOnOneFileWhenManyThreadsLogFirst)
+TEST_F(TheLog, OpensOneFileWhenManyThreadsLogFirst)
 {
     ASSERT_EQ(InChildWithFile([] {
                   std::vector<std::thread> all;

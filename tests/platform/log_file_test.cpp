@@ -78,7 +78,7 @@ protected:
 
 } // namespace
 
-TEST_F(TheLog, SaysOnceThatItsFileCannotBeOpenedHoweverManyThreadsFindOut)
+TEST_F(TheLog, ReportsOnceForAllThreadsThatItsFileCannotBeOpened)
 {
     constexpr int threads = 4;
     ASSERT_EQ(InChild([] {
@@ -101,14 +101,14 @@ TEST_F(TheLog, SaysOnceThatItsFileCannotBeOpenedHoweverManyThreadsFindOut)
               1);
 }
 
-TEST_F(TheLog, FollowsALinkThatNobodyElseCanHavePut)
+TEST_F(TheLog, FollowsALinkThatNoOtherUserCanHaveMade)
 {
     ASSERT_EQ(::symlink((m_directory / "target").c_str(), m_file.c_str()), 0);
     ASSERT_EQ(InChildWithFile([] { LOG("followed"); }), 0);
     EXPECT_EQ(MessageOf(LinesOf(ContentOf(m_directory / "target")).at(0)), "followed");
 }
 
-TEST_F(TheLog, FollowsNoLinkWhereOthersMayPutOne)
+TEST_F(TheLog, FollowsNoLinkWhereOthersMayMakeOne)
 {
     ASSERT_EQ(::symlink((m_directory / "target").c_str(), m_file.c_str()), 0);
     for (const mode_t mode : {01777U, 0702U, 0770U}) {
@@ -154,7 +154,7 @@ TEST_F(TheLog, OfAnotherUserThanRootFollowsLinksOfBoth)
     EXPECT_EQ(LinesOf(ContentOf(target)).size(), 2U);
 }
 
-TEST_F(TheLog, LooksAtTheWorkingDirectoryForAFileThatIsNamedWithoutOne)
+TEST_F(TheLog, ChecksTheWorkingDirectoryForAFileWithoutAPath)
 {
     const auto inTheDirectory = [this] {
         if (::chdir(m_directory.Path().c_str()) != 0 || ::setenv("ZQ_LOG_FILE", "log", 1) != 0) {
@@ -170,7 +170,7 @@ TEST_F(TheLog, LooksAtTheWorkingDirectoryForAFileThatIsNamedWithoutOne)
     EXPECT_EQ(LinesOf(ContentOf(m_directory / "target")).size(), 1U);
 }
 
-TEST_F(TheLog, MakesItsFileAlsoWhereOthersMayPutALink)
+TEST_F(TheLog, MakesItsFileEvenWhereOthersMayMakeALink)
 {
     ASSERT_EQ(::chmod(m_directory.Path().c_str(), 01777), 0);
     ASSERT_EQ(InChildWithFile([] { LOG("made"); }), 0);
@@ -228,7 +228,7 @@ TEST_F(TheLogOnATerminal, DoesNotMakeItTheTerminalOfTheProcess)
     EXPECT_GT(::read(m_master, text.data(), text.size()), 0);
 }
 
-TEST_F(TheLogOnATerminal, ThatIsHeldWaitsForNobody)
+TEST_F(TheLogOnATerminal, ThatIsHeldDoesNotWait)
 {
     const int slave = ::open(m_terminal.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
     ASSERT_EQ(::tcflow(slave, TCOOFF), 0);

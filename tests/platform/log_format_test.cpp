@@ -117,14 +117,14 @@ TEST(ALogRecord, ShowsNumbersOfAnySize)
               std::string::npos);
 }
 
-TEST(ALogRecord, HasADashWhereTheCallGivesNoFile)
+TEST(ALogRecord, HasADashIfTheCallGivesNoFile)
 {
     RecordHead head = SomeHead();
     head.file = nullptr;
     EXPECT_NE(Format(head, "x").find(" 1234 1236 - x\n"), std::string::npos);
 }
 
-TEST(ALogRecord, StaysOneLineAndKeepsRoomForTheMessageWhateverTheFileIsCalled)
+TEST(ALogRecord, StaysOneLineAndKeepsRoomForTheMessageForAnyFileName)
 {
     RecordHead head = SomeHead();
     const std::string longName = "a\nb" + std::string(5000, 'c');
@@ -164,7 +164,7 @@ TEST(TheTimeOfALogRecord, IsRightAtTheEdgesOfDaysAndYears)
     }
 }
 
-TEST(TheTimeOfALogRecord, KeepsItsWidthWhenTheClockIsOutOfItsMind)
+TEST(TheTimeOfALogRecord, KeepsItsWidthForImpossibleTimes)
 {
     EXPECT_EQ(TimeOf(-1, 5000), "1970-01-01T00:00:00.000005Z");
     if (HAS_WIDE_CLOCK) {
@@ -214,7 +214,7 @@ TEST(TheMessageOfALogRecord, KeepsTextOfOtherLanguagesAndBackslashes)
     EXPECT_EQ(MessageOf(text + "\n"), text + "\\n");
 }
 
-TEST(TheMessageOfALogRecord, KeepsBytesThatAreNoTextAsTheyAre)
+TEST(TheMessageOfALogRecord, KeepsInvalidUtf8)
 {
     for (const std::string text : {"\xC2", "\x80", "\xFF\xFE", "\xE6\x9D", "\xC2x", "\xF0\x9F\x93"}) {
         EXPECT_EQ(MessageOf(text), text);
@@ -247,7 +247,7 @@ TEST(TheMessageOfALogRecord, IsNeverCutInsideACharacter)
     }
 }
 
-TEST(TheMessageOfALogRecord, IsNeverCutInsideACharacterBehindAnEscape)
+TEST(TheMessageOfALogRecord, IsNeverCutInsideACharacterAfterAnEscape)
 {
     const std::size_t room = MessageRoom();
     for (std::size_t shift = 0; shift < 8; ++shift) {
@@ -285,19 +285,19 @@ TEST(TheMessageOfALogRecord, IsNeverCutInsideAnEscape)
     }
 }
 
-TEST(TheMessageOfALogRecord, IsCutAnywhereAmongBytesThatAreNoText)
+TEST(TheMessageOfALogRecord, IsCutAnywhereInInvalidUtf8)
 {
     const std::size_t room = MessageRoom();
     EXPECT_EQ(MessageOf(std::string(RECORD_SIZE, '\x80')), std::string(room, '\x80'));
 }
 
-TEST(TheMessageOfALogRecord, TakesANullTextWithoutHarm)
+TEST(TheMessageOfALogRecord, AcceptsANullText)
 {
     const char* volatile null = nullptr;
     EXPECT_NE(Format(Prefix::NONE, SomeHead(), "name %s.", null).find(":88 name (null).\n"), std::string::npos);
 }
 
-TEST(TheMessageOfALogRecord, IsTheFormatWhereTheArgumentsCannotBeShown)
+TEST(TheMessageOfALogRecord, IsTheFormatIfTheArgumentsCannotBeShown)
 {
     // No character of any locale.
     const wchar_t none[] = {static_cast<wchar_t>(0x7FFFFFFF), 0};

@@ -112,7 +112,7 @@ TEST_F(TheLogOnASocket, WritesARecordForTheJournalInOnePieceOfFourKibibytesAtMos
     EXPECT_EQ(records[0].back(), '\n');
 }
 
-TEST_F(TheLogOnASocket, GivesNoPriorityWhereJournalStreamNamesAnotherOrNothing)
+TEST_F(TheLogOnASocket, GivesNoPriorityIfJournalStreamNamesAnotherOrNothing)
 {
     const std::string name = Name();
     for (const std::string& other :

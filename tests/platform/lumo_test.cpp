@@ -75,7 +75,7 @@ TEST_F(AMessage, BeginsWithAZeroHeaderAndNoContent)
     EXPECT_EQ(length, 77);
 }
 
-TEST_F(AMessage, AppendsWhatIsAddedAndCountsIt)
+TEST_F(AMessage, AppendsContentAndCountsIt)
 {
     EXPECT_EQ(Add(m_msg, "one"), 0);
     EXPECT_EQ(Add(m_msg, std::string("\0two", 4)), 0);
@@ -83,7 +83,7 @@ TEST_F(AMessage, AppendsWhatIsAddedAndCountsIt)
     EXPECT_EQ(m_msg->header.length, 7);
 }
 
-TEST_F(AMessage, HasANulBehindItsContentThatIsNotPartOfIt)
+TEST_F(AMessage, HasANulAfterItsContentThatIsNotPartOfIt)
 {
     for (const int size : {1, 15, 16, 128, 4096, MOST_CONTENT}) {
         lumo_content_clear(m_msg);
@@ -112,7 +112,7 @@ TEST_F(AMessage, CanAppendItsOwnContent)
     EXPECT_EQ(ContentOf(m_msg), expected);
 }
 
-TEST_F(AMessage, TakesAContentThatFillsAPacketAndNoByteMore)
+TEST_F(AMessage, TakesContentUpToAFullPacket)
 {
     ASSERT_EQ(Add(m_msg, std::string(MOST_CONTENT, 'x')), 0);
     EXPECT_EQ(m_msg->header.length, MOST_CONTENT);
@@ -121,7 +121,7 @@ TEST_F(AMessage, TakesAContentThatFillsAPacketAndNoByteMore)
     EXPECT_EQ(m_msg->header.length, MOST_CONTENT);
 }
 
-TEST_F(AMessage, KeepsItsContentWhenSomethingCannotBeAdded)
+TEST_F(AMessage, KeepsItsContentWhenNoMoreCanBeAdded)
 {
     ASSERT_EQ(Add(m_msg, "kept"), 0);
     const std::string big(MOST_CONTENT - 3, 'x');
@@ -134,7 +134,7 @@ TEST_F(AMessage, KeepsItsContentWhenSomethingCannotBeAdded)
     EXPECT_EQ(m_msg->header.length, 4);
 }
 
-TEST_F(AMessage, TakesNothingAsNoContent)
+TEST_F(AMessage, StaysWithoutContentWhenNothingIsAdded)
 {
     void* data = nullptr;
     int length = 0;
@@ -198,13 +198,13 @@ TEST_F(AMessageSentToADescriptor, IsTheHeaderAndTheContentInOnePiece)
     EXPECT_EQ(bytes.substr(8), "content");
 }
 
-TEST_F(AMessageSentToADescriptor, IsTheHeaderAloneWhereThereIsNoContent)
+TEST_F(AMessageSentToADescriptor, IsTheHeaderAloneWithoutContent)
 {
     ASSERT_EQ(lumo_message_sendfd(m_msg, m_pipe[1]), 0);
     EXPECT_EQ(Read(), std::string(8, '\0'));
 }
 
-TEST_F(AMessageSentToADescriptor, CarriesTheTrueLengthWhateverItsHeaderWasMadeToSay)
+TEST_F(AMessageSentToADescriptor, CarriesTheTrueLengthWhenItsHeaderHasAnother)
 {
     ASSERT_EQ(Add(m_msg, "content"), 0);
     m_msg->header.length = 9999;
@@ -212,7 +212,7 @@ TEST_F(AMessageSentToADescriptor, CarriesTheTrueLengthWhateverItsHeaderWasMadeTo
     EXPECT_EQ(HeaderOf(Read()).length, 7);
 }
 
-TEST_F(AMessageSentToADescriptor, IsDroppedNotWaitedForWhenTheDescriptorIsFull)
+TEST_F(AMessageSentToADescriptor, IsDroppedWithoutWaitingWhenTheDescriptorIsFull)
 {
     ASSERT_EQ(Add(m_msg, std::string(64, 'x')), 0);
     int sent = 0;
@@ -223,7 +223,7 @@ TEST_F(AMessageSentToADescriptor, IsDroppedNotWaitedForWhenTheDescriptorIsFull)
     EXPECT_EQ(Read().size() % 72, 0U) << "what was written was written whole";
 }
 
-TEST_F(AMessageSentToADescriptor, TellsThatADescriptorIsNone)
+TEST_F(AMessageSentToADescriptor, FailsForADescriptorThatIsNotOpen)
 {
     EXPECT_NE(lumo_message_sendfd(m_msg, -1), 0);
 }

@@ -35,7 +35,7 @@ TEST(PacketsThatWait, ComeOutAsTheyWentInAndInTheirOrder)
     EXPECT_TRUE(queue.IsEmpty());
 }
 
-TEST(PacketsThatWait, AreAMebibyteAtMostHoweverManyHaveGone)
+TEST(PacketsThatWait, AreLimitedToAMebibyteAfterAnyNumberOfSentOnes)
 {
     PacketQueue queue;
     std::size_t in = 0;

@@ -20,7 +20,7 @@ bool IsSound(const std::string& packet)
 
 } // namespace
 
-TEST(APacket, IsSoundWhenItsLengthFieldIsItsContentsLength)
+TEST(APacket, IsValidWhenItsLengthFieldIsItsContentsLength)
 {
     EXPECT_TRUE(IsSound(PacketOf(1, 0, "")));
     EXPECT_TRUE(IsSound(PacketOf(1, 0, "x")));

@@ -9,7 +9,7 @@
 using namespace std::chrono_literals;
 using HostPlatform::RecordLimit;
 
-TEST(ALimitOfRecords, LetsOneThroughInEachIntervalAndTellsHowManyItHasLeftOutBetween)
+TEST(ALimitOfRecords, PassesOneInEachIntervalAndCountsTheOthers)
 {
     RecordLimit limit(1s);
     ASSERT_TRUE(limit.Passes());
@@ -28,7 +28,7 @@ TEST(ALimitOfRecords, LetsOneThroughInEachIntervalAndTellsHowManyItHasLeftOutBet
     }
 }
 
-TEST(ALimitOfRecords, LetsTheFirstOneThroughHoweverLongItsInterval)
+TEST(ALimitOfRecords, PassesTheFirstOneAtOnce)
 {
     RecordLimit limit(24h);
     EXPECT_TRUE(limit.Passes());

@@ -14,7 +14,7 @@ TEST(SprintfS, ReturnsTheLengthOfWhatItWrites)
     EXPECT_STREQ(text, "a-42");
 }
 
-TEST(SprintfS, FillsItsFieldToTheLastByteButTheNul)
+TEST(SprintfS, FillsItsFieldUpToTheNul)
 {
     char text[16];
     EXPECT_EQ(sprintf_s(text, sizeof text, "%s", "123456789012345"), 15);
@@ -33,7 +33,7 @@ TEST(SprintfS, FailsSilentlyAndEmptiesTheFieldWhenTheTextDoesNotFit)
     EXPECT_STREQ(text, "");
 }
 
-TEST(SprintfS, NeverWritesBehindItsField)
+TEST(SprintfS, NeverWritesBeyondItsField)
 {
     char text[20];
     std::memset(text, 'x', sizeof text);
@@ -41,7 +41,7 @@ TEST(SprintfS, NeverWritesBehindItsField)
     EXPECT_EQ(std::string(text + 16, 4), "xxxx");
 }
 
-TEST(SprintfS, RefusesNoFieldAtAll)
+TEST(SprintfS, RefusesAMissingField)
 {
     EXPECT_LT(sprintf_s(nullptr, 16, "%s", "x"), 0);
     char text[1] = {'x'};

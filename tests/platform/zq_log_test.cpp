@@ -59,7 +59,7 @@ TEST_F(TheLog, NamesTheThreadThatLogs)
     EXPECT_NE(ContentOf(tidFile), std::to_string(m_child));
 }
 
-TEST_F(TheLog, NamesTheChildAfterAForkOnAThreadThatHasLogged)
+TEST_F(TheLog, NamesTheChildAfterAForkOfAThreadThatHasLogged)
 {
     ASSERT_EQ(InChildWithFile([] {
                   std::thread([] {
@@ -83,7 +83,7 @@ TEST_F(TheLog, NamesTheChildAfterAForkOnAThreadThatHasLogged)
     EXPECT_EQ(Match(lines[0], shape).at(1), Match(lines[2], shape).at(1));
 }
 
-TEST_F(TheLog, LeavesErrnoAsItWas)
+TEST_F(TheLog, KeepsErrno)
 {
     EXPECT_EQ(InChild([] {
                   ::setenv("ZQ_LOG_FILE", "/nowhere/to/be/found", 1);
@@ -101,7 +101,7 @@ TEST_F(TheLog, LeavesErrnoAsItWas)
               0);
 }
 
-TEST_F(TheLog, TakesANullTextWithoutHarm)
+TEST_F(TheLog, AcceptsANullText)
 {
     const char* volatile null = nullptr;
     ASSERT_EQ(InChildWithFile([&] { LOG("name %s.", null); }), 0);
@@ -120,7 +120,7 @@ TEST_F(TheLog, WritesALanguageRecordWithFlagZeroAndNoPlace)
         << ContentOf(m_file);
 }
 
-TEST_F(TheLog, ChoosesTheLanguageByTheFirstVariableThatSaysAnything)
+TEST_F(TheLog, ChoosesTheLanguageByTheFirstVariableThatIsSet)
 {
     struct Choice {
         std::map<std::string, std::string> variables;
@@ -150,7 +150,7 @@ TEST_F(TheLog, ChoosesTheLanguageByTheFirstVariableThatSaysAnything)
     }
 }
 
-TEST_F(TheLog, LosesAndMixesNothingOfEightThreadsAndTheChildrenThatTheyFork)
+TEST_F(TheLog, LosesAndMixesNoRecordOfEightThreadsAndTheirChildren)
 {
     constexpr int threads = 8;
     constexpr int records = 400;

@@ -134,7 +134,7 @@ TEST_F(AProcessItem, ThatIsALibraryIsRunByTheLoader)
               1);
 }
 
-TEST_F(AProcessItem, ThatIsALibraryEndsWithWhatItsFunctionReturns)
+TEST_F(AProcessItem, ThatIsALibraryExitsWithTheResultOfItsFunction)
 {
     daemon.Configure("global.server_submodule_dir", LOADER_DIRECTORY);
     collection.Bundle("radio").Library("libradio.so", "ReturnThirtyThree", TEST_LIBRARY).Write();
@@ -150,7 +150,7 @@ TEST_F(AProcessItem, ThatIsALibraryAsksForTheLoaderAtTheUsualPlace)
     EXPECT_TRUE(daemon.WaitForLog("execl fail.errno[2]."));
 }
 
-TEST_F(AProcessItem, ThatCanNotBeExecutedIsGivenUp)
+TEST_F(AProcessItem, ThatCannotBeExecutedIsNotRelaunched)
 {
     collection.Bundle("radio").Item("missing").Item("forbidden", "no program").Item("x.SO").Item("x.bash").Write();
     std::filesystem::permissions(collection / "radio/bin/forbidden", std::filesystem::perms::owner_read);
@@ -217,7 +217,7 @@ TEST_F(AProcessItem, InheritsNoDescriptorsOfTheServer)
     EXPECT_EQ(Lines(ReadFile(Note("script"))).size(), 1U + 4U) << ReadFile(Note("script"));
 }
 
-TEST_F(AProcessItem, InheritsNoDescriptorsOfALaunchThatGoesOnBesideItsOwn)
+TEST_F(AProcessItem, InheritsNoDescriptorsOfAConcurrentLaunch)
 {
     Interpose("HOLD_AFTER", "2: parent process ready.notify child process[");
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Copy("tunerd", TEST_SLEEPER).Write();
@@ -295,7 +295,7 @@ INSTANTIATE_TEST_SUITE_P(Signals, WhatTheServerWasStartedWith,
                                            SignalState{"SigchldIgnored", {}, {SIGCHLD}}),
                          [](const auto& state) { return std::string(state.param.name); });
 
-TEST_F(AProcessItem, OfABundleThatCameLaterDiesOfAPlainTerminationSignal)
+TEST_F(AProcessItem, OfABundleThatWasAddedLaterDiesOfATerminationSignal)
 {
     ASSERT_TRUE(daemon.StartServing());
     staging.Bundle("video").Copy("videod", TEST_SLEEPER).Write();

@@ -85,14 +85,14 @@ TEST_F(ARequest, WithTooShortAContentIsRefused)
     EXPECT_TRUE(IsRadioThere());
 }
 
-TEST_F(ARequest, WithoutAContentIsRefused)
+TEST_F(ARequest, WithoutContentIsRefused)
 {
     EXPECT_EQ(Ask(PacketOf(METHOD_DELETE, 0, "")), Reply(400));
     EXPECT_EQ(daemon.CountInLog(" : call lumo_content fail.return code["), 1);
     EXPECT_TRUE(IsRadioThere());
 }
 
-TEST_F(ARequest, ForAnUnknownBundleFindsNone)
+TEST_F(ARequest, ForAnUnknownBundleFindsNoBundle)
 {
     EXPECT_EQ(Ask(PacketOf(METHOD_DELETE, 0, NameField("video"))), Reply(404));
     EXPECT_TRUE(InOrder(daemon.Messages(), {"receive uri: 0,method: 4", "find bundle[video]...",
@@ -138,7 +138,7 @@ TEST_F(ARequest, MayBeLongerThanItNeeds)
     EXPECT_FALSE(Exists(collection / "radio"));
 }
 
-TEST_F(ARequest, WhoseNameHasNoEndFindsNone)
+TEST_F(ARequest, WhoseNameHasNoNulFindsNoBundle)
 {
     EXPECT_EQ(Ask(PacketOf(METHOD_DELETE, 0, std::string(128, 'x'))), Reply(404));
     EXPECT_EQ(daemon.CountInLog("find bundle[" + std::string(128, 'x') + "] fail."), 1);
@@ -202,7 +202,7 @@ TEST_F(DeletingABundle, StopsUnloadsAndRemovesIt)
     EXPECT_EQ(RequestDelete("radio"), 404);
 }
 
-TEST_F(DeletingABundle, FindsItByItsNameWhateverItsDirectory)
+TEST_F(DeletingABundle, FindsItByItsNameInAnyDirectory)
 {
     collection.BundleIn("some-directory").Name("radio").Write();
     ASSERT_TRUE(daemon.StartServing());
@@ -220,7 +220,7 @@ TEST_F(DeletingABundle, WorksForANameThatFillsTheField)
     EXPECT_FALSE(Exists(collection / "long"));
 }
 
-TEST_F(DeletingABundle, DoesNotHinderItsNextInstallationHoweverSoon)
+TEST_F(DeletingABundle, AllowsItsInstallationAgainAtOnce)
 {
     collection.Bundle("radio").Write();
     staging.Bundle("radio").Write();
@@ -249,7 +249,7 @@ TEST_F(DeletingABundle, SucceedsEachTimeWhileChildrenAreSupervised)
     EXPECT_EQ(daemon.CountInLog("success to rm : ["), count);
 }
 
-TEST_F(DeletingABundle, SucceedsWhenItsScriptAndTheRemovalEndBeforeTheServerHasPutThemIntoTheirGroup)
+TEST_F(DeletingABundle, SucceedsWhenItsScriptAndTheRemovalEndBeforeTheirGroupIsSet)
 {
     Interpose("DELAY_SETPGID", "1");
     collection.Bundle("tuner").Copy("tunerd", TEST_SLEEPER).Write();
@@ -284,7 +284,7 @@ TEST_F(DeletingABundle, IsAnsweredAfterASecondBySlowDisksAndKeepsNoServerFromEnd
     EXPECT_LT(std::chrono::steady_clock::now() - start, delay);
 }
 
-TEST_F(DeletingABundle, LeavesThoseThatRequireItAlone)
+TEST_F(DeletingABundle, DoesNotTouchItsDependants)
 {
     collection.Bundle("base").Copy("based", TEST_SLEEPER).Write();
     collection.Bundle("radio").Requires("base").Copy("radiod", TEST_SLEEPER).Write();
@@ -344,7 +344,7 @@ TEST_F(PublishingADelete, WritesOneEventToTheEventService)
     ::close(fifo);
 }
 
-TEST_F(PublishingADelete, ChangesNothingInTheReplyWhenNobodyMadeTheService)
+TEST_F(PublishingADelete, DoesNotAffectTheReplyWithoutAnEventService)
 {
     EXPECT_EQ(RequestDelete("radio"), 200);
     ASSERT_TRUE(daemon.WaitForLog("open event srv fail"));
@@ -357,7 +357,7 @@ TEST_F(PublishingADelete, ChangesNothingInTheReplyWhenNobodyMadeTheService)
     }
 }
 
-TEST_F(PublishingADelete, ChangesNothingInTheReplyWhenTheServiceIsNoFifo)
+TEST_F(PublishingADelete, DoesNotAffectTheReplyIfTheServiceIsNoFifo)
 {
     ASSERT_EQ(::mkdir(EVENT_FIFO, 0755), 0);
     EXPECT_EQ(RequestDelete("radio"), 200);
@@ -365,7 +365,7 @@ TEST_F(PublishingADelete, ChangesNothingInTheReplyWhenTheServiceIsNoFifo)
     EXPECT_TRUE(daemon.IsRunning());
 }
 
-TEST_F(PublishingADelete, WaitsForNobodyWhenTheListenerHasFallenBehind)
+TEST_F(PublishingADelete, NeverWaitsForAListenerThatHasFallenBehind)
 {
     ASSERT_EQ(::mkfifo(EVENT_FIFO, 0660), 0);
     const int fifo = ::open(EVENT_FIFO, O_RDWR | O_NONBLOCK | O_CLOEXEC);
@@ -378,7 +378,7 @@ TEST_F(PublishingADelete, WaitsForNobodyWhenTheListenerHasFallenBehind)
     ::close(fifo);
 }
 
-TEST_F(AConnection, ThatSendsABrokenPacketIsClosedAndNoOther)
+TEST_F(AConnection, ThatSendsABrokenPacketIsTheOnlyOneClosed)
 {
     const UnixClient bystander(SERVICE_SOCKET);
     std::string wrongLength = PacketOf(METHOD_DELETE, 0, NameField("radio"));

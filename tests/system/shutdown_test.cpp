@@ -133,7 +133,7 @@ TEST_F(EndingTheServer, AtTheMomentOfARelaunchIsClean)
 }
 
 // The process is gone a while after main and after all static objects are: what the monitor uses must last until then.
-TEST_F(EndingTheServer, LetsTheMonitorGoOnToTheVeryEnd)
+TEST_F(EndingTheServer, LetsTheMonitorRunUntilTheEnd)
 {
     Interpose("LINGER_AT_EXIT", "6");
     daemon.Configure("global.server_submodule_dir", LOADER_DIRECTORY);
@@ -157,7 +157,7 @@ TEST_F(EndingTheServer, LetsTheMonitorGoOnToTheVeryEnd)
 }
 
 // A signal for the process is delivered to whichever thread does not block it, and would then end the process.
-TEST_F(EndingTheServer, IsCleanHoweverLateTheFrameworksThreadsBlockTheSignals)
+TEST_F(EndingTheServer, IsCleanWhenTheFrameworksThreadsBlockTheSignalsLate)
 {
     Interpose("DELAY_SIGMASK", "2");
     ASSERT_TRUE(daemon.StartServing());
@@ -199,7 +199,7 @@ TEST_F(AServerThatIsKilled, LeavesItsSocketToTheNextOne)
     EXPECT_FALSE(Exists(SERVICE_SOCKET));
 }
 
-TEST_F(AServerThatIsKilled, InTheMomentOfALaunchLeavesNoChildBehindThatWaitsForIt)
+TEST_F(AServerThatIsKilled, DuringALaunchLeavesNoWaitingChild)
 {
     // The child waits for its word while the parent is busy with the child's group.
     Interpose("DELAY_SETPGID", "1000");

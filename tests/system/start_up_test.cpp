@@ -35,7 +35,7 @@ TEST_F(StartingTheServer, SkipsEntriesThatAreNoDirectories)
     EXPECT_EQ(daemon.Stop().status, 0);
 }
 
-TEST_F(StartingTheServer, GoesOnWithTheNextBundleWhenOneIsBroken)
+TEST_F(StartingTheServer, ContinuesAfterABrokenBundle)
 {
     collection.Bundle("broken").Manifest("[global]\nbundle_name = broken\n").Write();
     collection.Bundle("empty").NoManifest().Write();

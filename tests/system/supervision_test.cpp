@@ -40,7 +40,7 @@ TEST_P(AnExitStatus, AsksForARelaunch)
 INSTANTIATE_TEST_SUITE_P(Of, AnExitStatus, ::testing::Values(2, 6, 7, 8, 10, 11, 15, 31, 255),
                          [](const auto& status) { return std::to_string(status.param); });
 
-TEST_F(Supervision, LetsAnItemRestThatExitsWithAnyOtherStatus)
+TEST_F(Supervision, RelaunchesNoItemThatExitsWithAnyOtherStatus)
 {
     const std::vector<int> statuses{0, 1, 3, 4, 5, 9, 12, 30, 32, 254};
     for (const int status : statuses) {
@@ -86,7 +86,7 @@ TEST_P(AKillingSignal, LeadsToARelaunch)
 INSTANTIATE_TEST_SUITE_P(Of, AKillingSignal, ::testing::Values(SIGKILL, SIGTERM, SIGSEGV, SIGABRT, SIGHUP),
                          [](const auto& signal) { return std::to_string(signal.param); });
 
-TEST_F(Supervision, TellsOfAnAbnormalEndInTheSecondLanguageToo)
+TEST_F(Supervision, LogsAnAbnormalEndInTheSecondLanguageToo)
 {
     daemon.SetEnvironment("LC_ALL", "zh_CN.UTF-8");
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
@@ -97,7 +97,7 @@ TEST_F(Supervision, TellsOfAnAbnormalEndInTheSecondLanguageToo)
     EXPECT_TRUE(daemon.WaitForLog("radio.radiod[" + std::to_string(pid) + "] 异常终止, 信号: 9."));
 }
 
-TEST_F(Supervision, PutsAKilledItemBackAtOnceAndAgainAndAgain)
+TEST_F(Supervision, RelaunchesAKilledItemAtOnceEachTime)
 {
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
     daemon.Start();
@@ -140,7 +140,7 @@ TEST_F(Supervision, RelaunchesAnItemThatEndsAtOnceAboutOnceASecond)
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 2900ms);
 }
 
-TEST_F(Supervision, RelaunchesAShellItemThatIsMissingForEver)
+TEST_F(Supervision, RelaunchesAMissingShellItemAgainAndAgain)
 {
     const int end = std::system("/bin/sh /nonexistent.sh 2> /dev/null"); // NOLINT(cert-env33-c): one fixed command
     if (!WIFEXITED(end) || WEXITSTATUS(end) != 2) {
@@ -151,7 +151,7 @@ TEST_F(Supervision, RelaunchesAShellItemThatIsMissingForEver)
     EXPECT_TRUE(daemon.WaitForLog("radio.radio.sh relaunch done.", 3));
 }
 
-TEST_F(Supervision, OfABundleIsNotHeldUpByItemsThatCrashAtOnce)
+TEST_F(Supervision, OfABundleIsNotDelayedByItemsThatCrashAtOnce)
 {
     collection.Bundle("crasher").Item("one.sh", Shell("exit 2")).Item("two.sh", Shell("exit 31")).Write();
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
@@ -186,7 +186,7 @@ TEST_F(Supervision, EndsWithTheLastChildAndBeginsAgainWithTheNext)
     EXPECT_NE(daemon.WaitForItem("tuner", "tuner.sh", 2), 0);
 }
 
-TEST_F(Supervision, LetsAnItemRestWhoseBundleIsStopped)
+TEST_F(Supervision, RelaunchesNoItemWhoseBundleIsStopped)
 {
     collection.Bundle("radio").Copy("one", TEST_SLEEPER).Copy("two", TEST_SLEEPER).Write();
     collection.Bundle("tuner").Copy("tunerd", TEST_SLEEPER).Write();
@@ -210,7 +210,7 @@ TEST_F(Supervision, LeavesABundleWhoseItemsHaveEndedToBeStopped)
     EXPECT_EQ(daemon.CountInLog("bundle process already exit."), 1);
 }
 
-TEST_F(Supervision, TellsOfAChildThatIsNoItem)
+TEST_F(Supervision, LogsAChildThatIsNoItem)
 {
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
     staging.Bundle("forker").ThreadMode().Library("libforker.so", "LeaveDeadChild", TEST_LIBRARY).Write();
@@ -243,7 +243,7 @@ TEST_F(Supervision, EndsForGoodWhenAWaitFails)
     EXPECT_EQ(daemon.Stop().status, 0);
 }
 
-TEST_F(Supervision, EndsTheServerWhenARelaunchCanNotFork)
+TEST_F(Supervision, EndsTheServerWhenARelaunchCannotFork)
 {
     Interpose("REFUSE_FORK_WHEN", Note("refuse"));
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
@@ -256,7 +256,7 @@ TEST_F(Supervision, EndsTheServerWhenARelaunchCanNotFork)
     EXPECT_NE(daemon.Errors().find("Poco::InvalidArgumentException"), std::string::npos) << daemon.Errors();
 }
 
-TEST_F(Supervision, LeavesABundleThatCanNotForkAtItsStartUnloaded)
+TEST_F(Supervision, LeavesABundleThatCannotForkAtItsStartUnloaded)
 {
     Interpose("REFUSE_FORK_WHEN", Note("refuse"));
     WriteFile(Note("refuse"), "");

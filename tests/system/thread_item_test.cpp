@@ -26,7 +26,7 @@ protected:
 
 } // namespace
 
-TEST_F(AThreadItem, IsCalledAndTellsThatItIsDone)
+TEST_F(AThreadItem, IsCalledAndItsReturnIsLogged)
 {
     Radio("ReturnZero").Write();
     ASSERT_TRUE(daemon.StartServing());
@@ -46,7 +46,7 @@ TEST_F(AThreadItem, RunsOnAThreadWithItsName)
     EXPECT_EQ(daemon.Descendants().size(), 0U);
 }
 
-TEST_F(AThreadItem, WhoseFunctionFailsIsToldOf)
+TEST_F(AThreadItem, WhoseFunctionFailsIsLogged)
 {
     Radio("ReturnThirtyThree").Write();
     ASSERT_TRUE(daemon.StartServing());
@@ -56,7 +56,7 @@ TEST_F(AThreadItem, WhoseFunctionFailsIsToldOf)
     EXPECT_EQ(RequestDelete("radio"), 200);
 }
 
-TEST_F(AThreadItem, WhoseLibraryIsMissingIsToldOf)
+TEST_F(AThreadItem, WhoseLibraryIsMissingIsLogged)
 {
     collection.Bundle("radio").ThreadMode().Library("libradio.so", "ReturnZero").Write();
     ASSERT_TRUE(daemon.StartServing());
@@ -64,7 +64,7 @@ TEST_F(AThreadItem, WhoseLibraryIsMissingIsToldOf)
     EXPECT_EQ(RequestDelete("radio"), 200);
 }
 
-TEST_F(AThreadItem, WhoseFunctionIsMissingIsToldOf)
+TEST_F(AThreadItem, WhoseFunctionIsMissingIsLogged)
 {
     Radio("NoSuchFunction").Write();
     ASSERT_TRUE(daemon.StartServing());
@@ -132,7 +132,7 @@ TEST_F(AThreadItem, WhoseLibraryIsStillBeingLoadedIsStoppedWithoutHarm)
     EXPECT_EQ(daemon.Stop().status, 0);
 }
 
-TEST_F(AThreadItem, ThatHasEndedIsStoppedAllTheSame)
+TEST_F(AThreadItem, ThatHasEndedCanBeStopped)
 {
     Radio("ReturnZero").Write();
     ASSERT_TRUE(daemon.StartServing());
@@ -143,7 +143,7 @@ TEST_F(AThreadItem, ThatHasEndedIsStoppedAllTheSame)
     EXPECT_EQ(daemon.Stop().status, 0);
 }
 
-TEST_F(AThreadItem, ThatTakesNoNoticeOfItsCancellationGoesOnAndDoesNotHinderTheEnd)
+TEST_F(AThreadItem, ThatIgnoresItsCancellationKeepsRunningAndDoesNotBlockTheEnd)
 {
     Radio("HoldOutForEver").Write();
     ASSERT_TRUE(daemon.StartServing());
@@ -163,7 +163,7 @@ TEST_F(AThreadItem, KeepsItsLibraryLoadedAfterItsEnd)
     EXPECT_NE(maps.find("libradio.so (deleted)"), std::string::npos);
 }
 
-TEST_F(AThreadItem, MayComeAndGoBesideProcessItems)
+TEST_F(AThreadItem, MayRunBesideProcessItems)
 {
     collection.Bundle("tuner").Copy("tunerd", TEST_SLEEPER).Write();
     ASSERT_TRUE(daemon.StartServing());

@@ -16,7 +16,7 @@ Ended Control(const std::vector<std::string>& arguments)
 
 } // namespace
 
-TEST(Bundlectl, NamesAnUnknownCommandAndTheOneThatIsMeant)
+TEST(Bundlectl, NamesAnUnknownCommandAndASimilarOne)
 {
     for (const std::string meant : {"delete", "events", "wait"}) {
         std::string swapped = meant;
@@ -32,7 +32,7 @@ TEST(Bundlectl, NamesAnUnknownCommandAndTheOneThatIsMeant)
     }
 }
 
-TEST(Bundlectl, NamesAllCommandsWhereNoneIsMeant)
+TEST(Bundlectl, NamesAllCommandsIfTheWordIsLikeNone)
 {
     for (const char* const word : {"conquer", "wd", "x", ""}) {
         std::ostringstream expected;
@@ -43,7 +43,7 @@ TEST(Bundlectl, NamesAllCommandsWhereNoneIsMeant)
     EXPECT_TRUE(Has(Control({"a\nb\x1B"}).errors, "\"a\\nb\\033\""));
 }
 
-TEST(Bundlectl, EndsWithTwoWhenItIsUsedWrong)
+TEST(Bundlectl, EndsWithTwoForWrongUsage)
 {
     const std::vector<std::vector<std::string>> wrong{
         {},

@@ -138,7 +138,7 @@ TEST_F(BundlectlDelete, SaysThatItCouldNotLookWhenItDoesNotKnowTheDirectory)
     EXPECT_TRUE(Has(nowhere.output, "no manifest in " + empty.Path() + " has this name")) << nowhere.output;
 }
 
-TEST_F(BundlectlDelete, EndsWithOneWhenTheServerCouldNot)
+TEST_F(BundlectlDelete, EndsWithOneWhenTheServerFails)
 {
     const Ended ended = Control({"delete", "stuck"});
     EXPECT_EQ(ended.status, 1);
@@ -146,14 +146,14 @@ TEST_F(BundlectlDelete, EndsWithOneWhenTheServerCouldNot)
     EXPECT_TRUE(Has(ended.errors, "The server's log says why."));
 }
 
-TEST_F(BundlectlDelete, EndsWithThreeWhenTheServerKnowsNoSuchBundle)
+TEST_F(BundlectlDelete, EndsWithThreeForAnUnknownBundle)
 {
     const Ended ended = Control({"delete", "unknown"});
     EXPECT_EQ(ended.status, 3);
     ExpectOneSentenceAbout("unknown", ended);
 }
 
-TEST_F(BundlectlDelete, EndsWithOneAtAnAnswerThatItDoesNotKnow)
+TEST_F(BundlectlDelete, EndsWithOneForAnUnknownAnswer)
 {
     const Ended odd = Control({"delete", "odd"});
     EXPECT_EQ(odd.status, 1);
@@ -184,7 +184,7 @@ TEST_F(BundlectlDelete, EndsWithFiveWhenNoAnswerComesInTime)
     EXPECT_TRUE(Has(ended.errors, "within 1 s"));
 }
 
-TEST_F(BundlectlDelete, TakesANameOfAnyBytesThatFitsTheField)
+TEST_F(BundlectlDelete, TakesANameOfAnyBytes)
 {
     EXPECT_EQ(Control({"delete", std::string(127, 'n'), "--timeout", "1"}).status, 5) << "asked, and not answered";
     EXPECT_EQ(LastRequest(), PacketOf(4, 0, std::string(127, 'n') + '\0'));
@@ -222,7 +222,7 @@ TEST_F(BundlectlDeleteAndTheDirectory, EndsWithOneAndNamesWhatIsLeft)
         << ended.errors;
 }
 
-TEST_F(BundlectlDeleteAndTheDirectory, TakesADirectoryThatHasComeToItsPlaceForNoneOfIt)
+TEST_F(BundlectlDeleteAndTheDirectory, DoesNotCountADirectoryThatHasReplacedIt)
 {
     g_removal = [this] {
         Remove();
@@ -231,7 +231,7 @@ TEST_F(BundlectlDeleteAndTheDirectory, TakesADirectoryThatHasComeToItsPlaceForNo
     EXPECT_EQ(Delete(), 0) << ended.errors;
 }
 
-TEST_F(BundlectlDeleteAndTheDirectory, TakesOneOfTwoWithTheNameForTheBundles)
+TEST_F(BundlectlDeleteAndTheDirectory, TakesOneOfTwoDirectoriesWithTheNameForTheBundles)
 {
     collection.BundleIn("other").Name("radio").Write();
     g_removal = [this] { Remove(); };
@@ -271,7 +271,7 @@ TEST_F(BundlectlDeleteAndTheDirectory, FindsTheCollectionByAConfigurationInEachF
     EXPECT_TRUE(Has(ended.output, "is not known: Not found: global.bundle_collection_dir. ")) << ended.output;
 }
 
-TEST(Bundlectl, EndsWithFourWhereNoServerIs)
+TEST(Bundlectl, EndsWithFourWithoutAServer)
 {
     const Ended ended = Control({"delete", "tuner"});
     EXPECT_EQ(ended.status, 4);
@@ -279,7 +279,7 @@ TEST(Bundlectl, EndsWithFourWhereNoServerIs)
     EXPECT_TRUE(Has(ended.errors, "/mnt/bolt/bundlesvr.paas.kov (No such file or directory)")) << ended.errors;
 }
 
-TEST(Bundlectl, EndsWithFourWhereADeadServersSocketIs)
+TEST(Bundlectl, EndsWithFourAtADeadServersSocket)
 {
     {
         const ServerProcess killed(SERVICE_NAME, g_protocol);
@@ -291,7 +291,7 @@ TEST(Bundlectl, EndsWithFourWhereADeadServersSocketIs)
     ::unlink(SocketPath(SERVICE_NAME).c_str());
 }
 
-TEST(Bundlectl, EndsWithFiveWhereTheServerAcceptsNobody)
+TEST(Bundlectl, EndsWithFiveIfTheServerAcceptsNoConnection)
 {
     ::mkdir("/mnt/bolt", 0755);
     const std::string path = SocketPath(SERVICE_NAME);

@@ -118,7 +118,7 @@ TEST_F(BundlectlEvents, WaitsQuietlyForTheNextWhenAPublisherHasGone)
     EXPECT_FALSE(Eventually(500ms, [&] { return CpuTimeOf(program.Pid()) - before > 150ms; })) << "it spins";
 }
 
-TEST_F(BundlectlEvents, LosesNoneOfManyThatComeAtOnce)
+TEST_F(BundlectlEvents, LosesNoneOfManyAtOnce)
 {
     Program program({BUNDLECTL, "events", "--count", "500"});
     ASSERT_TRUE(Eventually(10s, IsHeard)) << program.Errors();
@@ -132,7 +132,7 @@ TEST_F(BundlectlEvents, LosesNoneOfManyThatComeAtOnce)
     EXPECT_EQ(EventsIn(program.Output()), expected);
 }
 
-TEST_F(BundlectlEvents, EndsAfterItsCountAlsoWhereMoreHaveCome)
+TEST_F(BundlectlEvents, EndsAfterItsCountEvenIfMoreHaveArrived)
 {
     Program program({BUNDLECTL, "events", "--count", "2"});
     ASSERT_TRUE(Eventually(10s, IsHeard)) << program.Errors();
@@ -152,7 +152,7 @@ TEST_F(BundlectlEvents, EndsWithZeroAtASignal)
     }
 }
 
-TEST_F(BundlectlEvents, MakesTheDirectoryAndTheFifoWhereTheyAreMissing)
+TEST_F(BundlectlEvents, MakesTheMissingDirectoryAndFifo)
 {
     ASSERT_EQ(::rmdir("/mnt/bolt"), 0);
     const mode_t before = ::umask(077);
@@ -167,7 +167,7 @@ TEST_F(BundlectlEvents, MakesTheDirectoryAndTheFifoWhereTheyAreMissing)
     EXPECT_EQ(status.st_mode & 07777U, 0755U);
 }
 
-TEST_F(BundlectlEvents, EndsWithFourWhereSomethingElseIsInTheWay)
+TEST_F(BundlectlEvents, EndsWithFourIfThePathIsTaken)
 {
     std::ofstream(EVENT_SERVICE_PATH) << "mine";
     Program program({BUNDLECTL, "events"});
@@ -178,7 +178,7 @@ TEST_F(BundlectlEvents, EndsWithFourWhereSomethingElseIsInTheWay)
               "remove it.\n");
 }
 
-TEST_F(BundlectlEvents, EndsWithFourWhereTheFifoCannotBeMade)
+TEST_F(BundlectlEvents, EndsWithFourIfTheFifoCannotBeMade)
 {
     ASSERT_EQ(::rmdir("/mnt/bolt"), 0);
     std::ofstream("/mnt/bolt") << "no directory";
@@ -189,7 +189,7 @@ TEST_F(BundlectlEvents, EndsWithFourWhereTheFifoCannotBeMade)
     ASSERT_EQ(::unlink("/mnt/bolt"), 0);
 }
 
-TEST_F(BundlectlEvents, SkipsWhatIsNoEventSaysSoAndGoesOn)
+TEST_F(BundlectlEvents, SkipsAndReportsOtherBytesAndContinues)
 {
     lumo_header otherMethod{};
     otherMethod.method = 2;
@@ -217,7 +217,7 @@ TEST_F(BundlectlEvents, SkipsWhatIsNoEventSaysSoAndGoesOn)
     EXPECT_EQ(program.Errors().rfind("bundlectl: 1 byte(s) skipped that are no event.\n", 0), 0U);
 }
 
-TEST_F(BundlectlEvents, FindsAnEventAmongBytesThatCameTogetherWithIt)
+TEST_F(BundlectlEvents, FindsAnEventAmongOtherBytes)
 {
     Program program({BUNDLECTL, "events", "--count", "2"});
     ASSERT_TRUE(Eventually(10s, IsHeard)) << program.Errors();

@@ -44,7 +44,7 @@ std::vector<std::string> CommandLine(const std::vector<std::string>& options)
 
 } // namespace
 
-TEST(BundlectlWait, EndsAtOnceWhereAServerServes)
+TEST(BundlectlWait, EndsAtOnceIfAServerServes)
 {
     const RunningServer server(SERVICE_NAME, SILENT);
     ASSERT_TRUE(server.IsRegistered()) << LogText();
@@ -73,7 +73,7 @@ TEST(BundlectlWait, EndsWithFiveWhenTheTimeIsOver)
     EXPECT_EQ(ended.errors.rfind("bundlectl: no server serves within 1 s.", 0), 0U) << ended.errors;
 }
 
-TEST(BundlectlWait, WaitsOnBesideADeadServersSocket)
+TEST(BundlectlWait, KeepsWaitingAtADeadServersSocket)
 {
     {
         const ServerProcess killed(SERVICE_NAME, SILENT);
@@ -96,7 +96,7 @@ TEST(BundlectlWait, EndsWithFourWhenTheServerThatItWaitsForHasEnded)
         << waiting.Errors();
 }
 
-TEST(BundlectlWait, EndsWithFourWhereAnotherServerHasTheService)
+TEST(BundlectlWait, EndsWithFourIfAnotherServerHasTheService)
 {
     const RunningServer server(SERVICE_NAME, SILENT);
     ASSERT_TRUE(server.IsRegistered()) << LogText();
@@ -109,7 +109,7 @@ TEST(BundlectlWait, EndsWithFourWhereAnotherServerHasTheService)
         << ended.errors;
 }
 
-TEST(BundlectlWait, EndsWithFourWhereItMayNotConnect)
+TEST(BundlectlWait, EndsWithFourIfItMayNotConnect)
 {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "only root can become another user";

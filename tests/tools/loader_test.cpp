@@ -15,7 +15,7 @@ Ended Load(const std::vector<std::string>& arguments)
 
 } // namespace
 
-TEST(TheLoader, ExitsWithWhatTheFunctionReturned)
+TEST(TheLoader, ExitsWithTheResultOfTheFunction)
 {
     const Ended zero = Load({"-f", LIBRARY, "-e", "ReturnZero"});
     EXPECT_EQ(zero.status, 0);
@@ -33,7 +33,7 @@ TEST(TheLoader, LetsTheFunctionPrint)
     EXPECT_EQ(ended.output, "from the library\n");
 }
 
-TEST(TheLoader, MindsOnlyThatWhatIsMissingIsNotCalled)
+TEST(TheLoader, IgnoresAMissingFunctionThatIsNotCalled)
 {
     EXPECT_EQ(Load({"-f", LIBRARY, "-e", "ReturnZero"}).status, 0);
     const Ended ended = Load({"-f", LIBRARY, "-e", "CallWhatNobodyHas"});
@@ -68,7 +68,7 @@ TEST(TheLoader, NamesTheFunctionThatTheLibraryLacks)
     EXPECT_TRUE(Has(ended.errors, "undefined symbol")) << ended.errors;
 }
 
-TEST(TheLoader, ShowsItsUsageOnStandardErrorWhenItIsUsedWrong)
+TEST(TheLoader, ShowsItsUsageOnStandardErrorForWrongUsage)
 {
     const std::vector<std::vector<std::string>> wrong{
         {},

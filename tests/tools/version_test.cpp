@@ -32,7 +32,7 @@ TEST(TheLoader, TellsItsVersion)
     ExpectVersionLine(LOADER, "dyn_lib_process_loader");
 }
 
-TEST(TheLoader, TakesNothingBesideItsVersion)
+TEST(TheLoader, TakesNoArgumentBesideItsVersion)
 {
     EXPECT_EQ(RunToEnd(LOADER, {"--version", "more"}).status, 64);
     EXPECT_EQ(RunToEnd(LOADER, {"-f", "library.so", "--version"}).status, 64);

@@ -51,33 +51,33 @@ class ADaemonWithoutMemory : public SystemTest {};
 
 } // namespace
 
-TEST_F(AFailingCallOfTheDaemon, EndsTheStartWhereNoWatcherCanBeMade)
+TEST_F(AFailingCallOfTheDaemon, EndsTheStartWhenTheWatcherCannotBeMade)
 {
     Fail("inotify_init", EMFILE);
     EndsTheStart("I/O error: cannot initialize inotify");
 }
 
-TEST_F(AFailingCallOfTheDaemon, EndsTheStartWhereTheFrameworksWatcherHasNoThread)
+TEST_F(AFailingCallOfTheDaemon, EndsTheStartWhenTheFrameworksWatcherHasNoThread)
 {
     Fail("pthread_create", EAGAIN);
     ExpectLeaksOfTheFramework();
     EndsTheStart("cannot start thread");
 }
 
-TEST_F(AFailingCallOfTheDaemon, EndsTheStartWhereTheThreadThatIsLeftToTheFrameworkCanNotBeMade)
+TEST_F(AFailingCallOfTheDaemon, EndsTheStartWhenTheFrameworksThreadCannotBeMade)
 {
     Fail("pthread_create", EAGAIN, "", 1);
     ExpectLeaksOfTheFramework();
     EndsTheStart("cannot start thread");
 }
 
-TEST_F(AFailingCallOfTheDaemon, EndsTheStartWhereTheWatcherHasNoThread)
+TEST_F(AFailingCallOfTheDaemon, EndsTheStartWhenTheWatcherHasNoThread)
 {
     Fail("pthread_create", EAGAIN, "", 2);
     EndsTheStart("Resource temporarily unavailable");
 }
 
-TEST_F(AFailingCallOfTheDaemon, LeavesABundleUnloadedWhereTheMonitorHasNoThread)
+TEST_F(AFailingCallOfTheDaemon, LeavesABundleUnloadedWhenTheMonitorHasNoThread)
 {
     Fail("pthread_create", EAGAIN, "StartAllBundles...");
     ASSERT_TRUE(daemon.StartServing());
@@ -88,13 +88,13 @@ TEST_F(AFailingCallOfTheDaemon, LeavesABundleUnloadedWhereTheMonitorHasNoThread)
     EXPECT_EQ(daemon.Stop().status, 0);
 }
 
-TEST_F(AFailingCallOfTheDaemon, EndsTheStartWhereTheCollectionCanNotBeRead)
+TEST_F(AFailingCallOfTheDaemon, EndsTheStartWhenTheCollectionCannotBeRead)
 {
     Fail("opendir", EMFILE, "LoadAllBundles...");
     EndsTheStart("File access error: too many open files: " + collection.Path());
 }
 
-TEST_F(AFailingCallOfTheDaemon, CostsOneBundleWhereItsManifestCanNotBeRead)
+TEST_F(AFailingCallOfTheDaemon, CostsOneBundleWhenItsManifestCannotBeRead)
 {
     collection.Bundle("tuner").Write();
     Fail("read", EIO, "load bundle from " + (collection / "tuner"));
@@ -103,7 +103,7 @@ TEST_F(AFailingCallOfTheDaemon, CostsOneBundleWhereItsManifestCanNotBeRead)
     EXPECT_EQ(daemon.CountInLog("load bundle[tuner] success."), 0);
 }
 
-TEST_F(AFailingCallOfTheDaemon, CostsOneBundleWhereItsDirectoryCanNotBeLookedAt)
+TEST_F(AFailingCallOfTheDaemon, CostsOneBundleWhenItsDirectoryHasNoStatus)
 {
     collection.Bundle("tuner").Write();
     Fail("stat64", EIO, "load bundle from " + (collection / "tuner"), 0, 2); // its own call, then the framework's
@@ -112,7 +112,7 @@ TEST_F(AFailingCallOfTheDaemon, CostsOneBundleWhereItsDirectoryCanNotBeLookedAt)
     EXPECT_EQ(daemon.CountInLog("load bundle[tuner] success."), 0);
 }
 
-TEST_F(AFailingCallOfTheDaemon, IsToldWhereAScriptCanNotBeWaitedFor)
+TEST_F(AFailingCallOfTheDaemon, IsLoggedWhenAScriptCannotBeWaitedFor)
 {
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Install(Shell("exit 0")).Write();
     Fail("waitpid", ECHILD, "run script[");
@@ -120,7 +120,7 @@ TEST_F(AFailingCallOfTheDaemon, IsToldWhereAScriptCanNotBeWaitedFor)
     EXPECT_EQ(daemon.CountInLog("exception info: [System exception: Cannot wait for process"), 1);
 }
 
-TEST_F(AFailingCallOfTheDaemon, IsTriedAgainWhereASignalInterruptsTheWaitForAScript)
+TEST_F(AFailingCallOfTheDaemon, IsRetriedWhenASignalInterruptsTheWaitForAScript)
 {
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Install(Shell(": > " + Note("installed"))).Write();
     Fail("waitpid", EINTR, "run script[", 0, 3);

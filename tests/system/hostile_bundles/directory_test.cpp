@@ -85,7 +85,7 @@ void WriteNone(const std::string& collection)
 
 } // namespace
 
-TEST_F(AHostileDirectory, OfABundleThatIsThereAtTheStartHarmsNothing)
+TEST_F(AHostileDirectory, OfABundleAtTheStartHarmsNothing)
 {
     WriteOdd(collection);
     WriteNone(collection.Path());
@@ -154,7 +154,7 @@ TEST_F(ADeepDirectory, LeavesTheServerTheDescriptorsThatItNeeds)
 }
 
 // A look at it is bounded, however much there is to be looked at: it may be a link to the root of all file systems.
-TEST_F(ALargeDirectory, IsTakenInThoughWhatLiesFarBackInItGoesOnChanging)
+TEST_F(ALargeDirectory, IsAddedThoughAFileFarBackInItKeepsChanging)
 {
     staging.Bundle("large").Write();
     const std::string data = staging / "large/data";
@@ -176,7 +176,7 @@ TEST_F(ALargeDirectory, IsTakenInThoughWhatLiesFarBackInItGoesOnChanging)
     EXPECT_TRUE(IsUnharmed());
 }
 
-TEST_F(ALinkToABundle, IsDeletedAndWhatItLeadsToIsNot)
+TEST_F(ALinkToABundle, IsDeletedAndItsTargetIsNot)
 {
     staging.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
     fs::create_directory_symlink(staging / "radio", In("radio"));
@@ -214,7 +214,7 @@ TEST_F(AMountedBundle, IsEmptiedByADeletionAndItsMountPointStays)
     EXPECT_TRUE(IsUnharmed());
 }
 
-TEST_F(AHostileCollection, ThatCanNotBeWrittenToIsServedAndKeepsWhatIsDeleted)
+TEST_F(AHostileCollection, ThatIsReadOnlyIsServedAndKeepsDeletedBundles)
 {
     ASSERT_EQ(::mount("tmpfs", collection.Path().c_str(), "tmpfs", 0, "mode=0755"), 0);
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Install(Shell(": > " + In("radio") + "/data")).Write();
@@ -229,7 +229,7 @@ TEST_F(AHostileCollection, ThatCanNotBeWrittenToIsServedAndKeepsWhatIsDeleted)
     ::umount2(collection.Path().c_str(), MNT_DETACH);
 }
 
-TEST_F(AHostileCollection, ThatCanNotBeReadEndsTheStart)
+TEST_F(AHostileCollection, ThatCannotBeReadEndsTheStart)
 {
     fs::create_symlink("loop", staging / "loop");
     fs::create_symlink("nowhere", staging / "dangling");

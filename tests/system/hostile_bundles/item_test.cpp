@@ -110,7 +110,7 @@ TEST_F(AHostileItem, ThatDeletesItsBundleIsStopped)
     EXPECT_TRUE(IsUnharmed());
 }
 
-TEST_F(AHostileItem, ThatRewritesItsManifestIsRestartedAgainAndAgainAndHoldsUpNoOther)
+TEST_F(AHostileItem, ThatRewritesItsManifestIsRestartedRepeatedlyAndDelaysNoOther)
 {
     Write(staging, "rewrite-manifest");
     ASSERT_TRUE(StartServing());
@@ -141,7 +141,7 @@ TEST_F(AnItemThatLeavesTheGroup, IsNotSupervisedAndTheOthersAre)
 }
 
 // The monitor waits for the group of the lowest pid, wherever that has gone.
-TEST_F(AnItemThatLeavesTheGroup, AndHasTheLowestPidHoldsUpTheSupervisionOfAllOthersUntilItEnds)
+TEST_F(AnItemThatLeavesTheGroup, AndHasTheLowestPidBlocksTheSupervisionOfAllOthersUntilItEnds)
 {
     Write(collection, "leave-session");
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
@@ -172,7 +172,7 @@ TEST_F(AnItemThatLeavesTheGroup, AndHasTheLowestPidTakesThoseWithItThatAreLaunch
     EXPECT_EQ(::getpgid(daemon.WaitForItem("radio", "radiod")), leaver);
 }
 
-TEST_F(AnItemsName, MayLeadAnywhereAndFailsItsItemAloneWhenNothingIsThere)
+TEST_F(AnItemsName, MayBeAnyPathAndFailsItsItemAloneIfNothingIsThere)
 {
     collection.Bundle("radio")
         .Item("../data/outside", Shell(": > " + Note("outside") + "\nexec " TEST_SLEEPER))

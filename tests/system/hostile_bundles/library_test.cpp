@@ -11,11 +11,11 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 class ALibraryThatEndsTheServer : public HostileBundles, public testing::WithParamInterface<const char*> {};
-class ALibraryThatIsNeverLoadedToItsEnd : public HostileBundles {};
+class ALibraryThatIsNeverLoadedCompletely : public HostileBundles {};
 
 } // namespace
 
-TEST_P(ALibraryThatEndsTheServer, DoesSoEachTimeUntilItsBundleIsTakenOut)
+TEST_P(ALibraryThatEndsTheServer, DoesSoAtEachStartUntilItsBundleIsTakenOut)
 {
     collection.Bundle("bomb").ThreadMode().Library("libbomb.so", GetParam(), HOSTILE_LIBRARY).Write();
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
@@ -36,7 +36,7 @@ INSTANTIATE_TEST_SUITE_P(Harms, ALibraryThatEndsTheServer, testing::Values("Abor
                          [](const auto& instance) { return std::string(instance.param); });
 
 // The dynamic loader holds a lock while it runs a library's constructors, which the end of the process takes too.
-TEST_F(ALibraryThatIsNeverLoadedToItsEnd, KeepsOtherLibrariesOutAndTheServerFromEnding)
+TEST_F(ALibraryThatIsNeverLoadedCompletely, BlocksOtherLibrariesAndTheServersEnd)
 {
     daemon.SetEnvironment("LD_PRELOAD", ""); // whatever is loaded before the daemon may ask the loader for a name
     collection.Bundle("holder").ThreadMode().Library("libholder.so", "ReturnZero", HOSTILE_CONSTRUCTOR).Write();

@@ -272,7 +272,7 @@ protected:
 
 } // namespace
 
-TEST_F(AHostileManifest, ThatIsThereAtTheStartFailsItselfAlone)
+TEST_F(AHostileManifest, AtTheStartFailsAlone)
 {
     WriteInto(collection);
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
@@ -305,7 +305,7 @@ TEST_F(AHostileManifest, ThatIsThereAtTheStartFailsItselfAlone)
     EXPECT_TRUE(IsUnharmed());
 }
 
-TEST_F(AHostileManifest, ThatIsDroppedInFailsItselfAlone)
+TEST_F(AHostileManifest, ThatIsDroppedInFailsAlone)
 {
     WriteInto(staging);
     collection.Bundle("dos").Write();

@@ -52,7 +52,7 @@ const std::vector<std::string> BAD{"bare", "died",  "folder", "forbidden", "fork
 
 } // namespace
 
-TEST_F(AHostileScript, OfTheInstallationIsGotOverAtTheStart)
+TEST_F(AHostileScript, OfTheInstallationHarmsNothingAtTheStart)
 {
     WriteBad(collection, notes.Path().string());
     ASSERT_TRUE(StartServing());
@@ -67,7 +67,7 @@ TEST_F(AHostileScript, OfTheInstallationIsGotOverAtTheStart)
     EXPECT_TRUE(IsUnharmed());
 }
 
-TEST_F(AHostileScript, OfTheInstallationIsGotOverWhenItsBundleIsDroppedIn)
+TEST_F(AHostileScript, OfTheInstallationHarmsNothingWhenItsBundleIsDroppedIn)
 {
     WriteBad(staging, notes.Path().string());
     ASSERT_TRUE(StartServing());
@@ -78,7 +78,7 @@ TEST_F(AHostileScript, OfTheInstallationIsGotOverWhenItsBundleIsDroppedIn)
     EXPECT_TRUE(IsUnharmed());
 }
 
-TEST_F(AHostileScript, ThatNeverEndsHoldsUpAllElseUntilItIsKilled)
+TEST_F(AHostileScript, ThatNeverEndsBlocksEverythingElseUntilItIsKilled)
 {
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
     ASSERT_TRUE(StartServing());
@@ -138,7 +138,7 @@ TEST_F(AHostileScript, OfADeletionThatNeverEndsKeepsTheServerFromEndingUntilItIs
     EXPECT_EQ(daemon.CountInLog("success to rm : [" + In("holder") + "]."), 1) << "the request is finished first";
 }
 
-TEST_F(AHostileScript, OfAnUpdateIsGotOver)
+TEST_F(AHostileScript, OfAnUpdateHarmsNothing)
 {
     collection.Bundle("died").Update(Shell("kill -KILL 0")).Write();
     collection.Bundle("rewriter")
@@ -178,7 +178,7 @@ TEST_F(AHostileScript, ThatRemovesItsBundleLeavesNothingOfIt)
     EXPECT_TRUE(IsUnharmed());
 }
 
-TEST_F(AHostileScript, ThatRemovesAnotherBundleWithdrawsThat)
+TEST_F(AHostileScript, ThatRemovesAnotherBundleUnloadsThatOne)
 {
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
     staging.Bundle("remover").Install(Shell("rm -rf " + In("radio"))).Write();

@@ -104,7 +104,7 @@ protected:
 
 } // namespace
 
-TEST_F(APeerOfAnotherUser, IsTurnedAwayHoweverOftenItTriesAlsoWhereTheSocketsModeLetsItIn)
+TEST_F(APeerOfAnotherUser, IsRefusedEachTimeEvenIfTheSocketsModeLetsItIn)
 {
     EXPECT_TRUE(Holds(NOBODY, NOBODY, [] { return UnixClient(SERVICE_SOCKET).Error() == EACCES; }));
     ASSERT_EQ(::chmod(SERVICE_SOCKET, 0666), 0);
@@ -125,7 +125,7 @@ TEST_F(APeerOfAnotherUser, IsTurnedAwayHoweverOftenItTriesAlsoWhereTheSocketsMod
     ExpectRadioIsDeleted();
 }
 
-TEST_F(APeerOfAnotherUser, IsTurnedAwayAlsoWhereItIsOfTheServersGroup)
+TEST_F(APeerOfAnotherUser, IsRefusedEvenInTheServersGroup)
 {
     EXPECT_TRUE(Holds(NOBODY, ::getegid(), IsTurnedAway)) << "the mode lets it in, the server does not";
     EXPECT_TRUE(daemon.WaitForLog("of user 65534 is refused"));
@@ -133,7 +133,7 @@ TEST_F(APeerOfAnotherUser, IsTurnedAwayAlsoWhereItIsOfTheServersGroup)
     ExpectRadioIsDeleted();
 }
 
-TEST_F(APeerOfAnotherUser, IsJudgedByWhoConnectedAndNotByWhoSends)
+TEST_F(APeerOfAnotherUser, IsRecognisedByItsConnectionAndNotByTheSender)
 {
     // Connected by root, then handed down to a process of no rights: it is root who has let it in.
     const UnixClient client(SERVICE_SOCKET);
@@ -157,7 +157,7 @@ TEST_F(AStartUnderALock, ThatAnyUserHoldsOnTheServiceDirectoryServes)
     EXPECT_TRUE(std::filesystem::is_empty("/mnt/bolt")) << "a clean end leaves nothing behind";
 }
 
-TEST_F(AStartUnderALock, ThatNobodyWhoServesHoldsServesWhenItIsFree)
+TEST_F(AStartUnderALock, ThatNoServerHoldsServesWhenItIsFree)
 {
     std::filesystem::create_directories("/mnt/bolt");
     Lock("/mnt/bolt/.bundlesvr.paas.kov.lock", O_RDONLY | O_CREAT | O_CLOEXEC, 0);
@@ -175,7 +175,7 @@ TEST_F(AStartUnderALock, ThatNobodyWhoServesHoldsServesWhenItIsFree)
     EXPECT_TRUE(std::filesystem::is_empty("/mnt/bolt"));
 }
 
-TEST_F(AStartUnderALock, ThatNobodyWhoServesHoldsEndsAtASignal)
+TEST_F(AStartUnderALock, ThatNoServerHoldsEndsAtASignal)
 {
     std::filesystem::create_directories("/mnt/bolt");
     Lock("/mnt/bolt/.bundlesvr.paas.kov.lock", O_RDONLY | O_CREAT | O_CLOEXEC, 0);
@@ -186,7 +186,7 @@ TEST_F(AStartUnderALock, ThatNobodyWhoServesHoldsEndsAtASignal)
     EXPECT_EQ(end->status, 0);
 }
 
-TEST_F(TheSocketFile, MayVanishAndThoseWhoAreConnectedAreServedOn)
+TEST_F(TheSocketFile, MayVanishAndConnectedClientsAreStillServed)
 {
     const UnixClient early(SERVICE_SOCKET);
     ASSERT_EQ(early.Ask(DeletePacket(NO_BUNDLE), DaemonRunner::PATIENCE), StatusPacket(404));
@@ -198,7 +198,7 @@ TEST_F(TheSocketFile, MayVanishAndThoseWhoAreConnectedAreServedOn)
     EXPECT_EQ(daemon.Stop().status, 0);
 }
 
-TEST_F(TheSocketFile, IsAtTheEndLeftToWhomeverHasTakenItsPlace)
+TEST_F(TheSocketFile, IsNotRemovedAtTheEndIfAnotherHasTakenItsPlace)
 {
     std::filesystem::remove(SERVICE_SOCKET);
     m_otherCollection.Bundle("tuner").Write();
@@ -210,7 +210,7 @@ TEST_F(TheSocketFile, IsAtTheEndLeftToWhomeverHasTakenItsPlace)
     EXPECT_FALSE(Exists(SERVICE_SOCKET));
 }
 
-TEST_F(TheSocketFile, ReplacedByWhatIsNoSocketIsLeftAlone)
+TEST_F(TheSocketFile, ReplacedByAnotherFileIsNotTouched)
 {
     const UnixClient early(SERVICE_SOCKET);
     std::filesystem::remove(SERVICE_SOCKET);

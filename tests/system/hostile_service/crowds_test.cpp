@@ -99,7 +99,7 @@ TEST_F(ACrowdOfHostilePeers, WaitsWithoutHarmWhileOthersHaveTakenTheDescriptors)
     ExpectRadioIsDeleted();
 }
 
-TEST_F(ACrowdOfHostilePeers, OfThousandsIsServedAsFarAsThereIsRoomAndTheRestInItsTurn)
+TEST_F(ACrowdOfHostilePeers, OfThousandsIsServedUpToTheLimitAndTheRestInItsTurn)
 {
     const auto limit = Scaled<rlim_t>(2000, 16384);
     const int room = static_cast<int>(limit / 2);

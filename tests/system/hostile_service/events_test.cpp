@@ -62,13 +62,13 @@ using TheServiceDirectory = SystemTest;
 
 } // namespace
 
-TEST_F(AnEventService, ThatNobodyHasMadeIsMissedByNobody)
+TEST_F(AnEventService, ThatDoesNotExistCostsOnlyEvents)
 {
     ExpectHarmless();
     EXPECT_TRUE(daemon.WaitForLog("open event srv fail", 16));
 }
 
-TEST_F(AnEventService, ThatNobodyReadsCostsNothing)
+TEST_F(AnEventService, ThatIsNotReadCostsNothing)
 {
     ASSERT_EQ(::mkfifo(EVENT_FIFO, 0660), 0);
     ExpectHarmless();
@@ -99,7 +99,7 @@ TEST_F(AnEventService, WhoseListenerStopsWithTheFifoFullLosesWholeEvents)
     ::close(fifo);
 }
 
-TEST_F(AnEventService, WhoseListenerComesAndGoesIsServedWhileItIsThere)
+TEST_F(AnEventService, WhoseListenerComesAndGoesGetsEventsWhileItListens)
 {
     ASSERT_EQ(::mkfifo(EVENT_FIFO, 0660), 0);
     for (int round = 0; round < 5; ++round) {
@@ -142,14 +142,14 @@ TEST_F(AnEventService, ThatIsALinkToAnotherFifoIsNotWrittenTo)
     ::close(fifo);
 }
 
-TEST_F(AnEventService, ThatIsADirectoryIsMissedByNobody)
+TEST_F(AnEventService, ThatIsADirectoryCostsOnlyEvents)
 {
     ASSERT_EQ(::mkdir(EVENT_FIFO, 0755), 0);
     ExpectHarmless();
     EXPECT_TRUE(daemon.WaitForLog("open event srv fail", 16));
 }
 
-TEST_F(AnEventService, ThatIsASocketIsMissedByNobody)
+TEST_F(AnEventService, ThatIsASocketCostsOnlyEvents)
 {
     const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
@@ -161,7 +161,7 @@ TEST_F(AnEventService, ThatIsASocketIsMissedByNobody)
     ::close(listener);
 }
 
-TEST_F(AnEventService, WhoseDirectoryIsGoneIsMissedByNobody)
+TEST_F(AnEventService, WhoseDirectoryIsGoneCostsOnlyEvents)
 {
     const UnixClient client(SERVICE_SOCKET);
     std::filesystem::remove_all("/mnt/bolt");
@@ -173,7 +173,7 @@ TEST_F(AnEventService, WhoseDirectoryIsGoneIsMissedByNobody)
     EXPECT_EQ(daemon.Stop().status, 0);
 }
 
-TEST_F(AnEventService, InADirectoryThatHasBecomeReadOnlyIsServedAllTheSame)
+TEST_F(AnEventService, InADirectoryThatHasBecomeReadOnlyStillGetsEvents)
 {
     ASSERT_EQ(::mkfifo(EVENT_FIFO, 0660), 0);
     const int fifo = ::open(EVENT_FIFO, O_RDONLY | O_NONBLOCK | O_CLOEXEC);

@@ -82,7 +82,7 @@ TEST_F(ALimitOnFileSizes, CostsRecordsAndNeitherTheServiceNorTheSupervision)
     ExpectRadioIsDeleted();
 }
 
-TEST_F(ALimitOnFileSizes, IsToldOfByTheNumberOfRecordsLostOnceItIsLifted)
+TEST_F(ALimitOnFileSizes, IsFollowedByTheNumberOfLostRecordsOnceItIsLifted)
 {
     StartWithLimit(SIG_DFL);
     LetTheLogReachIt();
@@ -104,7 +104,7 @@ TEST_F(ALimitOnFileSizes, LeavesScriptsAndItemsTheSignalsDefaultEffect)
     EXPECT_FALSE(IsIgnored(ReadFile(Note("item")), SIGXFSZ)) << ReadFile(Note("item"));
 }
 
-TEST_F(ALimitOnFileSizes, LeavesScriptsAndItemsToIgnoreTheSignalWhereTheServerWasStartedSo)
+TEST_F(ALimitOnFileSizes, LeavesScriptsAndItemsIgnoringTheSignalIfTheServerWasStartedSo)
 {
     StartWithLimit(SIG_IGN);
     MoveInAWitness();
@@ -128,7 +128,7 @@ TEST_F(ALimitOnFileSizes, DoesNotKillAChildThatCannotBeExecuted)
     EXPECT_FALSE(daemon.WaitForLog("relaunch ghost.missing...", 1, 3s)) << "it has ended with status 1 and rests";
 }
 
-TEST_F(ALimitOnFileSizes, DoesNotEndADaemonThatHasGoneIntoTheBackground)
+TEST_F(ALimitOnFileSizes, DoesNotEndADaemonInTheBackground)
 {
     const std::string pidFile = Note("pid");
     const std::string configuration = Note("configuration.ini");

@@ -107,7 +107,7 @@ protected:
     static constexpr const char DISK[] = "/mnt/disk";
 };
 
-class ALogThatNobodyReads : public HostileService {
+class ALogThatIsNotRead : public HostileService {
 protected:
     void SetUp() override { ASSERT_EQ(::mkfifo(m_fifo.c_str(), 0600), 0); }
 
@@ -192,7 +192,7 @@ TEST_F(ALogOnAFullDisk, CostsRecordsAndNoService)
     ExpectRadioIsDeleted();
 }
 
-TEST_F(ALogOnAFullDisk, GoesOnInANewLineOnceThereIsRoomAndSaysHowManyRecordsItLost)
+TEST_F(ALogOnAFullDisk, ContinuesInANewLineOnceThereIsRoomAndCountsTheLostRecords)
 {
     FillTheDisk();
     ASSERT_FALSE(HasFailure());
@@ -213,7 +213,7 @@ TEST_F(ALogOnAFullDisk, GoesOnInANewLineOnceThereIsRoomAndSaysHowManyRecordsItLo
     ExpectRadioIsDeleted();
 }
 
-TEST_F(ALogThatNobodyReads, DoesNotKeepTheServerFromStartingAndIsReadLater)
+TEST_F(ALogThatIsNotRead, DoesNotKeepTheServerFromStartingAndIsReadLater)
 {
     StartWithFifoAsLog();
     ASSERT_FALSE(HasFailure());
@@ -229,7 +229,7 @@ TEST_F(ALogThatNobodyReads, DoesNotKeepTheServerFromStartingAndIsReadLater)
     ExpectRadioIsDeleted();
 }
 
-TEST_F(ALogThatNobodyReads, ButOnceCostsTheServerRecordsAndASecondAtMost)
+TEST_F(ALogThatIsNotRead, ButOnceCostsTheServerRecordsAndASecondAtMost)
 {
     StartWithFifoAsLog();
     ASSERT_FALSE(HasFailure());
@@ -244,7 +244,7 @@ TEST_F(ALogThatNobodyReads, ButOnceCostsTheServerRecordsAndASecondAtMost)
     ExpectRadioIsDeleted();
 }
 
-TEST_F(ALogThatNobodyReads, AnyMoreIsReadByTheNextOne)
+TEST_F(ALogThatIsNotRead, AnyMoreIsReadByTheNextReader)
 {
     StartWithFifoAsLog();
     ASSERT_FALSE(HasFailure());
@@ -261,7 +261,7 @@ TEST_F(ALogThatNobodyReads, AnyMoreIsReadByTheNextOne)
     ExpectRadioIsDeleted();
 }
 
-TEST_F(ALogThatNobodyReads, OnStandardErrorCostsTheServerRecordsAndASecondAtMost)
+TEST_F(ALogThatIsNotRead, OnStandardErrorCostsTheServerRecordsAndASecondAtMost)
 {
     LogReader reader(m_fifo);
     StartWithFifoAsStandardError();
@@ -276,7 +276,7 @@ TEST_F(ALogThatNobodyReads, OnStandardErrorCostsTheServerRecordsAndASecondAtMost
     ExpectRadioIsDeleted();
 }
 
-TEST_F(ALogThatNobodyReads, AnyMoreOnStandardErrorKillsNoChildBeforeItIsExecuted)
+TEST_F(ALogThatIsNotRead, AnyMoreOnStandardErrorKillsNoChildBeforeItsExec)
 {
     {
         LogReader reader(m_fifo);
@@ -290,7 +290,7 @@ TEST_F(ALogThatNobodyReads, AnyMoreOnStandardErrorKillsNoChildBeforeItIsExecuted
     ExpectRadioIsDeleted();
 }
 
-TEST_F(ALogThatNobodyReads, OnASocketCostsTheServerRecordsAndASecondAtMost)
+TEST_F(ALogThatIsNotRead, OnASocketCostsTheServerRecordsAndASecondAtMost)
 {
     const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
@@ -341,7 +341,7 @@ TEST_F(TheLogFile, MayBeRemovedAndTheServerServesOn)
     ExpectRadioIsDeleted();
 }
 
-TEST_F(TheLogFile, MayBeCopiedAndTruncatedAndGoesOnAtItsBeginning)
+TEST_F(TheLogFile, MayBeCopiedAndTruncatedAndContinuesAtItsBeginning)
 {
     for (int round = 0; round < 5; ++round) {
         for (int i = 0; i < 20; ++i) {

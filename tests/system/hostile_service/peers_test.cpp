@@ -258,7 +258,7 @@ TEST_F(AHostilePeer, WhosePacketsAreMalformedGetsItsRefusalOrLosesItsConnectionA
     Report("malformed packets refused, connections lost", std::to_string(refused) + ", " + std::to_string(closed));
 }
 
-TEST_F(AHostilePeer, ThatSaysNothingHindersNobody)
+TEST_F(AHostilePeer, ThatSendsNothingHindersNoOther)
 {
     const int peers = Scaled(300, 3000);
     AllowAllDescriptors();
@@ -296,7 +296,7 @@ TEST_F(AHostilePeer, ThatAsksInBigPacketsAndReadsNothingCostsTheServerTheSmallRe
     }
 }
 
-TEST_F(AHostilePeer, ThatNeverReadsLosesItsConnectionAndNobodyElseDoes)
+TEST_F(AHostilePeer, ThatNeverReadsIsTheOnlyOneToLoseItsConnection)
 {
     const int peers = Scaled(1, 8);
     // Beside what the kernel keeps of it, a reply is 8 bytes of the 1 MiB.
@@ -350,7 +350,7 @@ TEST_F(AHostilePeer, ThatVanishesInTheMiddleLeavesNothingBehind)
     });
 }
 
-TEST_F(AHostilePeer, ThatShutsDownItsSendingStillGetsEveryReplyAndNothingIsLeftOfIt)
+TEST_F(AHostilePeer, ThatShutsDownItsSendingGetsEveryReplyAndLeavesNothingBehind)
 {
     // More than the kernel holds for a peer that does not read yet.
     const int requests = 2000;
@@ -390,7 +390,7 @@ TEST_F(AHostilePeer, ThatShutsDownItsReceivingLosesItsConnection)
     });
 }
 
-TEST_F(AHostilePeer, FloodsTheServiceWithSevenOthersAndAGoodOneIsServedAmongThem)
+TEST_F(AHostilePeer, AndSevenOthersFloodTheServiceAndAGoodOneIsServedAmongThem)
 {
     const int questions = Scaled(500, 20'000);
     std::vector<std::chrono::microseconds> latencies;
@@ -421,7 +421,7 @@ TEST_F(AHostilePeer, FloodsTheServiceWithSevenOthersAndAGoodOneIsServedAmongThem
                std::to_string(latencies.back().count()));
 }
 
-TEST_F(AHostilePeer, IsDealtWithAfterASlowOperationAndTheGoodOnesAreAllAnswered)
+TEST_F(AHostilePeer, WaitsForASlowOperationAndAllGoodOnesAreAnswered)
 {
     staging.Bundle("slow")
         .Install(Shell(": > " + Note("installing") + "\nwhile [ ! -e " + Note("go-on") + " ]; do sleep 0.05; done"))

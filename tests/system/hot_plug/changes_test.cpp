@@ -71,7 +71,7 @@ private:
 
 } // namespace
 
-TEST_F(TheRecords, OfABundleThatComesAreWrittenInOrder)
+TEST_F(TheRecords, OfABundleThatIsAddedAreWrittenInOrder)
 {
     staging.Bundle("radio").Install(Shell(": > " + Note("installed"))).Write();
     for (int i = 1; i <= 3; ++i) {
@@ -110,7 +110,7 @@ TEST_F(TheRecords, OfABundleThatComesAreWrittenInOrder)
     }
 }
 
-TEST_F(TheRecords, OfABundleThatGoesAreWrittenInOrder)
+TEST_F(TheRecords, OfABundleThatIsRemovedAreWrittenInOrder)
 {
     staging.Bundle("radio").Uninstall(Shell(": > " + Note("uninstalled"))).Write();
     for (int i = 1; i <= 3; ++i) {
@@ -186,7 +186,7 @@ TEST_F(AnUpdate, StartsTheProgramThatHasReplacedTheOld)
     EXPECT_TRUE(daemon.WaitForLog("normal stop radio.radiod..."));
 }
 
-TEST_F(AnUpdate, TakesInADirectoryThatHasReplacedTheOld)
+TEST_F(AnUpdate, TakesADirectoryThatHasReplacedTheOld)
 {
     staging.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
     MoveIn("radio");
@@ -201,7 +201,7 @@ TEST_F(AnUpdate, TakesInADirectoryThatHasReplacedTheOld)
     EXPECT_EQ(Modified(), 1);
 }
 
-TEST_F(AnUpdate, IsNotMadeForWhatItemsWriteToFoldersOfTheirOwn)
+TEST_F(AnUpdate, IsNotMadeWhenItemsWriteToOtherFolders)
 {
     staging.Bundle("radio")
         .Item("radiod", Shell("cd \"$(dirname \"$0\")\"/.. && while :; do date >> log/today; date > data/$$; "
@@ -290,7 +290,7 @@ TEST_F(AChangeThatIsMade, JustAfterTheBundleCouldNotBeLoadedLoadsIt)
     EXPECT_TRUE(IsStarted("radio"));
 }
 
-TEST_F(AChangeThatIsMade, WhileTheBundleIsStartedInVainHasItTriedAgain)
+TEST_F(AChangeThatIsMade, WhileTheBundleFailsToStartRetriesIt)
 {
     HoldAfter("resolve bundle[radio] dependencies...");
     staging.Bundle("radio").Requires("tuner").Write();
@@ -326,7 +326,7 @@ TEST_F(ASlowCopy, EndsInABundleThatRunsWhenItPausesForLongerThanAScan)
 }
 
 // Moved in, it is loaded after the scan that sees it and the second that the handler waits: no scan later.
-TEST_F(TheCollection, IsFollowedWithinASecondAndTheSecondThatIsWaited)
+TEST_F(TheCollection, IsScannedOnceASecondAndHandledASecondLater)
 {
     staging.Bundle("radio").Write();
     const auto start = std::chrono::steady_clock::now();
@@ -336,7 +336,7 @@ TEST_F(TheCollection, IsFollowedWithinASecondAndTheSecondThatIsWaited)
     EXPECT_LT(std::chrono::steady_clock::now() - start, 15s);
 }
 
-TEST_F(TheCollection, MayGoAwayAndComeBack)
+TEST_F(TheCollection, MayBeRemovedAndReturn)
 {
     staging.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
     MoveIn("radio");
@@ -360,7 +360,7 @@ TEST_F(TheCollection, MayGoAwayAndComeBack)
     EXPECT_EQ(Removed(), 0);
 }
 
-TEST_F(SeveralBundles, ThatComeTogetherAreStartedTheRequiredFirst)
+TEST_F(SeveralBundles, ThatAreAddedTogetherAreStartedTheRequiredFirst)
 {
     staging.Bundle("tuner").Write();
     staging.Bundle("radio").Requires("tuner").Write();
@@ -376,7 +376,7 @@ TEST_F(SeveralBundles, ThatComeTogetherAreStartedTheRequiredFirst)
     }
 }
 
-TEST_F(SeveralBundles, AreAllTakenIn)
+TEST_F(SeveralBundles, AreAllLoaded)
 {
     for (int i = 10; i < 22; ++i) {
         staging.Bundle("b" + std::to_string(i)).Write();

@@ -32,8 +32,8 @@ protected:
     }
 };
 
-class ABundleThatCanNotStart : public HotPlug {};
-class ABundleThatCanNotBeRemoved : public HotPlug {};
+class ABundleThatCannotStart : public HotPlug {};
+class ABundleThatCannotBeRemoved : public HotPlug {};
 class AnEntryThatIsNoBundle : public HotPlug {};
 class ABrokenUpdate : public HotPlug {};
 class AMendedBundle : public HotPlug {};
@@ -55,7 +55,7 @@ TEST_F(ABrokenBundle, WithAManifestThatDoesNotParseIsNotLoaded)
 }
 
 // At the start of the server the same would end it.
-TEST_F(ABrokenBundle, WithAnItemsNameThatIsTooShortFailsItselfAlone)
+TEST_F(ABrokenBundle, WithATooShortItemNameFailsAlone)
 {
     collection.Bundle("tuner").Write();
     ASSERT_TRUE(IsStarted("tuner"));
@@ -82,7 +82,7 @@ TEST_F(ABrokenBundle, WithAnUnknownModeIsRefusedAfterItsInstallation)
     EXPECT_TRUE(Exists(Note("installed")));
 }
 
-TEST_F(ABrokenBundle, WithTheNameOfAnotherIsRefusedAndTheOtherGoesOn)
+TEST_F(ABrokenBundle, WithTheNameOfAnotherIsRefusedAndTheOtherKeepsRunning)
 {
     staging.BundleIn("first").Name("radio").Copy("radiod", TEST_SLEEPER).Write();
     MoveIn("first");
@@ -98,7 +98,7 @@ TEST_F(ABrokenBundle, WithTheNameOfAnotherIsRefusedAndTheOtherGoesOn)
     EXPECT_EQ(RequestDelete("radio"), 200);
 }
 
-TEST_F(ABundleThatCanNotStart, ForWhatItRequiresIsMissingIsUnloadedAgain)
+TEST_F(ABundleThatCannotStart, BecauseItsRequirementIsMissingIsUnloadedAgain)
 {
     staging.Bundle("radio").Requires("tuner").Uninstall(Shell(": > " + Note("uninstalled"))).Write();
     MoveIn("radio");
@@ -117,7 +117,7 @@ TEST_F(ABundleThatCanNotStart, ForWhatItRequiresIsMissingIsUnloadedAgain)
     EXPECT_TRUE(IsUnknown("radio"));
 }
 
-TEST_F(ABundleThatCanNotStart, IsNotTriedAgainForWhatItsOwnScriptsWriteInIt)
+TEST_F(ABundleThatCannotStart, IsNotRetriedWhenItsOwnScriptsWriteIntoIt)
 {
     const std::string write = Shell(": > " + In("radio") + "/written.$$; : > " + In("radio") + "/bin/written.$$");
     staging.Bundle("radio").Requires("tuner").Install(write).Uninstall(write).Write();
@@ -128,7 +128,7 @@ TEST_F(ABundleThatCanNotStart, IsNotTriedAgainForWhatItsOwnScriptsWriteInIt)
     EXPECT_EQ(Modified(), 0);
 }
 
-TEST_F(ABundleThatCanNotStart, IsUnloadedAgain)
+TEST_F(ABundleThatCannotStart, IsUnloadedAgain)
 {
     staging.Bundle("radio").ThreadMode().Item("radiod", "").Uninstall(Shell(": > " + Note("uninstalled"))).Write();
     MoveIn("radio");
@@ -144,7 +144,7 @@ TEST_F(ABundleThatCanNotStart, IsUnloadedAgain)
     EXPECT_TRUE(IsUnknown("radio"));
 }
 
-TEST_F(ABundleThatCanNotBeRemoved, IsNotLoadedAgainForWhatItsUninstallScriptHasWritten)
+TEST_F(ABundleThatCannotBeRemoved, IsNotLoadedAgainWhenItsUninstallScriptHasWritten)
 {
     daemon.Stop();
     Interpose("REFUSE_FORK_WHEN", Note("refuse"));
@@ -200,7 +200,7 @@ TEST_F(AnEntryThatIsNoBundle, ChangesNothingWhenItIsRemoved)
     EXPECT_EQ(RequestDelete("tuner"), 200);
 }
 
-TEST_F(AnEntryThatIsNoBundle, IsADirectoryThatARequestHasDeleted)
+TEST_F(AnEntryThatIsNoBundle, CanBeADirectoryThatARequestHasDeleted)
 {
     staging.Bundle("radio").Write();
     MoveIn("radio");

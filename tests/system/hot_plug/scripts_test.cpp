@@ -65,7 +65,7 @@ TEST_F(AManifestThatComes, WithTheContentInForceIsNoChange)
     EXPECT_EQ(Modified(), 1);
 }
 
-TEST_F(AnUpdate, IsNotRepeatedForWhatItsScriptHasDone)
+TEST_F(AnUpdate, IsNotRepeatedForChangesOfItsScript)
 {
     staging.Bundle("radio")
         .Update(Shell("cd \"$(dirname \"$0\")\"/.. && cp BundleManifest.ini .new && mv .new BundleManifest.ini && "
@@ -95,7 +95,7 @@ TEST_F(AnUpdate, IsRepeatedOnceForAScriptThatChangesTheManifestEachTime)
     }
 }
 
-TEST_F(AnUpdate, IsNotMadeForWhatTheInstallationHasDone)
+TEST_F(AnUpdate, IsNotMadeForChangesOfTheInstallation)
 {
     staging.Bundle("radio")
         .Install(Shell("cd \"$(dirname \"$0\")\"/.. && touch BundleManifest.ini && mkdir -p bin && date > bin/stamp"))

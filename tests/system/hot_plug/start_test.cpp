@@ -70,7 +70,7 @@ private:
 
 } // namespace
 
-TEST_F(WhileTheServerStarts, ABundleThatComesIsLoadedOnceWhenItHasStarted)
+TEST_F(WhileTheServerStarts, ABundleThatIsAddedIsLoadedOnceWhenItHasStarted)
 {
     staging.Bundle("opera").Copy("operad", TEST_SLEEPER).Write();
     MoveIn("opera");
@@ -94,7 +94,7 @@ TEST_F(WhileTheServerStarts, ABundleThatIsChangedIsUpdated)
     EXPECT_EQ(daemon.CountInLog("load bundle[" + First() + "] success."), 1);
 }
 
-TEST_F(WhileTheServerStarts, ABundleThatIsChangedJustBeforeItGoesOnIsUpdated)
+TEST_F(WhileTheServerStarts, ABundleThatIsChangedAtTheEndOfItsStartIsUpdated)
 {
     KeepWatcherWaiting();
     collection.Bundle(First()).Copy("changed", TEST_SLEEPER).Write();
@@ -102,7 +102,7 @@ TEST_F(WhileTheServerStarts, ABundleThatIsChangedJustBeforeItGoesOnIsUpdated)
     EXPECT_NE(daemon.WaitForItem(First(), "changed"), 0);
 }
 
-TEST_F(WhileTheServerStarts, ABundleThatIsMendedIsLoadedWhenItHasStarted)
+TEST_F(WhileTheServerStarts, ABundleThatIsRepairedIsLoadedWhenItHasStarted)
 {
     Mend();
     ASSERT_TRUE(daemon.WaitForLog("dir item modified event happen."));
@@ -110,7 +110,7 @@ TEST_F(WhileTheServerStarts, ABundleThatIsMendedIsLoadedWhenItHasStarted)
     EXPECT_TRUE(IsStarted(Broken()));
 }
 
-TEST_F(WhileTheServerStarts, ABundleThatIsMendedJustBeforeItGoesOnIsLoaded)
+TEST_F(WhileTheServerStarts, ABundleThatIsRepairedAtTheEndOfTheStartIsLoaded)
 {
     KeepWatcherWaiting();
     Mend();
@@ -118,7 +118,7 @@ TEST_F(WhileTheServerStarts, ABundleThatIsMendedJustBeforeItGoesOnIsLoaded)
     EXPECT_TRUE(IsStarted(Broken()));
 }
 
-TEST_F(WhileTheServerStarts, ABundleThatGoesIsUnloaded)
+TEST_F(WhileTheServerStarts, ABundleThatIsRemovedIsUnloaded)
 {
     fs::rename(In(First()), staging / First());
     ASSERT_TRUE(daemon.WaitForLog("dir item remove event happen."));

@@ -58,7 +58,7 @@ protected:
     }
 };
 
-class ABundleThatComes : public ByAWay {};
+class ABundleThatIsAdded : public ByAWay {};
 
 /// They are there when the daemon starts.
 class ABundleThatIsThere : public ByAWay {
@@ -73,12 +73,12 @@ protected:
         }
     }
 };
-class ABundleThatGoes : public ABundleThatIsThere {};
+class ABundleThatIsRemoved : public ABundleThatIsThere {};
 class ABundleThatIsChanged : public ABundleThatIsThere {};
 
 } // namespace
 
-TEST_P(ABundleThatComes, IsLoadedAndStartedOnce)
+TEST_P(ABundleThatIsAdded, IsLoadedAndStartedOnce)
 {
     ForEach("tar -C \"$STAGING\" -cf \"$STAGING\"/$B.tar $B");
     ForEach(GetParam().command);
@@ -91,7 +91,7 @@ TEST_P(ABundleThatComes, IsLoadedAndStartedOnce)
     EXPECT_EQ(daemon.CountInLog("failed to load"), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(By, ABundleThatComes,
+INSTANTIATE_TEST_SUITE_P(By, ABundleThatIsAdded,
                          ::testing::Values(Way{"Copying", "cp -r \"$STAGING\"/$B \"$COLLECTION\"/"},
                                            Way{"CopyingWithItsAttributes", "cp -a \"$STAGING\"/$B \"$COLLECTION\"/"},
                                            Way{"Moving", "mv \"$STAGING\"/$B \"$COLLECTION\"/"},
@@ -100,7 +100,7 @@ INSTANTIATE_TEST_SUITE_P(By, ABundleThatComes,
                                            Way{"LinkingToIt", "ln -s \"$STAGING\"/$B \"$COLLECTION\"/$B"}),
                          NameOf);
 
-TEST_P(ABundleThatGoes, IsStoppedAndUnloadedOnce)
+TEST_P(ABundleThatIsRemoved, IsStoppedAndUnloadedOnce)
 {
     RunShell("rm -r \"$STAGING\"/*");
     const pid_t item = daemon.WaitForItem("radio", "radiod");
@@ -118,7 +118,7 @@ TEST_P(ABundleThatGoes, IsStoppedAndUnloadedOnce)
     EXPECT_EQ(daemon.PidsOf("radio", "radiod").size(), 1U);
 }
 
-INSTANTIATE_TEST_SUITE_P(By, ABundleThatGoes,
+INSTANTIATE_TEST_SUITE_P(By, ABundleThatIsRemoved,
                          ::testing::Values(Way{"Removing", "rm -rf \"$COLLECTION\"/$B"},
                                            Way{"MovingItAway", "mv \"$COLLECTION\"/$B \"$STAGING\"/"}),
                          NameOf);

@@ -44,7 +44,7 @@ TEST_F(AHalfDeletedBundle, IsNamedByTheLogOfTheServerThatWasKilled)
     EXPECT_EQ(UnfinishedDeletion(), "");
 }
 
-TEST_F(AHalfDeletedBundle, WithoutItsManifestIsNamedByTheNextServerAndLeftAlone)
+TEST_F(AHalfDeletedBundle, WithoutItsManifestIsNamedByTheNextServerAndNotTouched)
 {
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).NoManifest().Write();
     collection.Bundle("tuner").Write();
@@ -58,7 +58,7 @@ TEST_F(AHalfDeletedBundle, WithoutItsManifestIsNamedByTheNextServerAndLeftAlone)
     EXPECT_TRUE(daemon.Programs().empty());
 }
 
-TEST_F(AHalfDeletedBundle, WithItsManifestIsStartedAsFarAsItIsThereAndCanBeDeletedAgain)
+TEST_F(AHalfDeletedBundle, WithItsManifestIsStartedAndCanBeDeletedAgain)
 {
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Item("ukwd").Write();
     ASSERT_TRUE(daemon.StartServing());

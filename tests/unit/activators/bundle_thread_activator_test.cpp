@@ -30,7 +30,7 @@ TEST_F(AThreadActivator, StartsNothingForABundleWithoutItems)
     EXPECT_TRUE(log.Messages().empty());
 }
 
-TEST_F(AThreadActivator, CallsTheEntryFunctionOnAThreadOfItsOwn)
+TEST_F(AThreadActivator, CallsTheEntryFunctionOnASeparateThread)
 {
     MakeWith("Succeed");
     const ItemLibrary library = Library();
@@ -45,7 +45,7 @@ TEST_F(AThreadActivator, CallsTheEntryFunctionOnAThreadOfItsOwn)
     }
 }
 
-TEST_F(AThreadActivator, NamesTheThreadAfterBundleAndItemAsFarAsTheSystemKeepsIt)
+TEST_F(AThreadActivator, NamesTheThreadAfterBundleAndItem)
 {
     MakeWith("Succeed");
     const ItemLibrary library = Library();
@@ -96,7 +96,7 @@ TEST_F(AThreadActivator, LogsAnEntryFunctionThatFails)
     EXPECT_TRUE(ItemThreadsEnd());
 }
 
-TEST_F(AThreadActivator, LogsALibraryThatCannotBeOpenedWithoutAReason)
+TEST_F(AThreadActivator, LogsALibraryThatFailsToOpenWithoutAReason)
 {
     Make(collection.Bundle("tuner").ThreadMode().Library("tunerd.so", "Succeed"));
     activator->Start();
@@ -106,7 +106,7 @@ TEST_F(AThreadActivator, LogsALibraryThatCannotBeOpenedWithoutAReason)
     EXPECT_TRUE(ItemThreadsEnd());
 }
 
-TEST_F(AThreadActivator, LogsALibraryThatIsNone)
+TEST_F(AThreadActivator, LogsAFileThatIsNoLibrary)
 {
     Make(collection.Bundle("tuner").ThreadMode().Library("tunerd.so", "Succeed"));
     WriteProgram(path + "/bin/tunerd.so", "no library");
@@ -147,7 +147,7 @@ TEST_F(AThreadActivator, SurvivesAnEntryFunctionThatThrows)
     EXPECT_TRUE(ItemThreadsEnd());
 }
 
-TEST_F(AThreadActivator, SurvivesAnEntryFunctionThatThrowsWhatIsNoException)
+TEST_F(AThreadActivator, SurvivesAnEntryFunctionThatThrowsNoException)
 {
     MakeWith("ThrowNumber");
     activator->Start();
@@ -156,7 +156,7 @@ TEST_F(AThreadActivator, SurvivesAnEntryFunctionThatThrowsWhatIsNoException)
     EXPECT_TRUE(log.HasError(record));
 }
 
-TEST_F(AThreadActivator, RefusesAnItemThatIsNoLibraryAfterTheOnesBeforeItAreStarted)
+TEST_F(AThreadActivator, RefusesAnItemThatIsNoLibraryAndKeepsTheOnesBeforeItRunning)
 {
     Make(collection.Bundle("tuner")
              .ThreadMode()
@@ -185,7 +185,7 @@ TEST_F(AThreadActivator, TakesNoUpperCaseEndingForALibrary)
     EXPECT_TRUE(activator->ThreadIds().empty());
 }
 
-TEST_F(AThreadActivator, ThrowsWhenNoThreadIsToBeHad)
+TEST_F(AThreadActivator, ThrowsWhenAThreadCannotBeCreated)
 {
     MakeWith("Succeed");
     const auto attempt = [this] {
@@ -221,7 +221,7 @@ TEST_F(AThreadActivator, CancelsItsThreadsInTheirOrder)
     EXPECT_FALSE(log.HasPart("entry func"));
 }
 
-TEST_F(AThreadActivator, OnlyAsksForTheEndAndDoesNotWaitForIt)
+TEST_F(AThreadActivator, RequestsTheEndAndDoesNotWaitForIt)
 {
     MakeWith("WaitAtGate");
     const ItemLibrary library = Library();
@@ -247,7 +247,7 @@ TEST_F(AThreadActivator, AsksTwiceWhenItIsStoppedTwice)
     EXPECT_EQ(cancellations.Count(), 2);
 }
 
-TEST_F(AThreadActivator, LeavesAThreadThatHasEndedAlone)
+TEST_F(AThreadActivator, DoesNotTouchAThreadThatHasEnded)
 {
     MakeWith("Succeed");
     activator->Start();

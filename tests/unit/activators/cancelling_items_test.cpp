@@ -56,7 +56,7 @@ CancelState OwnCancelState()
 
 } // namespace
 
-TEST_F(CancellingAnItem, WaitsUntilItsLibraryIsLoadedAndThenKeepsItFromBeingEntered)
+TEST_F(CancellingAnItem, WaitsUntilItsLibraryIsLoadedAndPreventsTheCall)
 {
     MakeGated();
     activator->Start();
@@ -84,7 +84,7 @@ TEST_F(CancellingAnItem, IsPossibleInItsEntryFunctionAndNotInTheConstructor)
     EXPECT_EQ(library.StateInEntry(), PTHREAD_CANCEL_ENABLE);
 }
 
-TEST_F(CancellingAnItem, IsNotPossibleInTheLogWhateverStateItsFunctionHasReturnedIn)
+TEST_F(CancellingAnItem, IsNotPossibleInTheLogInAnyStateOfItsFunction)
 {
     MakeWith("ReturnAsynchronous");
     const std::thread::id test = std::this_thread::get_id();
@@ -103,7 +103,7 @@ TEST_F(CancellingAnItem, IsNotPossibleInTheLogWhateverStateItsFunctionHasReturne
     EXPECT_EQ(records, 2);
 }
 
-TEST_F(CancellingAnItem, ComesTooLateWhenItsFunctionHasReturned)
+TEST_F(CancellingAnItem, HasNoEffectAfterItsFunctionHasReturned)
 {
     MakeWith("ReturnCancelledAtGate");
     const ItemLibrary library = Library();
@@ -115,7 +115,7 @@ TEST_F(CancellingAnItem, ComesTooLateWhenItsFunctionHasReturned)
     EXPECT_TRUE(ItemThreadsEnd());
 }
 
-TEST_F(CancellingAnItem, FindsItsThreadThere)
+TEST_F(CancellingAnItem, FindsItsThread)
 {
     MakeWith("WaitAtGate");
     const ItemLibrary library = Library();

@@ -136,7 +136,7 @@ TEST_F(AFailingCallOfALaunch, EndsNoPauseThatASignalInterrupts)
     EXPECT_GE(Clock::now() - before, 1s);
 }
 
-TEST_F(AFailingCallOfALaunch, LeavesNoChildThatIsNotWaitedFor)
+TEST_F(AFailingCallOfALaunch, LeavesNoUnreapedChild)
 {
     const auto activator = Make(collection.Bundle("media").Item("mediad", Sleeper()));
     const Fault thread(Call::START_THREAD, EAGAIN);
@@ -146,7 +146,7 @@ TEST_F(AFailingCallOfALaunch, LeavesNoChildThatIsNotWaitedFor)
     EXPECT_FALSE(OwnProcess::HasChildren());
 }
 
-TEST_F(AFailingCallOfTheMonitor, EndsItForGoodWhereItIsTheReaping)
+TEST_F(AFailingCallOfTheMonitor, EndsItForGoodWhenReapingFails)
 {
     Start(collection.Bundle("media").Item("mediad", ExitingAtTrigger(0)));
     {
@@ -159,7 +159,7 @@ TEST_F(AFailingCallOfTheMonitor, EndsItForGoodWhereItIsTheReaping)
     ProcessTable::EndAllWithoutMonitor();
 }
 
-TEST_F(AFailingCallOfAScript, RunsItWithoutANoticeOfItsBirth)
+TEST_F(AFailingCallOfAScript, RunsItWithoutANoticeOfItsFork)
 {
     const std::string mark = outside / "mark";
     const Bundle bundle(std::make_shared<BundleStorageDir>(
@@ -173,7 +173,7 @@ TEST_F(AFailingCallOfAScript, RunsItWithoutANoticeOfItsBirth)
     EXPECT_FALSE(OwnProcess::HasChildren());
 }
 
-TEST_F(AFailingCallOfAStorage, RegistersNoBundleThatCanNotBeLookedAt)
+TEST_F(AFailingCallOfAStorage, RegistersNoBundleWithoutAStatus)
 {
     const std::string path = collection.Bundle("media").Write();
     BundleManager manager(std::make_shared<BundleStorageDirFactory>());
@@ -254,7 +254,7 @@ TEST_F(AFailingCallOfTheWatcher, DoesNotKeepItFromBeingMade)
     }
 }
 
-TEST_F(AFailingCallOfTheWatcher, LeavesNothingWhereItIsItsThread)
+TEST_F(AFailingCallOfTheWatcher, LeavesNothingWhenItsThreadCannotBeMade)
 {
     std::thread([] {}).join(); // a sanitizer starts a thread of its own with the first
     const int descriptors = OwnProcess::Descriptors();
@@ -269,7 +269,7 @@ TEST_F(AFailingCallOfTheWatcher, LeavesNothingWhereItIsItsThread)
     EXPECT_TRUE(SeesWhatComes());
 }
 
-TEST_F(AFailingCallOfTheWatcher, RaisesNothingWhileTheCollectionCanNotBeRead)
+TEST_F(AFailingCallOfTheWatcher, RaisesNothingWhileTheCollectionCannotBeRead)
 {
     collection.Bundle("media").Write();
     Watch();
@@ -283,7 +283,7 @@ TEST_F(AFailingCallOfTheWatcher, RaisesNothingWhileTheCollectionCanNotBeRead)
     }
 }
 
-TEST_F(AFailingCallOfTheWatcher, TakesNoItemForGoneThatCanNotBeLookedAt)
+TEST_F(AFailingCallOfTheWatcher, TakesNoItemWithoutAStatusForRemoved)
 {
     collection.Bundle("media").Write();
     Watch();

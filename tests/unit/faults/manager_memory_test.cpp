@@ -215,7 +215,7 @@ TEST_F(WithoutMemoryTheManager, LeavesNoChildOfABundleThatItCannotStart)
         });
 }
 
-TEST_F(WithoutMemoryTheManager, StartsALibrarysThreadOrNone)
+TEST_F(WithoutMemoryTheManager, StartsTheThreadOfALibraryOrNone)
 {
     const std::string path =
         Builder().ThreadMode().Library("a library of some length.so", "Succeed", THREAD_ITEM).Write();
@@ -288,7 +288,7 @@ TEST_F(WithoutMemoryTheManager, UpdatesABundlesManifestWholeOrNotAtAll)
 }
 
 // That it leaves a descriptor open is the framework's doing; the server ends when its start-up is out of memory.
-TEST_F(WithoutMemoryTheManager, LoadsACollectionOrSaysThatItDoesNot)
+TEST_F(WithoutMemoryTheManager, LoadsACollectionOrReportsThatItCannot)
 {
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "the framework leaks what it cannot finish";
@@ -304,7 +304,7 @@ TEST_F(WithoutMemoryTheManager, LoadsACollectionOrSaysThatItDoesNot)
           });
 }
 
-TEST_F(WithoutMemoryTheManager, UnloadsWhatFailsInAWalkAsFarAsItCan)
+TEST_F(WithoutMemoryTheManager, UnloadsFailedBundlesOfAWalkAsFarAsItCan)
 {
     Sweep(
         [&] {
@@ -325,7 +325,7 @@ TEST_F(WithoutMemoryTheManager, UnloadsWhatFailsInAWalkAsFarAsItCan)
         });
 }
 
-TEST_F(WithoutMemoryAThread, RelaunchesADeadItemWhenThereIsMemoryAgain)
+TEST_F(WithoutMemoryAThread, RelaunchesADeadItemOnceItHasMemory)
 {
     for (const bool isKilled : {true, false}) {
         std::string path;
@@ -363,7 +363,7 @@ TEST_F(WithoutMemoryAThread, RelaunchesADeadItemWhenThereIsMemoryAgain)
     }
 }
 
-TEST_F(WithoutMemoryAThread, KeepsTheServerFromALibrarysFailure)
+TEST_F(WithoutMemoryAThread, ProtectsTheServerFromALibrarysFailure)
 {
     const std::string path =
         collection.Bundle(NAME).ThreadMode().Library("a library of some length.so", "Succeed", THREAD_ITEM).Write();

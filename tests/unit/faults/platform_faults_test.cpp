@@ -119,7 +119,7 @@ TEST_F(AFailingCallOfTheLoop, LosesNoSignal)
     EXPECT_TRUE(Exists(SOCKET));
 }
 
-TEST_F(AFailingCallOfAConnection, IsTriedAgainWhereThatIsEnough)
+TEST_F(AFailingCallOfAConnection, IsRetriedWhereThatIsEnough)
 {
     for (const int error : {EINTR, EAGAIN, ECONNABORTED}) {
         const Fault fault(Call::ACCEPT, error, 1);
@@ -147,7 +147,7 @@ TEST_F(AFailingCallOfAConnection, LetsItWaitUntilThereAreDescriptors)
     EXPECT_LT(log.CountPart("a connection cannot be accepted"), 3) << "no more than one a second";
 }
 
-TEST_F(AFailingCallOfAConnection, LeavesNoServiceDeafThatWaits)
+TEST_F(AFailingCallOfAConnection, LeavesNoWaitingServiceDeaf)
 {
     {
         const Fault accept(Call::ACCEPT, EMFILE, 1);
@@ -161,13 +161,13 @@ TEST_F(AFailingCallOfAConnection, LeavesNoServiceDeafThatWaits)
     EXPECT_TRUE(pause.HasStruck());
 }
 
-TEST_F(AFailingCallOfAConnection, RefusesWhoseUserIsNotToBeHad)
+TEST_F(AFailingCallOfAConnection, RefusesAPeerWhoseUserIsUnknown)
 {
     const Fault fault(Call::GETSOCKOPT, ENOBUFS, 1);
     CostsTheConnection("is refused: only user");
 }
 
-TEST_F(AFailingCallOfAConnection, CostsItWhereTheLoopDoesNotTakeIt)
+TEST_F(AFailingCallOfAConnection, ClosesItWhenTheLoopDoesNotTakeIt)
 {
     {
         const Fault fault(Call::EVENT_NEW, ENOMEM, 1);
@@ -180,13 +180,13 @@ TEST_F(AFailingCallOfAConnection, CostsItWhereTheLoopDoesNotTakeIt)
     CostsTheConnection("a peer cannot be accepted (the event loop does not take it), its connection is closed");
 }
 
-TEST_F(AFailingCallOfAConnection, CostsItWhereNothingIsReceived)
+TEST_F(AFailingCallOfAConnection, ClosesItWhenNothingIsReceived)
 {
     const Fault fault(Call::RECV, ECONNRESET, 1);
     CostsTheConnection("");
 }
 
-TEST_F(AFailingCallOfAConnection, CostsItWhereAReplyIsNotTaken)
+TEST_F(AFailingCallOfAConnection, ClosesItWhenAReplyIsNotTaken)
 {
     {
         const Fault fault(Call::SEND, EPIPE, 1, 1);
@@ -196,14 +196,14 @@ TEST_F(AFailingCallOfAConnection, CostsItWhereAReplyIsNotTaken)
     CostsTheConnection("a peer cannot be sent a reply (No buffer space available), its connection is closed");
 }
 
-TEST_F(AFailingCallOfAConnection, CostsItWhereAReplyCanNotWait)
+TEST_F(AFailingCallOfAConnection, ClosesItWhenAReplyCannotWait)
 {
     const Fault sending(Call::SEND, EAGAIN, 1, 1);
     const Fault waiting(Call::EVENT_ADD, ENOMEM, 1, 1); // the connection itself is taken before
     CostsTheConnection("a peer cannot be answered (the event loop does not take it), its connection is closed");
 }
 
-TEST_F(AFailingCallOfAConnection, CostsNoMoreThanItForWantOfMemory)
+TEST_F(AFailingCallOfAConnection, ClosesNoOtherWhenMemoryRunsOut)
 {
     const std::string content(20000, 'x');
     for (const auto lasting : {AllocationFault::Lasting::ONCE, AllocationFault::Lasting::FOR_GOOD}) {
@@ -256,7 +256,7 @@ TEST_F(AFailingCallOfAMessage, LosesTheMessageAndNothingElse)
     ::close(ends[1]);
 }
 
-TEST_F(AFailingCallOfTheLog, LosesARecordAtMostAndNotThatItIsLost)
+TEST_F(AFailingCallOfTheLog, LosesAtMostOneRecordAndCountsIt)
 {
     const auto write = [](const char* text) { ZQ_WriteLog(4, 1, 0, 0, __FILE__, __LINE__, "%s", text); };
     {

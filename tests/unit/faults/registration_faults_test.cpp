@@ -95,7 +95,7 @@ private:
 
 } // namespace
 
-TEST_F(AFailingCallAtTheRegistration, IsSaidWhereTheDirectoryIsConcerned)
+TEST_F(AFailingCallAtTheRegistration, IsLoggedForTheDirectory)
 {
     std::filesystem::remove_all("/mnt/bolt");
     IsSaid(Call::MKDIR, EROFS, "/mnt/bolt cannot be made: Read-only file system.");
@@ -103,7 +103,7 @@ TEST_F(AFailingCallAtTheRegistration, IsSaidWhereTheDirectoryIsConcerned)
     IsSaid(Call::CHMOD, EPERM, "/mnt/bolt cannot be made: Operation not permitted.");
 }
 
-TEST_F(AFailingCallAtTheRegistration, IsSaidWhereTheLockIsConcerned)
+TEST_F(AFailingCallAtTheRegistration, IsLoggedForTheLock)
 {
     const std::string notMade = "no lock can be made at " + LOCK;
     IsSaid(Call::OPEN, EMFILE, notMade + ": Too many open files.");
@@ -112,7 +112,7 @@ TEST_F(AFailingCallAtTheRegistration, IsSaidWhereTheLockIsConcerned)
     IsSaid(Call::LSTAT, EACCES, notMade + ": Permission denied.");
 }
 
-TEST_F(AFailingCallAtTheRegistration, DoesNotMatterWhereTheLocksFileIsOpenedOrLookedAtAgain)
+TEST_F(AFailingCallAtTheRegistration, DoesNotMatterWhenTheLockFileIsOpenedOrCheckedAgain)
 {
     for (const Call call : {Call::OPEN, Call::LSTAT}) {
         LeaveLock();
@@ -123,7 +123,7 @@ TEST_F(AFailingCallAtTheRegistration, DoesNotMatterWhereTheLocksFileIsOpenedOrLo
     }
 }
 
-TEST_F(AFailingCallAtTheRegistration, DoesNotMatterWhereTheLocksFileKeepsItsModeOrStays)
+TEST_F(AFailingCallAtTheRegistration, DoesNotMatterIfTheLockFileKeepsItsModeOrStays)
 {
     {
         const Fault mode(Call::FCHMOD, EPERM, 1);
@@ -136,7 +136,7 @@ TEST_F(AFailingCallAtTheRegistration, DoesNotMatterWhereTheLocksFileKeepsItsMode
     EXPECT_FALSE(Exists(LOCK));
 }
 
-TEST_F(AFailingCallAtTheRegistration, IsSaidWhereTheSocketIsConcerned)
+TEST_F(AFailingCallAtTheRegistration, IsLoggedForTheSocket)
 {
     const std::string notMade = "no socket can be made at " + SOCKET;
     const std::string notReady = "the socket at " + SOCKET + " cannot be made ready";
@@ -149,7 +149,7 @@ TEST_F(AFailingCallAtTheRegistration, IsSaidWhereTheSocketIsConcerned)
     IsSaid(Call::LSTAT, EACCES, notReady + ": Permission denied.", 2);
 }
 
-TEST_F(AFailingCallAtTheRegistration, IsSaidWhereADeadServersSocketIsConcerned)
+TEST_F(AFailingCallAtTheRegistration, IsLoggedForADeadServersSocket)
 {
     LeaveDeadSocket();
     IsSaid(Call::SOCKET, EMFILE, "no socket to be had: Too many open files.");
@@ -159,7 +159,7 @@ TEST_F(AFailingCallAtTheRegistration, IsSaidWhereADeadServersSocketIsConcerned)
     IsSaid(Call::UNLINK, EACCES, "the socket of a dead server at " + SOCKET + " cannot be removed: Permission denied.");
 }
 
-TEST_F(AFailingCallAtTheRegistration, IsSaidWhereTheLoopIsConcerned)
+TEST_F(AFailingCallAtTheRegistration, IsLoggedForTheLoop)
 {
     IsSaid(Call::EVENT_NEW, ENOMEM, "cannot be registered: std::bad_alloc.");
     IsSaid(Call::EVENT_NEW, ENOMEM, "cannot be registered: std::bad_alloc.", 1);
@@ -168,7 +168,7 @@ TEST_F(AFailingCallAtTheRegistration, IsSaidWhereTheLoopIsConcerned)
     IsSaid(Call::TIMERFD_CREATE, EMFILE, "no timer can be made: Too many open files.");
 }
 
-TEST_F(AFailingCallAtTheRegistration, IsTriedAgainWhereTheLockIsTakenOrTheWaitInterrupted)
+TEST_F(AFailingCallAtTheRegistration, IsRetriedWhenTheLockIsTakenOrTheWaitInterrupted)
 {
     for (const int error : {EWOULDBLOCK, EINTR}) {
         const Fault lock(Call::FLOCK, error, 3);
@@ -181,14 +181,14 @@ TEST_F(AFailingCallAtTheRegistration, IsTriedAgainWhereTheLockIsTakenOrTheWaitIn
     EXPECT_FALSE(log.HasPart("service["));
 }
 
-TEST_F(AFailingCallAtTheRegistration, DoesNotMatterWhereADirectoryIsThatCanNotBeLookedAt)
+TEST_F(AFailingCallAtTheRegistration, DoesNotMatterIfADirectoryExistsThatHasNoStatus)
 {
     const Fault fault(Call::STAT, EACCES);
     EXPECT_TRUE(RunningServer(SERVICE, g_testProtocol).IsRegistered());
     EXPECT_TRUE(fault.HasStruck());
 }
 
-TEST_F(AFailingCallAtTheRegistration, FindsALockThatNobodyElseMayOpen)
+TEST_F(AFailingCallAtTheRegistration, FindsALockThatNoOtherUserMayOpen)
 {
     for (const mode_t mask : {0U, 0777U}) {
         const mode_t before = ::umask(mask);
@@ -205,7 +205,7 @@ TEST_F(AFailingCallAtTheRegistration, FindsALockThatNobodyElseMayOpen)
     }
 }
 
-TEST_F(AFailingCallAtTheRegistration, MeansNothingWhereWhatWasLockedHasGoneFromItsPath)
+TEST_F(AFailingCallAtTheRegistration, DoesNotMatterWhenTheLockedFileHasLeftItsPath)
 {
     LeaveLock();
     int rounds = 0;
@@ -231,7 +231,7 @@ TEST_F(AServiceThatWaitsForItsLock, IsServedOnceTheLockIsFree)
     EXPECT_FALSE(Exists(LOCK));
 }
 
-TEST_F(AServiceThatWaitsForItsLock, TellsOfItOnceAMinuteWhileItTriesEachSecond)
+TEST_F(AServiceThatWaitsForItsLock, LogsOnceAMinuteWhileItTriesEachSecond)
 {
     const Fault lock(Call::FLOCK, EWOULDBLOCK, 105); // a hundred and one at once, then the loop's
     const NoPauses hurry;
@@ -252,7 +252,7 @@ TEST_F(AServiceThatWaitsForItsLock, LeavesANameThatALiveServerHasTakenMeanwhile)
     EXPECT_TRUE(IsServed());
 }
 
-TEST_F(AServiceThatWaitsForItsLock, IsGivenUpWhereTheSystemRefusesIt)
+TEST_F(AServiceThatWaitsForItsLock, IsAbandonedWhenTheSystemRefusesTheLock)
 {
     ASSERT_TRUE(Begins());
     const Fault fault(Call::BIND, EACCES);
@@ -260,7 +260,7 @@ TEST_F(AServiceThatWaitsForItsLock, IsGivenUpWhereTheSystemRefusesIt)
     EXPECT_TRUE(log.HasPart("no socket can be made at " + SOCKET + ": Permission denied."));
 }
 
-TEST_F(AServiceThatWaitsForItsLock, IsGivenUpWhereTheLoopDoesNotTakeItsSocket)
+TEST_F(AServiceThatWaitsForItsLock, IsAbandonedWhenTheLoopDoesNotTakeItsSocket)
 {
     ASSERT_TRUE(Begins());
     const Fault fault(Call::EVENT_ADD, ENOMEM, 1);
@@ -268,7 +268,7 @@ TEST_F(AServiceThatWaitsForItsLock, IsGivenUpWhereTheLoopDoesNotTakeItsSocket)
     EXPECT_FALSE(Exists(SOCKET)) << "clients would wait there forever";
 }
 
-TEST_F(AServiceThatWaitsForItsLock, IsTriedAgainWithoutMemory)
+TEST_F(AServiceThatWaitsForItsLock, IsRetriedWithoutMemory)
 {
     ASSERT_TRUE(Begins());
     {

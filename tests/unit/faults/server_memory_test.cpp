@@ -217,7 +217,7 @@ TEST_F(WithoutMemoryTheServer, LoadsAnAddedBundleAtTheNextAttempt)
         });
 }
 
-TEST_F(WithoutMemoryTheServer, StopsARemovedBundleOrSaysThatItDoesNot)
+TEST_F(WithoutMemoryTheServer, StopsARemovedBundleOrReportsThatItCannot)
 {
     Sweep(
         [&] {
@@ -233,7 +233,7 @@ TEST_F(WithoutMemoryTheServer, StopsARemovedBundleOrSaysThatItDoesNot)
         });
 }
 
-TEST_F(WithoutMemoryTheServer, RestartsAModifiedBundleOrSaysThatItDoesNot)
+TEST_F(WithoutMemoryTheServer, RestartsAModifiedBundleOrReportsThatItCannot)
 {
     Sweep(
         [&] {
@@ -249,7 +249,7 @@ TEST_F(WithoutMemoryTheServer, RestartsAModifiedBundleOrSaysThatItDoesNot)
         });
 }
 
-TEST_F(WithoutMemoryTheServer, EndsItsStartUpByAnExceptionAndStartsTheNextTime)
+TEST_F(WithoutMemoryTheServer, EndsItsStartWithAnExceptionAndStartsTheNextTime)
 {
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "the framework leaks what it cannot finish";
@@ -272,7 +272,7 @@ TEST_F(WithoutMemoryTheServer, EndsItsStartUpByAnExceptionAndStartsTheNextTime)
         });
 }
 
-TEST_F(WithoutMemoryTheWatcher, RaisesAnAddedItemAfterAll)
+TEST_F(WithoutMemoryTheWatcher, RaisesAnAddedItemAtALaterScan)
 {
     Sweep("added", [this] {
         std::filesystem::remove_all(collection / NAME);
@@ -281,12 +281,12 @@ TEST_F(WithoutMemoryTheWatcher, RaisesAnAddedItemAfterAll)
     });
 }
 
-TEST_F(WithoutMemoryTheWatcher, RaisesARemovedItemAfterAll)
+TEST_F(WithoutMemoryTheWatcher, RaisesARemovedItemAtALaterScan)
 {
     Sweep("removed", [this] { std::filesystem::remove_all(collection / NAME); });
 }
 
-TEST_F(WithoutMemoryTheWatcher, RaisesAModifiedItemAfterAll)
+TEST_F(WithoutMemoryTheWatcher, RaisesAModifiedItemAtALaterScan)
 {
     Sweep("modified", [this] { WriteFile(collection / NAME + "/bin/another item", ""); });
 }

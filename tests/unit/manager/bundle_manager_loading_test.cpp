@@ -34,7 +34,7 @@ TEST_F(LoadingABundle, RunsTheInstallScriptOnceAndFirst)
         {"run script[" + (collection / "media") + "/./script/install.sh] done.", "load bundle[media] success."}));
 }
 
-TEST_F(LoadingABundle, GoesOnAfterAnInstallScriptThatFails)
+TEST_F(LoadingABundle, ContinuesAfterAnInstallScriptThatFails)
 {
     EXPECT_TRUE(Load(collection.Bundle("media").Install("#!/bin/sh\nexit 1\n")));
 }
@@ -47,7 +47,7 @@ TEST_F(LoadingABundle, StartsAndResolvesNothing)
     EXPECT_EQ(forks.Count(), 0);
 }
 
-TEST_F(LoadingABundle, IsRefusedWhenTheFactoryMakesNone)
+TEST_F(LoadingABundle, IsRefusedWhenTheFactoryMakesNoBundle)
 {
     WriteFile(collection / "file", "");
     EXPECT_FALSE(manager.LoadBundle(collection / "file"));
@@ -55,7 +55,7 @@ TEST_F(LoadingABundle, IsRefusedWhenTheFactoryMakesNone)
     EXPECT_FALSE(memoryManager.LoadBundle("nowhere"));
 }
 
-TEST_F(LoadingABundle, LetsWhatTheFactoryThrowsPassAndRunsNoScript)
+TEST_F(LoadingABundle, PassesOnExceptionsOfTheFactoryAndRunsNoScript)
 {
     const auto builder = collection.Bundle("media").NoManifest().Install(Noting("install"));
     EXPECT_THROW(Load(builder), Poco::FileNotFoundException);
@@ -124,7 +124,7 @@ TEST_F(LoadingAllBundles, LoadsEveryDirectoryAndSkipsFiles)
     EXPECT_FALSE(log.HasPart("file..."));
 }
 
-TEST_F(LoadingAllBundles, SaysNothingOfAnEmptyCollection)
+TEST_F(LoadingAllBundles, WritesNothingForAnEmptyCollection)
 {
     LoadAll();
     EXPECT_TRUE(log.Messages().empty());
@@ -134,7 +134,7 @@ TEST_F(LoadingAllBundles, SaysNothingOfAnEmptyCollection)
     EXPECT_TRUE(log.Messages().empty());
 }
 
-TEST_F(LoadingAllBundles, TakesTheCollectionsPathWithASlashBehindItToo)
+TEST_F(LoadingAllBundles, TakesTheCollectionsPathWithATrailingSlash)
 {
     collection.Bundle("a").Write();
     std::string directory = collection.Path() + "/";
@@ -155,7 +155,7 @@ TEST_F(LoadingAllBundles, KeepsTheFirstOfTwoWithOneName)
     EXPECT_EQ(manager.LoadedPaths(), std::set<std::string>{collection / notes.substr(0, 3)});
 }
 
-TEST_F(LoadingAllBundles, GoesOnAfterABundleThatFails)
+TEST_F(LoadingAllBundles, ContinuesAfterABundleThatFails)
 {
     collection.Bundle("broken").Manifest("[global]\nbundle_name = broken\n").Write();
     collection.Bundle("empty").NoManifest().Write();
@@ -169,7 +169,7 @@ TEST_F(LoadingAllBundles, GoesOnAfterABundleThatFails)
     EXPECT_EQ(manager.LoadedPaths(), std::set<std::string>{collection / "media"});
 }
 
-TEST_F(LoadingAllBundles, SkipsEntriesWhoseKindCannotBeTold)
+TEST_F(LoadingAllBundles, SkipsEntriesOfUnknownKind)
 {
     std::filesystem::create_symlink(collection / "nowhere", collection / "dangling");
     std::filesystem::create_symlink(collection / "circle", collection / "circle");
@@ -211,7 +211,7 @@ TEST_F(LoadingAllBundles, IsEndedByAnItemNameOfFewerThanThreeCharacters)
     EXPECT_FALSE(log.Has("load bundle done."));
 }
 
-TEST_F(LoadingAllBundles, ThrowsWhenThereIsNoCollection)
+TEST_F(LoadingAllBundles, ThrowsWithoutACollection)
 {
     std::string nowhere = collection / "nowhere";
     EXPECT_THROW(manager.LoadAllBundles(nowhere), Poco::Exception);

@@ -59,7 +59,7 @@ TEST_F(ResolvingABundle, ResolvesWhatItRequiresFirst)
                         "resolve bundle dependencies done.", "bundle[a] state changing[Installed] -> [Resolved]"}));
 }
 
-TEST_F(ResolvingABundle, TakesItsDependenciesInTheirOrderAndTwiceNamedOnesOnce)
+TEST_F(ResolvingABundle, ResolvesItsDependenciesInOrderAndRepeatedOnesOnce)
 {
     const auto a = Put("a", "d, b, d, c");
     Put("b");
@@ -71,7 +71,7 @@ TEST_F(ResolvingABundle, TakesItsDependenciesInTheirOrderAndTwiceNamedOnesOnce)
     EXPECT_EQ(log.CountPart("]..."), 3);
 }
 
-TEST_F(ResolvingABundle, GoesOnPastRequiredBundlesThatAreResolved)
+TEST_F(ResolvingABundle, SkipsRequiredBundlesThatAreResolved)
 {
     const auto a = Put("a", "b, c, d, e");
     Put("b")->SetCurState(Bundle::BUNDLE_RESOLVED);
@@ -243,7 +243,7 @@ TEST_F(ResolvingAllBundles, UnloadsWhatFailedAfterTheWalkInTheOrderOfTheFailures
     EXPECT_TRUE(manager.LoadedPaths().empty());
 }
 
-TEST_F(ResolvingAllBundles, LeavesAllMarksBehindItself)
+TEST_F(ResolvingAllBundles, LeavesNoMarkOfACircle)
 {
     Put("a", "b");
     Put("b", "a");

@@ -91,7 +91,7 @@ TEST_F(StartingABundle, StartsWhatItRequiresFirst)
                   "start bundle[a] activator done.", "bundle[a] state changing[Starting] -> [Active]"}));
 }
 
-TEST_F(StartingABundle, GoesOnPastRequiredBundlesThatAreActive)
+TEST_F(StartingABundle, SkipsRequiredBundlesThatAreActive)
 {
     LoadStarted(collection.Bundle("b"));
     const auto a = LoadResolved(collection.Bundle("a").Requires("b").Requires("b"));
@@ -159,7 +159,7 @@ TEST_F(StartingABundle, LeavesItResolvedWhenAnItemOfThreadModeIsNoLibrary)
                         "bundle[tuner] state changing[Starting] -> [Resolved]"}));
 }
 
-TEST_F(StartingABundle, LeavesWhatItHasStartedBeforeItsFailureActive)
+TEST_F(StartingABundle, LeavesTheBundlesStartedBeforeItsFailureActive)
 {
     const auto base = LoadResolved(collection.Bundle("base"));
     const auto bundle = LoadResolved(Unstartable("tuner").Requires("base"));
@@ -205,7 +205,7 @@ TEST_F(StartingAllBundles, StartsARequiredBundleWithinItsDependantAndNotAgain)
     EXPECT_EQ(log.Count("start bundle done."), 2);
 }
 
-TEST_F(StartingAllBundles, UnloadsWhatFailsAfterTheWalk)
+TEST_F(StartingAllBundles, UnloadsFailedBundlesAfterTheWalk)
 {
     const auto b = LoadResolved(Unstartable("b").Uninstall(Noting("b")));
     const auto a = LoadResolved(collection.Bundle("a").Requires("b").Uninstall(Noting("a")));
@@ -244,7 +244,7 @@ TEST_F(StartingAllBundles, KeepsAFailedBundleThatALaterDependantHasStartedAfterA
     EXPECT_TRUE(Eventually(20s, [&] { return log.Count("all child process exit, stop monitor thread.") == 1; }));
 }
 
-TEST_F(StartingAllBundles, IsEndedByWhatIsNoExceptionOfTheFrameworkAndUnloadsWhatHadFailed)
+TEST_F(StartingAllBundles, IsEndedByAStandardExceptionAndUnloadsTheFailedBundles)
 {
     LoadResolved(Unstartable("a").Uninstall(Noting("a")));
     const auto b = LoadResolved(collection.Bundle("b").Item("app", "#!/bin/sh\n"));
@@ -310,7 +310,7 @@ TEST_F(StoppingABundle, LeavesItActiveWhenItsActivatorThrows)
     EXPECT_FALSE(log.HasPart("activator Done."));
 }
 
-TEST_F(StoppingABundle, LeavesItsDependantsAndWhatItRequiresRunning)
+TEST_F(StoppingABundle, LeavesItsDependantsAndRequirementsRunning)
 {
     const auto base = LoadStarted(collection.Bundle("base"));
     const auto middle = LoadStarted(collection.Bundle("middle").Requires("base"));
@@ -343,7 +343,7 @@ TEST_F(StoppingABundle, KeepsTheActivatorOfTheOldModeAfterAnUpdate)
     EXPECT_TRUE(log.Has("bundle process already exit."));
 }
 
-TEST_F(StoppingABundle, OfAllGoesInTheOrderOfTheNames)
+TEST_F(StoppingABundle, OfAllFollowsTheOrderOfTheNames)
 {
     LoadStarted(collection.Bundle("c"));
     LoadResolved(collection.Bundle("b"));

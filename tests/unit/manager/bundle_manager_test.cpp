@@ -62,7 +62,7 @@ TEST_F(TheManager, DoesNothingToItsBundlesWhenItEnds)
     EXPECT_TRUE(log.Messages().empty());
 }
 
-TEST_F(TheManager, ThrowsWhenItsLockIsNotToBeHad)
+TEST_F(TheManager, ThrowsWhenItsLockFails)
 {
     const auto bundle = Load(collection.Bundle("media"));
     const auto withoutLock = [](const auto& operation) {

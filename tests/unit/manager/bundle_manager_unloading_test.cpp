@@ -25,7 +25,7 @@ TEST_F(UnloadingABundle, RunsTheUninstallScriptAndForgetsIt)
     EXPECT_TRUE(Exists(collection / "media")) << "its files are nobody's business here";
 }
 
-TEST_F(UnloadingABundle, GoesOnAfterAnUninstallScriptThatFails)
+TEST_F(UnloadingABundle, ContinuesAfterAnUninstallScriptThatFails)
 {
     const auto bundle = Load(collection.Bundle("media").Uninstall("#!/bin/sh\nexit 1\n"));
     manager.UnloadBundle(bundle);
@@ -74,7 +74,7 @@ TEST_F(UnloadingABundle, IsRefusedTheSecondTime)
     EXPECT_EQ(Notes(), "uninstall\n");
 }
 
-TEST_F(UnloadingABundle, LeavesItsDependantsAlone)
+TEST_F(UnloadingABundle, DoesNotTouchItsDependants)
 {
     const auto base = LoadResolved(collection.Bundle("base"));
     const auto media = LoadResolved(collection.Bundle("media").Requires("base"));
@@ -133,7 +133,7 @@ TEST_F(TheFailProcessor, UnloadsInTheOrderOfTheFailures)
     EXPECT_TRUE(manager.LoadedPaths().empty());
 }
 
-TEST_F(TheFailProcessor, LeavesABundleThatCannotBeUnloadedAsItIs)
+TEST_F(TheFailProcessor, DoesNotTouchABundleThatCannotBeUnloaded)
 {
     const auto running = LoadStarted(collection.Bundle("running"));
     const auto gone = Load(collection.Bundle("gone"));
@@ -150,7 +150,7 @@ TEST_F(TheFailProcessor, LeavesABundleThatCannotBeUnloadedAsItIs)
     EXPECT_TRUE(log.HasError("failed bundle[gone] is not unloaded :Invalid argument: bundle[gone] not found."));
 }
 
-TEST_F(TheFailProcessor, OutlivesAnUnloadingThatThrowsWhatIsNoExceptionOfTheFramework)
+TEST_F(TheFailProcessor, SurvivesAnUnloadingThatThrowsAStandardException)
 {
     const auto failed = Load(collection.Bundle("failed").Uninstall("#!/bin/sh\n"));
     const BeforeEach launch(Call::LAUNCH, [](int) { throw std::runtime_error("unheard of"); });

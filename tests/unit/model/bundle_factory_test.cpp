@@ -79,7 +79,7 @@ TEST_F(MakingABundle, ThrowsForADirectoryWithoutAManifest)
     EXPECT_TRUE(log.HasError("resource file[" + path + "/BundleManifest.ini] does not exist."));
 }
 
-TEST_F(MakingABundle, LetsTheRefusalOfTheManifestPass)
+TEST_F(MakingABundle, PassesOnTheExceptionOfTheManifest)
 {
     const std::string path = collection.Bundle("media").Manifest("[global]\nbundle_name = media\n").Write();
     EXPECT_THROW(factory->CreateBundle(path), Poco::NotFoundException);

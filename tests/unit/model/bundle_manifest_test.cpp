@@ -133,7 +133,7 @@ TEST_F(ReadingAManifest, LogsASummaryInTheOrderOfTheFile)
     }
 }
 
-TEST_F(ReadingAManifest, LogsNoEntryFunctionForWhatIsNoLibrary)
+TEST_F(ReadingAManifest, LogsNoEntryFunctionForOtherItemsThanLibraries)
 {
     Read(Global("[item]\nitem_name = mediad\nentry_func = ignored\n"));
     EXPECT_EQ(log.Messages(), (Names{"=================bundle info=================", "bundle name ------> [media]",
@@ -142,7 +142,7 @@ TEST_F(ReadingAManifest, LogsNoEntryFunctionForWhatIsNoLibrary)
                                      "==================", "=================================================="}));
 }
 
-TEST_F(ReadingAManifest, IsContentWithoutItems)
+TEST_F(ReadingAManifest, NeedsNoItems)
 {
     const From manifest(Global());
     EXPECT_TRUE(manifest->GetLoadItems().empty());
@@ -308,7 +308,7 @@ TEST_F(ReadingAManifest, EndsWhenADirectoryHasTakenTheFilesPlace)
     EXPECT_THROW(BundleManifest{stream}, Poco::Exception);
 }
 
-TEST_F(ReadingAManifest, TakesAFileOfTheGreatestLengthAndNoByteMore)
+TEST_F(ReadingAManifest, TakesAFileUpToTheGreatestLength)
 {
     std::string text = Global();
     text += ";" + std::string(BundleManifest::MAX_SIZE - text.size() - 1, 'x');
@@ -318,7 +318,7 @@ TEST_F(ReadingAManifest, TakesAFileOfTheGreatestLengthAndNoByteMore)
               "Bad data format: bundle manifest is longer than 1048576 bytes");
 }
 
-TEST_F(ReadingAManifest, RefusesReferencesThatExpandToMoreThanItTakes)
+TEST_F(ReadingAManifest, RefusesReferencesThatExpandBeyondTheLimit)
 {
     std::string text = Global();
     for (int i = 0; i < 8; ++i) {
@@ -333,7 +333,7 @@ TEST_F(ReadingAManifest, RefusesReferencesThatExpandToMoreThanItTakes)
               "Bad data format: bundle manifest expands to more than 4194304 bytes");
 }
 
-TEST_F(ReadingAManifest, RefusesKeysThatComeToMoreThanItTakesWithTheNameOfTheirSection)
+TEST_F(ReadingAManifest, RefusesKeysThatExceedTheLimitWithTheirSectionsName)
 {
     std::string text = Global() + "[" + std::string(10'000, 's') + "]\n";
     for (int i = 0; i < 500; ++i) {
@@ -343,7 +343,7 @@ TEST_F(ReadingAManifest, RefusesKeysThatComeToMoreThanItTakesWithTheNameOfTheirS
               "Bad data format: bundle manifest expands to more than 4194304 bytes");
 }
 
-TEST_F(ReadingAManifest, GivesUpAFileThatNeverEnds)
+TEST_F(ReadingAManifest, RefusesAFileThatNeverEnds)
 {
     EndlessBuffer buffer;
     std::istream stream(&buffer);

@@ -22,7 +22,7 @@ class RunningAScript : public BundleOnDisk {};
 
 } // namespace
 
-TEST_F(RunningAScript, SaysNothingWhereThereIsNone)
+TEST_F(RunningAScript, WritesNothingWithoutAScript)
 {
     const auto bundle = BundleAt(path);
     log.Restart();
@@ -31,7 +31,7 @@ TEST_F(RunningAScript, SaysNothingWhereThereIsNone)
     EXPECT_FALSE(Exists(path + "/script"));
 }
 
-TEST_F(RunningAScript, TellsTheObserverWhenItHasEndedAndNotWhereThereIsNone)
+TEST_F(RunningAScript, NotifiesTheObserverAfterItsEndAndNotWithoutAScript)
 {
     const std::string mark = collection / "mark";
     collection.Bundle("media")
@@ -64,7 +64,7 @@ TEST_F(RunningAScript, WaitsForItsEnd)
     EXPECT_EQ(log.Records().at(1).level, "INFO");
 }
 
-TEST_F(RunningAScript, TakesTheStoragesRootAsItIs)
+TEST_F(RunningAScript, KeepsTheStoragesRootUnchanged)
 {
     collection.Bundle("media").Install("#!/bin/sh\n").Write();
     const auto bundle = BundleAt(path + "/");
@@ -133,7 +133,7 @@ TEST_F(RunningAScript, PutsItIntoAProcessGroupOfItsOwn)
     EXPECT_FALSE(log.HasPart("setpgid"));
 }
 
-TEST_F(RunningAScript, GoesOnInTheServersGroupWhenItCannotHaveItsOwn)
+TEST_F(RunningAScript, ContinuesInTheServersGroupWithoutItsOwn)
 {
     const std::string mark = collection / "mark";
     const std::string script = "#!/bin/sh\necho $$ $(cut -d' ' -f5 /proc/$$/stat) > " + mark + "\n";
@@ -178,7 +178,7 @@ TEST_F(RunningAScript, LogsThatItCannotBeWaitedFor)
                                                         "exception info: [System exception: no wait]."}));
 }
 
-TEST_F(RunningAScript, LetsWhatIsNoExceptionOfTheFrameworkPass)
+TEST_F(RunningAScript, PassesOnExceptionsOfTheStandardLibrary)
 {
     const auto bundle = BundleAt(collection.Bundle("media").Install("#!/bin/sh\n").Write());
     const BeforeEach launch(Call::LAUNCH, [](int) { throw std::runtime_error("unheard of"); });

@@ -72,7 +72,7 @@ TEST(ThePathOfAResource, IsTheSameWithAndWithoutALeadingDot)
     EXPECT_EQ(AbsPath("/data/bundles/b1", "bin/app"), AbsPath("/data/bundles/b1", "./bin/app"));
 }
 
-TEST(ThePathOfAResource, IsTheSameWithAndWithoutASlashBehindTheRoot)
+TEST(ThePathOfAResource, IsTheSameWithAndWithoutATrailingSlashOfTheRoot)
 {
     EXPECT_EQ(AbsPath("/data/bundles/b1/", "bin/app"), AbsPath("/data/bundles/b1", "bin/app"));
 }
@@ -112,14 +112,14 @@ TEST(ThePathOfAResource, CarriesTheFrameworksPrefixWhenShown)
     }
 }
 
-TEST_F(OpeningAFile, GivesItsContentToRead)
+TEST_F(OpeningAFile, OpensItsContent)
 {
     WriteFile(directory / "BundleManifest.ini", "line one\nline two\n");
     EXPECT_EQ(Content("./BundleManifest.ini"), "line one\nline two\n");
     EXPECT_TRUE(log.Messages().empty());
 }
 
-TEST_F(OpeningAFile, OpensEachTimeAnew)
+TEST_F(OpeningAFile, OpensItAnewEachTime)
 {
     WriteFile(directory / "file", "content");
     EXPECT_EQ(Content("file"), "content");
@@ -139,13 +139,13 @@ TEST_F(OpeningAFile, GivesNothingForADirectory)
     EXPECT_TRUE(log.HasError("[" + directory.Path().string() + "/bin] is directory."));
 }
 
-TEST_F(OpeningAFile, LetsTheRefusalOfThePathPass)
+TEST_F(OpeningAFile, PassesOnTheRefusalOfThePath)
 {
     EXPECT_THROW(storage.GetResourceFile("../x"), Poco::InvalidArgumentException);
     EXPECT_TRUE(log.Messages().empty());
 }
 
-TEST_F(OpeningAFile, RefusesAFifoRatherThanWaitForItsWriter)
+TEST_F(OpeningAFile, RefusesAFifoWithoutWaitingForItsWriter)
 {
     const std::string fifo = directory / "fifo";
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);

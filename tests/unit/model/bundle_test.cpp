@@ -165,7 +165,7 @@ TEST_F(ABundle, IsNotMadeOfAManifestThatIsAFifo)
     EXPECT_THROW(BundleAt(odd), Poco::FileException);
 }
 
-TEST_F(ABundle, LetsTheFailureOfItsStoragePass)
+TEST_F(ABundle, PassesOnTheExceptionOfItsStorage)
 {
     EXPECT_THROW(Bundle{std::make_shared<BrokenStorage>()}, Poco::OpenFileException);
 }
@@ -191,7 +191,7 @@ TEST_F(ABundle, LogsEachChangeOfItsState)
     EXPECT_EQ(log.Records().at(0).level, "INFO");
 }
 
-TEST_F(ABundle, RefusesAStateThatIsNone)
+TEST_F(ABundle, RefusesAnUnknownState)
 {
     const auto bundle = BundleAt(path);
     bundle->SetCurState(Bundle::BUNDLE_RESOLVED);
@@ -243,7 +243,7 @@ TEST_F(ABundle, TakesItsManifestForCurrentWhenThatCannotBeRead)
     EXPECT_FALSE(Bundle(std::make_shared<FailingStorage>(path)).IsManifestOutdated());
 }
 
-TEST_F(ABundle, EndsWithoutAWord)
+TEST_F(ABundle, WritesNothingAtItsEnd)
 {
     auto storage = std::make_shared<WatchedStorage>(GLOBAL + std::string("media\n"));
     auto bundle = std::make_shared<Bundle>(storage);
@@ -299,7 +299,7 @@ TEST_F(UpdatingABundle, KeepsTheOldManifestWhenTheNewOneIsBroken)
     EXPECT_EQ(log.Messages(), std::vector<std::string>{"parse bundle manifest fail."});
 }
 
-TEST_F(UpdatingABundle, KeepsTheOldManifestWhenThereIsNoNewOne)
+TEST_F(UpdatingABundle, KeepsTheOldManifestWithoutANewOne)
 {
     const auto bundle = BundleAt(collection.Bundle("media").Update("#!/bin/sh\n").Write());
     const auto before = bundle->GetManifest();
@@ -315,7 +315,7 @@ TEST_F(UpdatingABundle, KeepsTheOldManifestWhenThereIsNoNewOne)
     EXPECT_FALSE(log.HasPart("run script"));
 }
 
-TEST_F(UpdatingABundle, HarmsNobodyWhoReadsTheManifestMeanwhile)
+TEST_F(UpdatingABundle, DoesNotDisturbConcurrentReadersOfTheManifest)
 {
     const auto bundle = BundleAt(path);
     std::atomic<bool> done{false};

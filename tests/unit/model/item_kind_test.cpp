@@ -24,7 +24,7 @@ TEST(TheKindOfAnItem, IsScriptForExactlyTheEndingSh)
     EXPECT_EQ(KindOf("toolsh"), ItemKind::BINARY);
 }
 
-TEST(TheKindOfAnItem, CannotBeToldOfANameWithoutThreeCharacters)
+TEST(TheKindOfAnItem, IsUnknownForANameOfFewerThanThreeCharacters)
 {
     EXPECT_EQ(KindOf(""), ItemKind::TOO_SHORT);
     EXPECT_EQ(KindOf("x"), ItemKind::TOO_SHORT);

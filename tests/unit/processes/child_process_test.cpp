@@ -81,7 +81,7 @@ TEST_F(LaunchingInAnOwnGroup, HasMovedItBeforeTheCallerGoesOn)
     }
 }
 
-TEST_F(LaunchingInAnOwnGroup, GivesTheArgumentsAsTheyAre)
+TEST_F(LaunchingInAnOwnGroup, PassesTheArgumentsUnchanged)
 {
     const GroupLeader child =
         LaunchInOwnGroup("/bin/sh", {"-c", R"(printf '%s|' "$@" > "$0")", directory / "output", "a b", "", "*"});
@@ -89,7 +89,7 @@ TEST_F(LaunchingInAnOwnGroup, GivesTheArgumentsAsTheyAre)
     EXPECT_EQ(ReadFile(directory / "output"), "a b||*|");
 }
 
-TEST_F(LaunchingInAnOwnGroup, TellsWhyItCouldNotMoveTheChild)
+TEST_F(LaunchingInAnOwnGroup, LogsWhyItCouldNotMoveTheChild)
 {
     const Fault fault(Call::SETPGID, EPERM);
     const GroupLeader child = LaunchInOwnGroup("/bin/true", {});
@@ -97,7 +97,7 @@ TEST_F(LaunchingInAnOwnGroup, TellsWhyItCouldNotMoveTheChild)
     child.process.wait();
 }
 
-TEST_F(LaunchingInAnOwnGroup, MindsNoRefusalOfAChildThatIsWhereItBelongs)
+TEST_F(LaunchingInAnOwnGroup, IgnoresARefusalForAChildInItsGroup)
 {
     // The child moves itself; only then the caller, who asks the same, is refused, as by one that is the command now.
     std::optional<Fault> refusal;
@@ -113,7 +113,7 @@ TEST_F(LaunchingInAnOwnGroup, MindsNoRefusalOfAChildThatIsWhereItBelongs)
     child.process.wait();
 }
 
-TEST_F(LaunchingInAnOwnGroup, ThrowsWhenThereIsNoChild)
+TEST_F(LaunchingInAnOwnGroup, ThrowsWithoutAChild)
 {
     const auto attempt = [] {
         const Fault fault(Call::LAUNCH, EAGAIN);
@@ -130,7 +130,7 @@ TEST_F(LaunchingInAnOwnGroup, ThrowsWhenThereIsNoChild)
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(LaunchingInAnOwnGroup, GivesTheChildTheSignalsOfTheStartWhoeverLaunches)
+TEST_F(LaunchingInAnOwnGroup, GivesTheChildTheSignalsOfTheStartOnAnyThread)
 {
     const bool wasBlocked = IsBlocked(SIGUSR1);
     ASSERT_FALSE(wasBlocked);

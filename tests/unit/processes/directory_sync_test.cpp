@@ -79,7 +79,7 @@ TEST_F(SyncingADirectory, WritesItOutBeforeItReturns)
     EXPECT_TRUE(log.Messages().empty());
 }
 
-TEST_F(AFileSystemThatHangs, IsWaitedForNoLongerThanAsked)
+TEST_F(AFileSystemThatHangs, IsAwaitedNoLongerThanAsked)
 {
     const auto start = Clock::now();
     sync.Run(100ms);
@@ -88,7 +88,7 @@ TEST_F(AFileSystemThatHangs, IsWaitedForNoLongerThanAsked)
     EXPECT_TRUE(log.HasInfo("bundle collection dir[" + directory.Path().string() + "] is not synced yet."));
 }
 
-TEST_F(AFileSystemThatHangs, CostsOneThreadAndOneDescriptorAndIsAskedOnceMoreForAllThatCameMeanwhile)
+TEST_F(AFileSystemThatHangs, CostsOneThreadAndOneDescriptorAndIsSyncedOnceMoreForAllLaterRequests)
 {
     const CallCounter calls(Call::FSYNC);
     for (int i = 0; i < 20; ++i) {
@@ -104,7 +104,7 @@ TEST_F(AFileSystemThatHangs, CostsOneThreadAndOneDescriptorAndIsAskedOnceMoreFor
     EXPECT_EQ(calls.Count(), 3);
 }
 
-TEST_F(AFileSystemThatHangs, MayOutliveWhoHasAsked)
+TEST_F(AFileSystemThatHangs, MayOutliveTheCaller)
 {
     {
         DirectorySync other(directory.Path().string());
@@ -115,7 +115,7 @@ TEST_F(AFileSystemThatHangs, MayOutliveWhoHasAsked)
     EXPECT_TRUE(NothingIsLeft());
 }
 
-TEST_F(SyncingADirectory, SaysWhatFails)
+TEST_F(SyncingADirectory, LogsAFailure)
 {
     const std::string text = "bundle collection dir[" + directory.Path().string() + "] can not be synced: ";
     {
@@ -142,7 +142,7 @@ TEST_F(SyncingADirectory, SaysWhatFails)
     EXPECT_TRUE(log.Messages().empty()) << "it works again";
 }
 
-TEST_F(SyncingADirectory, SaysNothingOfAFileSystemThatHasNothingToWriteOut)
+TEST_F(SyncingADirectory, WritesNothingForAFileSystemThatNeedsNoSync)
 {
     const Fault fault(Call::FSYNC, EINVAL);
     sync.Run(PATIENCE);

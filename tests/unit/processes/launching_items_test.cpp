@@ -156,7 +156,7 @@ TEST_F(StartingItems, LooksForTheLoaderInItsOwnDirectoryWithoutAConfiguration)
                             (collection / "media/./bin/lib.so") + " -e run_it}"));
 }
 
-TEST_F(StartingItems, TakesEndingsExactly)
+TEST_F(StartingItems, ComparesEndingsExactly)
 {
     const std::string path = collection.Bundle("media").Copy("x.SO", PROBE_ITEM).Copy("x.bash", PROBE_ITEM).Write();
     Launch(path + "/bin/x.SO");
@@ -165,7 +165,7 @@ TEST_F(StartingItems, TakesEndingsExactly)
     EXPECT_EQ(Reported("x.bash", "arg"), std::vector<std::string>{"x.bash"});
 }
 
-TEST_F(StartingItems, TellsEachStepInItsOrder)
+TEST_F(StartingItems, LogsItsStepsInOrder)
 {
     Start(collection.Bundle("media").Item("mediad", Sleeper()));
     const std::string pid = std::to_string(PidOf("media.mediad"));
@@ -198,7 +198,7 @@ TEST_F(StartingItems, RecordsWhatARelaunchNeeds)
     EXPECT_EQ(info.entryFunc, "");
 }
 
-TEST_F(StartingItems, TakesASecondForEachAndPutsAllIntoTheServersGroup)
+TEST_F(StartingItems, TakesASecondForEachAndMovesAllIntoTheServersGroup)
 {
     const auto before = Clock::now();
     Start(collection.Bundle("media").Copy("one", PROBE_ITEM).Copy("two", PROBE_ITEM).Copy("three", PROBE_ITEM));
@@ -250,7 +250,7 @@ TEST_F(StartingItems, FailsWithoutAProcessAndClosesThePipe)
     EXPECT_TRUE(log.Messages().empty());
 }
 
-TEST_F(StartingItems, LeavesThoseBeforeAFailureRunningAndThoseAfterItUnstarted)
+TEST_F(StartingItems, LeavesItemsBeforeAFailureRunningAndStartsNoneAfterIt)
 {
     const auto activator =
         Make(collection.Bundle("media").Item("one", Sleeper()).Item("two", Sleeper()).Item("three", Sleeper()));
@@ -275,7 +275,7 @@ TEST_F(StartingItems, FailsWithoutAMonitorAndLeavesNoChild)
     EXPECT_EQ(ProcessTable::Entries().size(), 1U);
 }
 
-TEST_F(StartingItems, GoesOnWhenTheGroupCannotBeSet)
+TEST_F(StartingItems, ContinuesWhenTheGroupCannotBeSet)
 {
     {
         const Fault fault(Call::SETPGID, EPERM);
@@ -286,7 +286,7 @@ TEST_F(StartingItems, GoesOnWhenTheGroupCannotBeSet)
     EXPECT_EQ(Reported("probe", "arg").size(), 1U);
 }
 
-TEST_F(StartingItems, TriesAgainToReleaseTheChild)
+TEST_F(StartingItems, RetriesTheReleaseOfTheChild)
 {
     {
         const Fault fault(Call::WRITE_BYTE, EAGAIN, 2);
@@ -297,7 +297,7 @@ TEST_F(StartingItems, TriesAgainToReleaseTheChild)
     EXPECT_EQ(Reported("probe", "arg").size(), 1U);
 }
 
-TEST_F(StartingItems, LetsTheChildReadAgainWhatItCouldNotRead)
+TEST_F(StartingItems, LetsTheChildRetryAFailedRead)
 {
     {
         const Fault fault(Call::READ_BYTE, EIO, 3);
@@ -324,7 +324,7 @@ TEST_F(StartingItems, LetsTheChildWaitForTheRightByte)
     EXPECT_EQ(Reported("probe", "arg").size(), 1U);
 }
 
-TEST_F(StartingItems, LetsTheChildWaitAsLongAsItTakes)
+TEST_F(StartingItems, LetsTheChildWaitUntilItIsReleased)
 {
     const BeforeEach release(Call::WRITE_BYTE, [this](int) {
         EXPECT_TRUE(IsLogged("wait for parent process ready..."));
@@ -395,7 +395,7 @@ TEST_F(StartingItems, EndsAChildWhoseServerIsGone)
     EXPECT_FALSE(Exists(mark));
 }
 
-TEST_F(StartingItems, LetsTheChildSayWhyItCannotBeExecuted)
+TEST_F(StartingItems, LogsInTheChildWhyItCannotBeExecuted)
 {
     Start(collection.Bundle("media").Item("mediad"));
     ASSERT_TRUE(MonitorEnds());
@@ -409,7 +409,7 @@ TEST_F(StartingItems, LetsTheChildSayWhyItCannotBeExecuted)
     EXPECT_TRUE(log.HasError("execl fail.errno[13]."));
 }
 
-TEST_F(StartingItems, EndsTheChildAbnormallyForANameTooShortToHaveAnEnding)
+TEST_F(StartingItems, EndsTheChildAbnormallyForATooShortName)
 {
     const std::string path = collection.Bundle("media").Write() + "/bin/ab";
     Launch(path);
@@ -467,7 +467,7 @@ TEST_F(StartingItems, GivesARelaunchedChildTheSameSignals)
     EXPECT_TRUE(IsLogged("entering exit status proc....", 2)) << "the report is not a relaunched child's";
 }
 
-TEST_F(StartingItems, LetsAChildOfAThreadThatBlocksItDieOfATerminationSignal)
+TEST_F(StartingItems, LetsAChildOfAThreadThatBlocksTheSignalDieOfIt)
 {
     const std::string path = collection.Bundle("media").Item("mediad", Sleeper()).Write();
     std::thread([&] {
@@ -522,7 +522,7 @@ TEST_F(StartingItems, IsPossibleOnManyThreadsAtOnce)
     EXPECT_FALSE(log.HasPart("pid fail"));
 }
 
-TEST_F(StoppingItems, KillsThemAllAndLetsThemRest)
+TEST_F(StoppingItems, KillsThemAllWithoutARelaunch)
 {
     const auto activator = Start(collection.Bundle("media").Item("one", Sleeper()).Item("two", Sleeper()));
     const std::string one = std::to_string(PidOf("media.one"));
@@ -548,7 +548,7 @@ TEST_F(StoppingItems, KillsThemAllAndLetsThemRest)
     EXPECT_TRUE(ProcessTable::Entries().empty());
 }
 
-TEST_F(StoppingItems, NeitherWaitsForThemNorForgetsThem)
+TEST_F(StoppingItems, NeitherWaitsForThemNorRemovesThemFromTheTable)
 {
     MonitorHeld beforeItsWait(Call::WAITID);
     const auto activator = Start(collection.Bundle("media").Item("mediad", Sleeper()));
@@ -561,7 +561,7 @@ TEST_F(StoppingItems, NeitherWaitsForThemNorForgetsThem)
     EXPECT_TRUE(log.Has("normal stop media.mediad..."));
 }
 
-TEST_F(StoppingItems, HasNothingToDoWhenTheyAllHaveEnded)
+TEST_F(StoppingItems, DoesNothingWhenAllHaveEnded)
 {
     const auto activator = Start(collection.Bundle("media").Item("mediad", Exiting(0)));
     ASSERT_TRUE(MonitorEnds());
@@ -571,7 +571,7 @@ TEST_F(StoppingItems, HasNothingToDoWhenTheyAllHaveEnded)
     EXPECT_EQ(log.Messages().size(), 1U);
 }
 
-TEST_F(StoppingItems, LeavesOtherBundlesAlone)
+TEST_F(StoppingItems, DoesNotTouchOtherBundles)
 {
     const auto media = Start(collection.Bundle("media").Item("app", Sleeper()));
     const auto other = Start(collection.Bundle("media2").Item("app", Sleeper()));
@@ -608,7 +608,7 @@ TEST_F(StoppingItems, ThrowsAtTheFirstThatCannotBeKilled)
     ProcessTable::ForgetMarks();
 }
 
-TEST_F(StoppingItems, ThrowsInTheSecondOfARelaunch)
+TEST_F(StoppingItems, ThrowsDuringThePauseOfARelaunch)
 {
     const auto activator = Start(collection.Bundle("media").Item("mediad", ExitingAtTrigger(2)));
     const int dead = PidOf("media.mediad");

@@ -48,7 +48,7 @@ void GoOnInTheParent()
 
 } // namespace
 
-TEST_F(TheLocksOfTheMonitor, LetItHandleADeathOnlyWhenTheChildHasBeenRecorded)
+TEST_F(TheLocksOfTheMonitor, DelayADeathUntilTheChildIsRecorded)
 {
     Start(collection.Bundle("media").Item("mediad", Sleeper())); // the monitor waits
     ASSERT_EQ(::pthread_atfork(nullptr, GoOnInTheParent, DieAtBirth), 0);
@@ -62,7 +62,7 @@ TEST_F(TheLocksOfTheMonitor, LetItHandleADeathOnlyWhenTheChildHasBeenRecorded)
     EXPECT_FALSE(log.HasPart("non-bundle process["));
 }
 
-TEST_F(TheLocksOfTheMonitor, LetItHandleNoDeathBeforeAllThatAStopKillsIsMarked)
+TEST_F(TheLocksOfTheMonitor, DelayADeathUntilAStopHasMarkedAll)
 {
     const auto activator = Start(collection.Bundle("media").Item("one", Sleeper()).Item("two", Sleeper()));
     const int first = std::min(PidOf("media.one"), PidOf("media.two"));

@@ -104,7 +104,7 @@ TEST_F(TheMonitor, RelaunchesForExactlyTheStatusesThatAskForIt)
     ProcessTable::Remove(pid);
 }
 
-TEST_F(TheMonitor, TakesAnUnknownPidForAnEmptyRecord)
+TEST_F(TheMonitor, LogsAnUnknownPidWithAnEmptyName)
 {
     const int pid = 1'000'000'000;
     ProcessTable::ExitStatusProc(pid, 0);
@@ -196,7 +196,7 @@ TEST_F(TheMonitor, RelaunchesAnItemThatDiesOfASignal)
     EXPECT_NE(PidOf("media.mediad"), pid);
 }
 
-TEST_F(TheMonitor, TellsADeathByASignalInTheLanguageLogToo)
+TEST_F(TheMonitor, LogsADeathByASignalInTheLanguageLogToo)
 {
     ::unsetenv("LC_ALL");
     ::unsetenv("LC_MESSAGES");
@@ -221,7 +221,7 @@ TEST_F(TheMonitor, TellsADeathByASignalInTheLanguageLogToo)
     ProcessTable::Remove(1'000'000'000);
 }
 
-TEST_F(TheMonitor, TakesAStoppedItemForNoEnd)
+TEST_F(TheMonitor, DoesNotTakeAStoppedItemForADeadOne)
 {
     const int pid = LaunchMediad(Sleeper());
     log.Restart();
@@ -238,7 +238,7 @@ TEST_F(TheMonitor, TakesAStoppedItemForNoEnd)
     EXPECT_EQ(log.Messages().at(1), Named(pid) + " abnormal termination, signal: 15.");
 }
 
-TEST_F(TheMonitor, WouldOnlyNoteAStoppedItem)
+TEST_F(TheMonitor, OnlyLogsAStoppedItem)
 {
     ProcessTable::Add(1'000'000'000, {"media", "media.mediad", "/nowhere", "mediad", ""});
     ProcessTable::HandleExit(1'000'000'000, StopStatus(SIGTSTP));
@@ -246,7 +246,7 @@ TEST_F(TheMonitor, WouldOnlyNoteAStoppedItem)
     ProcessTable::Remove(1'000'000'000);
 }
 
-TEST_F(TheMonitor, PassesOverOtherChildrenOfTheServer)
+TEST_F(TheMonitor, IgnoresOtherChildrenOfTheServer)
 {
     const int pid = LaunchMediad(Sleeper());
     const pid_t stranger = ::fork();
@@ -261,7 +261,7 @@ TEST_F(TheMonitor, PassesOverOtherChildrenOfTheServer)
     EXPECT_TRUE(IsLogged("relaunch media.mediad..."));
 }
 
-TEST_F(TheMonitor, NeverTakesAScriptFromWhoWaitsForIt)
+TEST_F(TheMonitor, NeverReapsAScriptBeforeItsCaller)
 {
     LaunchMediad(Sleeper());
     const SystemServer::Bundle bundle(std::make_shared<SystemServer::BundleStorageDir>(
@@ -282,7 +282,7 @@ TEST_F(TheMonitor, NeverTakesAScriptFromWhoWaitsForIt)
     EXPECT_FALSE(log.HasPart("setpgid"));
 }
 
-TEST_F(TheMonitor, NeverTakesAScriptThatHasEndedBeforeItsCallerGoesOn)
+TEST_F(TheMonitor, NeverReapsAScriptThatEndsBeforeItsCallerWaits)
 {
     LaunchMediad(Sleeper());
     const SystemServer::Bundle bundle(std::make_shared<SystemServer::BundleStorageDir>(
@@ -339,7 +339,7 @@ TEST_F(TheMonitor, EndsForGoodWhenNoChildIsLeftToWaitFor)
     ProcessTable::EndAllWithoutMonitor();
 }
 
-TEST_F(TheMonitor, TriesAWaitAgainThatASignalInterrupts)
+TEST_F(TheMonitor, RetriesAWaitThatASignalInterrupts)
 {
     {
         const Fault fault(Call::WAITID, EINTR, 5);
@@ -350,7 +350,7 @@ TEST_F(TheMonitor, TriesAWaitAgainThatASignalInterrupts)
     EXPECT_FALSE(log.HasPart("waitpid fail"));
 }
 
-TEST_F(TheMonitor, GoesOnAfterADeathThatItFindsTaken)
+TEST_F(TheMonitor, ContinuesAfterAChildThatWasReapedElsewhere)
 {
     {
         const Fault fault(Call::WAITPID, 0, 1); // whatever errno says
@@ -361,7 +361,7 @@ TEST_F(TheMonitor, GoesOnAfterADeathThatItFindsTaken)
     EXPECT_FALSE(log.HasPart("waitpid fail"));
 }
 
-TEST_F(TheMonitor, WaitsForTheServersGroupWhenThatOfTheLowestPidIsNotToBeHad)
+TEST_F(TheMonitor, WaitsForTheServersGroupWhenThatOfTheLowestPidIsUnknown)
 {
     const Fault fault(Call::GETPGID, ESRCH, 1, 1); // the launch asks first
     const int pid = LaunchMediad(Exiting(0));
@@ -372,7 +372,7 @@ TEST_F(TheMonitor, WaitsForTheServersGroupWhenThatOfTheLowestPidIsNotToBeHad)
                      Named(pid) + " normal termination, exit status: 0."}));
 }
 
-TEST_F(TheMonitor, NotesADeadItemThatHasGoneFromTheTable)
+TEST_F(TheMonitor, LogsADeadItemThatHasLeftTheTable)
 {
     const int pid = LaunchMediad(ExitingAtTrigger(2));
     {
@@ -385,7 +385,7 @@ TEST_F(TheMonitor, NotesADeadItemThatHasGoneFromTheTable)
     EXPECT_EQ(ProcessTable::Entries().size(), 1U);
 }
 
-TEST_F(TheMonitor, CannotAskForTheGroupOfTheDeadWhenItRelaunchesTheLowestPid)
+TEST_F(TheMonitor, LogsAMissingGroupWhenItRelaunchesTheLowestPid)
 {
     const int pid = LaunchMediad(ExitingAtTrigger(2));
     PullTrigger();
@@ -396,7 +396,7 @@ TEST_F(TheMonitor, CannotAskForTheGroupOfTheDeadWhenItRelaunchesTheLowestPid)
     EXPECT_EQ(::getpgid(next), ::getpgrp()) << "it is where it was born";
 }
 
-TEST_F(TheMonitor, AsksForTheGroupOfTheLivingWhenItRelaunchesAnother)
+TEST_F(TheMonitor, UsesTheGroupOfALivingChildWhenItRelaunchesAnother)
 {
     const std::string path =
         collection.Bundle("media").Item("first", Sleeper()).Item("mediad", ExitingAtTrigger(2)).Write();
@@ -408,7 +408,7 @@ TEST_F(TheMonitor, AsksForTheGroupOfTheLivingWhenItRelaunchesAnother)
     EXPECT_EQ(::getpgid(PidOf("media.mediad")), ::getpgrp());
 }
 
-TEST_F(TheMonitor, StarvesNobodyForAnItemThatCrashesAtOnceEachTime)
+TEST_F(TheMonitor, StarvesNoItemForOneThatCrashesAtOnceEachTime)
 {
     const std::string path = collection.Bundle("media").Item("looper", Exiting(2)).Item("steady", Sleeper()).Write();
     Launch(path + "/bin/looper");
@@ -421,7 +421,7 @@ TEST_F(TheMonitor, StarvesNobodyForAnItemThatCrashesAtOnceEachTime)
     EXPECT_LT(Clock::now() - before, 15s);
 }
 
-TEST_F(TheMonitor, StarvesNobodyForAnItemThatIsKilledEachTime)
+TEST_F(TheMonitor, StarvesNoItemForOneThatIsKilledEachTime)
 {
     const std::string path =
         collection.Bundle("media").Item("looper", "#!/bin/sh\nkill -9 $$\n").Item("ended", Sleeper()).Write();

@@ -72,7 +72,7 @@ TEST_F(ANumberUsedAgain, StaysInTheTableWhenTheDeadChildIsForgotten)
     });
 }
 
-TEST_F(ANumberUsedAgain, BeforeTheDeadChildIsJudgedDoesNotMixThemUp)
+TEST_F(ANumberUsedAgain, BeforeTheDeathIsHandledDoesNotMixThemUp)
 {
     PidNamespace::Run([this] {
         Start(collection.Bundle("media").Item("mediad", ExitingAtTrigger(2)));
@@ -117,7 +117,7 @@ TEST_F(ANumberUsedAgain, IsNotKilledByAStopThatHasMetTheDeadChild)
     });
 }
 
-TEST_F(ANumberUsedAgain, IsStoppedForGoodThoughTheDeadChildHadBeenStoppedToo)
+TEST_F(ANumberUsedAgain, IsStoppedForGoodAfterAStopOfTheDeadChild)
 {
     PidNamespace::Run([this] {
         MonitorHeld beforeItsWait(Call::WAITID);
@@ -138,7 +138,7 @@ TEST_F(ANumberUsedAgain, IsStoppedForGoodThoughTheDeadChildHadBeenStoppedToo)
     });
 }
 
-TEST_F(ANumberUsedAgain, IsNoFailedWaitWhenTheDeathOfItsFirstOwnerWasTakenBySomebodyElse)
+TEST_F(ANumberUsedAgain, IsNoFailedWaitWhenTheFirstOwnerWasReapedElsewhere)
 {
     PidNamespace::Run([this] {
         MonitorHeld beforeItsWait(Call::WAITID);

@@ -133,7 +133,7 @@ TEST_F(TheCommandLine, ShowsHelpAndEndsWithStatusZero)
     EXPECT_TRUE(log.Messages().empty());
 }
 
-TEST_F(TheCommandLine, LoadsTheFileFirstThatStandsBeforeTheHelp)
+TEST_F(TheCommandLine, LoadsAFileThatStandsBeforeHelp)
 {
     const auto askForHelp = [this] {
         ::dup2(STDERR_FILENO, STDOUT_FILENO);
@@ -189,7 +189,7 @@ TEST_F(TheCommandLine, TakesAFileOfAnotherFormat)
 
 // ---- start-up ----
 
-TEST_F(StartingTheServer, GoesStepByStep)
+TEST_F(StartingTheServer, LogsItsStepsInOrder)
 {
     collection.Bundle("media").Write();
     ReadConfig(ConfigFor(collection.Path()));
@@ -221,7 +221,7 @@ TEST_F(StartingTheServer, GoesStepByStep)
     EXPECT_NO_THROW(server->RethrowStartupFailure());
 }
 
-TEST_F(StartingTheServer, IsContentWithAnEmptyCollection)
+TEST_F(StartingTheServer, WritesNothingAtItsEndAfterAnEmptyCollection)
 {
     StartUp();
     log.Restart();
@@ -229,7 +229,7 @@ TEST_F(StartingTheServer, IsContentWithAnEmptyCollection)
     EXPECT_TRUE(log.Messages().empty());
 }
 
-TEST_F(StartingTheServer, SaysEachStepOfAnEmptyCollectionAndNothingElse)
+TEST_F(StartingTheServer, LogsEachStepOfAnEmptyCollectionAndNothingElse)
 {
     ReadConfig(ConfigFor(collection.Path()));
     log.Restart();
@@ -265,7 +265,7 @@ TEST_F(StartingTheServer, FailsWithoutTheCollection)
     EXPECT_FALSE(log.Has("create BundleFactory..."));
 }
 
-TEST_F(StartingTheServer, LetsWhatIsNoExceptionOfTheFrameworkPass)
+TEST_F(StartingTheServer, PassesOnExceptionsOfTheStandardLibrary)
 {
     collection.Bundle("media").Item("ab").Write();
     ReadConfig(ConfigFor(collection.Path()));
@@ -288,7 +288,7 @@ TEST_F(StartingTheServer, FailsWhenTheWatchersEventsCannotBeSubscribed)
     EXPECT_FALSE(log.Has("create BundleFactory..."));
 }
 
-TEST_F(StartingTheServer, GoesOnPastBundlesThatFail)
+TEST_F(StartingTheServer, SkipsBundlesThatFail)
 {
     collection.Bundle("broken").Manifest("[global]\n").Write();
     collection.Bundle("dependant").Requires("missing").Write();
@@ -312,7 +312,7 @@ TEST_F(StartingTheServer, StopsNothingWhenItEnds)
     EXPECT_EQ(Notes(), "");
 }
 
-TEST_F(StartingTheServer, LetsEventsWaitUntilTheCollectionIsLoaded)
+TEST_F(StartingTheServer, HoldsEventsUntilTheCollectionIsLoaded)
 {
     // The watcher lives before the manager: what it raises then is dealt with once start-up has read the collection.
     const std::string path = collection.Bundle("media").Write();
@@ -336,7 +336,7 @@ TEST_F(StartingTheServer, LetsEventsWaitUntilTheCollectionIsLoaded)
     EXPECT_FALSE(log.HasPart("already exists"));
 }
 
-TEST_F(StartingTheServer, LetsEventsGoWhenItFails)
+TEST_F(StartingTheServer, ReleasesWaitingEventsWhenItFails)
 {
     const std::string path = collection.Bundle("media").Item("ab").Write();
     std::vector<std::thread> events;
@@ -397,7 +397,7 @@ TEST_F(TheService, IsNotRunUnregistered)
     EXPECT_EQ(loops.Count(), 0);
 }
 
-TEST_F(TheService, IsFollowedByTheWaitForATermination)
+TEST_F(TheService, LeavesTheServerWaitingForATerminationWhenItCannotRun)
 {
     server.emplace();
     sigset_t before;
@@ -460,7 +460,7 @@ TEST_F(ARequest, IsRefusedForAnotherUri)
     EXPECT_TRUE(Exists(collection / "media"));
 }
 
-TEST_F(ARequest, IsRefusedForAMethodThatIsNone)
+TEST_F(ARequest, IsRefusedForAnUnknownMethod)
 {
     StartUp();
     for (const int method : {0, 5, 6, 127}) {
@@ -486,7 +486,7 @@ TEST_F(ARequest, IsRefusedForAMethodWithoutAHandler)
     }
 }
 
-TEST_F(ARequest, IsTakenByItsMethodWithoutTheResponseFlag)
+TEST_F(ARequest, IsRecognisedWithTheResponseFlagSet)
 {
     StartUp();
     log.Restart();
@@ -494,7 +494,7 @@ TEST_F(ARequest, IsTakenByItsMethodWithoutTheResponseFlag)
     EXPECT_TRUE(log.Has("receive uri: 0,method: 4"));
 }
 
-TEST_F(ARequest, CanBeAnsweredWithAContent)
+TEST_F(ARequest, CanBeAnsweredWithContent)
 {
     lumo_message* const msg = lumo_message_new(0);
     lumo_content_add(msg, "request", 7, 0);
@@ -513,7 +513,7 @@ TEST_F(ARequest, CanBeAnsweredWithAContent)
     EXPECT_EQ(sent[0].header.uri, 0);
 }
 
-TEST_F(ARequest, GivesItsContentWhenThereIsEnoughOfIt)
+TEST_F(ARequest, ReturnsItsContentWhenThatIsLongEnough)
 {
     lumo_message* const msg = lumo_message_new(0);
     lumo_content_add(msg, "12345678", 8, 0);
@@ -537,7 +537,7 @@ TEST_F(ADeleteRequest, IsRefusedWithoutContent)
     EXPECT_TRUE(log.HasError("[connect fd77] : call lumo_content fail.return code[-1]."));
 }
 
-TEST_F(ADeleteRequest, IsRefusedWhenItsContentIsNotToBeHad)
+TEST_F(ADeleteRequest, IsRefusedWhenItsContentCannotBeRead)
 {
     collection.Bundle("media").Write();
     StartUp();
@@ -582,7 +582,7 @@ TEST_F(ADeleteRequest, FindsNoBundleThatIsNotRegistered)
     EXPECT_EQ(Delete(""), 404);
 }
 
-TEST_F(ADeleteRequest, TakesANameWithoutAnEndToTheEndOfTheContent)
+TEST_F(ADeleteRequest, TakesANameWithoutANulToTheEndOfTheContent)
 {
     StartUp();
     log.Restart();
@@ -680,7 +680,7 @@ TEST_F(ADeleteRequest, IsAnsweredBeforeItsEventIsPublished)
     EXPECT_EQ(repliesBefore, 1U);
 }
 
-TEST_F(ADeleteRequest, IsASuccessThoughNobodyHearsOfIt)
+TEST_F(ADeleteRequest, SucceedsWithoutAnEventService)
 {
     collection.Bundle("media").Write();
     StartUp();
@@ -768,7 +768,7 @@ TEST_F(ADeleteRequest, FailsInAProgramThatIsNotTheServer)
     EXPECT_TRUE(log.HasError("request fail.exception info: [std::bad_cast]."));
 }
 
-TEST_F(ADeleteRequest, FailsForAnyExceptionInsteadOfStayingUnanswered)
+TEST_F(ADeleteRequest, IsAnsweredWithFailureAfterAnyException)
 {
     collection.Bundle("media").Write();
     StartUp();
@@ -810,7 +810,7 @@ TEST_F(AnAddedItem, IsLoadedResolvedAndStarted)
     }
 }
 
-TEST_F(AnAddedItem, IsPassedOverWhenItIsNoDirectory)
+TEST_F(AnAddedItem, IsSkippedWhenItIsNoDirectory)
 {
     StartUp();
     WriteFile(collection / "file", "");
@@ -833,7 +833,7 @@ TEST_F(AnAddedItem, IsRefusedWithARecord)
     EXPECT_TRUE(log.HasError("load bundle from [" + path + "] fail."));
 }
 
-TEST_F(AnAddedItem, FailsAloneWhateverItsManifestThrows)
+TEST_F(AnAddedItem, FailsAloneForAnyExceptionOfItsManifest)
 {
     StartUp();
     const std::string broken = collection.Bundle("broken").NoManifest().Write();
@@ -877,7 +877,7 @@ TEST_F(AnAddedItem, IsUnloadedAgainWhenItCannotBeStarted)
     EXPECT_EQ(Notes(), "uninstall\n");
 }
 
-TEST_F(AnAddedItem, HarmsNobodyWhenItsUnloadingThrowsToo)
+TEST_F(AnAddedItem, LeavesTheServerRunningWhenItsUnloadingThrowsToo)
 {
     StartUp();
     const std::string path = collection.Bundle("media").Requires("missing").Uninstall("#!/bin/sh\n").Write();
@@ -934,7 +934,7 @@ TEST_F(ARemovedItem, ChangesNothingWhenItIsNoBundle)
     EXPECT_TRUE(log.HasError("find bundle[" + path + "] fail."));
 }
 
-TEST_F(ARemovedItem, IsLeftWhenItCannotBeStopped)
+TEST_F(ARemovedItem, StaysLoadedWhenItCannotBeStopped)
 {
     const std::string path = collection.Bundle("media").Write();
     StartUp();
@@ -987,7 +987,7 @@ TEST_F(AModifiedItem, ChangesNothingWhenItIsNoBundle)
                         "bundle with storage path[" + path + "] not found.", "find bundle[" + path + "] fail."}));
 }
 
-TEST_F(AModifiedItem, GoesOnRunningWhenItsNewManifestIsBroken)
+TEST_F(AModifiedItem, KeepsRunningWhenItsNewManifestIsBroken)
 {
     const std::string path = collection.Bundle("media").Update(Noting("update")).Write();
     StartUp();
@@ -1011,7 +1011,7 @@ TEST_F(AModifiedItem, ShowsItsNewNameInTheRecordsThatFollow)
     EXPECT_TRUE(log.HasError("update bundle[renamed] failed."));
 }
 
-TEST_F(AModifiedItem, HasVanishedBeforeItsTurn)
+TEST_F(AModifiedItem, IsNotStoppedWhenItHasVanishedMeanwhile)
 {
     const std::string path = collection.Bundle("media").Write();
     StartUp();

@@ -87,7 +87,7 @@ private:
     const bool m_isRoot = ::geteuid() == 0;
 };
 
-class WhatCanNotBeTold : public WatchingACollection {
+class AChangeThatCannotBeSeen : public WatchingACollection {
 public:
     /// What root has made belongs to an ordinary user from now on.
     static void GiveAway() { RunShell("[ $(id -u) != 0 ] || chown -R 65534 \"$COLLECTION\" \"$ASIDE\""); }
@@ -122,7 +122,7 @@ TEST_F(ACollectionThatGoesAway, IsComparedWithWhatItWasWhenItComesBack)
     EXPECT_EQ(events, (Events{"added alarm", "modified tuner", "removed radio"}));
 }
 
-TEST_F(ACollectionThatGoesAway, IsFollowedWhenItHasBeenRemovedAndMadeAgain)
+TEST_F(ACollectionThatGoesAway, IsFollowedAfterItHasBeenRemovedAndMadeAgain)
 {
     placed.BetweenTwoScans([this] { fs::remove_all(place); });
     AwaitUnreadable("No such file or directory");
@@ -175,7 +175,7 @@ TEST_F(ACollectionThatGoesAway, IsAwaitedWhileItMayNotBeRead)
 }
 
 // Of what may not be looked at nothing can be told, which is no reason to stop a bundle.
-TEST_F(WhatCanNotBeTold, CountsAsUnchangedForADirectoryBehindALink)
+TEST_F(AChangeThatCannotBeSeen, LeavesADirectoryBehindALinkUnchanged)
 {
     fs::create_directory(Aside("disk"));
     MakeBundle(Aside("disk/radio"));
@@ -187,7 +187,7 @@ TEST_F(WhatCanNotBeTold, CountsAsUnchangedForADirectoryBehindALink)
     EXPECT_EQ(EventsOf([this] { fs::permissions(Aside("disk"), fs::perms::owner_all); }), Events{});
 }
 
-TEST_F(WhatCanNotBeTold, CountsAsUnchangedForAFolderBehindALink)
+TEST_F(AChangeThatCannotBeSeen, LeavesAFolderBehindALinkUnchanged)
 {
     MakeBundle(In("radio"));
     fs::create_directory(Aside("disk"));
@@ -221,7 +221,7 @@ TEST_F(ALargeCollection, IsFollowedWithTenThousandEntries)
     EXPECT_EQ(recorder.Noted().size(), files);
 }
 
-TEST_F(TheCollectionsPath, GivesThePathsThatAWalkOverItGives)
+TEST_F(TheCollectionsPath, GivesThePathsOfAWalkOverIt)
 {
     MakeBundle(Aside("radio"));
     const std::string path = collection.Path().string();

@@ -93,7 +93,7 @@ TEST_F(WhatAWatcherHolds, IsNoDescriptorThatAChildInherits)
     });
 }
 
-TEST_F(WhatAWatcherHolds, IsNothingBehindWhichTheKernelCollectsWhatNobodyReads)
+TEST_F(WhatAWatcherHolds, IsNoUnreadQueueOfKernelEvents)
 {
     Watch();
     EXPECT_TRUE(Eventually(std::chrono::seconds(10), [] { // the watcher's own thread closes it
@@ -103,7 +103,7 @@ TEST_F(WhatAWatcherHolds, IsNothingBehindWhichTheKernelCollectsWhatNobodyReads)
     }));
 }
 
-TEST_F(WhatAWatcherHolds, LeavesTheInotifyDescriptorsOfOthersAlone)
+TEST_F(WhatAWatcherHolds, LeavesOtherInotifyDescriptorsOpen)
 {
     const int descriptor = ::inotify_init1(0);
     ASSERT_GE(descriptor, 0);
@@ -114,7 +114,7 @@ TEST_F(WhatAWatcherHolds, LeavesTheInotifyDescriptorsOfOthersAlone)
     ::close(descriptor);
 }
 
-TEST_F(WhatAWatcherHolds, IsGoneWithIt)
+TEST_F(WhatAWatcherHolds, IsReleasedWithIt)
 {
     Watch();
     watcher.reset();
@@ -128,7 +128,7 @@ TEST_F(WhatAWatcherHolds, IsGoneWithIt)
     EXPECT_TRUE(ThereAreThreads(threads));
 }
 
-TEST_F(WhatAWatcherHolds, IsGoneWhenItCouldNotBeMade)
+TEST_F(WhatAWatcherHolds, IsReleasedWhenItCannotBeMade)
 {
     const auto before = Descriptors();
     for (int i = 0; i < 20; ++i) {

@@ -31,7 +31,7 @@ protected:
 
 class DestroyingTheWatcher : public AHandler {};
 class AcceptingChanges : public AHandler {};
-class OfferingAgain : public AHandler {};
+class RetryingAnAddition : public AHandler {};
 
 } // namespace
 
@@ -122,7 +122,7 @@ TEST_F(AHandler, RunsOneAtATimeAndAlwaysOnTheSameThread)
 }
 
 // What a scan has found may have gone by the time its turn comes.
-TEST_F(AHandler, IsNotCalledForWhatHasGoneBeforeItsTurn)
+TEST_F(AHandler, IsNotCalledForAnItemThatHasGoneMeanwhile)
 {
     MakeBundle(Aside("zulu"));
     recorder.SetHandler([this](const std::string& event) {
@@ -164,7 +164,7 @@ TEST_F(AHandler, IsCalledForACompleteCopyOnlyWhenOneHasTakenThePlaceOfWhatCameBe
     EXPECT_EQ(writtenWhenAdded, 4);
 }
 
-TEST_F(DestroyingTheWatcher, TakesMuchLessThanAScanIntervalWhenNoHandlerRuns)
+TEST_F(DestroyingTheWatcher, TakesLessThanAScanIntervalWhenNoHandlerRuns)
 {
     Watch(1h);
     const auto start = std::chrono::steady_clock::now();
@@ -211,7 +211,7 @@ TEST_F(DestroyingTheWatcher, IsSafeWhileScansRunAndEventsAreRaised)
     EXPECT_EQ(recorder.Noted(), Events{});
 }
 
-TEST_F(AcceptingChanges, RaisesNothingForWhatAHandlerHasDoneItself)
+TEST_F(AcceptingChanges, RaisesNothingForTheHandlersOwnChanges)
 {
     recorder.SetHandler([this](const std::string& event) {
         if (event == "modified radio") {
@@ -225,7 +225,7 @@ TEST_F(AcceptingChanges, RaisesNothingForWhatAHandlerHasDoneItself)
     EXPECT_EQ(EventsOf([this] { EditManifest(); }), Events{"modified radio"});
 }
 
-TEST_F(AcceptingChanges, RaisesWhatChangesAfterwards)
+TEST_F(AcceptingChanges, RaisesLaterChanges)
 {
     std::atomic<int> handled{0};
     recorder.SetHandler([&](const std::string& event) {
@@ -262,7 +262,7 @@ TEST_F(AcceptingChanges, DoesNotTakeAnotherDirectoryForTheSame)
     watcher.reset();
 }
 
-TEST_F(AcceptingChanges, OfWhatIsNotKnownDoesNothing)
+TEST_F(AcceptingChanges, OfAnUnknownItemDoesNothing)
 {
     EXPECT_EQ(EventsBetweenTwoScans([this] {
                   MakeBundle(In("tuner"));
@@ -276,13 +276,13 @@ TEST_F(AcceptingChanges, OfWhatIsNotKnownDoesNothing)
               (Events{"modified radio", "added tuner"}));
 }
 
-TEST_F(OfferingAgain, RaisesAnItemAsAddedOnceMore)
+TEST_F(RetryingAnAddition, RaisesAnItemAsAddedOnceMore)
 {
     EXPECT_EQ(EventsOf([this] { watcher->OfferAgain(In("radio")); }), Events{"added radio"});
     EXPECT_EQ(EventsOf([this] { EditManifest(); }), Events{"modified radio"});
 }
 
-TEST_F(OfferingAgain, FollowsAChangeWhenItsHandlerAsksForIt)
+TEST_F(RetryingAnAddition, FollowsAChangeWhenItsHandlerAsksForIt)
 {
     recorder.SetHandler([this](const std::string& event) {
         if (event == "modified radio") {
@@ -294,7 +294,7 @@ TEST_F(OfferingAgain, FollowsAChangeWhenItsHandlerAsksForIt)
     }
 }
 
-TEST_F(OfferingAgain, WaitsUntilTheMendingIsComplete)
+TEST_F(RetryingAnAddition, WaitsUntilTheRepairIsComplete)
 {
     int written = 0;
     int writtenWhenAdded = 0;
@@ -319,7 +319,7 @@ TEST_F(OfferingAgain, WaitsUntilTheMendingIsComplete)
 }
 
 // An item of it may run on, and write without an end.
-TEST_F(OfferingAgain, DoesNotWaitForWhatIsWrittenToOtherFolders)
+TEST_F(RetryingAnAddition, DoesNotWaitForWritesToOtherFolders)
 {
     bool isAdded = false;
     int ticks = 0;
@@ -343,7 +343,7 @@ TEST_F(OfferingAgain, DoesNotWaitForWhatIsWrittenToOtherFolders)
     EXPECT_LT(ticks, 50);
 }
 
-TEST_F(OfferingAgain, RaisesTheRemovalOfAnItemThatHasGoneMeanwhile)
+TEST_F(RetryingAnAddition, RaisesTheRemovalOfAnItemThatHasGoneMeanwhile)
 {
     EXPECT_EQ(EventsBetweenTwoScans([this] {
                   watcher->OfferAgain(In("radio"));
@@ -352,7 +352,7 @@ TEST_F(OfferingAgain, RaisesTheRemovalOfAnItemThatHasGoneMeanwhile)
               Events{"removed radio"});
 }
 
-TEST_F(OfferingAgain, RaisesAReplacementThatCameMeanwhile)
+TEST_F(RetryingAnAddition, RaisesAReplacementThatCameMeanwhile)
 {
     MakeBundle(Aside("radio"));
     EXPECT_EQ(EventsBetweenTwoScans([this] {
@@ -363,7 +363,7 @@ TEST_F(OfferingAgain, RaisesAReplacementThatCameMeanwhile)
               Events{"added radio"});
 }
 
-TEST_F(OfferingAgain, OfWhatIsNotKnownDoesNothing)
+TEST_F(RetryingAnAddition, OfAnUnknownItemDoesNothing)
 {
     EXPECT_EQ(EventsOf([this] {
                   for (const std::string& path : {In("missing"), In(""), In("radio") + "/", In("radio/bin"),

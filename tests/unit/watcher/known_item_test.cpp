@@ -73,7 +73,7 @@ private:
 
 } // namespace
 
-TEST_F(AnItem, IsAskedForItsFileSystemOnceAndNeitherListedNorRead)
+TEST_F(AnItem, HasItsFileSystemAskedOnceAndIsNeitherListedNorRead)
 {
     const CallCounter fileSystems(Call::STATFS);
     const CallCounter listings(Call::OPENDIR);
@@ -89,7 +89,7 @@ TEST_F(AnItem, IsAskedForItsFileSystemOnceAndNeitherListedNorRead)
     EXPECT_EQ(files.Count(), 0);
 }
 
-TEST_F(AnItemOnAnOverlay, HasNotChangedWhereOnlyTheTimesOfItsInodesHave)
+TEST_F(AnItemOnAnOverlay, HasNotChangedIfOnlyItsInodeTimesHave)
 {
     for (const char* const part : {"", "/bin", "/script", "/BundleManifest.ini"}) {
         ChangeInodeTime(path + part);
@@ -102,7 +102,7 @@ TEST_F(AnItemOnAnOverlay, HasNotChangedWhereOnlyTheTimesOfItsInodesHave)
     EXPECT_FALSE(HasChanged());
 }
 
-TEST_F(AnItemOnAnOverlay, HasChangedByEachDifferenceWhereItsFileSystemIsUnknown)
+TEST_F(AnItemOnAnOverlay, HasChangedByEachDifferenceIfItsFileSystemIsUnknown)
 {
     const Fault fault(Call::STATFS, EIO);
     known.Learn(path, Now());
@@ -111,7 +111,7 @@ TEST_F(AnItemOnAnOverlay, HasChangedByEachDifferenceWhereItsFileSystemIsUnknown)
     EXPECT_TRUE(HasChanged());
 }
 
-TEST_F(AnItemOnAnOverlay, StaysAsItWasWhileItCannotBeLookedAt)
+TEST_F(AnItemOnAnOverlay, IsUnchangedWhileItHasNoStatus)
 {
     for (const auto& [call, error] : {std::pair{Call::OPENDIR, EMFILE}, std::pair{Call::READDIR, EIO},
                                       std::pair{Call::OPEN, EMFILE}, std::pair{Call::READ, EIO}}) {
@@ -134,7 +134,7 @@ TEST_F(AnItemOnAnOverlay, StaysAsItWasWhileItCannotBeLookedAt)
     }
 }
 
-TEST_F(AnItemOnAnOverlay, StaysAsItWasWhileItsPartsHaveNoStatus)
+TEST_F(AnItemOnAnOverlay, IsUnchangedWhileItsPartsHaveNoStatus)
 {
     ExchangeAByteOfTheManifest();
     const ItemFingerprint now = Now();
@@ -146,7 +146,7 @@ TEST_F(AnItemOnAnOverlay, StaysAsItWasWhileItsPartsHaveNoStatus)
     EXPECT_TRUE(HasChanged());
 }
 
-TEST_F(AnItemOnAnOverlay, IsNotWaitedForWhereItsManifestIsAFifo)
+TEST_F(AnItemOnAnOverlay, IsNotAwaitedIfItsManifestIsAFifo)
 {
     std::filesystem::remove(Manifest());
     ASSERT_EQ(::mkfifo(Manifest().c_str(), 0600), 0);
@@ -164,7 +164,7 @@ TEST_F(AnItemOnAnOverlay, IsReplacedByADirectoryOfAnotherNumber)
     EXPECT_TRUE(HasChanged());
 }
 
-TEST_F(AnItemOnAnOverlay, IsKnownAsBeforeWhereMemoryRunsOut)
+TEST_F(AnItemOnAnOverlay, KeepsItsFingerprintWhenMemoryRunsOut)
 {
     MemorySweep sweep;
     ItemFingerprint now;

@@ -80,8 +80,8 @@ protected:
     static Way TheWay() { return std::get<Way>(GetParam()); }
 };
 class AWriteOnAnOverlay : public AChangeOnAnOverlay {};
-class AComingOnAnOverlay : public AChangeOnAnOverlay {};
-class AGoingOnAnOverlay : public AChangeOnAnOverlay {};
+class AnAdditionOnAnOverlay : public AChangeOnAnOverlay {};
+class ARemovalOnAnOverlay : public AChangeOnAnOverlay {};
 
 std::string NameOfCase(const ::testing::TestParamInfo<Case>& info)
 {
@@ -147,7 +147,7 @@ std::vector<Way> WaysOfChangingOnAnOverlay()
 
 } // namespace
 
-TEST_P(ABundleOnAnOverlay, IsAsItWasWhenTheKernelDropsItsInodes)
+TEST_P(ABundleOnAnOverlay, IsUnchangedWhenTheKernelDropsItsInodes)
 {
     if (IsSkipped()) {
         return;
@@ -162,7 +162,7 @@ TEST_P(ABundleOnAnOverlay, IsAsItWasWhenTheKernelDropsItsInodes)
     }
 }
 
-TEST_P(ABundleOnAnOverlay, IsAsItWasWhenTheKernelDropsItsCaches)
+TEST_P(ABundleOnAnOverlay, IsUnchangedWhenTheKernelDropsItsCaches)
 {
     if (IsSkipped()) {
         return;
@@ -174,7 +174,7 @@ TEST_P(ABundleOnAnOverlay, IsAsItWasWhenTheKernelDropsItsCaches)
     EXPECT_EQ(EventsOf([] {}), Events{});
 }
 
-TEST_P(ABundleOnAnOverlay, IsAsItWasWhenAWriteBelowItsDataCopiesItsDirectoryUp)
+TEST_P(ABundleOnAnOverlay, IsUnchangedWhenAWriteBelowItsDataCopiesItsDirectoryUp)
 {
     if (IsSkipped()) {
         return;
@@ -187,7 +187,7 @@ TEST_P(ABundleOnAnOverlay, IsAsItWasWhenAWriteBelowItsDataCopiesItsDirectoryUp)
     EXPECT_EQ(EventsOfDropping(), Events{});
 }
 
-TEST_P(ABundleOnAnOverlay, IsAsItWasWhenItsManifestIsCopiedUpUnchanged)
+TEST_P(ABundleOnAnOverlay, IsUnchangedWhenItsManifestIsCopiedUpUnchanged)
 {
     if (IsSkipped()) {
         return;
@@ -198,7 +198,7 @@ TEST_P(ABundleOnAnOverlay, IsAsItWasWhenItsManifestIsCopiedUpUnchanged)
     EXPECT_EQ(EventsOf("echo '; new' >> \"$COLLECTION\"/radio/BundleManifest.ini"), Events{"modified radio"});
 }
 
-TEST_P(ABundleOnAnOverlay, IsAsItWasWhenAnItemGoesOnWritingToAFileInItsDirectory)
+TEST_P(ABundleOnAnOverlay, IsUnchangedWhileAnItemWritesToAFileInItsDirectory)
 {
     if (IsSkipped()) {
         return;
@@ -214,7 +214,7 @@ TEST_P(ABundleOnAnOverlay, IsAsItWasWhenAnItemGoesOnWritingToAFileInItsDirectory
 }
 
 // A copy of one of its links has another number, size and time, as a file that replaces it has.
-TEST_P(ABundleOnAnOverlay, IsTakenForModifiedOnceWhenAFileOfSeveralLinksIsOverwritten)
+TEST_P(ABundleOnAnOverlay, IsModifiedOnceWhenAFileWithSeveralLinksIsOverwritten)
 {
     if (IsSkipped()) {
         return;
@@ -225,7 +225,7 @@ TEST_P(ABundleOnAnOverlay, IsTakenForModifiedOnceWhenAFileOfSeveralLinksIsOverwr
     EXPECT_EQ(EventsOfDropping(), Events{});
 }
 
-TEST_P(ABundleOnAnOverlay, IsModifiedOnceByEachChangeHoweverOftenItsInodesAreDropped)
+TEST_P(ABundleOnAnOverlay, IsModifiedOnceByEachChangeThoughItsInodesAreDropped)
 {
     if (IsSkipped()) {
         return;
@@ -239,7 +239,7 @@ TEST_P(ABundleOnAnOverlay, IsModifiedOnceByEachChangeHoweverOftenItsInodesAreDro
 }
 
 // As a script of the bundle does, while the kernel drops its inodes.
-TEST_P(ABundleOnAnOverlay, HasItsChangesAcceptedThoughItsNumbersAreOthers)
+TEST_P(ABundleOnAnOverlay, HasItsChangesAcceptedWhenItsNumbersDiffer)
 {
     if (IsSkipped()) {
         return;
@@ -304,7 +304,7 @@ INSTANTIATE_TEST_SUITE_P(Unseen, AWriteOnAnOverlay,
                                             ::testing::ValuesIn(WaysOfChangingUnseen()), ::testing::Values(false)),
                          NameOfCase);
 
-TEST_P(AComingOnAnOverlay, IsSeenOnce)
+TEST_P(AnAdditionOnAnOverlay, IsSeenOnce)
 {
     if (!HasTool(TheWay())) {
         GTEST_SKIP() << "there is no " << TheWay().tool << " here";
@@ -318,12 +318,12 @@ TEST_P(AComingOnAnOverlay, IsSeenOnce)
     EXPECT_EQ(EventsOfDropping(), Events{});
 }
 
-INSTANTIATE_TEST_SUITE_P(By, AComingOnAnOverlay,
+INSTANTIATE_TEST_SUITE_P(By, AnAdditionOnAnOverlay,
                          ::testing::Combine(::testing::Values(NUMBERS_NOT_KEPT), ::testing::ValuesIn(WaysOfComing()),
                                             ::testing::Values(false)),
                          NameOfCase);
 
-TEST_P(AGoingOnAnOverlay, IsSeenOnce)
+TEST_P(ARemovalOnAnOverlay, IsSeenOnce)
 {
     if (IsSkipped()) {
         return;
@@ -333,7 +333,7 @@ TEST_P(AGoingOnAnOverlay, IsSeenOnce)
     EXPECT_EQ(EventsOf("mv \"$ASIDE\"/radio \"$COLLECTION\"/"), Events{"added radio"});
 }
 
-INSTANTIATE_TEST_SUITE_P(By, AGoingOnAnOverlay,
+INSTANTIATE_TEST_SUITE_P(By, ARemovalOnAnOverlay,
                          ::testing::Combine(::testing::Values(NUMBERS_NOT_KEPT, NUMBERS_KEPT),
                                             ::testing::ValuesIn(WaysOfGoing()), ::testing::Values(false)),
                          NameOfCase);

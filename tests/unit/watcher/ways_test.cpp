@@ -28,8 +28,8 @@ protected:
     }
 };
 
-class ADirectoryThatComes : public ByAWay {};
-class ADirectoryThatGoes : public ByAWay {};
+class ADirectoryThatIsAdded : public ByAWay {};
+class ADirectoryThatIsRemoved : public ByAWay {};
 class ABundleThatIsChanged : public ByAWay {};
 class ABundleThatIsWrittenTo : public ByAWay {};
 class ManyDirectories : public WatchingACollection {};
@@ -51,7 +51,7 @@ void AwaitTickAfter(const std::string& path)
 
 } // namespace
 
-TEST_P(ADirectoryThatComes, IsAddedOnceEachTimeItComes)
+TEST_P(ADirectoryThatIsAdded, RaisesOneAdditionEachTime)
 {
     MakeBundle(Aside("radio"));
     RunShell("cd \"$ASIDE\" && tar -cf radio.tar radio && cp -r radio copy");
@@ -63,9 +63,9 @@ TEST_P(ADirectoryThatComes, IsAddedOnceEachTimeItComes)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(By, ADirectoryThatComes, ::testing::ValuesIn(WaysOfComing()), NameOf);
+INSTANTIATE_TEST_SUITE_P(By, ADirectoryThatIsAdded, ::testing::ValuesIn(WaysOfComing()), NameOf);
 
-TEST_P(ADirectoryThatGoes, IsRemovedOnce)
+TEST_P(ADirectoryThatIsRemoved, IsRemovedOnce)
 {
     MakeBundle(In("radio"));
     MakeBundle(In("tuner"));
@@ -77,7 +77,7 @@ TEST_P(ADirectoryThatGoes, IsRemovedOnce)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(By, ADirectoryThatGoes, ::testing::ValuesIn(WaysOfGoing()), NameOf);
+INSTANTIATE_TEST_SUITE_P(By, ADirectoryThatIsRemoved, ::testing::ValuesIn(WaysOfGoing()), NameOf);
 
 TEST_P(ABundleThatIsChanged, IsModifiedOnce)
 {
@@ -90,7 +90,7 @@ TEST_P(ABundleThatIsChanged, IsModifiedOnce)
 }
 
 // Some ways take several steps, between which a scan may come: then each scan raises what it finds.
-TEST_P(ABundleThatIsChanged, IsModifiedAtLeastOnceWheneverTheScansCome)
+TEST_P(ABundleThatIsChanged, IsModifiedAtLeastOnceAtAnyTimeBetweenScans)
 {
     MakeBundle(In("radio"));
     MakeBundle(In("tuner"));
@@ -116,7 +116,7 @@ TEST_P(ABundleThatIsWrittenTo, RaisesNothing)
 INSTANTIATE_TEST_SUITE_P(By, ABundleThatIsWrittenTo, ::testing::ValuesIn(WaysOfWriting()), NameOf);
 
 // An archive or a mirror puts back the time of a directory's last change. The inode's own time cannot be put back.
-TEST_F(AnEntry, IsModifiedByAMirrorThatPutsBackEveryTime)
+TEST_F(AnEntry, IsModifiedByAMirrorThatRestoresEveryTime)
 {
     MakeBundle(In("radio"));
     RunShell("touch -d 2001-01-01 \"$COLLECTION\"/radio/bin \"$COLLECTION\"/radio");
@@ -164,7 +164,7 @@ TEST_F(ManyDirectories, AreAddedModifiedAndRemovedWithoutAMissedOrDoubledEvent)
               expected("added"));
 }
 
-TEST_F(ManyDirectories, AreAddedInTheOrderInWhichTheyCame)
+TEST_F(ManyDirectories, AreAddedInTheOrderOfTheirArrival)
 {
     Watch();
     Events expected;
@@ -228,7 +228,7 @@ TEST_F(ASlowCopy, IsAddedOnceWhenItIsComplete)
 }
 
 // A mirror sets the owner, the mode and the times of a directory before it fills it, and perhaps again while it does.
-TEST_F(ASlowCopy, IsNotTakenForMovedInBecauseItsModeWasSetAtItsBeginning)
+TEST_F(ASlowCopy, IsNotTakenForARenameWhenItsModeWasSetFirst)
 {
     Watch();
     recorder.SetHandler([this](const std::string& event) {
@@ -245,7 +245,7 @@ TEST_F(ASlowCopy, IsNotTakenForMovedInBecauseItsModeWasSetAtItsBeginning)
               (Events{"added first-scan", "added second-scan", "added radio"}));
 }
 
-TEST_F(ASlowCopy, IsNotTakenForMovedInBecauseItsModeWasSetOnTheWay)
+TEST_F(ASlowCopy, IsNotTakenForARenameWhenItsModeWasSetMeanwhile)
 {
     Watch();
     recorder.SetHandler([this](const std::string& event) {
@@ -266,7 +266,7 @@ TEST_F(ASlowCopy, IsNotTakenForMovedInBecauseItsModeWasSetOnTheWay)
               (Events{"added first-scan", "added second-scan", "added third-scan", "added radio"}));
 }
 
-TEST_F(ASlowCopy, ThatIsGivenUpRaisesNothing)
+TEST_F(ASlowCopy, ThatIsAbandonedRaisesNothing)
 {
     Watch();
     int written = 0;
@@ -370,7 +370,7 @@ TEST_F(AnEntry, ThatChangesFromAFileToADirectoryAndBackIsRemovedAndAdded)
               (Events{"removed radio", "added radio"}));
 }
 
-TEST_F(AnEntry, ThatIsADanglingLinkIsAPlainOneUntilItLeadsToADirectory)
+TEST_F(AnEntry, ThatIsADanglingLinkCountsAsAFileUntilItLeadsToADirectory)
 {
     Watch();
     EXPECT_EQ(EventsOf("ln -s \"$ASIDE\"/radio \"$COLLECTION\"/radio"), Events{"added radio"});
@@ -380,7 +380,7 @@ TEST_F(AnEntry, ThatIsADanglingLinkIsAPlainOneUntilItLeadsToADirectory)
     EXPECT_EQ(EventsOf("rm \"$COLLECTION\"/radio"), Events{"removed radio"});
 }
 
-TEST_F(AnEntry, ThatIsALinkToItselfIsAPlainOne)
+TEST_F(AnEntry, ThatIsALinkToItselfCountsAsAFile)
 {
     Watch();
     EXPECT_EQ(EventsOf("ln -s loop \"$COLLECTION\"/loop"), Events{"added loop"});
@@ -398,7 +398,7 @@ TEST_F(AnEntry, ThatIsALinkIsModifiedWhenItLeadsElsewhere)
               "modified radio");
 }
 
-TEST_F(AnEntry, MayBearAnyName)
+TEST_F(AnEntry, MayHaveAnyName)
 {
     Watch();
     MakeBundle(Aside("new\nline %s \xff"));
