@@ -1,24 +1,17 @@
-# Completion of bundlectl for fish.
-complete -c bundlectl -f
-complete -c bundlectl -s h -l help -d 'Print the options'
-complete -c bundlectl -n __fish_use_subcommand -l version -d 'Print the version'
-complete -c bundlectl -n __fish_use_subcommand -a status -d 'Show what runs'
-complete -c bundlectl -n __fish_use_subcommand -a why -d 'Tell why a bundle runs or does not'
-complete -c bundlectl -n __fish_use_subcommand -a log -d 'Show the log'
-complete -c bundlectl -n __fish_use_subcommand -a delete -d 'Delete a bundle'
-complete -c bundlectl -n __fish_use_subcommand -a events -d 'Print a line for each event'
-complete -c bundlectl -n __fish_use_subcommand -a wait -d 'Wait until the server answers requests'
-complete -c bundlectl -n '__fish_seen_subcommand_from delete wait' -l timeout -x -d 'How long to wait'
-complete -c bundlectl -n '__fish_seen_subcommand_from status why log' -l json -d 'Print JSON'
-complete -c bundlectl -n '__fish_seen_subcommand_from status why log' -l log -rF -d 'The log'
-complete -c bundlectl -n '__fish_seen_subcommand_from status' -l watch -d 'Show it until q is pressed'
-complete -c bundlectl -n '__fish_seen_subcommand_from why' -l evidence -d 'Print the records that prove it'
-complete -c bundlectl -n '__fish_seen_subcommand_from log' -s f -l follow -d 'Go on with what is written'
-complete -c bundlectl -n '__fish_seen_subcommand_from log' -l level -xa 'info error' -d 'Only this level'
-complete -c bundlectl -n '__fish_seen_subcommand_from log' -l since -x -d 'From then on'
-complete -c bundlectl -n '__fish_seen_subcommand_from log' -l until -x -d 'Up to then'
-complete -c bundlectl -n '__fish_seen_subcommand_from delete status why log' -l collection -xa '(__fish_complete_directories)' -d 'The collection'
-complete -c bundlectl -n '__fish_seen_subcommand_from delete status why log' -l config -rF -d 'The configuration of the server'
-complete -c bundlectl -n '__fish_seen_subcommand_from events' -l count -x -d 'End after so many events'
-complete -c bundlectl -n '__fish_seen_subcommand_from wait' -l for -xa serving -d 'What to wait for'
-complete -c bundlectl -n '__fish_seen_subcommand_from wait' -l pid -x -d 'The server to wait for'
+# Completion of bundlectl for fish. bundlectl itself knows what fits.
+function __bundlectl_complete
+    set -l words (commandline -opc)
+    set -l word (commandline -ct)
+    for line in ($words[1] --complete $words[2..-1] "$word" 2> /dev/null)
+        switch $line
+            case :files
+                __fish_complete_path "$word"
+            case :directories
+                __fish_complete_directories "$word"
+            case '*'
+                echo $line
+        end
+    end
+end
+
+complete -c bundlectl -f -a '(__bundlectl_complete)'

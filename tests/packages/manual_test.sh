@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# The manual pages say what the programs say of themselves: their options, sub-commands, exit statuses and keys. The
-# completions do as well.
+# The manual pages say what the programs say of themselves: their options, sub-commands, exit statuses and keys.
 #
 # usage: manual_test.sh ROOT BUNDLE_SERVER BUNDLECTL LOADER
 set -uo pipefail
@@ -50,20 +49,6 @@ same "options of bundlectl" "$(options_of_page bundlectl.1)" \
     "$(for command in "" $commands; do "$bundlectl" ${command:+"$command"} --help; done | options_of_help)"
 same "exit statuses of bundlectl" "$(items_of_section bundlectl.1 'EXIT STATUS')" \
     "$("$bundlectl" --help | sed -n '/^exit status/s/[^0-9]\{1,\}/\n/gp' | sed '/^$/d')"
-
-# The completions know each command and each of its long options.
-for completion in "$root"/packaging/completions/*; do
-    for word in $commands $(for command in "" $commands; do "$bundlectl" ${command:+"$command"} --help; done | options_of_help | grep '^--'); do
-        case $completion in
-            *.fish) form="(-a|-l|-xa) ${word#--}( |\$)" ;;
-            *) form="[ '\"]${word}[][ '\"]" ;;
-        esac
-        if ! grep -qE -e "$form" "$completion"; then
-            echo "$completion does not know $word"
-            status=1
-        fi
-    done
-done
 
 sources=$root/system_server/bundle_server_module/src
 same "keys of the configuration" "$(keys bundle-server.conf.5)" \

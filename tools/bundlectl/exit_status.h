@@ -1,7 +1,7 @@
 #ifndef BUNDLECTL_EXIT_STATUS_H
 #define BUNDLECTL_EXIT_STATUS_H
 
-/// What bundlectl tells the shell.
+/// What bundlectl tells the shell, all verbs alike.
 enum ExitStatus : int {
     EXIT_DONE = 0,
     EXIT_FAILED = 1,
@@ -9,6 +9,21 @@ enum ExitStatus : int {
     EXIT_UNKNOWN_BUNDLE = 3,
     EXIT_UNREACHABLE = 4,
     EXIT_TIMED_OUT = 5,
+};
+
+struct ExitStatusMeaning {
+    ExitStatus status;
+    const char* meaning;
+};
+
+/// For the end of each help text. The manual page has the same numbers.
+constexpr ExitStatusMeaning EXIT_STATUSES[] = {
+    {EXIT_DONE, "good"},
+    {EXIT_FAILED, "failed, not healthy, a finding or a change"},
+    {EXIT_WRONG_USE, "wrong use"},
+    {EXIT_UNKNOWN_BUNDLE, "no such bundle"},
+    {EXIT_UNREACHABLE, "server or log cannot be reached"},
+    {EXIT_TIMED_OUT, "timed out"},
 };
 
 #endif

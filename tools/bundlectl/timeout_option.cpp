@@ -45,8 +45,7 @@ std::string Fault(const std::string& text)
 
 void AddTimeout(Arguments& arguments, const char* description, std::chrono::seconds& timeout)
 {
-    const std::string standard = std::to_string(timeout.count()) + "s";
     Argument argument{"--timeout", description, "TIME", Fault};
-    argument.standard = standard.c_str();
+    argument.standard = std::to_string(timeout.count()) + "s";
     arguments.Add(argument, [&timeout](const std::string& text) { timeout = Parse(text).value_or(timeout); });
 }

@@ -94,6 +94,7 @@ Action DefineWait(Arguments& arguments)
     const auto options = std::make_shared<Options>();
     Argument condition{"--for", "what to wait for: the server answers requests", "CONDITION", FaultOfCondition};
     condition.isRequired = true;
+    condition.choices = "serving";
     arguments.Add(condition, options->condition);
     AddTimeout(arguments, "how long to wait", options->timeout);
     arguments.Add({"--pid", "wait for this server, and no longer than it runs", "PID"}, options->server, 1,

@@ -1,22 +1,13 @@
 #ifndef BUNDLECTL_MODEL_REASONS_H
 #define BUNDLECTL_MODEL_REASONS_H
 
+#include "reason.h"
 #include "status.h"
 
 #include <string>
 #include <vector>
 
 namespace Model {
-
-/// Why a bundle is as it is.
-struct Reason {
-    const char* kind = "";             ///< a word for programs: "required-missing"
-    std::string text;                  ///< sentences for people
-    std::string brief;                 ///< a few words of it, for a line of a table
-    std::string remedy;                ///< what mends it: a command or an advice; empty: nothing is to be mended
-    bool isRecomputed = false;         ///< the log does not tell it: it was found out from the files as they are now
-    std::vector<std::string> evidence; ///< the records that prove it
-};
 
 /// An end of one of its items.
 struct ToldEnd {
@@ -31,10 +22,6 @@ std::vector<Reason> ReasonsOf(const Snapshot& snapshot, const BundleStatus& bund
 
 /// The last ends of its items, in all servers of the log, the latest first.
 std::vector<ToldEnd> LastEnds(const Snapshot& snapshot, const BundleStatus& bundle, std::size_t count);
-
-/// "SIGSEGV", "signal 44", "status 3".
-std::string NameOfEnd(const ItemEnd& end);
-std::string NameOfSignal(int signal);
 
 } // namespace Model
 

@@ -1,7 +1,8 @@
 #ifndef BUNDLECTL_MODEL_REFUSAL_WORDS_H
 #define BUNDLECTL_MODEL_REFUSAL_WORDS_H
 
-#include "reasons.h"
+#include "reason.h"
+#include "status.h"
 
 namespace Model {
 

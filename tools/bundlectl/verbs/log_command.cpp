@@ -226,11 +226,6 @@ std::string FaultOfTime(const std::string& text)
                : "\"" + text + "\" is no time such as 10m, 2h, 14:05 or 2026-11-21T04:14:09Z";
 }
 
-std::string FaultOfLevel(const std::string& text)
-{
-    return text == "info" || text == "error" ? "" : "\"" + text + "\" is no level; there are info and error";
-}
-
 } // namespace
 
 Action DefineLog(Arguments& arguments)
@@ -238,7 +233,9 @@ Action DefineLog(Arguments& arguments)
     const auto options = std::make_shared<Options>();
     Verbs::AddName(arguments, options->name, false);
     arguments.AddFlag("-f,--follow", "go on with what is written from now on", options->follow);
-    arguments.Add({"--level", "only records of this level: info or error", "LEVEL", FaultOfLevel}, options->level);
+    Argument level{"--level", "only records of this level: info or error", "LEVEL"};
+    level.choices = "info error";
+    arguments.Add(level, options->level);
     arguments.Add({"--since", "from then on: 10m, 2h, 14:05, a date, or RFC 3339", "TIME", FaultOfTime},
                   options->since);
     arguments.Add({"--until", "up to then", "TIME", FaultOfTime}, options->until);

@@ -1,0 +1,11 @@
+#ifndef BUNDLECTL_OTHER_PROGRAM_H
+#define BUNDLECTL_OTHER_PROGRAM_H
+
+#include "verbs.h"
+
+/// Becomes the program that has a verb's code, with the same arguments. Returns only when it cannot, after a sentence
+/// that says which package to install: the exit status.
+/// @param argv ends with a null pointer
+int RunOtherProgram(Program program, char** argv);
+
+#endif

@@ -1,0 +1,90 @@
+#ifndef BUNDLECTL_VERBS_H
+#define BUNDLECTL_VERBS_H
+
+#include "arguments.h"
+
+#include <cstddef>
+#include <functional>
+#include <string_view>
+
+/// The program that has a verb's code. Users call bundlectl, which hands the command line on.
+enum class Program {
+    BUNDLECTL,
+    AUTHOR, ///< what authors of bundles need, on their own machines
+};
+
+struct ProgramPlace {
+    Program program;
+    const char* file;    ///< in the directory of the server's helpers
+    const char* package; ///< that has it
+};
+
+constexpr ProgramPlace PROGRAMS[] = {
+    {Program::BUNDLECTL, "bundlectl", "bundle-server"},
+    {Program::AUTHOR, "bundlectl-author", "bundle-server-author"},
+};
+
+/// A verb, as users see it.
+struct Verb {
+    const char* name;
+    Program program;
+    const char* description;
+    const char* examples; ///< for the end of its help, a line each
+};
+
+/// All verbs, in the order in which they are listed. The command line, the help, the completions and, by a test, the
+/// manual page follow this table.
+constexpr Verb VERBS[] = {
+    {"status", Program::BUNDLECTL, "Show what runs, and what does not",
+     "bundlectl status\nbundlectl status media\nbundlectl status --watch"},
+    {"why", Program::BUNDLECTL, "Tell why a bundle runs, or why it does not",
+     "bundlectl why media\nbundlectl why media --evidence"},
+    {"log", Program::BUNDLECTL, "Show the server's log, or what it has of one bundle",
+     "bundlectl log -f\nbundlectl log media --since 10m --level error"},
+    {"delete", Program::BUNDLECTL, "Delete a bundle: stop it, unload it and remove its directory",
+     "bundlectl delete media\nbundlectl delete media --timeout 5m"},
+    {"events", Program::BUNDLECTL, "Listen on the event service and print a line for each event",
+     "bundlectl events --count 1"},
+    {"wait", Program::BUNDLECTL, "Wait until the server has started all bundles and answers requests",
+     "bundlectl wait --for serving --timeout 5m"},
+};
+
+/// What a verb does once its arguments are read. Returns the exit status.
+using Action = std::function<int()>;
+
+/// Adds a verb's arguments. Returns what to do with them.
+using Definition = Action (*)(Arguments& arguments);
+
+/// A verb that this program carries out.
+struct Command {
+    std::string_view name;
+    Definition define;
+};
+
+/// The verbs of one program. Holds references only.
+struct Commands {
+    Program program;
+    const Command* first;
+    std::size_t count;
+
+    const Command* begin() const { return first; }
+    const Command* end() const { return first + count; }
+    Definition Find(std::string_view name) const;
+};
+
+/// Whether a program defines the verbs that the table gives it, in the table's order, and no others.
+template <std::size_t COUNT> constexpr bool DefinesItsVerbs(Program program, const Command (&commands)[COUNT])
+{
+    std::size_t number = 0;
+    for (const Verb& verb : VERBS) {
+        if (verb.program == program && (number == COUNT || commands[number++].name != verb.name)) {
+            return false;
+        }
+    }
+    return number == COUNT;
+}
+
+/// The verb of that name; null when there is none.
+const Verb* FindVerb(std::string_view name);
+
+#endif
