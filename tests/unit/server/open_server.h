@@ -5,17 +5,24 @@
 #include "support/collection_builder.h"
 #include "support/fault.h"
 #include "support/log_capture.h"
+#include "support/packets.h"
 #include "support/watcher_making.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
-/// The server with its inside open.
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using Messages = std::vector<std::string>;
+constexpr auto PATIENCE = 30s;
+
+/// The server with its protected members accessible.
 class OpenServer : public SystemServer::BundleServer {
 public:
     using BundleServer::defineOptions;
@@ -96,7 +103,7 @@ public:
     std::optional<OpenServer> server;
 };
 
-/// Requests to a server that is up.
+/// Requests to a running server.
 class ARequest : public TheServer {
 public:
     struct Reply {
@@ -104,12 +111,7 @@ public:
         int status = 0;
     };
 
-    static std::string NameField(const std::string& name)
-    {
-        return name + std::string(128 - std::min<std::size_t>(name.size(), 128), '\0');
-    }
-
-    /// Sends a request and gives its one reply, which has to be nothing but a status.
+    /// Sends a request and returns its one reply, which must be a status and nothing else.
     Reply Ask(std::uint8_t method, std::uint16_t uri, const std::string& content)
     {
         TakeSentMessages();
