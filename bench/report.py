@@ -1,4 +1,4 @@
-"""Tables and plots of results: for the terminal, and for docs/performance.md."""
+"""Tables and plots of results: for the terminal, and for the pages of figures."""
 
 import datetime
 import math
@@ -105,28 +105,56 @@ def replace_block(text, name, block):
     """Replaces the text between the two comments that name the block."""
     begin, end = f"<!-- bench:{name} -->", f"<!-- bench:{name} end -->"
     if begin not in text or end not in text:
-        raise SystemExit(f"bench: docs/performance.md has no place for {name}")
+        raise SystemExit(f"bench: the figures have no place for {name}")
     head, rest = text.split(begin, 1)
     return head + begin + "\n" + block + "\n" + end + rest.split(end, 1)[1]
 
 
-def write_document(path, results):
-    """Puts the tables into the document and the plots beside it."""
-    folder = os.path.join(os.path.dirname(path), "performance")
+def read(path):
+    with open(path, encoding="utf-8") as file:
+        return file.read()
+
+
+def write(path, text):
+    with open(path, "w", encoding="utf-8") as file:
+        file.write(text)
+
+
+def row_of(figures, name, what):
+    """A row of a benchmark's table, by the heads of its columns."""
+    block = figures.split(f"<!-- bench:{name} -->", 1)[-1].split(f"<!-- bench:{name} end -->", 1)[0]
+    lines = [[cell.strip() for cell in line.strip("|").split("|")] for line in block.splitlines() if line[:1] == "|"]
+    for cells_of_line in lines[2:]:
+        if cells_of_line[0] == what:
+            return dict(zip(lines[0], cells_of_line))
+    raise SystemExit(f"bench: the figures of {name} have no row \"{what}\"")
+
+
+def summarized(page, figures):
+    """The page, each row of its table that names a row of the figures with what stands there."""
+    def line(match):
+        label, name, what = match.groups()
+        found = row_of(figures, name, what)
+        unit = found.get("unit", "")
+        value, floor = (f"{found.get(head, '')} {unit}".strip() if found.get(head) else ""
+                        for head in ("median", "floor median"))
+        return (f"| {label} <!-- {name}: {what} --> | {value} | {floor} | {found.get('ratio median', '')} | "
+                f"{found.get('target', '')} |")
+    return re.sub(r"^\| (.*?) <!-- ([\w-]+): (.*?) --> \|.*$", line, page, flags=re.M)
+
+
+def write_documents(page, figures, results):
+    """Puts the tables into the figures, the plots beside them, and what the page shows of them into the page."""
     plots = {}
     for name, result in results.items():
         if "plot" in result:
-            os.makedirs(folder, exist_ok=True)
-            with open(os.path.join(folder, name + ".svg"), "w", encoding="utf-8") as file:
-                file.write(svg(name, result["plot"]))
-            plots[name] = f"performance/{name}.svg"
-    with open(path, encoding="utf-8") as file:
-        text = file.read()
-    text = replace_block(text, "machine", machine_markdown())
+            plots[name] = f"{name}.svg"
+            write(os.path.join(os.path.dirname(figures), plots[name]), svg(name, result["plot"]))
+    text = replace_block(read(figures), "machine", machine_markdown())
     for name, result in results.items():
         text = replace_block(text, name, markdown(name, result, plots))
-    with open(path, "w", encoding="utf-8") as file:
-        file.write(text)
+    write(figures, text)
+    write(page, summarized(read(page), text))
 
 
 class Axis:

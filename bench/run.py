@@ -20,7 +20,8 @@ def arguments():
     parser.add_argument("--check", action="store_true")
     parser.add_argument("--keep", action="store_true")
     parser.add_argument("--build-dir", required=True)
-    parser.add_argument("--document", required=True)
+    parser.add_argument("--page", required=True)
+    parser.add_argument("--figures", required=True)
     given = parser.parse_args()
     unknown = [name for name in given.names if name not in ALL]
     if unknown:
@@ -62,8 +63,8 @@ def main():
         with open(given.json, "w", encoding="utf-8") as file:
             json.dump({"machine": dict(report.machine()), "results": results}, file, indent=2, ensure_ascii=False)
     if not given.quick:
-        report.write_document(given.document, results)
-        print("\nThe tables are in docs/performance.md.")
+        report.write_documents(given.page, given.figures, results)
+        print(f"\nThe tables are in {given.figures}.")
     return 0
 
 
