@@ -79,7 +79,7 @@ offers "bundlectl log --lev" --level
 offers "bundlectl log --level " info error
 offers "bundlectl log --level e" error
 offers "bundlectl log --log fi" file.log
-offers "bundlectl status --collection fo" folder
+offers "bundlectl status --collection fold" folder
 offers "bundlectl why --collection bundles " clock radio "$two_words"
 offers "bundlectl why --collection bundles c" clock
 offers "bundlectl delete --collection bundles r" radio
