@@ -1,12 +1,13 @@
 #include "unit/watcher/watched_collection.h"
 
 #include <Poco/Delegate.h>
-#include <algorithm>
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <utility>
@@ -181,4 +182,15 @@ void Append(const std::string& path, const std::string& text)
     file << text;
     file.close();
     EXPECT_TRUE(file) << path;
+}
+
+void AwaitTickAfter(const std::string& path)
+{
+    struct stat status {};
+    ASSERT_EQ(::stat(path.c_str(), &status), 0);
+    EXPECT_TRUE(Eventually(std::chrono::seconds(5), [&status] {
+        timespec now{};
+        ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+        return std::make_pair(now.tv_sec, now.tv_nsec) > std::make_pair(status.st_ctim.tv_sec, status.st_ctim.tv_nsec);
+    }));
 }

@@ -103,4 +103,8 @@ public:
 void WriteText(const std::string& path, const std::string& text);
 void Append(const std::string& path, const std::string& text);
 
+/// Returns when the kernel's clock, which dates changes, is past the last change of path. Waits also when the clock has
+/// been set back meanwhile.
+void AwaitTickAfter(const std::string& path);
+
 #endif

@@ -1,0 +1,110 @@
+// Copies that take longer than a scan: they are raised when they are complete.
+
+#include "unit/watcher/watched_collection.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class ASlowCopy : public WatchingACollection {};
+
+} // namespace
+
+// The chunks are written by the handlers of plain files that come, one a scan: each scan finds more than the last.
+TEST_F(ASlowCopy, IsAddedOnceWhenItIsComplete)
+{
+    constexpr int chunks = 8;
+    Watch();
+    fs::create_directories(In("radio") + "/bin");
+    WriteText(In("radio") + "/BundleManifest.ini", "[global]\n");
+    int written = 0;
+    int writtenWhenAdded = 0;
+    recorder.SetHandler([&](const std::string& event) {
+        if (event == "added radio") {
+            writtenWhenAdded = written;
+        } else if (event.rfind("added tick-", 0) == 0 && written < chunks) {
+            Append(In("radio") + "/bin/tunerd", std::string(1000, 'x'));
+            ++written;
+            WriteText(In("tick-" + std::to_string(written)), "");
+        }
+    });
+    WriteText(In("tick-0"), "");
+    EXPECT_TRUE(recorder.WaitFor("added radio"));
+    recorder.PassScans(4);
+    Events events = recorder.Noted();
+    events.erase(std::remove_if(events.begin(), events.end(),
+                                [](const std::string& event) { return event.rfind("added tick-", 0) == 0; }),
+                 events.end());
+    watcher.reset();
+    EXPECT_EQ(events, Events{"added radio"});
+    EXPECT_EQ(writtenWhenAdded, chunks);
+}
+
+// A mirror sets the owner, the mode and the times of a directory before it fills it, and perhaps again while it does.
+TEST_F(ASlowCopy, IsNotTakenForARenameWhenItsModeWasSetFirst)
+{
+    Watch();
+    recorder.SetHandler([this](const std::string& event) {
+        if (event == "added first-scan") {
+            WriteText(In("second-scan"), "");
+        }
+    });
+    EXPECT_EQ(EventsBetweenTwoScans([this] {
+                  fs::create_directory(In("radio"));
+                  AwaitTickAfter(In("radio"));
+                  RunShell("chmod 700 \"$COLLECTION\"/radio");
+                  WriteText(In("first-scan"), "");
+              }),
+              (Events{"added first-scan", "added second-scan", "added radio"}));
+}
+
+TEST_F(ASlowCopy, IsNotTakenForARenameWhenItsModeWasSetMeanwhile)
+{
+    Watch();
+    recorder.SetHandler([this](const std::string& event) {
+        if (event == "added first-scan") {
+            Append(In("radio/BundleManifest.ini"), "\n");
+            AwaitTickAfter(In("radio/BundleManifest.ini"));
+            RunShell("chmod 700 \"$COLLECTION\"/radio");
+            WriteText(In("second-scan"), "");
+        } else if (event == "added second-scan") {
+            WriteText(In("third-scan"), "");
+        }
+    });
+    EXPECT_EQ(EventsBetweenTwoScans([this] {
+                  fs::create_directory(In("radio"));
+                  WriteText(In("radio/BundleManifest.ini"), "[global]\n");
+                  WriteText(In("first-scan"), "");
+              }),
+              (Events{"added first-scan", "added second-scan", "added third-scan", "added radio"}));
+}
+
+TEST_F(ASlowCopy, ThatIsAbandonedRaisesNothing)
+{
+    Watch();
+    int written = 0;
+    recorder.SetHandler([&](const std::string& event) {
+        if (event.rfind("added tick-", 0) != 0) {
+            return;
+        }
+        ++written;
+        if (written < 4) {
+            Append(In("radio") + "/half", "x");
+            WriteText(In("tick-" + std::to_string(written)), "");
+        } else {
+            fs::remove_all(In("radio"));
+        }
+    });
+    fs::create_directory(In("radio"));
+    WriteText(In("tick-0"), "");
+    EXPECT_TRUE(recorder.WaitFor("added tick-3"));
+    recorder.PassScans(4);
+    watcher.reset();
+    for (const std::string& event : recorder.Noted()) {
+        EXPECT_EQ(event.rfind("added tick-", 0), 0U) << event;
+    }
+}
