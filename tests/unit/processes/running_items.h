@@ -5,6 +5,8 @@
 #include "support/collection_builder.h"
 #include "support/log_capture.h"
 
+#include <Poco/Exception.h>
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -61,6 +63,18 @@ public:
     /// One that exits with the status when the trigger is pulled, and runs on when it is started again.
     std::string ExitingAtTrigger(int status) const;
     void PullTrigger() const;
+
+    /// The text of the exception with which the operation refuses; empty when it throws none.
+    template <class Operation> static std::string Refusal(const Operation& operation)
+    {
+        try {
+            operation();
+        } catch (const Poco::InvalidArgumentException& e) {
+            EXPECT_EQ(e.code(), 0);
+            return e.message();
+        }
+        return "";
+    }
 
     /// The pid under which an item is recorded, the newest of several; 0 when there is none.
     static int PidOf(const std::string& processName);
