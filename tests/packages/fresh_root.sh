@@ -85,6 +85,25 @@ closure() {
         }'
 }
 
+# depends_of DIRECTORY PACKAGE...: what the packages in the directory depend on, a name a word.
+depends_of() {
+    local directory=$1 name
+    shift
+    for name in "$@"; do
+        dpkg-deb --field "$directory/$name"_*.deb Depends | sed 's/([^)]*)//g; s/[,|]/ /g'
+    done
+}
+
+# unpack DIRECTORY TARGET PACKAGE...: puts the files of the packages in the directory into the target. Not by dpkg-deb
+# itself, which would replace links that the target has.
+unpack() {
+    local directory=$1 target=$2 name
+    shift 2
+    for name in "$@"; do
+        dpkg-deb --fsys-tarfile "$directory/$name"_*.deb | tar -C "$target" --keep-directory-symlink -xf - || return
+    done
+}
+
 # await COMMAND...: until the command succeeds. The bound is for a machine that is very busy.
 await() {
     local end=$((SECONDS + 30))

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# Debian's own checks of a package find no error and nothing to warn of.
+# Debian's own checks of the packages find no error and nothing to warn of.
 #
-# usage: lintian_test.sh PACKAGE
+# usage: lintian_test.sh PACKAGES
 set -uo pipefail
 
 command -v lintian > /dev/null || { echo "skipped: there is no lintian; script/install-dependencies --package"; exit 77; }
-said=$(lintian --allow-root --fail-on error,warning "$1" 2>&1)
+said=$(lintian --allow-root --fail-on error,warning "$1"/*.changes 2>&1)
 status=$?
 echo "$said"
 if [ $status -ne 0 ] || grep -qE '^[EW]: ' <<< "$said"; then

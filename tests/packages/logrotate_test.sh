@@ -2,7 +2,7 @@
 # The crontab's rotation, by logrotate itself, bounds the log of an item that crashes as often as it can: it is run again
 # once a second, which writes less than 2 kB a second. docs/operating.md names the bound.
 #
-# usage: logrotate_test.sh PACKAGE
+# usage: logrotate_test.sh PACKAGES
 set -uo pipefail
 root= # made by fresh_root
 
@@ -14,8 +14,7 @@ command -v logrotate > /dev/null || skip "there is no logrotate"
 fresh_root
 # shellcheck disable=SC2046 # one package a word
 dpkg-query -L $(closure dash coreutils gzip logrotate) | grep -E '^/(usr/)?(s?bin|lib(64)?)/' | sort -u | copy_files
-dpkg-deb --extract "$1" "$root/tmp/package"
-cp -R "$root"/tmp/package/. "$root/"
+unpack "$1" "$root" bundle-server bundlectl
 logs=$root/var/log/bundle-server
 
 # crash_loop SECONDS: what a crash loop logs meanwhile, through a descriptor that stays open. The records have the length

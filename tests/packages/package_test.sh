@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
-# The Debian package in a fresh root, which holds Debian's essential packages and those that it depends on and no others:
-# it is installed, serves, runs bundles, is removed and purged, and leaves nothing but the bundles that were put in.
+# The Debian packages in a fresh root, which holds Debian's essential packages and those that they depend on and no others:
+# they are installed, serve, run bundles, are removed and purged, and leave nothing but the bundles that were put in.
 #
-# usage: package_test.sh PACKAGE LIBRARY
+# usage: package_test.sh PACKAGES LIBRARY
 set -uo pipefail
 root= # made by fresh_root
 
 # shellcheck disable=SC1091 # checked by itself
 . "$(dirname "$0")/fresh_root.sh"
-package=$1
+directory=$1
 library=$2
 enter_machine "$@"
 command -v dpkg > /dev/null || skip "there is no dpkg"
@@ -26,7 +26,7 @@ package_manager() {
 
 # install: and see that it serves.
 install_package() {
-    package_manager --install "$package" || fail "it cannot be installed"
+    package_manager --install "$directory"/bundle-server_*.deb "$directory"/bundlectl_*.deb || fail "it cannot be installed"
     service status || fail "the installation has not started the server"
     await serves || fail "the server does not answer"
 }
@@ -34,7 +34,7 @@ install_package() {
 fresh_root
 # shellcheck disable=SC2016,SC2046 # dpkg-query's own variables; one package a word, here and below
 packages=$(closure $(dpkg-query -W -f='${Essential} ${Package}\n' | sed -n 's/^yes //p') \
-    $(dpkg-deb --field "$package" Depends | sed 's/([^)]*)//g; s/,/ /g'))
+    $(depends_of "$directory" bundle-server bundlectl))
 # shellcheck disable=SC2086
 dpkg-query -L $packages | grep -vE '^/usr/share/(doc|man|locale|info)/' | sort -u | copy_files
 mkdir -p "$root"/var/lib/dpkg/{info,updates} "$root"/etc/rc{0,1,2,3,4,5,6,S}.d
@@ -78,12 +78,12 @@ grep -q "^; changed" "$root/etc/bundle-server/bundle-server.ini" || fail "an upg
 
 rm -r "$root/var/lib/bundle-server/bundles/witness"
 await runs bin/witness.sh 0 || fail "the item of a bundle that was taken out runs"
-package_manager --remove bundle-server || fail "it cannot be removed"
+package_manager --remove bundle-server bundlectl || fail "it cannot be removed"
 runs sbin/bundle_server 0 || fail "a removal has left the server"
 runs bin/tuner.sh 0 || fail "a removal has left an item"
 [ -f "$root/var/lib/bundle-server/bundles/tuner/BundleManifest.ini" ] || fail "a removal has taken a bundle"
 [ -f "$root/etc/bundle-server/bundle-server.ini" ] || fail "a removal has taken the configuration"
-package_manager --purge bundle-server || fail "it cannot be purged"
+package_manager --purge bundle-server bundlectl || fail "it cannot be purged"
 list > "$root/tmp/after"
 left=$(comm -13 "$root/tmp/before" "$root/tmp/after")
 expected='./var/lib/bundle-server
@@ -102,7 +102,7 @@ install_package
 chroot "$root" bundlectl events --count 1 & # makes the FIFO
 await test -p "$root/mnt/bolt/event.paas.kov" || fail "nobody listens"
 kill $!
-package_manager --purge bundle-server || fail "it cannot be purged at once"
+package_manager --purge bundle-server bundlectl || fail "it cannot be purged at once"
 list > "$root/tmp/after"
 cmp "$root/tmp/before" "$root/tmp/after" || fail "a purge leaves: $(comm -3 "$root/tmp/before" "$root/tmp/after")"
 echo "installed, served, upgraded, removed and purged"

@@ -19,14 +19,18 @@ fail() {
 
 # What is installed, but for manual pages and the log's directory: files, and directories that are empty.
 DESTDIR=$work/tree "$cmake" --install "$build" --prefix /usr > /dev/null || fail "it cannot be installed"
-installed=$(cd "$work/tree" && find . \( -type f -o -type d -empty \) -printf '/%P\n' |
+installed=$(cd "$work/tree" && find . \( -type f -o -type l -o -type d -empty \) -printf '/%P\n' |
     grep -vE '^/usr/share/man/|^/var/log/' | sort)
 [ -n "$installed" ] || fail "nothing is installed"
+
+libdir=$(sed -n 's/^CMAKE_INSTALL_LIBDIR:PATH=//p' "$build/CMakeCache.txt")
+project_version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")
 
 # --- Yocto: every file has its place in a package, and every place has a file.
 # shellcheck disable=SC2016 # the recipe's own variables
 named=$(sed -n '/^FILES:/,/^"/p' "$recipe" | grep -oE '\$\{[a-z_]+\}/[^ ]*' | sed \
-    -e 's,${bindir},/usr/bin,' -e 's,${sbindir},/usr/sbin,' -e 's,${libexecdir},/usr/libexec,' -e 's,${datadir},/usr/share,' \
+    -e 's,${bindir},/usr/bin,' -e 's,${sbindir},/usr/sbin,' -e 's,${libexecdir},/usr/libexec,' -e "s,\${libdir},/usr/$libdir," \
+    -e 's,${includedir},/usr/include,' -e "s,\${@d.getVar('PV').split('+')\[0\]},$project_version," -e 's,${datadir},/usr/share,' \
     -e 's,${sysconfdir},/etc,' -e 's,${localstatedir},/var,' -e 's,${nonarch_libdir},/usr/lib,' \
     -e 's,${systemd_system_unitdir},/usr/lib/systemd/system,')
 [ -n "$named" ] || fail "the recipe names no files"
@@ -75,7 +79,7 @@ IFS='|' read -r site licence options version <<< "$said"
 [[ $options == *"-DBUNDLE_SERVER_INIT=sysv"*"-DBUNDLE_SERVER_PLATFORM=host"* ]] || fail "its options are $options"
 grep -q "^CMAKE_PROJECT_VERSION:STATIC=$version\$" "$build/CMakeCache.txt" || fail "its version, $version, is not this one"
 grep -qF "PV = \"$version+git\"" "$recipe" || fail "the recipe's version is not $version"
-head -n 1 "$root/packaging/debian/changelog" | grep -qF "($version)" || fail "the changelog's version is not $version"
+head -n 1 "$root/debian/changelog" | grep -qF "($version)" || fail "the changelog's version is not $version"
 [ -f "$buildroot/external.desc" ] || fail "the external tree has no description"
 # shellcheck disable=SC2016 # the file's own variable
 source=$(sed -n 's/^source "$BR2_EXTERNAL_BUNDLE_SERVER_PATH\/\(.*\)"$/\1/p' "$buildroot/Config.in")

@@ -2,7 +2,7 @@
 # A server that has items and no monitor is found by the packaged timer, and restarted where the configuration asks for it.
 # A server that needs no monitor is left in peace.
 #
-# usage: systemd_check_test.sh PACKAGE LIBRARY
+# usage: systemd_check_test.sh PACKAGES LIBRARY
 set -uo pipefail
 root= # made by fresh_root
 bundles= # named by systemd_machine

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Where the log goes to the journal, the journal knows each record's priority, and the operator's filters find it.
 #
-# usage: systemd_journal_test.sh PACKAGE
+# usage: systemd_journal_test.sh PACKAGES
 set -uo pipefail
 root= # made by fresh_root
 bundles= # named by systemd_machine

@@ -1,5 +1,5 @@
 # Sourced, after fresh_root.sh, by the tests that need systemd itself: it is the first process of a machine of its own, in
-# which the package is installed and its service is enabled.
+# which the packages are installed and the service is enabled.
 #
 # The test defines prepare, which completes the root before the machine starts, and observe, which looks at the machine
 # from outside while it runs; then it calls on_machine. What the machine writes to /var/log outlives it in $notes/log: a
@@ -42,7 +42,7 @@ start_machine() {
     (
         echo "$BASHPID" > "$group/cgroup.procs" || exit 1
         IN_MACHINE=$notes exec unshare --mount --pid --fork --kill-child --cgroup --mount-proc --propagation private \
-            "$BASH" "$0" "$package" "$@"
+            "$BASH" "$0" "$packages" "$@"
     ) > "$notes/console" 2>&1 &
     machine=$!
     local tries
@@ -71,7 +71,7 @@ await_off() {
     return 1
 }
 
-# A root with systemd and its journal, without the services that it usually starts, and the package's files.
+# A root with systemd and its journal, without the services that it usually starts, and the packages' files.
 make_root() {
     fresh_root
     own_devices
@@ -82,7 +82,7 @@ make_root() {
     # shellcheck disable=SC2046 # one package a word
     dpkg-query -L $(closure systemd dash coreutils util-linux mount grep sed gzip \
         $(dpkg-query -W -f='${Package} ' logrotate 2> /dev/null) \
-        $(dpkg-deb --field "$package" Depends | sed 's/([^)]*)//g; s/,/ /g')) |
+        $(depends_of "$packages" bundle-server bundlectl)) |
         grep -E '^/(usr/)?(s?bin|lib(64)?)/' | grep -v '/systemd/system/' | sort -u | copy_files
     cp -RL /lib/systemd/system/{basic,final,local-fs,local-fs-pre,multi-user,paths,poweroff,shutdown,slices,sockets,sysinit,timers,umount}.target \
         /lib/systemd/system/systemd-poweroff.service \
@@ -90,18 +90,17 @@ make_root() {
     mkdir "$root"/usr/lib/systemd/system/{sockets,sysinit}.target.wants
     ln -s ../systemd-journald.socket ../systemd-journald-dev-log.socket "$root/usr/lib/systemd/system/sockets.target.wants/"
     ln -s ../systemd-journald.service "$root/usr/lib/systemd/system/sysinit.target.wants/"
-    dpkg-deb --extract "$package" "$root/tmp/package"
-    cp -R "$root"/tmp/package/. "$root/"
+    unpack "$packages" "$root" bundle-server bundlectl
     ln -s /usr/lib/systemd/system/multi-user.target "$root/etc/systemd/system/default.target"
     ln -s /usr/lib/systemd/system/bundle-server.service "$root/etc/systemd/system/multi-user.target.wants/"
     : > "$root/etc/machine-id"
     echo "ZQ_LOG_FILE=/var/log/bundle-server/bundle-server.log" > "$root/etc/default/bundle-server"
 }
 
-# on_machine PACKAGE [ARGUMENT...]: prepares and observes the machine, and ends with what observe says. The test is run
+# on_machine PACKAGES [ARGUMENT...]: prepares and observes the machine, and ends with what observe says. The test is run
 # again with the same arguments on the machine.
 on_machine() {
-    package=$1
+    packages=$1
     shift
     if [ -z "${IN_MACHINE:-}" ]; then
         [ "$(id -u)" -eq 0 ] || skip "only root may have a machine of its own"

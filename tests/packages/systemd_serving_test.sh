@@ -2,7 +2,7 @@
 # What is ordered after bundle-server-serving.service starts when the server answers requests, also after a crash. Where
 # that cannot come, its start fails at once.
 #
-# usage: systemd_serving_test.sh PACKAGE
+# usage: systemd_serving_test.sh PACKAGES
 set -uo pipefail
 root= # made by fresh_root
 bundles= # named by systemd_machine

@@ -2,7 +2,7 @@
 # The order in which systemd ends the service: the server first, its items when it has gone, by SIGTERM and after ten
 # seconds by SIGKILL. A server that still ran would take its items' ends for crashes.
 #
-# usage: systemd_stop_test.sh PACKAGE
+# usage: systemd_stop_test.sh PACKAGES
 set -uo pipefail
 root= # made by fresh_root
 bundles= # named by systemd_machine

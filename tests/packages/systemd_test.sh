@@ -2,7 +2,7 @@
 # The unit under systemd itself: a server that crashes is started again without doubling an item, stopping it ends all
 # that it has left, and its restrictions let bundles work.
 #
-# usage: systemd_test.sh PACKAGE
+# usage: systemd_test.sh PACKAGES
 set -uo pipefail
 root= # made by fresh_root
 bundles= # named by systemd_machine

@@ -2,7 +2,7 @@
 # The systemd units as the package installs them: systemd finds nothing wrong with them, and the server's leaves no more
 # open than is meant.
 #
-# usage: unit_test.sh PACKAGE
+# usage: unit_test.sh PACKAGES
 set -uo pipefail
 
 command -v systemd-analyze > /dev/null || { echo "skipped: there is no systemd-analyze"; exit 77; }
@@ -11,7 +11,8 @@ units=/lib/systemd/system
 root=$(mktemp -d)
 trap 'rm -rf "$root"' EXIT
 
-dpkg-deb --extract "$1" "$root" || exit 1
+dpkg-deb --extract "$1"/bundle-server_*.deb "$root" || exit 1
+dpkg-deb --extract "$1"/bundlectl_*.deb "$root" || exit 1
 cp -RL $units/*.target $units/*.slice $units/*.mount "$root/usr/lib/systemd/system/" 2> /dev/null
 ln -s usr/lib "$root/lib"
 mapfile -t ours < <(cd "$root/usr/lib/systemd/system" && ls bundle-server*)

@@ -32,8 +32,21 @@ SYSTEMD_SERVICE:${PN} = "bundle-server.service"
 INITSCRIPT_NAME = "bundle-server"
 INITSCRIPT_PARAMS = "defaults 90 10"
 
-# Shell completions are for who logs in on the device.
-PACKAGES =+ "${PN}-completions"
+# Shell completions are for who logs in on the device. The library is for other programs, and is of use without the server.
+PACKAGES =+ "${PN}-completions libbundle-client"
+FILES:libbundle-client = " \
+    ${libdir}/libbundle-client.so.0 \
+    ${libdir}/libbundle-client.so.${@d.getVar('PV').split('+')[0]} \
+"
+FILES:${PN}-dev = " \
+    ${includedir}/bundle_client.h \
+    ${libdir}/cmake \
+    ${libdir}/libbundle-client.so \
+    ${libdir}/pkgconfig \
+"
+FILES:${PN}-staticdev = " \
+    ${libdir}/libbundle-client.a \
+"
 FILES:${PN}-completions = " \
     ${datadir}/bash-completion \
     ${datadir}/fish \

@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Packages what a build directory holds, as debian/ says, and leaves the packages in a directory. Each file that is installed
+# is in one package.
+#
+# usage: build_test.sh ROOT BUILD_DIR PACKAGES
+set -uo pipefail
+
+root=$1
+build=$2
+packages=$3
+command -v dh > /dev/null || { echo "skipped: there is no debhelper; script/install-dependencies --tests"; exit 77; }
+rm -rf "$packages"
+mkdir -p "$packages/sources"
+cd "$packages/sources" || exit 1
+# What debian/ takes from the sources; nothing is compiled.
+cp -R "$root"/{debian,docs,examples,packaging,README.md,LICENSE} . || exit 1
+mkdir client && cp -R "$root"/client/{examples,python} client/ || exit 1
+export BUNDLE_SERVER_BUILD=$build
+dpkg-buildpackage --build=binary --no-sign --no-check-builddeps > "$packages/log" 2>&1 || { tail -n 40 "$packages/log"; exit 1; }
+for name in bundle-server bundlectl libbundle-client0 libbundle-client-dev bundle-server-doc; do
+    [ "$(find "$packages" -name "${name}_*.deb" | wc -l)" -eq 1 ] || { echo "FAILED: there is no package $name"; exit 1; }
+done
+missing=$(grep 'exists in debian/tmp but is not installed' "$packages/log")
+[ -z "$missing" ] || { echo "FAILED: $missing"; exit 1; }
+twice=$(find "$packages" -name '*.deb' -exec sh -c 'dpkg-deb --contents "$1" | grep -v "^d"' sh {} \; | awk '{ print $6 }' | sort | uniq -d)
+[ -z "$twice" ] || { echo "FAILED: in two packages: $twice"; exit 1; }
+ls "$packages"/*.deb
