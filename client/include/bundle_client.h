@@ -24,6 +24,7 @@
  */
 
 #include <stddef.h>
+#include <sys/types.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -66,6 +67,17 @@ enum {
  * was; after any other code it may be gone, now or later.
  */
 BUNDLE_CLIENT_API int bundle_client_delete(const char *name, int timeout);
+
+/*
+ * Whether a server answers requests: it does as soon as all bundles have been started.
+ *
+ * timeout  in milliseconds, for connecting
+ * process  receives the server's process id, 0 where the server is in another pid namespace. May be null. Left alone
+ *          unless BUNDLE_CLIENT_OK is returned
+ *
+ * Returns BUNDLE_CLIENT_OK, BUNDLE_CLIENT_UNREACHABLE, BUNDLE_CLIENT_TIMEOUT or BUNDLE_CLIENT_SYSTEM.
+ */
+BUNDLE_CLIENT_API int bundle_client_server(int timeout, pid_t *process);
 
 /*
  * Sends one request and waits for its reply: what bundle_client_delete is made of, for a request that this library has

@@ -23,7 +23,7 @@ import struct
 import time
 
 __all__ = ["BrokenReply", "Closed", "Error", "Event", "Failed", "Listener", "NoReply", "UnknownBundle", "UnknownStatus",
-           "Unreachable", "delete", "publish", "request"]
+           "Unreachable", "delete", "publish", "request", "server"]
 
 _SERVICE_DIRECTORY = "/mnt/bolt"
 _SERVICE = _SERVICE_DIRECTORY + "/bundlesvr.paas.kov"
@@ -121,6 +121,17 @@ def delete(name, timeout=30):
     if status != 200:
         error = _ERRORS.get(status, UnknownStatus)
         raise error("bundle %r: %s (status %d)" % (name.decode("utf-8", "replace"), error.__doc__, status))
+
+
+def server(timeout=30):
+    """The process id of the server that answers requests, which it does as soon as all bundles have been started.
+
+    0 where the server is in another pid namespace.
+    """
+    with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as connection:
+        _connect(connection, _Deadline(timeout))
+        credentials = connection.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("3i"))
+        return struct.unpack("3i", credentials)[0]
 
 
 def request(method, content=b"", timeout=30):

@@ -170,6 +170,19 @@ int bundle_client_request(unsigned method, const void* content, size_t size, int
     return result;
 }
 
+int bundle_client_server(int timeout, pid_t* process)
+{
+    const BundleClient::NoCancellation noCancellation;
+    UniqueFd socket;
+    const int result = Connect(socket, Deadline(timeout));
+    if (result == BUNDLE_CLIENT_OK && process != nullptr) {
+        ucred server{};
+        socklen_t size = sizeof server;
+        *process = ::getsockopt(socket.Get(), SOL_SOCKET, SO_PEERCRED, &server, &size) == 0 ? server.pid : 0;
+    }
+    return result;
+}
+
 int bundle_client_delete(const char* name, int timeout)
 {
     char field[NAME_FIELD_SIZE] = {};

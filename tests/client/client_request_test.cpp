@@ -3,8 +3,11 @@
 
 #include <bundle_client.h>
 
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <set>
 #include <string>
 
@@ -14,6 +17,25 @@ namespace {
 constexpr int LONG = 60000;
 
 } // namespace
+
+TEST(AClientThatAsks, IsToldWhoServes)
+{
+    pid_t process = -1;
+    EXPECT_EQ(bundle_client_server(LONG, &process), BUNDLE_CLIENT_UNREACHABLE);
+    EXPECT_EQ(process, -1);
+    const FakeService service([](int fd) { EXPECT_EQ(ReceivePacket(fd), "") << "nothing is asked"; });
+    EXPECT_EQ(bundle_client_server(LONG, &process), BUNDLE_CLIENT_OK);
+    EXPECT_EQ(process, ::getpid());
+    EXPECT_EQ(bundle_client_server(LONG, nullptr), BUNDLE_CLIENT_OK);
+}
+
+TEST(AClientThatAsks, WaitsForTheServersQueueAsLongAsItsLimit)
+{
+    const BusyService service;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(bundle_client_server(100, nullptr), BUNDLE_CLIENT_TIMEOUT);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
+}
 
 TEST(AClientThatAsks, ReturnsTheStatusWhateverItIs)
 {

@@ -47,6 +47,9 @@ TEST_F(TheClientLibraryWithTheServer, DeletesABundleAndHearsOfIt)
 {
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
     ASSERT_TRUE(daemon.StartServing());
+    pid_t server = 0;
+    EXPECT_EQ(bundle_client_server(LONG, &server), BUNDLE_CLIENT_OK);
+    EXPECT_EQ(server, daemon.Pid());
     const Listener listener = Listen();
     EXPECT_EQ(bundle_client_delete("radio", LONG), BUNDLE_CLIENT_OK);
     EXPECT_FALSE(Exists(collection / "radio"));
@@ -113,6 +116,9 @@ TEST_F(TheClientLibraryWithTheServer, HasATwinInPython)
         GTEST_SKIP() << "there is no python3";
     }
     const std::string program = "import bundle_client\n"
+                                "assert bundle_client.server() == " +
+                                std::to_string(daemon.Pid()) +
+                                "\n"
                                 "with bundle_client.Listener() as listener:\n"
                                 "    bundle_client.delete(\"radio\", 60)\n"
                                 "    assert listener.next(60) == (\"bundle_service\", \"app.event.init\")\n"

@@ -44,7 +44,7 @@ expect $src/newcomer.h '' 'has no layer'
 expect newcomer/newcomer.h '' 'has no part'
 expect $src/bundle_server.cpp '#include "platform/host/ipc/message.h"' 'includes platform/host/ipc/message, which system_server must not'
 expect $src/bundle.cpp '#include "../../../platform/host/ipc/packet.h"' 'includes platform/host/ipc/packet, which system_server must not'
-expect public/include/bundle_service.h '#include <service_client.h>' 'includes tools/bundlectl/service_client, which public/include'
+expect public/include/bundle_service.h '#include <request_service.h>' 'includes tools/bundlectl/request_service, which public/include'
 expect common/wire.h '#include "bundle_manager.h"' "includes $src/bundle_manager, which common must not know"
 expect platform/host/ipc/message.h '#include "bundle_log.h"' "includes $src/bundle_log, which platform/host must not know"
 expect platform/include/lumo.h '#include "common/wire.h"' 'includes common/wire, which platform/include must not know'

@@ -163,7 +163,7 @@ TEST_F(BundlectlDelete, EndsWithOneForAnUnknownAnswer)
     const Ended plain = Control({"delete", "plain"});
     EXPECT_EQ(plain.status, 1);
     ExpectOneSentenceAbout("plain", plain);
-    EXPECT_TRUE(Has(plain.errors, "no response"));
+    EXPECT_TRUE(Has(plain.errors, "what came is no reply"));
 }
 
 TEST_F(BundlectlDelete, EndsWithFourWhenTheServerClosesWithoutAReply)

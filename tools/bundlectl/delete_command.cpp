@@ -5,15 +5,18 @@
 #include "model/installation.h"
 #include "printable.h"
 #include "removal_check.h"
-#include "service_client.h"
+#include "request_service.h"
 #include "timeout_option.h"
 
+#include <bundle_client.h>
 #include <bundle_service.h>
 
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -103,7 +106,7 @@ int TellDeleted(const Options& options, const Check& check)
     return EXIT_DONE;
 }
 
-int TellAnswer(const Options& options, std::uint16_t status, const Check& check)
+int TellAnswer(const Options& options, unsigned status, const Check& check)
 {
     switch (status) {
     case STATUS_OK:
@@ -123,46 +126,46 @@ int TellAnswer(const Options& options, std::uint16_t status, const Check& check)
     }
 }
 
-ServiceClient::Outcome Request(const Options& options, ServiceClient& client, Check& check)
+/// What kept the answer away.
+int TellNoAnswer(const Options& options, int code, int error)
 {
-    using Clock = std::chrono::steady_clock;
-    const Clock::time_point end = Clock::now() + options.timeout;
-    const ServiceClient::Outcome connected = client.Connect(options.timeout);
-    if (connected != ServiceClient::Outcome::ANSWERED) {
-        return connected;
+    switch (code) {
+    case BUNDLE_CLIENT_UNREACHABLE:
+    case BUNDLE_CLIENT_SYSTEM:
+        return Failed(EXIT_UNREACHABLE, options,
+                      "is not deleted: no server can be reached at " + ServicePath() + " (" + std::strerror(error) +
+                          "). Is bundle_server running, and are you its user or root?");
+    case BUNDLE_CLIENT_CLOSED:
+        return Failed(EXIT_UNREACHABLE, options,
+                      "may not be deleted: the server closed the connection without a reply. It has ended, or serves "
+                      "only its own user and root; its log says which.");
+    case BUNDLE_CLIENT_TIMEOUT:
+        return Failed(EXIT_TIMED_OUT, options,
+                      "may still be on its way out: no answer within " + std::to_string(options.timeout.count()) +
+                          " s. A script of a bundle can hold the server; look at its log, or give a longer --timeout.");
+    default:
+        return Failed(
+            EXIT_FAILED, options,
+            "may or may not be deleted: the server's answer is broken: " + std::string(bundle_client_text(code)) +
+                ". Is " + ServicePath() + " held by a bundle server?");
     }
-    check = PrepareCheck(options, client.Server());
-    std::string field = options.name;
-    field.resize(NAME_FIELD_SIZE, '\0');
-    return client.Ask(METHOD_DELETE_BUNDLE, field, std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()));
 }
 
 int Delete(const Options& options)
 {
-    ServiceClient client(SERVICE_NAME);
-    Check check;
-    switch (Request(options, client, check)) {
-    case ServiceClient::Outcome::ANSWERED:
-        return TellAnswer(options, client.Reply().header.status, check);
-    case ServiceClient::Outcome::UNREACHABLE:
-    case ServiceClient::Outcome::REFUSED:
-        return Failed(EXIT_UNREACHABLE, options,
-                      "is not deleted: no server can be reached at " + client.Path() + " (" + client.Reason() +
-                          "). Is bundle_server running, and are you its user or root?");
-    case ServiceClient::Outcome::CLOSED:
-        return Failed(EXIT_UNREACHABLE, options,
-                      "may not be deleted: the server closed the connection without a reply. It has ended, or serves "
-                      "only its own user and root; its log says which.");
-    case ServiceClient::Outcome::NO_ANSWER:
-        return Failed(EXIT_TIMED_OUT, options,
-                      "may still be on its way out: no answer within " + std::to_string(options.timeout.count()) +
-                          " s. A script of a bundle can hold the server; look at its log, or give a longer --timeout.");
-    case ServiceClient::Outcome::BROKEN:
-        break;
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point end = Clock::now() + options.timeout;
+    pid_t server = 0;
+    int code = bundle_client_server(MillisecondsUntil(end), &server);
+    if (code != BUNDLE_CLIENT_OK) {
+        return TellNoAnswer(options, code, errno);
     }
-    return Failed(EXIT_FAILED, options,
-                  "may or may not be deleted: the server's answer is broken: " + client.Reason() + ". Is " +
-                      client.Path() + " held by a bundle server?");
+    const Check check = PrepareCheck(options, server);
+    std::string field = options.name;
+    field.resize(NAME_FIELD_SIZE, '\0');
+    unsigned status = 0;
+    code = bundle_client_request(METHOD_DELETE_BUNDLE, field.data(), field.size(), MillisecondsUntil(end), &status);
+    return code == BUNDLE_CLIENT_OK ? TellAnswer(options, status, check) : TellNoAnswer(options, code, errno);
 }
 
 std::string NameFault(const std::string& name)

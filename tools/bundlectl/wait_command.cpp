@@ -1,10 +1,10 @@
 #include "arguments.h"
 #include "command.h"
 #include "exit_status.h"
-#include "service_client.h"
+#include "request_service.h"
 #include "timeout_option.h"
 
-#include <bundle_service.h>
+#include <bundle_client.h>
 
 #include <sys/types.h>
 
@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstring>
 #include <iostream>
 #include <limits>
 #include <memory>
@@ -22,6 +23,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
+
+/// How long a server may keep a connection waiting before the process to wait for is looked at again.
+constexpr int LONGEST_LOOK = 1000;
 
 struct Options {
     std::string condition;
@@ -55,18 +59,16 @@ int WaitForServing(const Options& options)
 {
     constexpr auto interval = 100ms;
     const Clock::time_point end = Clock::now() + options.timeout;
-    ServiceClient client(SystemServer::BundleService::SERVICE_NAME);
     for (;;) {
         const bool hasEnded = options.server != 0 && HasEnded(static_cast<pid_t>(options.server));
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
-        switch (client.Connect(std::clamp(left, 1ms, 1000ms))) {
-        case ServiceClient::Outcome::ANSWERED:
-            return TellWhoServes(options, client.Server());
-        case ServiceClient::Outcome::REFUSED:
-            return Failed(EXIT_UNREACHABLE, "no server can be reached at " + client.Path() + " (" + client.Reason() +
-                                                "). Are you its user or root?");
-        default:
-            break;
+        pid_t server = 0;
+        const int code = bundle_client_server(std::min(MillisecondsUntil(end), LONGEST_LOOK), &server);
+        if (code == BUNDLE_CLIENT_OK) {
+            return TellWhoServes(options, server);
+        }
+        if (code == BUNDLE_CLIENT_UNREACHABLE && errno == EACCES) {
+            return Failed(EXIT_UNREACHABLE, "no server can be reached at " + ServicePath() + " (" +
+                                                std::strerror(EACCES) + "). Are you its user or root?");
         }
         if (hasEnded) {
             return Failed(EXIT_UNREACHABLE, "process " + std::to_string(options.server) +
