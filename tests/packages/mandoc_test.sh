@@ -5,7 +5,7 @@
 set -uo pipefail
 
 cd "$1" || exit 1
-for name in bundle_server.8 dyn_lib_process_loader.8 bundlectl.1 BundleManifest.ini.5 bundle-server.conf.5; do
+for name in bundle_server.8 dyn_lib_process_loader.8 bundlectl.1 BundleManifest.ini.5 bundle-server.ini.5; do
     [ -s "$name" ] || { echo "there is no page $name"; exit 1; }
     for section in FILES "EXIT STATUS" EXAMPLES; do
         grep -qx "\.Sh $section" "$name" || { echo "$name has no section $section"; exit 1; }

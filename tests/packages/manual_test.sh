@@ -51,7 +51,7 @@ same "exit statuses of bundlectl" "$(items_of_section bundlectl.1 'EXIT STATUS')
     "$("$bundlectl" --help | sed -n '/^exit status/s/[^0-9]\{1,\}/\n/gp' | sed '/^$/d')"
 
 sources=$root/system_server/bundle_server_module/src
-same "keys of the configuration" "$(keys bundle-server.conf.5)" \
+same "keys of the configuration" "$(keys bundle-server.ini.5)" \
     "$(grep -hoE '"global\.[a-z_]+"' "$sources"/bundle_server.cpp "$sources"/bundle_process_activator.cpp | sed 's/.*\.//; s/"//')"
 same "keys of the manifest" "$(keys BundleManifest.ini.5)" \
     "$(sed -nE 's/^const std::string BundleManifest::[A-Z_]+ = "([a-z]+_[a-z_]+)";/\1/p' "$sources/bundle_manifest.cpp")"

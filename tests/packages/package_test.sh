@@ -51,6 +51,10 @@ list > "$root/tmp/before"
 
 install_package
 [ "$(stat -c %a "$root/var/log/bundle-server/bundle-server.log")" = 640 ] || fail "the log is for everybody"
+[ "$(readlink "$root/usr/share/man/man8/bundle-server.8.gz")" = bundle_server.8.gz ] || fail "\"man bundle-server\" finds nothing"
+for page in man5/bundle-server.ini.5 man5/bundle-server.log.5 man8/bundle_server.8 man1/bundlectl.1; do
+    [ -f "$root/usr/share/man/$page.gz" ] || fail "there is no page $page"
+done
 put_bundle radio "$library"
 await runs bin/radio.sh 1 || fail "the script of a bundle that is put in is not run"
 await runs bin/radio.so 1 || fail "its library is not run"

@@ -20,8 +20,8 @@ struct ProgramPlace {
 };
 
 constexpr ProgramPlace PROGRAMS[] = {
-    {Program::BUNDLECTL, "bundlectl", "bundle-server"},
-    {Program::AUTHOR, "bundlectl-author", "bundle-server-author"},
+    {Program::BUNDLECTL, "bundlectl", "bundlectl"},
+    {Program::AUTHOR, "bundlectl-author", "bundlectl-author"},
 };
 
 /// A verb, as users see it.
