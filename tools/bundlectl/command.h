@@ -4,10 +4,12 @@
 #include "verbs.h"
 
 // bundlectl's own verbs, a source file each.
+Action DefineBlame(Arguments& arguments);
 Action DefineDelete(Arguments& arguments);
 Action DefineEvents(Arguments& arguments);
 Action DefineLog(Arguments& arguments);
 Action DefineStatus(Arguments& arguments);
+Action DefineTimeline(Arguments& arguments);
 Action DefineWait(Arguments& arguments);
 Action DefineWhy(Arguments& arguments);
 

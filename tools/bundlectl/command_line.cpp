@@ -74,7 +74,9 @@ void AddTo(CLI::App& part, const DeclaredArgument& declared)
     };
     CLI::Option& option = *part.add_option(argument.names, take, argument.description);
     option.required(argument.isRequired);
-    option.expected(1, declared.isList ? CLI::detail::expected_max_vector_size : 1);
+    if (declared.isList) {
+        option.expected(1, CLI::detail::expected_max_vector_size)->allow_extra_args();
+    }
     if (*argument.type != '\0') {
         option.type_name(argument.type);
     }

@@ -7,8 +7,8 @@
 namespace {
 
 constexpr Command COMMANDS[] = {
-    {"status", DefineStatus}, {"why", DefineWhy},       {"log", DefineLog},
-    {"delete", DefineDelete}, {"events", DefineEvents}, {"wait", DefineWait},
+    {"status", DefineStatus}, {"why", DefineWhy},       {"log", DefineLog},       {"timeline", DefineTimeline},
+    {"blame", DefineBlame},   {"delete", DefineDelete}, {"events", DefineEvents}, {"wait", DefineWait},
 };
 static_assert(DefinesItsVerbs(Program::BUNDLECTL, COMMANDS), "the table of verbs has others, or another order");
 

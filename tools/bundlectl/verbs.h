@@ -41,6 +41,11 @@ constexpr Verb VERBS[] = {
      "bundlectl why media\nbundlectl why media --evidence"},
     {"log", Program::BUNDLECTL, "Show the server's log, or what it has of one bundle",
      "bundlectl log -f\nbundlectl log media --since 10m --level error"},
+    {"timeline", Program::BUNDLECTL, "Show a start-up, or a later window, as a picture",
+     "bundlectl timeline\nbundlectl timeline --from 10m --format svg > timeline.svg\n"
+     "bundlectl timeline compare before.log after.log"},
+    {"blame", Program::BUNDLECTL, "List the bundles by the time that they cost the start-up",
+     "bundlectl blame\nbundlectl blame --log device.log"},
     {"delete", Program::BUNDLECTL, "Delete a bundle: stop it, unload it and remove its directory",
      "bundlectl delete media\nbundlectl delete media --timeout 5m"},
     {"events", Program::BUNDLECTL, "Listen on the event service and print a line for each event",

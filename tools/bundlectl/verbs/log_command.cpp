@@ -219,13 +219,6 @@ int ShowLog(const Options& options)
     return Run(options, filter);
 }
 
-std::string FaultOfTime(const std::string& text)
-{
-    return Model::ParsePointInTime(text, Model::Now())
-               ? ""
-               : "\"" + text + "\" is no time such as 10m, 2h, 14:05 or 2026-11-21T04:14:09Z";
-}
-
 } // namespace
 
 Action DefineLog(Arguments& arguments)
@@ -236,9 +229,9 @@ Action DefineLog(Arguments& arguments)
     Argument level{"--level", "only records of this level: info or error", "LEVEL"};
     level.choices = "info error";
     arguments.Add(level, options->level);
-    arguments.Add({"--since", "from then on: 10m, 2h, 14:05, a date, or RFC 3339", "TIME", FaultOfTime},
+    arguments.Add({"--since", "from then on: 10m, 2h, 14:05, a date, or RFC 3339", "TIME", Verbs::FaultOfTime},
                   options->since);
-    arguments.Add({"--until", "up to then", "TIME", FaultOfTime}, options->until);
+    arguments.Add({"--until", "up to then", "TIME", Verbs::FaultOfTime}, options->until);
     Verbs::AddJson(arguments, options->json);
     Verbs::AddPlaces(arguments, options->choice);
     return [options] { return ShowLog(*options); };

@@ -38,6 +38,13 @@ void AddName(Arguments& arguments, std::string& name, bool isRequired)
     arguments.Add(argument, name);
 }
 
+std::string FaultOfTime(const std::string& text)
+{
+    return Model::ParsePointInTime(text, Model::Now())
+               ? ""
+               : "\"" + text + "\" is no time such as 10m, 2h, 14:05 or 2026-11-21T04:14:09Z";
+}
+
 void TellNotes(const std::vector<std::string>& notes)
 {
     for (const std::string& note : notes) {

@@ -18,6 +18,9 @@ void AddPlaces(Arguments& arguments, Model::Choice& choice);
 void AddJson(Arguments& arguments, bool& json);
 void AddName(Arguments& arguments, std::string& name, bool isRequired);
 
+/// What is wrong with a point in time that somebody has typed; empty: nothing.
+std::string FaultOfTime(const std::string& text);
+
 /// Writes a sentence each to standard error: what could not be seen.
 void TellNotes(const std::vector<std::string>& notes);
 

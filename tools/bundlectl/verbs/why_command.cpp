@@ -76,8 +76,8 @@ std::string Explanation(const Options& options, const Snapshot& snapshot, const 
                         const Terminal& terminal)
 {
     std::string text = Output::Sign(terminal, Verbs::MarkOf(bundle)) + " " +
-                       Output::Paint(terminal, Colour::STRONG, Output::Shown(terminal, Verbs::NameToShow(bundle))) + " is " +
-                       Output::Paint(terminal, Verbs::ColourOf(bundle), Verbs::NameOfState(bundle)) + ", " +
+                       Output::Paint(terminal, Colour::STRONG, Output::Shown(terminal, Verbs::NameToShow(bundle))) +
+                       " is " + Output::Paint(terminal, Verbs::ColourOf(bundle), Verbs::NameOfState(bundle)) + ", " +
                        std::to_string(bundle.itemsUp) + " of " + std::to_string(bundle.items.size()) + " items up.\n";
     for (const Reason& reason : Model::ReasonsOf(snapshot, bundle, true)) {
         text += ReasonText(reason, options.evidence, terminal);

@@ -1,0 +1,28 @@
+#ifndef BUNDLECTL_VERBS_TIMELINE_VIEW_H
+#define BUNDLECTL_VERBS_TIMELINE_VIEW_H
+
+#include "model/timeline.h"
+#include "output/terminal.h"
+
+#include <string>
+
+namespace Verbs {
+
+/// A bar a bundle, for terminals and files.
+std::string TimelineText(const Model::Timeline& timeline, const Output::Terminal& terminal);
+
+/// A picture of its own: no network, no script, light and dark.
+std::string TimelineSvg(const Model::Timeline& timeline);
+
+/// For programs, by the schema.
+std::string TimelineJson(const Model::Timeline& timeline);
+
+/// For a trace viewer: the Trace Event Format.
+std::string TimelineTrace(const Model::Timeline& timeline);
+
+/// A word for a kind of mark: "launch", "relaunch", "end", "death", "failure".
+const char* NameOf(Model::TimelineMark::Kind kind);
+
+} // namespace Verbs
+
+#endif
