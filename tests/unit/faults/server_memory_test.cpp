@@ -29,8 +29,6 @@ namespace {
 
 [[maybe_unused]] const auto* const g_privateMnt = ::testing::AddGlobalTestEnvironment(new PrivateMnt);
 
-constexpr auto PATIENCE = 30s;
-
 // Longer than what a string keeps without the heap: a copy of a name may fail too.
 constexpr const char NAME[] = "a bundle whose name has no place in a small string";
 
