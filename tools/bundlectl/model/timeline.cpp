@@ -143,8 +143,10 @@ void TimelineBuilder::StartServer(const Fact& fact)
         m_timeline = Timeline();
         m_numbers.clear();
         m_timeline.from = fact.time;
-    } else {
+    } else if (m_hasBegun) {
         CloseStates(m_timeline.to);
+    } else {
+        m_timeline.from = fact.time;
     }
     m_isOver = false;
     m_hasBegun = true;

@@ -173,7 +173,7 @@ std::string Heading(const Timeline& timeline, const Terminal& terminal)
                        " to " + Output::LocalTime(timeline.to, now) + ", " + Seconds(timeline.to - timeline.from) +
                        " s";
     if (timeline.ready) {
-        text += "; its start-up was over after " + Seconds(*timeline.ready - timeline.from) + " s";
+        text += ", ready after " + Seconds(*timeline.ready - timeline.from) + " s";
     }
     return Output::Paint(terminal, Colour::STRONG, text + ".") + "\n";
 }
