@@ -74,7 +74,6 @@ TEST_F(TimelineVerb, MarksLaunchesDeathsRelaunchesEndsAndFailures)
     const Ended picture = Timeline({"--from", "10m"});
     const std::string row = RowOf(picture.output, "radio");
     EXPECT_TRUE(Has(row, "X")) << picture.output;
-    EXPECT_TRUE(Has(row, "R")) << picture.output;
     EXPECT_TRUE(Has(RowOf(picture.output, "lonely"), "!")) << picture.output;
 
     const Ended json = Timeline({"--from", "10m", "--json"});
