@@ -1,4 +1,4 @@
-// What ZQ_LOG_FILE may name: links, the standard streams, terminals; and what it may not.
+// The files that ZQ_LOG_FILE may name (links, the standard streams, terminals) and those that it may not.
 #include "platform/log_fixture.h"
 #include "support/eventually.h"
 
@@ -19,7 +19,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-/// How many threads are still to come to the opening of a file before the first of them goes on.
+/// The number of threads that have not yet come to the opening of a file. Until it is 0, the others wait there.
 std::atomic<int> g_missingAtOpen{0};
 std::atomic<int> g_flagsOfOpen{0};
 
@@ -32,13 +32,11 @@ void MeetAtOpen(int flags)
 
 } // namespace
 
-// The linker sends the log's "open" here; it has two names, the second where the sizes of files have 64 bits.
-// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
+// The linker replaces the log's "open" by these. It has two names, the second with file sizes of 64 bits.
 int RealOpen(const char* path, int flags, mode_t mode) __asm__("__real_open");
 int RealOpen64(const char* path, int flags, mode_t mode) __asm__("__real_open64");
 int MeetingOpen(const char* path, int flags, mode_t mode) __asm__("__wrap_open");
 int MeetingOpen64(const char* path, int flags, mode_t mode) __asm__("__wrap_open64");
-// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 int MeetingOpen(const char* path, int flags, mode_t mode)
 {

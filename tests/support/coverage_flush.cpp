@@ -38,7 +38,8 @@ void WriteCounters()
 
 } // namespace
 
-// The linker sends the call of a wrapped name to "__wrap_" and that name, and "__real_" and that name to the call.
+// The linker turns a call of a wrapped name into a call of "__wrap_" and that name. The replaced function is called by
+// "__real_" and that name.
 [[noreturn]] void RealExit(int status) __asm__("__real__exit");
 [[noreturn]] void WrappedExit(int status) __asm__("__wrap__exit");
 [[noreturn]] void RealAbort() __asm__("__real_abort");
@@ -58,7 +59,7 @@ void WrappedAbort()
 }
 
 // Variable arguments cannot be passed on, so they become an array. It returns when nothing could be executed.
-int WrappedExecl(const char* path, const char* first, ...) // NOLINT(cert-dcl50-cpp): as execl
+int WrappedExecl(const char* path, const char* first, ...)
 {
     constexpr std::size_t most = 16;
     std::array<char*, most> arguments{};

@@ -60,7 +60,7 @@ AllocationFault::~AllocationFault()
     g_target = Target::NOBODY;
 }
 
-bool AllocationFault::HasStruck() const // NOLINT(readability-convert-member-functions-to-static): of this one
+bool AllocationFault::HasStruck() const
 {
     return g_failures != 0;
 }

@@ -24,8 +24,7 @@ public:
 private:
     static unsigned TakeSeed()
     {
-        const char* const seed =
-            std::getenv("BUNDLE_SERVER_TEST_SEED"); // NOLINT(concurrency-mt-unsafe): nothing sets it
+        const char* const seed = std::getenv("BUNDLE_SERVER_TEST_SEED");
         return seed != nullptr ? static_cast<unsigned>(std::stoul(seed)) : std::random_device()();
     }
 

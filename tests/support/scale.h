@@ -7,7 +7,7 @@
 /// BUNDLE_SERVER_LONG_TESTS is set, as script/test --long does.
 inline bool IsLongForm()
 {
-    return std::getenv("BUNDLE_SERVER_LONG_TESTS") != nullptr; // NOLINT(concurrency-mt-unsafe): nothing sets it
+    return std::getenv("BUNDLE_SERVER_LONG_TESTS") != nullptr;
 }
 
 template <class Amount> Amount Scaled(Amount shortForm, Amount longForm)
