@@ -8,12 +8,37 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <thread>
+
+namespace {
+
+void LimitLog(rlim_t size)
+{
+    rlimit limit{};
+    ::getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = std::min(size, limit.rlim_max);
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+/// Called when the log holds one record. Leaves room for four more and a half; the rest is refused as by a full disk.
+void LeaveRoomForFourAndAHalf()
+{
+    struct stat first {};
+    const char* const file = std::getenv("ZQ_LOG_FILE");
+    if (file == nullptr || ::stat(file, &first) != 0) {
+        ::_exit(1);
+    }
+    static_cast<void>(::signal(SIGXFSZ, SIG_IGN));
+    LimitLog(static_cast<rlim_t>(first.st_size * 5 + first.st_size / 2));
+}
+
+} // namespace
 
 TEST_F(TheLog, GoesToStandardErrorIfNoFileIsNamed)
 {
@@ -95,17 +120,7 @@ TEST_F(TheLog, EndsALineThatAFullDiskCutOffAndCountsLostRecordsOfAllProcesses)
     constexpr int childRecords = 3;
     ASSERT_EQ(InChildWithFile([] {
                   LOG("record 10.");
-                  struct stat first {};
-                  const char* const file = std::getenv("ZQ_LOG_FILE");
-                  if (file == nullptr || ::stat(file, &first) != 0) {
-                      ::_exit(1);
-                  }
-                  // What is over the limit is refused as by a full disk: half of a record here.
-                  static_cast<void>(::signal(SIGXFSZ, SIG_IGN));
-                  rlimit limit{};
-                  ::getrlimit(RLIMIT_FSIZE, &limit);
-                  limit.rlim_cur = static_cast<rlim_t>(first.st_size * 5 + first.st_size / 2);
-                  ::setrlimit(RLIMIT_FSIZE, &limit);
+                  LeaveRoomForFourAndAHalf();
                   for (int i = 1; i < records; ++i) {
                       LOG("record %d.", 10 + i);
                   }
@@ -117,8 +132,7 @@ TEST_F(TheLog, EndsALineThatAFullDiskCutOffAndCountsLostRecordsOfAllProcesses)
                       ::_exit(0);
                   }
                   ::waitpid(child, nullptr, 0);
-                  limit.rlim_cur = limit.rlim_max;
-                  ::setrlimit(RLIMIT_FSIZE, &limit);
+                  LimitLog(RLIM_INFINITY);
                   LOG("there is room again.");
                   LOG("and more.");
               }),

@@ -25,6 +25,31 @@ void SetLanguage(const std::map<std::string, std::string>& variables)
     }
 }
 
+constexpr int RECORDS = 400;
+constexpr int FORKS_EVERY = 50;
+
+/// Logs records of growing length and forks now and then; each child logs a record of its own. Ends the process when a
+/// child fails.
+void LogAndFork(int thread)
+{
+    for (int i = 0; i < RECORDS; ++i) {
+        LOG("thread %d record %d %s", thread, i, std::string(static_cast<std::size_t>(i), 'x').c_str());
+        if (i % FORKS_EVERY != 0) {
+            continue;
+        }
+        const pid_t child = ::fork();
+        if (child == 0) {
+            LOG("child of %d at %d", thread, i);
+            ::execl("/bin/true", "true", nullptr);
+            ::_exit(1);
+        }
+        int status = -1;
+        if (::waitpid(child, &status, 0) != child || status != 0) {
+            ::_exit(1);
+        }
+    }
+}
+
 } // namespace
 
 TEST_F(TheLog, WritesOneLineWithTheCallersProcessThreadAndPlace)
@@ -153,32 +178,11 @@ TEST_F(TheLog, ChoosesTheLanguageByTheFirstVariableThatIsSet)
 TEST_F(TheLog, LosesAndMixesNoRecordOfEightThreadsAndTheirChildren)
 {
     constexpr int threads = 8;
-    constexpr int records = 400;
-    constexpr int forksEvery = 50;
     ASSERT_EQ(InChildWithFile([] {
-                  const auto work = [](int thread) {
-                      for (int i = 0; i < records; ++i) {
-                          LOG("thread %d record %d %s", thread, i,
-                              std::string(static_cast<std::size_t>(i), 'x').c_str());
-                          if (i % forksEvery != 0) {
-                              continue;
-                          }
-                          const pid_t child = ::fork();
-                          if (child == 0) {
-                              LOG("child of %d at %d", thread, i);
-                              ::execl("/bin/true", "true", nullptr);
-                              ::_exit(1);
-                          }
-                          int status = -1;
-                          if (::waitpid(child, &status, 0) != child || status != 0) {
-                              ::_exit(1);
-                          }
-                      }
-                  };
                   std::vector<std::thread> all;
                   all.reserve(threads);
                   for (int thread = 0; thread < threads; ++thread) {
-                      all.emplace_back(work, thread);
+                      all.emplace_back(LogAndFork, thread);
                   }
                   for (std::thread& one : all) {
                       one.join();
@@ -191,10 +195,10 @@ TEST_F(TheLog, LosesAndMixesNoRecordOfEightThreadsAndTheirChildren)
     }
     std::map<std::string, int> expected;
     for (int thread = 0; thread < threads; ++thread) {
-        for (int i = 0; i < records; ++i) {
+        for (int i = 0; i < RECORDS; ++i) {
             const std::string text(static_cast<std::size_t>(i), 'x');
             ++expected["thread " + std::to_string(thread) + " record " + std::to_string(i) + " " + text];
-            if (i % forksEvery == 0) {
+            if (i % FORKS_EVERY == 0) {
                 ++expected["child of " + std::to_string(thread) + " at " + std::to_string(i)];
             }
         }

@@ -1,5 +1,8 @@
-// Peers that send what they should not, read nothing, say nothing or vanish.
+// Peers that send broken packets, read nothing, say nothing or vanish.
+
+#include "common/wire.h"
 #include "support/scale.h"
+#include "system/hostile_service/bad_packets.h"
 #include "system/hostile_service/hostile_service.h"
 
 #include <fcntl.h>
@@ -10,118 +13,27 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cstring>
+#include <chrono>
+#include <csignal>
 #include <fstream>
 #include <list>
 #include <memory>
-#include <optional>
-#include <random>
+#include <string>
 #include <thread>
+#include <vector>
 
 namespace {
 
-using namespace std::chrono_literals;
+using Common::HEADER_SIZE;
+using Common::MAX_PACKET_SIZE;
 
-constexpr std::uint8_t METHOD_DELETE = 4;
 constexpr std::uint8_t METHOD_WITHOUT_A_HANDLER = 2;
-constexpr std::size_t HEADER_SIZE = sizeof(lumo_header);
-constexpr std::size_t LONGEST_PACKET = 65536;
-constexpr std::size_t NAME_SIZE = 128;
 
-/// The status with which a packet is to be answered; none where it is to cost its connection.
-std::optional<std::uint16_t> AnswerTo(const std::string& packet)
-{
-    const lumo_header header = HeaderOf(packet);
-    if (packet.size() < HEADER_SIZE || packet.size() > LONGEST_PACKET || header.length != packet.size() - HEADER_SIZE) {
-        return std::nullopt;
-    }
-    const bool isDelete = header.uri == 0 && (header.method & 0x7FU) == METHOD_DELETE;
-    return static_cast<std::uint16_t>(isDelete && header.length >= NAME_SIZE ? 404 : 400);
-}
-
-/// Packets that no client of good will sends, the same ones in each run.
-class BadPackets {
-public:
-    struct Packet {
-        std::string bytes;
-        bool hasDescriptors = false;
-    };
-
-    Packet Next()
-    {
-        switch (Below(11)) {
-        case 0:
-            return {Bytes(Below(HEADER_SIZE))}; // the empty packet among them
-        case 1:
-            return {WithLength(Request(Below(2000)), -1 - static_cast<int>(Below(3)))};
-        case 2:
-            return {WithLength(Request(Below(2000)), 1 + static_cast<int>(Below(3)))};
-        case 3:
-            return {WithLength(std::string(LONGEST_PACKET + 1 + Below(30000), 'x'), 0)};
-        case 4:
-            return {Below(2) == 0 ? Request(Below(300)) : Bytes(Below(300)), true};
-        case 5:
-            return {PacketOf(AnyHeader(), Bytes(Below(600)))};
-        case 6:
-            return {PacketOf(METHOD_DELETE | 0x80U, 0, Bytes(NAME_SIZE))};
-        case 7:
-            return {PacketOf(METHOD_DELETE, 0, std::string(NAME_SIZE + Below(9000), 'n'))}; // no NUL
-        case 8:
-            return {DeletePacket(UnpleasantName())};
-        case 9:
-            return {PacketOf(METHOD_DELETE, 0, Bytes(Below(NAME_SIZE)))};
-        default:
-            return {Bytes(Below(400))};
-        }
-    }
-
-private:
-    std::size_t Below(std::size_t end) { return std::uniform_int_distribution<std::size_t>(0, end - 1)(m_random); }
-
-    std::string Bytes(std::size_t size)
-    {
-        std::string bytes(size, '\0');
-        std::generate(bytes.begin(), bytes.end(), [this] { return static_cast<char>(Below(256)); });
-        return bytes;
-    }
-
-    std::string Request(std::size_t contentSize) { return PacketOf(METHOD_DELETE, 0, Bytes(contentSize)); }
-
-    lumo_header AnyHeader()
-    {
-        lumo_header header{};
-        const std::string bytes = Bytes(sizeof header);
-        std::memcpy(&header, bytes.data(), sizeof header);
-        return header;
-    }
-
-    static std::string WithLength(std::string packet, int difference)
-    {
-        const auto length = static_cast<std::uint16_t>(packet.size() - HEADER_SIZE + static_cast<unsigned>(difference));
-        std::memcpy(packet.data(), &length, sizeof length);
-        return packet;
-    }
-
-    std::string UnpleasantName()
-    {
-        static const std::array<const char*, 12> names{
-            "%s%s%s%s%n%n%n%n", "%1000000d",         "\x1b[2J\x1b]0;title\x07",
-            "line\nline\r\n",   "../../../../etc",   "\xff\xfe\x80\xc0",
-            "\xed\xa0\x80",     "\xf4\x90\x80\x80",  "\xc2\x9b\x32J",
-            "\x7f\x01\x02\t",   "$(reboot)`reboot`", "2026-11-21T00:00:00.000000Z INFO 4 0 1 1 - forged",
-        };
-        std::string name = names[Below(names.size())];
-        return Below(2) == 0 ? name : name + Bytes(Below(NAME_SIZE - name.size()));
-    }
-
-    std::mt19937 m_random{20261121}; // NOLINT(cert-msc32-c,cert-msc51-cpp): the same packets in each run
-};
-
-/// A connection that is made anew when the server has closed it.
+/// A connection that is made again when the server has closed it.
 class StubbornPeer {
 public:
-    /// Sends the packet and sees whether the answer, or the end of the connection, is what it should be.
-    bool GetsWhatItDeserves(const BadPackets::Packet& packet)
+    /// Sends the packet. Whether the reply, or the end of the connection, is the right one.
+    bool GetsItsAnswer(const BadPackets::Packet& packet)
     {
         if (!m_client) {
             m_client = std::make_unique<UnixClient>(SERVICE_SOCKET);
@@ -171,7 +83,7 @@ protected:
         HostileService::TearDown();
     }
 
-    /// A process that connects, asks without end, reads nothing, and is killed in the middle of it.
+    /// A process connects, asks without end, reads nothing, and is killed meanwhile.
     static void AskAndBeKilled()
     {
         std::array<int, 2> begun{};
@@ -196,7 +108,7 @@ protected:
     }
 };
 
-/// A thread that asks as fast as it can, until it goes.
+/// A thread that asks as fast as it can while it lives.
 class Flood {
 public:
     Flood()
@@ -247,7 +159,7 @@ TEST_F(AHostilePeer, WhosePacketsAreMalformedGetsItsRefusalOrLosesItsConnectionA
         StubbornPeer peer;
         for (int i = 0; i < packets / rounds && !HasFailure(); ++i) {
             const BadPackets::Packet packet = bad.Next();
-            ASSERT_TRUE(peer.GetsWhatItDeserves(packet)) << i << ": " << Hex(packet.bytes);
+            ASSERT_TRUE(peer.GetsItsAnswer(packet)) << i << ": " << Hex(packet.bytes);
             ++(AnswerTo(packet.bytes) ? refused : closed);
         }
         EXPECT_EQ(UnsoundLinesOfRotatedLog(), 0);
@@ -279,7 +191,7 @@ TEST_F(AHostilePeer, ThatAsksInBigPacketsAndReadsNothingCostsTheServerTheSmallRe
     const UnixClient client(SERVICE_SOCKET);
     ExpectGoodService();
     const long before = PrivateKilobytes();
-    const std::string request = PacketOf(METHOD_WITHOUT_A_HANDLER, 0, std::string(LONGEST_PACKET - HEADER_SIZE, 'x'));
+    const std::string request = PacketOf(METHOD_WITHOUT_A_HANDLER, 0, std::string(MAX_PACKET_SIZE - HEADER_SIZE, 'x'));
     for (int i = 0; i < requests; ++i) {
         ASSERT_TRUE(client.Send(request)) << i;
     }
