@@ -3,10 +3,9 @@
 usage: check_sources.py ROOT FOLDER...
 
 - a source file of more than 400 lines
+- a function of more than 40 lines, counted as clang-tidy does; its body opens with a brace on a line of its own
 - units (a header and its source) that include each other, directly or by way of others
 - more suppressions of clang-tidy than 9 in what is installed, or 14 in what tests and measures it
-
-clang-tidy itself bounds the lines of a function.
 """
 
 import os
@@ -15,8 +14,11 @@ import re
 import sys
 
 MOST_LINES = 400
+MOST_FUNCTION_LINES = 40
 MOST_SUPPRESSIONS = {"installed": 9, "tests": 14}
 SOURCES = {".h", ".cpp", ".c", ".py", ".sh"}
+COMPILED = {".h", ".cpp", ".c"}
+BODY = re.compile(r"^( *)\{\n(.*?)^\1\}", re.MULTILINE | re.DOTALL)
 INCLUDE = re.compile(r'^\s*#\s*include\s*["<]([^">]+)[">]', re.MULTILINE)
 
 
@@ -29,6 +31,19 @@ def long_files(sources):
         lines = len(file.read_text().splitlines())
         if lines > MOST_LINES:
             yield f"{file}: {lines} lines, at most {MOST_LINES}: give one of its subjects a file of its own"
+
+
+def long_functions(sources):
+    for file in sources:
+        if file.suffix not in COMPILED:
+            continue
+        text = file.read_text()
+        for match in BODY.finditer(text):
+            lines = match[2].count("\n") + 1
+            if lines > MOST_FUNCTION_LINES:
+                begin = text.count("\n", 0, match.start())
+                name = text.splitlines()[begin - 1].strip()
+                yield f"{file}:{begin}: {lines} lines, at most {MOST_FUNCTION_LINES}: {name}"
 
 
 def included_units(files, files_by_name):
@@ -77,7 +92,7 @@ def suppressions(sources):
 def main(root, *names):
     os.chdir(root)
     sources = sources_of([pathlib.Path(name) for name in names])
-    findings = [*long_files(sources), *circles(sources), *suppressions(sources)]
+    findings = [*long_files(sources), *long_functions(sources), *circles(sources), *suppressions(sources)]
     print("\n".join(findings), end="\n" if findings else "")
     return 1 if findings else 0
 

@@ -29,27 +29,13 @@ std::string_view TakeWord(std::string_view& text)
     return word;
 }
 
-// The name stands in parentheses and may hold anything, parentheses and line ends too.
-std::optional<ProcessStat> ParseStat(std::string_view text)
+// The columns that follow the state. Their numbers are those of the manual, proc(5).
+void ParseColumns(std::string_view text, ProcessStat& stat)
 {
-    const std::size_t open = text.find('(');
-    const std::size_t close = text.rfind(')');
-    if (open == std::string_view::npos || close == std::string_view::npos || close + 2 > text.size() || open == 0) {
-        return std::nullopt;
-    }
-    ProcessStat stat;
-    if (!ParseNumber(text.substr(0, open - 1), stat.pid)) {
-        return std::nullopt;
-    }
-    stat.name = text.substr(open + 1, close - open - 1);
-    std::string_view rest = text.substr(close + 2);
-    const std::string_view state = TakeWord(rest);
-    stat.state = state.empty() ? '?' : state.front();
     std::uint64_t user = 0;
     std::uint64_t system = 0;
-    // The numbers of the columns are those of the manual, proc(5).
-    for (int column = 4; column <= 22 && !rest.empty(); ++column) {
-        const std::string_view word = TakeWord(rest);
+    for (int column = 4; column <= 22 && !text.empty(); ++column) {
+        const std::string_view word = TakeWord(text);
         switch (column) {
         case 4:
             ParseNumber(word, stat.parent);
@@ -77,6 +63,25 @@ std::optional<ProcessStat> ParseStat(std::string_view text)
         }
     }
     stat.cpuTicks = user + system;
+}
+
+// The name stands in parentheses and may hold anything, parentheses and line ends too.
+std::optional<ProcessStat> ParseStat(std::string_view text)
+{
+    const std::size_t open = text.find('(');
+    const std::size_t close = text.rfind(')');
+    if (open == std::string_view::npos || close == std::string_view::npos || close + 2 > text.size() || open == 0) {
+        return std::nullopt;
+    }
+    ProcessStat stat;
+    if (!ParseNumber(text.substr(0, open - 1), stat.pid)) {
+        return std::nullopt;
+    }
+    stat.name = text.substr(open + 1, close - open - 1);
+    std::string_view rest = text.substr(close + 2);
+    const std::string_view state = TakeWord(rest);
+    stat.state = state.empty() ? '?' : state.front();
+    ParseColumns(rest, stat);
     return stat;
 }
 

@@ -184,36 +184,32 @@ const DeclaredBundle* DeclaredAt(const Snapshot& snapshot, const BundleHistory& 
     return snapshot.collection.FindByPath(bundle.path);
 }
 
-} // namespace
-
-bool BundleStatus::IsHealthy() const
+/// Appends the bundles that the server's log knows, without those that were deleted or taken away.
+void AppendLogged(const Snapshot& snapshot, std::vector<BundleStatus>& bundles)
 {
-    return state == BundleState::ACTIVE && itemsUp == items.size() && !isCrashLooping && !runsTwice && !isDirectoryGone;
+    if (snapshot.server == nullptr) {
+        return;
+    }
+    for (const auto& [name, history] : snapshot.server->bundles) {
+        const DeclaredBundle* const declared = DeclaredAt(snapshot, history);
+        if ((history.state == BundleState::GONE && declared == nullptr) || name.empty()) {
+            continue;
+        }
+        BundleStatus bundle;
+        bundle.name = name;
+        bundle.path = declared != nullptr ? declared->path : history.path;
+        bundle.declared = declared;
+        bundle.history = &history;
+        bundles.push_back(std::move(bundle));
+    }
 }
 
-std::vector<BundleStatus> StatusOf(const Snapshot& snapshot)
+/// Appends the directories of the collection that are not among the bundles yet.
+void AppendUnlogged(const Snapshot& snapshot, std::vector<BundleStatus>& bundles)
 {
-    std::vector<BundleStatus> bundles;
-    const auto hasPath = [&bundles](const std::string& path) {
-        return std::any_of(bundles.begin(), bundles.end(),
-                           [&path](const BundleStatus& bundle) { return bundle.path == path; });
-    };
-    if (snapshot.server != nullptr) {
-        for (const auto& [name, history] : snapshot.server->bundles) {
-            const DeclaredBundle* const declared = DeclaredAt(snapshot, history);
-            if ((history.state == BundleState::GONE && declared == nullptr) || name.empty()) {
-                continue; // deleted, or taken away
-            }
-            BundleStatus bundle;
-            bundle.name = name;
-            bundle.path = declared != nullptr ? declared->path : history.path;
-            bundle.declared = declared;
-            bundle.history = &history;
-            bundles.push_back(std::move(bundle));
-        }
-    }
     for (const DeclaredBundle& declared : snapshot.collection.bundles) {
-        if (hasPath(declared.path)) {
+        if (std::any_of(bundles.begin(), bundles.end(),
+                        [&declared](const BundleStatus& bundle) { return bundle.path == declared.path; })) {
             continue;
         }
         BundleStatus bundle;
@@ -229,6 +225,20 @@ std::vector<BundleStatus> StatusOf(const Snapshot& snapshot)
         }
         bundles.push_back(std::move(bundle));
     }
+}
+
+} // namespace
+
+bool BundleStatus::IsHealthy() const
+{
+    return state == BundleState::ACTIVE && itemsUp == items.size() && !isCrashLooping && !runsTwice && !isDirectoryGone;
+}
+
+std::vector<BundleStatus> StatusOf(const Snapshot& snapshot)
+{
+    std::vector<BundleStatus> bundles;
+    AppendLogged(snapshot, bundles);
+    AppendUnlogged(snapshot, bundles);
     for (BundleStatus& bundle : bundles) {
         Assembly(snapshot, bundle).Run();
     }
