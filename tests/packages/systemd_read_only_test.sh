@@ -1,0 +1,66 @@
+#!/usr/bin/env bash
+# A machine whose root can only be read, with the recipe of packaging/read-only-root: it boots and serves, bundles of the
+# image run, are deleted and stay deleted, others are added, and the log is in the journal.
+#
+# usage: systemd_read_only_test.sh PACKAGES
+set -uo pipefail
+root= # made by fresh_root
+bundles= # named by systemd_machine
+
+# shellcheck disable=SC1091 # checked by itself
+. "$(dirname "$0")/fresh_root.sh"
+# shellcheck disable=SC1091
+. "$(dirname "$0")/systemd_machine.sh"
+image=usr/share/bundle-server/bundles
+
+prepare() {
+    local units=$root/usr/lib/systemd/system
+    cp -R "$(dirname "$0")"/../../packaging/read-only-root/. "$root/"
+    rm "$root/etc/default/bundle-server"
+    mkdir -p "$root"/{mnt/bolt,data,$image}
+    cp /lib/systemd/system/systemd-tmpfiles-setup.service "$units/"
+    ln -s ../systemd-tmpfiles-setup.service "$units/sysinit.target.wants/"
+    put_bundle radio
+    put_bundle clock
+    mv "$root/$bundles"/{radio,clock} "$root/$image/"
+    umount "$root/var/log"
+    mount -t tmpfs none "$root/tmp"
+    # A partition that can be written.
+    mount -t tmpfs none "$root/data"
+    mount -o remount,ro "$root"
+}
+
+observe() {
+    local started said
+    await serves || fail "the server does not serve: $(manager status --no-pager bundle-server 2>&1)"
+    ! touch "$root/etc/written" 2> /dev/null || fail "the root can be written"
+    await runs bin/radio.sh 1 || fail "a bundle of the image does not run"
+    [ "$(stat -f -c %T "$root/mnt/bolt")" = tmpfs ] || fail "the services are not in memory"
+    [ "$(stat -c %a "$root/mnt/bolt")" = 755 ] || fail "the directory of services has the mode $(stat -c %a "$root/mnt/bolt")"
+
+    chroot "$root" bundlectl delete radio > "$root/tmp/said" 2>&1 || fail "a bundle of the image cannot be deleted: $(cat "$root/tmp/said")"
+    [ ! -e "$root/$bundles/radio" ] || fail "the deleted bundle is still in the collection"
+    [ -e "$root/$image/radio" ] || fail "the image has changed"
+    cp -R "$root/$image/radio" "$root/data/tuner"
+    sed -i s/radio/tuner/ "$root/data/tuner/BundleManifest.ini"
+    mv "$root/data/tuner/bin/radio.sh" "$root/data/tuner/bin/tuner.sh"
+    cp -R "$root/data/tuner" "$root/$bundles/"
+    await runs bin/tuner.sh 1 || fail "a bundle that is added does not run"
+
+    # As at the next start of the device.
+    manager stop bundle-server 'var-lib-bundle\x2dserver-bundles.mount' || fail "it cannot be stopped"
+    [ ! -e "$root/$bundles/clock" ] || fail "the collection is still mounted"
+    started=$(date +%s)
+    manager start bundle-server || fail "it cannot be started again"
+    await serves || fail "the server does not serve again"
+    await runs bin/tuner.sh 1 || fail "the bundle that was added does not run after a restart"
+    await runs bin/clock.sh 1 || fail "the image's bundle does not run after a restart"
+    [ ! -e "$root/$bundles/radio" ] || fail "the deleted bundle is back"
+    said=$(chroot "$root" journalctl --unit=bundle-server --since="@$started" --output=cat)
+    [[ $said == *"load bundle[clock] success"* ]] || fail "the journal has no log: $said"
+    said=$(manager list-units --state=failed --no-legend '*.mount' bundle-server.service)
+    [ -z "$said" ] || fail "units have failed: $said"
+    echo "served from a root that can only be read; a deletion and an addition outlive a restart"
+}
+
+on_machine "$@"
