@@ -1,177 +1,109 @@
 #include "arguments.h"
 #include "command.h"
+#include "deletion.h"
 #include "exit_status.h"
-#include "model/collection.h"
-#include "model/installation.h"
+#include "forced_rest.h"
+#include "model/status.h"
+#include "output/json_writer.h"
 #include "printable.h"
-#include "removal_check.h"
-#include "request_service.h"
 #include "timeout_option.h"
+#include "verbs/places.h"
 
-#include <bundle_client.h>
 #include <bundle_service.h>
 
 #include <sys/stat.h>
-#include <sys/types.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <iostream>
 #include <memory>
-#include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
 
-using namespace SystemServer::BundleService;
+using Clock = std::chrono::steady_clock;
 
 struct Options {
-    std::string name;
+    std::vector<std::string> names;
     std::string collection;
-    std::string configuration;
+    Model::Choice choice; ///< its collection is only looked at, so it is kept apart
     std::chrono::seconds timeout{30};
+    bool wait = false;
+    bool force = false;
+    bool json = false;
 };
 
-/// What can be said of the bundle's directory after the deletion.
-struct Check {
-    std::optional<RemovalCheck> removal;
-    std::string obstacle; ///< why there is no check
-};
-
-/// Says on standard error what became of the bundle, and what to do about it.
-int Failed(ExitStatus status, const Options& options, const std::string& text)
+/// Whether a process of the bundle is left, or its directory.
+bool IsThere(const std::string& name, const Model::Choice& choice)
 {
-    std::cerr << "bundlectl: bundle \"" << Printable(options.name) << "\" " << text << '\n';
-    return status;
+    const auto snapshot = Model::TakeSnapshot(choice, Model::LogDepth::SERVER);
+    const auto isOfBundle = [&name](const Model::BundleProcess& process) { return process.bundle == Printable(name); };
+    return !snapshot->collection.Find(Printable(name)).empty() ||
+           std::any_of(snapshot->processes.begin(), snapshot->processes.end(), isOfBundle);
 }
 
-/// The collection that is to be looked at, read before the deletion.
-Model::Collection FindCollection(const Options& options, pid_t serving)
+DeletionResult AwaitTheEnd(const std::string& name, const Options& options, DeletionResult result,
+                           Clock::time_point end)
 {
-    if (!options.collection.empty()) {
-        return Model::ReadCollection(options.collection, ".");
+    constexpr std::chrono::milliseconds interval{200};
+    while (IsThere(name, options.choice)) {
+        if (Clock::now() >= end) {
+            return {EXIT_TIMED_OUT, "bundle \"" + Printable(name) +
+                                        "\" is deleted, but its directory or a process of it is still there after " +
+                                        std::to_string(options.timeout.count()) +
+                                        " s. bundlectl orphans lists the latter."};
+        }
+        std::this_thread::sleep_for(interval);
     }
-    std::string configuration = options.configuration;
-    std::string program;
-    std::string base = ".";
-    for (const Model::ServerProcess& server : Model::FindServers(Model::Proc())) {
-        if (server.stat.pid == serving) {
-            program = server.program.substr(0, server.program.rfind('/') + 1);
-            base = server.directory.value_or(base);
-            configuration = configuration.empty() ? server.configuration : configuration;
+    return result;
+}
+
+DeletionResult Delete(const std::string& name, const Options& options)
+{
+    const Clock::time_point end = Clock::now() + options.timeout;
+    const DeletionOrder order{name, options.collection, options.choice.configuration, options.timeout};
+    DeletionResult result;
+    if (options.force) {
+        const std::string trouble = LetItemsRest(name, options.choice, options.timeout);
+        if (!trouble.empty()) {
+            return {EXIT_FAILED, "bundle \"" + Printable(name) + "\" is not deleted: " + trouble};
         }
     }
-    const Model::ServerConfiguration settings = Model::ReadConfiguration(configuration, program);
-    if (!settings.trouble.empty()) {
-        Model::Collection unknown;
-        unknown.trouble = settings.trouble;
-        return unknown;
+    result = DeleteBundle(order);
+    // The exchanged programs are a change that the server may be taking in just now.
+    while (options.force && result.isRefused && Clock::now() < end) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        result = DeleteBundle(order);
     }
-    return Model::ReadCollection(settings.collection, base);
+    return options.wait && result.status == EXIT_DONE ? AwaitTheEnd(name, options, result, end) : result;
 }
 
-Check PrepareCheck(const Options& options, pid_t serving)
+int DeleteAll(const Options& options)
 {
-    const Model::Collection collection = FindCollection(options, serving);
-    std::vector<std::string> directories;
-    for (const Model::DeclaredBundle* const bundle : collection.Find(Printable(options.name))) {
-        directories.push_back(bundle->path);
+    int status = EXIT_DONE;
+    Output::JsonWriter json;
+    json.BeginOutput("delete", Model::Now()).Key("bundles").BeginArray();
+    for (const std::string& name : options.names) {
+        const DeletionResult result = Delete(name, options);
+        status = status == EXIT_DONE ? result.status : status;
+        json.BeginObject().Member("name", Printable(name)).Member("deleted", result.status == EXIT_DONE);
+        json.Member("exit_status", static_cast<int>(result.status)).Member("text", result.text).End();
+        if (result.status != EXIT_DONE) {
+            std::cerr << "bundlectl: " << result.text << '\n';
+        } else if (!options.json) {
+            std::cout << result.text << '\n' << std::flush;
+        }
     }
-    if (!directories.empty()) {
-        return {RemovalCheck(directories), ""};
-    }
-    return {std::nullopt,
-            collection.trouble.empty() ? "no manifest in " + collection.path + " has this name" : collection.trouble};
-}
-
-int TellDeleted(const Options& options, const Check& check)
-{
-    if (!check.removal) {
-        std::cout << "bundle \"" << Printable(options.name)
-                  << "\" is deleted. Whether its directory has gone is not known: " << Printable(check.obstacle)
-                  << ". Name the collection with --collection or --config.\n"
-                  << std::flush;
-        return EXIT_DONE;
-    }
-    const std::string left = check.removal->Left();
-    if (!left.empty()) {
-        return Failed(EXIT_FAILED, options,
-                      "is deleted, but its directory is not: " + left +
-                          " cannot be removed. The next start of the server may load it again. Look for a mount point, "
-                          "an immutable file (lsattr) or a read-only file system, and remove the directory.");
-    }
-    std::cout << "bundle \"" << Printable(options.name) << "\" is deleted.\n" << std::flush;
-    return EXIT_DONE;
-}
-
-int TellAnswer(const Options& options, unsigned status, const Check& check)
-{
-    switch (status) {
-    case STATUS_OK:
-        return TellDeleted(options, check);
-    case STATUS_BAD_REQUEST:
-        return Failed(EXIT_FAILED, options,
-                      "is not deleted, or only in part: the server could not stop, unload or remove it. "
-                      "The server's log says why.");
-    case STATUS_NOT_FOUND:
-        return Failed(EXIT_UNKNOWN_BUNDLE, options,
-                      "is not known to the server. The name to give is the one in the bundle's manifest, "
-                      "not its directory's.");
-    default:
-        return Failed(EXIT_FAILED, options,
-                      "may or may not be deleted: the server answered with the status " + std::to_string(status) +
-                          ", which bundlectl does not know. The server's log says more.");
-    }
-}
-
-/// What kept the answer away.
-int TellNoAnswer(const Options& options, int code, int error)
-{
-    switch (code) {
-    case BUNDLE_CLIENT_UNREACHABLE:
-    case BUNDLE_CLIENT_SYSTEM:
-        return Failed(EXIT_UNREACHABLE, options,
-                      "is not deleted: no server can be reached at " + ServicePath() + " (" + std::strerror(error) +
-                          "). Is bundle_server running, and are you its user or root?");
-    case BUNDLE_CLIENT_CLOSED:
-        return Failed(EXIT_UNREACHABLE, options,
-                      "may not be deleted: the server closed the connection without a reply. It has ended, or serves "
-                      "only its own user and root; its log says which.");
-    case BUNDLE_CLIENT_TIMEOUT:
-        return Failed(EXIT_TIMED_OUT, options,
-                      "may still be on its way out: no answer within " + std::to_string(options.timeout.count()) +
-                          " s. A script of a bundle can hold the server; look at its log, or give a longer --timeout.");
-    default:
-        return Failed(
-            EXIT_FAILED, options,
-            "may or may not be deleted: the server's answer is broken: " + std::string(bundle_client_text(code)) +
-                ". Is " + ServicePath() + " held by a bundle server?");
-    }
-}
-
-int Delete(const Options& options)
-{
-    using Clock = std::chrono::steady_clock;
-    const Clock::time_point end = Clock::now() + options.timeout;
-    pid_t server = 0;
-    int code = bundle_client_server(MillisecondsUntil(end), &server);
-    if (code != BUNDLE_CLIENT_OK) {
-        return TellNoAnswer(options, code, errno);
-    }
-    const Check check = PrepareCheck(options, server);
-    std::string field = options.name;
-    field.resize(NAME_FIELD_SIZE, '\0');
-    unsigned status = 0;
-    code = bundle_client_request(METHOD_DELETE_BUNDLE, field.data(), field.size(), MillisecondsUntil(end), &status);
-    return code == BUNDLE_CLIENT_OK ? TellAnswer(options, status, check) : TellNoAnswer(options, code, errno);
+    json.End().End();
+    return options.json ? Verbs::Print(json.Text(), status) : status;
 }
 
 std::string NameFault(const std::string& name)
 {
     // The field on the wire ends with a NUL.
-    constexpr std::size_t longest = NAME_FIELD_SIZE - 1;
+    constexpr std::size_t longest = SystemServer::BundleService::NAME_FIELD_SIZE - 1;
     return name.empty() || name.size() > longest ? "a bundle's name has 1 to " + std::to_string(longest) + " bytes"
                                                  : "";
 }
@@ -197,15 +129,19 @@ std::string FaultOfFile(const std::string& path)
 Action DefineDelete(Arguments& arguments)
 {
     const auto options = std::make_shared<Options>();
-    Argument name{"NAME", "the bundle's name, as in its manifest"};
+    Argument name{"NAME", "the names of bundles, as in their manifests"};
     name.check = NameFault;
     name.isRequired = true;
-    arguments.Add(name, options->name);
-    AddTimeout(arguments, "how long to wait for the answer", options->timeout);
+    arguments.Add(name, options->names);
+    AddTimeout(arguments, "how long to wait for each bundle", options->timeout);
+    arguments.AddFlag("--wait", "wait until the directory and all its processes have gone", options->wait);
+    arguments.AddFlag("--force", "let items rest first that die again and again", options->force);
     Argument collection{"--collection", "look there whether its directory has gone", "DIR", FaultOfDirectory};
     arguments.Add(collection, options->collection);
     Argument configuration{"--config", "look in the collection that this configuration names", "FILE", FaultOfFile};
     configuration.without = collection.names;
-    arguments.Add(configuration, options->configuration);
-    return [options] { return Delete(*options); };
+    arguments.Add(configuration, options->choice.configuration);
+    arguments.Add({"--log", "the server's log, which tells when items rest", "FILE"}, options->choice.log);
+    Verbs::AddJson(arguments, options->json);
+    return [options] { return DeleteAll(*options); };
 }

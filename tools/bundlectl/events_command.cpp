@@ -1,8 +1,12 @@
 #include "arguments.h"
 #include "command.h"
 #include "common/unique_fd.h"
+#include "event_command_run.h"
 #include "exit_status.h"
+#include "output/json_writer.h"
+#include "output/times.h"
 #include "printable.h"
+#include "verbs/places.h"
 
 #include <algapp_bolt_comm.h>
 #include <bundle_client.h>
@@ -14,7 +18,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <ctime>
 #include <iostream>
 #include <limits>
 #include <memory>
@@ -27,7 +30,9 @@ using Common::UniqueFd;
 using SystemServer::EVENT_SERVICE_PATH;
 
 struct Options {
-    long count = 0; ///< 0: no limit
+    long count = 0;      ///< 0: no limit
+    std::string command; ///< for the shell, at each event; empty: none
+    bool json = false;
 };
 
 int Failed(const char* what)
@@ -69,23 +74,27 @@ UniqueFd TakeEndingSignals()
     return UniqueFd(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-bool Print(const bundle_client_event& event)
+bool Print(const bundle_client_event& event, bool asJson)
 {
-    const std::time_t now = std::time(nullptr);
-    std::tm utc{};
-    ::gmtime_r(&now, &utc);
-    std::array<char, 32> time{};
-    static_cast<void>(std::strftime(time.data(), time.size(), "%Y-%m-%dT%H:%M:%SZ", &utc));
-    std::cout << time.data() << ' ' << Printable(event.publisher) << ' ' << Printable(event.event) << '\n'
-              << std::flush;
+    const std::string publisher = Printable(event.publisher);
+    const std::string name = Printable(event.event);
+    if (asJson) {
+        Output::JsonWriter json;
+        json.BeginOutput("events", Model::Now()).Member("publisher", publisher).Member("event", name).End();
+        std::cout << json.Text() << std::flush;
+    } else {
+        constexpr std::size_t seconds = 19; // the fraction is left out
+        std::cout << Output::Rfc3339(Model::Now()).substr(0, seconds) << "Z " << publisher << ' ' << name << '\n'
+                  << std::flush;
+    }
     return std::cout.good();
 }
 
 /// The loop of the command.
 class Loop {
 public:
-    Loop(UniqueFd signals, Listener listener, long count)
-        : m_signals(std::move(signals)), m_listener(std::move(listener)), m_count(count)
+    Loop(UniqueFd signals, Listener listener, const Options& options)
+        : m_signals(std::move(signals)), m_listener(std::move(listener)), m_options(options)
     {}
 
     int Run()
@@ -105,7 +114,7 @@ public:
     }
 
 private:
-    bool IsDone() const { return m_count != 0 && m_seen == m_count; }
+    bool IsDone() const { return m_options.count != 0 && m_seen == m_options.count; }
 
     /// Prints what has come.
     void TakeAll()
@@ -124,17 +133,20 @@ private:
                 m_status = FailedFor("cannot be read", error);
                 return;
             }
-            if (!Print(event)) {
+            if (!Print(event, m_options.json)) {
                 std::cerr << "bundlectl: an event cannot be printed: standard output takes no more.\n";
                 m_status = EXIT_FAILED;
             }
             ++m_seen;
+            if (!m_options.command.empty() && m_status == EXIT_DONE) {
+                RunForEvent(m_options.command, Printable(event.publisher), Printable(event.event));
+            }
         }
     }
 
     UniqueFd m_signals;
     Listener m_listener;
-    const long m_count;
+    const Options& m_options;
     long m_seen = 0;
     int m_status = EXIT_DONE;
 };
@@ -145,7 +157,7 @@ int Listen(const Options& options)
     UniqueFd signals = TakeEndingSignals();
     Listener listener(nullptr, bundle_client_listener_close);
     const int status = OpenListener(listener);
-    return status == EXIT_DONE ? Loop(std::move(signals), std::move(listener), options.count).Run() : status;
+    return status == EXIT_DONE ? Loop(std::move(signals), std::move(listener), options).Run() : status;
 }
 
 } // namespace
@@ -154,5 +166,9 @@ Action DefineEvents(Arguments& arguments)
 {
     const auto options = std::make_shared<Options>();
     arguments.Add({"--count", "end after so many events", "N"}, options->count, 1, std::numeric_limits<int>::max());
+    arguments.Add(
+        {"--exec", "run this in a shell at each event, which BUNDLE_EVENT and BUNDLE_EVENT_PUBLISHER tell", "CMD"},
+        options->command);
+    Verbs::AddJson(arguments, options->json);
     return [options] { return Listen(*options); };
 }

@@ -1,8 +1,12 @@
 #include "arguments.h"
+#include "bundle_wait.h"
 #include "command.h"
 #include "exit_status.h"
+#include "output/json_writer.h"
+#include "printable.h"
 #include "request_service.h"
 #include "timeout_option.h"
+#include "verbs/places.h"
 
 #include <bundle_client.h>
 
@@ -31,6 +35,8 @@ struct Options {
     std::string condition;
     std::chrono::seconds timeout = 30s;
     long server = 0; ///< 0: whichever serves
+    bool json = false;
+    BundleCondition bundles;
 };
 
 int Failed(ExitStatus status, const std::string& text)
@@ -86,7 +92,30 @@ int WaitForServing(const Options& options)
 
 std::string FaultOfCondition(const std::string& condition)
 {
-    return condition == "serving" ? "" : "\"" + condition + "\" is no condition; there is \"serving\"";
+    return condition == "serving" || BundleCondition().WaitsFor(condition)
+               ? ""
+               : "\"" + condition + "\" is no condition; there are serving, active, gone and item:NAME";
+}
+
+int Wait(Options& options)
+{
+    const bool isForBundles = options.bundles.WaitsFor(options.condition);
+    if (isForBundles == options.bundles.names.empty()) {
+        return Failed(EXIT_WRONG_USE, isForBundles ? "--for " + options.condition + " needs the names of bundles."
+                                                   : "--for serving takes no names.");
+    }
+    options.bundles.timeout = options.timeout;
+    const int status = isForBundles ? WaitForBundles(options.bundles) : WaitForServing(options);
+    if (!options.json) {
+        return status;
+    }
+    Output::JsonWriter json;
+    json.BeginOutput("wait", Model::Now()).Member("for", options.condition).Key("bundles").BeginArray();
+    for (const std::string& name : options.bundles.names) {
+        json.Value(Printable(name));
+    }
+    json.End().Member("met", status == EXIT_DONE).Member("exit_status", status).End();
+    return Verbs::Print(json.Text(), status);
 }
 
 } // namespace
@@ -94,12 +123,16 @@ std::string FaultOfCondition(const std::string& condition)
 Action DefineWait(Arguments& arguments)
 {
     const auto options = std::make_shared<Options>();
-    Argument condition{"--for", "what to wait for: the server answers requests", "CONDITION", FaultOfCondition};
+    arguments.Add({"NAME", "the names of bundles, as in their manifests"}, options->bundles.names);
+    Argument condition{"--for", "serving, active, gone, or item:NAME for an item that is up", "CONDITION",
+                       FaultOfCondition};
     condition.isRequired = true;
-    condition.choices = "serving";
+    condition.choices = "serving active gone item:";
     arguments.Add(condition, options->condition);
     AddTimeout(arguments, "how long to wait", options->timeout);
     arguments.Add({"--pid", "wait for this server, and no longer than it runs", "PID"}, options->server, 1,
                   std::numeric_limits<pid_t>::max());
-    return [options] { return WaitForServing(*options); };
+    Verbs::AddJson(arguments, options->json);
+    Verbs::AddPlaces(arguments, options->bundles.choice);
+    return [options] { return Wait(*options); };
 }
