@@ -55,9 +55,7 @@ FILES:${PN}-completions = " \
 FILES:${PN} += " \
     ${bindir}/bundlectl \
     ${sbindir}/bundle_server \
-    ${libexecdir}/bundle-server/check-supervision \
-    ${libexecdir}/bundle-server/dyn_lib_process_loader \
-    ${libexecdir}/bundle-server/end-server \
+    ${libexecdir}/bundle-server \
     ${sysconfdir}/bundle-server/bundle-server.ini \
     ${sysconfdir}/cron.d/bundle-server \
     ${sysconfdir}/default/bundle-server \
