@@ -42,8 +42,8 @@ PARTS = {
 # Inside the server: its layers from the lowest, their units, and the layers that they may include. The watcher knows
 # nothing of bundles.
 LAYERS = {
-    "helpers": ("atomic_shared_ptr bundle_log child_process child_wait content_hash dir_stream directory_sync file_type "
-                "item_kind item_launch launch_numbers start_up_signals thread_annotations", ""),
+    "helpers": ("atomic_shared_ptr bundle_log child_wait content_hash dir_stream directory_sync file_type group_leader inherited_state "
+                "item_kind item_launch launch_numbers start_up_signals termination_signals thread_annotations", ""),
     "manifest": ("bundle_manifest", "helpers"),
     "storage": ("bundle_storage_dir", "helpers manifest"),
     "bundle": ("bundle", "helpers manifest storage"),

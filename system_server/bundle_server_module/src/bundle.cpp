@@ -1,8 +1,8 @@
 #include "bundle.h"
 
 #include "bundle_log.h"
-#include "child_process.h"
 #include "file_type.h"
+#include "group_leader.h"
 
 #include <Poco/Exception.h>
 #include <Poco/Process.h>

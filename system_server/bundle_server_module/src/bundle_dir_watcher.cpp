@@ -1,12 +1,12 @@
 #include "bundle_dir_watcher.h"
 
 #include "bundle_log.h"
-#include "child_process.h"
 #include "common/unique_fd.h"
 #include "dir_stream.h"
 #include "entry_kind.h"
 #include "file_type.h"
 #include "framework_watcher.h"
+#include "termination_signals.h"
 
 #include <Poco/Exception.h>
 #include <Poco/File.h>

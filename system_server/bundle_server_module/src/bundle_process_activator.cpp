@@ -1,9 +1,9 @@
 #include "bundle_process_activator.h"
 
 #include "bundle_log.h"
-#include "child_process.h"
 #include "item_kind.h"
 #include "item_launch.h"
+#include "termination_signals.h"
 
 #include <Poco/AutoPtr.h>
 #include <Poco/Exception.h>

@@ -2,7 +2,7 @@
 
 #include "bundle_log.h"
 #include "bundle_server.h"
-#include "child_process.h"
+#include "group_leader.h"
 
 #include <algapp_bolt_comm.h>
 #include <bundle_service.h>

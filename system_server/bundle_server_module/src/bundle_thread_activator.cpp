@@ -1,8 +1,8 @@
 #include "bundle_thread_activator.h"
 
 #include "bundle_log.h"
-#include "child_process.h"
 #include "item_kind.h"
+#include "termination_signals.h"
 
 #include <Poco/Exception.h>
 

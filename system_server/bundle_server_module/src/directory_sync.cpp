@@ -1,8 +1,8 @@
 #include "directory_sync.h"
 
 #include "bundle_log.h"
-#include "child_process.h"
 #include "common/unique_fd.h"
+#include "termination_signals.h"
 #include "thread_annotations.h"
 
 #include <fcntl.h>
@@ -15,6 +15,7 @@
 #include <cstring>
 #include <exception>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -37,11 +38,22 @@ int WriteOut(const std::string& directory)
 struct DirectorySync::State {
     explicit State(std::string path) : directory(std::move(path)) {}
 
+    /// Marks a request as finished.
+    /// @return the next one; empty when there is none: the thread ends
+    std::optional<std::uint64_t> Finish(std::uint64_t request) EXCLUDES(mutex)
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        finished = request;
+        hasFinished.notify_all();
+        hasThread = finished != requested;
+        return hasThread ? std::optional<std::uint64_t>(requested) : std::nullopt;
+    }
+
     const std::string directory;
     std::mutex mutex; // held for a moment, never while the file system is at work
-    std::condition_variable hasFinished;
+    std::condition_variable_any hasFinished;
     std::uint64_t requested GUARDED_BY(mutex) = 0;
-    std::uint64_t finished GUARDED_BY(mutex) = 0; // the request that the last one to end had been begun for
+    std::uint64_t finished GUARDED_BY(mutex) = 0; // the latest request whose changes are written out
     bool hasThread GUARDED_BY(mutex) = false;
 };
 
@@ -51,15 +63,19 @@ void DirectorySync::Run(std::chrono::milliseconds patience) noexcept
 {
     try {
         State& state = *m_state;
-        std::unique_lock<std::mutex> lock(state.mutex);
+        const auto end = std::chrono::steady_clock::now() + patience;
+        const std::lock_guard<std::mutex> lock(state.mutex);
         const std::uint64_t request = ++state.requested;
         if (!state.hasThread) {
             const TerminationSignalsBlocked blocked;
-            std::thread(Work, m_state).detach();
+            std::thread(Work, m_state, request).detach();
             state.hasThread = true;
         }
-        if (!state.hasFinished.wait_for(lock, patience, [&] { return state.finished >= request; })) {
-            BUNDLE_INFO("bundle collection dir[%s] is not synced yet.", state.directory.c_str());
+        while (state.finished < request) {
+            if (state.hasFinished.wait_until(state.mutex, end) == std::cv_status::timeout && state.finished < request) {
+                BUNDLE_INFO("bundle collection dir[%s] is not synced yet.", state.directory.c_str());
+                return;
+            }
         }
     } catch (const std::exception& e) {
         BUNDLE_ERROR("bundle collection dir[%s] can not be synced: %s.", m_state->directory.c_str(),
@@ -67,23 +83,16 @@ void DirectorySync::Run(std::chrono::milliseconds patience) noexcept
     }
 }
 
-void DirectorySync::Work(const std::shared_ptr<State>& state)
+void DirectorySync::Work(const std::shared_ptr<State>& state, std::uint64_t firstRequest)
 {
     prctl(PR_SET_NAME, "bundle_sync");
-    std::unique_lock<std::mutex> lock(state->mutex);
-    while (state->finished != state->requested) {
-        const std::uint64_t request = state->requested;
-        lock.unlock();
+    for (std::optional<std::uint64_t> request = firstRequest; request; request = state->Finish(*request)) {
         const int error = WriteOut(state->directory);
         if (error != 0) {
             BUNDLE_ERROR("bundle collection dir[%s] can not be synced: %s.", state->directory.c_str(),
                          std::strerror(error));
         }
-        lock.lock();
-        state->finished = request;
-        state->hasFinished.notify_all();
     }
-    state->hasThread = false;
 }
 
 } // namespace SystemServer

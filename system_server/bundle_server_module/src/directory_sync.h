@@ -2,6 +2,7 @@
 #define DIRECTORY_SYNC_H
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -21,7 +22,7 @@ public:
 private:
     struct State;
 
-    static void Work(const std::shared_ptr<State>& state);
+    static void Work(const std::shared_ptr<State>& state, std::uint64_t firstRequest);
 
     const std::shared_ptr<State> m_state; // the thread's as well, which outlives this object where a file system hangs
 };

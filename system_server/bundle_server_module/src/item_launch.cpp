@@ -1,7 +1,7 @@
 #include "item_launch.h"
 
 #include "bundle_log.h"
-#include "child_process.h"
+#include "inherited_state.h"
 
 #include <Poco/Exception.h>
 

@@ -1,6 +1,6 @@
 #include "bundle_log.h"
 #include "bundle_server.h"
-#include "child_process.h"
+#include "inherited_state.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,7 +1,7 @@
 #include "start_up_signals.h"
 
 #include "bundle_log.h"
-#include "child_process.h"
+#include "termination_signals.h"
 
 #include <pthread.h>
 #include <sys/prctl.h>

@@ -1,7 +1,7 @@
 #include "bundle_dir_watcher.h"
 #include "bundle_manager.h"
 #include "bundle_thread_activator.h"
-#include "child_process.h"
+#include "inherited_state.h"
 #include "support/eventually.h"
 #include "support/fault.h"
 #include "support/own_process.h"

@@ -1,6 +1,6 @@
 #include "bundle_manager.h"
 #include "bundle_thread_activator.h"
-#include "child_process.h"
+#include "inherited_state.h"
 #include "support/eventually.h"
 #include "support/fault.h"
 #include "support/own_process.h"

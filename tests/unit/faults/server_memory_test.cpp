@@ -1,4 +1,4 @@
-#include "child_process.h"
+#include "inherited_state.h"
 #include "support/eventually.h"
 #include "support/fault.h"
 #include "support/own_process.h"

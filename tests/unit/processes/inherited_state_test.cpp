@@ -2,13 +2,15 @@
 
 #include "unit/processes/running_items.h"
 
-#include "child_process.h"
+#include "inherited_state.h"
 #include "support/fault.h"
+#include "termination_signals.h"
 
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <filesystem>
@@ -20,6 +22,8 @@
 #include <vector>
 
 namespace {
+
+constexpr rlim_t GREATEST_LIMIT = 16384;
 
 class AnItemsProcess : public RunningItems {};
 
@@ -142,4 +146,21 @@ TEST_F(AnItemsProcess, HasTheDescriptorLimitThatTheServerWasStartedWith)
     Start(collection.Bundle("media").Copy("probe", PROBE_ITEM));
     EXPECT_EQ(Reported("probe", "limit"), std::vector<std::string>{std::to_string(start.rlim_cur)});
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &start), 0);
+}
+
+TEST(TheDescriptorLimit, IsBoundedAndGivenBack)
+{
+    rlimit start{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &start), 0);
+    const rlimit few{128, start.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+    rlimit now{};
+    SystemServer::BoundDescriptorLimit();
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &now), 0);
+    EXPECT_EQ(now.rlim_cur, std::min(start.rlim_cur, GREATEST_LIMIT));
+    EXPECT_EQ(now.rlim_max, start.rlim_max);
+    SystemServer::RestoreDescriptorLimit();
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &now), 0);
+    EXPECT_EQ(now.rlim_cur, start.rlim_cur);
+    EXPECT_EQ(now.rlim_max, start.rlim_max);
 }

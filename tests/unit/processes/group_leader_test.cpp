@@ -1,4 +1,4 @@
-#include "child_process.h"
+#include "group_leader.h"
 
 #include "support/collection_builder.h"
 #include "support/eventually.h"
@@ -9,11 +9,9 @@
 #include <gtest/gtest.h>
 
 #include <pthread.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -24,11 +22,8 @@
 
 using SystemServer::GroupLeader;
 using SystemServer::LaunchInOwnGroup;
-using SystemServer::TerminationSignalsBlocked;
 
 namespace {
-
-constexpr rlim_t GREATEST_LIMIT = 16384;
 
 bool IsBlocked(int signal)
 {
@@ -148,54 +143,4 @@ TEST_F(LaunchingInAnOwnGroup, UnblocksThePipeSignalThatTheFrameworkHasBlocked)
 {
     EXPECT_TRUE(IsBlocked(SIGPIPE)) << "then there is nothing to see here";
     EXPECT_EQ(BlockedInChild(), none);
-}
-
-TEST(BlockingTheTerminationSignals, LastsAsLongAsTheObject)
-{
-    for (const int signal : {SIGINT, SIGTERM, SIGQUIT}) {
-        EXPECT_FALSE(IsBlocked(signal));
-    }
-    {
-        const TerminationSignalsBlocked blocked;
-        for (const int signal : {SIGINT, SIGTERM, SIGQUIT}) {
-            EXPECT_TRUE(IsBlocked(signal));
-            std::thread([signal] { EXPECT_TRUE(IsBlocked(signal)); }).join();
-        }
-        EXPECT_FALSE(IsBlocked(SIGHUP));
-        EXPECT_FALSE(IsBlocked(SIGSEGV));
-    }
-    for (const int signal : {SIGINT, SIGTERM, SIGQUIT}) {
-        EXPECT_FALSE(IsBlocked(signal));
-    }
-}
-
-TEST(BlockingTheTerminationSignals, KeepsWhatWasBlockedBefore)
-{
-    sigset_t term;
-    ::sigemptyset(&term);
-    ::sigaddset(&term, SIGTERM);
-    ::pthread_sigmask(SIG_BLOCK, &term, nullptr);
-    {
-        const TerminationSignalsBlocked blocked;
-    }
-    EXPECT_TRUE(IsBlocked(SIGTERM));
-    EXPECT_FALSE(IsBlocked(SIGINT));
-    ::pthread_sigmask(SIG_UNBLOCK, &term, nullptr);
-}
-
-TEST(TheDescriptorLimit, IsBoundedAndGivenBack)
-{
-    rlimit start{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &start), 0);
-    const rlimit few{128, start.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
-    rlimit now{};
-    SystemServer::BoundDescriptorLimit();
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &now), 0);
-    EXPECT_EQ(now.rlim_cur, std::min(start.rlim_cur, GREATEST_LIMIT));
-    EXPECT_EQ(now.rlim_max, start.rlim_max);
-    SystemServer::RestoreDescriptorLimit();
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &now), 0);
-    EXPECT_EQ(now.rlim_cur, start.rlim_cur);
-    EXPECT_EQ(now.rlim_max, start.rlim_max);
 }
