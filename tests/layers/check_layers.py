@@ -42,7 +42,7 @@ PARTS = {
 # Inside the server: its layers from the lowest, their units, and the layers that they may include. The watcher knows
 # nothing of bundles.
 LAYERS = {
-    "helpers": ("atomic_shared_ptr bundle_log child_wait content_hash dir_stream directory_sync file_type group_leader inherited_state "
+    "helpers": ("atomic_shared_ptr bundle_layout bundle_log child_wait content_hash dir_stream directory_sync file_type group_leader inherited_state "
                 "item_kind item_launch launch_numbers start_up_signals termination_signals thread_annotations", ""),
     "manifest": ("bundle_manifest", "helpers"),
     "storage": ("bundle_storage_dir", "helpers manifest"),
@@ -51,7 +51,7 @@ LAYERS = {
     "activators": ("bundle_activator bundle_activator_factory bundle_process_activator bundle_process_monitor "
                    "bundle_thread_activator", "helpers manifest storage bundle factory"),
     "manager": ("bundle_manager dependency_chains waiting_bundles", "helpers manifest storage bundle factory activators"),
-    "watcher": ("bundle_dir_watcher entry_kind framework_watcher item_details item_fingerprint known_item "
+    "watcher": ("bundle_dir_watcher framework_watcher item_details item_fingerprint known_item "
                 "removal_tries watched_item", "helpers"),
     "server": ("bundle_server bundle_server_events bundle_server_requests",
                "helpers manifest storage bundle factory activators manager watcher"),

@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -27,6 +28,17 @@ public:
     {
         Put(name, "[global]\nbundle_name = " + name + "\nbundle_load_mode = 0\nbundle_dependencies = " + required +
                       "\n" + more);
+    }
+
+    /// Of all that was put.
+    std::set<std::string> Paths() const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        std::set<std::string> paths;
+        for (const auto& [path, manifest] : m_manifests) {
+            paths.insert(path);
+        }
+        return paths;
     }
 
     /// Sets an action that runs before the bundle at that path is made.

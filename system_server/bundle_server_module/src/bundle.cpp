@@ -1,5 +1,6 @@
 #include "bundle.h"
 
+#include "bundle_layout.h"
 #include "bundle_log.h"
 #include "file_type.h"
 #include "group_leader.h"
@@ -16,10 +17,19 @@
 
 namespace SystemServer {
 
-const std::string Bundle::BUNDLE_MANIFEST_FILE = "BundleManifest.ini";
+namespace {
+
+std::string FolderPath(const char* name)
+{
+    return "./" + std::string(name) + "/";
+}
+
+} // namespace
+
+const std::string Bundle::BUNDLE_MANIFEST_FILE = BundleLayout::MANIFEST;
 const std::string Bundle::BUNDLE_MANIFEST_FILE_PATH = "./";
-const std::string& Bundle::BUNDLE_BIN_FILE_PATH = *new std::string("./bin/");
-const std::string Bundle::BUNDLE_SCRIPT_FILE_PATH = "./script/";
+const std::string& Bundle::BUNDLE_BIN_FILE_PATH = *new std::string(FolderPath(BundleLayout::BIN));
+const std::string Bundle::BUNDLE_SCRIPT_FILE_PATH = FolderPath(BundleLayout::SCRIPT);
 const std::string Bundle::BUNDLE_MANIFEST_FILE_LOCATION = BUNDLE_MANIFEST_FILE_PATH + BUNDLE_MANIFEST_FILE;
 const std::string Bundle::BUNDLE_INSTALLED_STATE_STR = "Installed";
 const std::string Bundle::BUNDLE_UNINSTALLED_STATE_STR = "Uninstalled";
@@ -50,11 +60,27 @@ std::shared_ptr<BundleManifest> Bundle::ReadManifest() const
     return std::make_shared<BundleManifest>(*stream);
 }
 
+// Always with "/", also where the root path ends in one: the texts of the log have it so.
+std::string Bundle::PathBelowRoot(const std::string& relativePath) const
+{
+    return m_storage->GetRootPath() + "/" + relativePath;
+}
+
+std::string Bundle::ItemPath(const std::string& itemName) const
+{
+    return PathBelowRoot(BUNDLE_BIN_FILE_PATH + itemName);
+}
+
+std::string Bundle::ScriptPath(const std::string& scriptName) const
+{
+    return PathBelowRoot(BUNDLE_SCRIPT_FILE_PATH + scriptName);
+}
+
 bool Bundle::IsManifestOutdated() const
 {
     // Looked at first, because the storage logs what is not there.
     struct stat status {};
-    const std::string path = m_storage->GetRootPath() + "/" + BUNDLE_MANIFEST_FILE;
+    const std::string path = PathBelowRoot(BUNDLE_MANIFEST_FILE);
     if (stat(path.c_str(), &status) == -1 || !S_ISREG(status.st_mode)) {
         return false;
     }
@@ -68,7 +94,7 @@ bool Bundle::IsManifestOutdated() const
 
 void Bundle::RunScript(const std::string& scriptName) const
 {
-    const std::string path = m_storage->GetRootPath() + "/" + BUNDLE_SCRIPT_FILE_PATH + scriptName;
+    const std::string path = ScriptPath(scriptName);
     if (!FileType(path)) {
         const int error = errno;
         if (!MeansAbsence(error)) {

@@ -77,6 +77,11 @@ public:
 
     std::shared_ptr<BundleStorage> GetStorage() const { return m_storage; }
 
+    /// The path of an item in "bin" and of a script in "script". Whether there is one is not asked. Any thread, an item
+    /// thread that still runs when the process ends included.
+    std::string ItemPath(const std::string& itemName) const;
+    std::string ScriptPath(const std::string& scriptName) const;
+
     /// Runs one script of the bundle's "./script/" directory, if it is there, as a child in a process group of its own
     /// and waits for it, without a limit of time. Whether it succeeds makes no difference. Any thread.
     void RunScript(const std::string& scriptName) const;
@@ -88,6 +93,7 @@ public:
 
 private:
     std::shared_ptr<BundleManifest> ReadManifest() const;
+    std::string PathBelowRoot(const std::string& relativePath) const;
 
     std::atomic<BUNDLE_STATE_E> m_curState{BUNDLE_INSTALLED}; // changed under the manager's lock
     AtomicSharedPtr<BundleManifest> m_manifest;               // replaced on one thread while others read it

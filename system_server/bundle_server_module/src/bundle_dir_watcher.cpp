@@ -3,7 +3,6 @@
 #include "bundle_log.h"
 #include "common/unique_fd.h"
 #include "dir_stream.h"
-#include "entry_kind.h"
 #include "file_type.h"
 #include "framework_watcher.h"
 #include "termination_signals.h"

@@ -170,24 +170,26 @@ std::shared_ptr<Bundle> BundleManager::FindBundleByName(const std::string& name)
 std::shared_ptr<Bundle> BundleManager::FindBundleByPath(const std::string& path)
 {
     const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    std::shared_ptr<Bundle> bundle = BundleAt(path);
+    if (!bundle) {
+        BUNDLE_ERROR("bundle with storage path[%s] not found.", path.c_str());
+    }
+    return bundle;
+}
+
+bool BundleManager::IsLoaded(const std::string& path)
+{
+    const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    return BundleAt(path) != nullptr;
+}
+
+// With m_mutex held; empty when there is none.
+std::shared_ptr<Bundle> BundleManager::BundleAt(const std::string& path) const
+{
     const auto entry = std::find_if(m_bundleInfoMap.begin(), m_bundleInfoMap.end(), [&path](const auto& candidate) {
         return candidate.second.pBundle->GetStorage()->GetRootPath() == path;
     });
-    if (entry == m_bundleInfoMap.end()) {
-        BUNDLE_ERROR("bundle with storage path[%s] not found.", path.c_str());
-        return nullptr;
-    }
-    return entry->second.pBundle;
-}
-
-std::set<std::string> BundleManager::LoadedPaths()
-{
-    const std::lock_guard<std::recursive_mutex> lock(m_mutex);
-    std::set<std::string> paths;
-    for (const auto& entry : m_bundleInfoMap) {
-        paths.insert(entry.second.pBundle->GetStorage()->GetRootPath());
-    }
-    return paths;
+    return entry == m_bundleInfoMap.end() ? nullptr : entry->second.pBundle;
 }
 
 std::shared_ptr<Bundle> BundleManager::RequiredBundle(const std::string& name) const

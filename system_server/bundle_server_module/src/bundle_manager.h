@@ -82,11 +82,13 @@ public:
     std::shared_ptr<Bundle> FindBundleByName(const std::string& name);
     std::shared_ptr<Bundle> FindBundleByPath(const std::string& path);
 
-    /// The directories of all registered bundles, as they were given to LoadBundle.
-    std::set<std::string> LoadedPaths();
+    /// Whether a bundle of that directory is registered. Writes no record. The path is compared as FindBundleByPath
+    /// does it.
+    bool IsLoaded(const std::string& path);
 
 private:
     template <class Visit> void ForEachBundle(const Visit& visit);
+    std::shared_ptr<Bundle> BundleAt(const std::string& path) const;
     std::shared_ptr<Bundle> RequiredBundle(const std::string& name) const;
     DependencyChains Chains() const;
     void Resolve(const std::shared_ptr<Bundle>& bundle, DependencyChains& chains);

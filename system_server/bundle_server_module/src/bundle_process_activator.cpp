@@ -95,10 +95,9 @@ BundleProcessActivator::~BundleProcessActivator() = default;
 void BundleProcessActivator::Start()
 {
     const std::shared_ptr<BundleManifest> manifest = m_bundle->GetManifest();
-    const std::string binDir = m_bundle->GetStorage()->GetRootPath() + "/" + Bundle::BUNDLE_BIN_FILE_PATH;
     for (const BundleManifest::LoadItem& item : manifest->GetLoadItems()) {
         const std::string& bundleName = manifest->GetBundleName();
-        ProcessInfo info{bundleName, bundleName + "." + item.itemName, binDir + item.itemName, item.itemName,
+        ProcessInfo info{bundleName, bundleName + "." + item.itemName, m_bundle->ItemPath(item.itemName), item.itemName,
                          item.entryFunc};
         Launch(info);
     }

@@ -24,7 +24,7 @@ void BundleServer::OnItemAdded(const DirectoryEvent& event)
     if (!manager) {
         return;
     }
-    if (manager->LoadedPaths().count(path) != 0) {
+    if (manager->IsLoaded(path)) {
         // It came while start-up read the collection, which may have found half of it.
         BUNDLE_INFO("bundle dir[%s] is loaded already.", path.c_str());
         if (const std::shared_ptr<Bundle> loaded = FindChanged(*manager, path)) {
@@ -106,7 +106,7 @@ void BundleServer::OnItemRemoved(const DirectoryEvent& event)
 void BundleServer::RetryRemoval(BundleManager& manager, const Bundle& bundle)
 {
     const std::string& path = bundle.GetStorage()->GetRootPath();
-    if (manager.LoadedPaths().count(path) != 0 && bundle.GetCurState() == Bundle::BUNDLE_ACTIVE) {
+    if (manager.IsLoaded(path) && bundle.GetCurState() == Bundle::BUNDLE_ACTIVE) {
         m_changes->RetryRemoval(path);
         m_unfinishedRemovals.insert(path);
     }

@@ -160,7 +160,7 @@ void BundleThreadActivator::ActivateDynLib(const BundleManifest::LoadItem& item)
     BUNDLE_INFO("bundle[%s] dyn lib[%s] activate start...", bundleName.c_str(), item.itemName.c_str());
     prctl(PR_SET_NAME, (bundleName + "." + item.itemName).c_str());
 
-    const std::string file = m_bundle->GetStorage()->GetRootPath() + "/" + Bundle::BUNDLE_BIN_FILE_PATH + item.itemName;
+    const std::string file = m_bundle->ItemPath(item.itemName);
     void* const library = dlopen(file.c_str(), RTLD_LAZY); // stays open: its code may run on threads of its own
     if (library == nullptr) {
         BUNDLE_ERROR("open dynamic lib[%s] error : %s.", file.c_str(), SecondLoaderError());

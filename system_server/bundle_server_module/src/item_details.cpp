@@ -60,6 +60,12 @@ std::int64_t Modified(const struct stat& status)
     return Nanoseconds(status.st_mtim);
 }
 
+std::string PartPath(std::string path, std::size_t part)
+{
+    AppendPart(path, part);
+    return path;
+}
+
 } // namespace
 
 bool ItemDetails::AreNeeded(const std::string& path, const ItemFingerprint& fingerprint)
@@ -69,7 +75,7 @@ bool ItemDetails::AreNeeded(const std::string& path, const ItemFingerprint& fing
             return other.inode != 0 && other.device == fingerprint[part].device;
         };
         const bool isAsked = std::any_of(fingerprint.begin(), fingerprint.begin() + part, isOnSameDevice);
-        if (fingerprint[part].inode != 0 && !isAsked && IsOnOverlay(path + ITEM_PART_PATHS[part])) {
+        if (fingerprint[part].inode != 0 && !isAsked && IsOnOverlay(PartPath(path, part))) {
             return true;
         }
     }
@@ -79,7 +85,7 @@ bool ItemDetails::AreNeeded(const std::string& path, const ItemFingerprint& fing
 ItemDetails::ItemDetails(const std::string& path)
 {
     for (std::size_t part = 0; part < m_parts.size(); ++part) {
-        m_parts[part] = PartAt(path + ITEM_PART_PATHS[part]);
+        m_parts[part] = PartAt(PartPath(path, part));
     }
 }
 

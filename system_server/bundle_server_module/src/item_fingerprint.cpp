@@ -1,5 +1,6 @@
 #include "item_fingerprint.h"
 
+#include "bundle_layout.h"
 #include "dir_stream.h"
 #include "file_type.h"
 
@@ -18,6 +19,10 @@ namespace {
 /// How much of a tree is walked at most: a bundle may be a link to the root of all file systems.
 constexpr std::uint64_t WALKED_ENTRIES = 65'536;
 
+/// By part; the root has none.
+constexpr std::array<const char*, ITEM_PARTS> ITEM_PART_NAMES{"", BundleLayout::MANIFEST, BundleLayout::BIN,
+                                                              BundleLayout::SCRIPT};
+
 static_assert(sizeof(ino_t) == 8 && sizeof(off_t) == 8, "with less, a file with a large number or size is none");
 
 FileFingerprint FingerprintOf(const struct stat& status)
@@ -26,6 +31,13 @@ FileFingerprint FingerprintOf(const struct stat& status)
 }
 
 } // namespace
+
+void AppendPart(std::string& path, std::size_t part)
+{
+    if (part != ROOT) {
+        path.append("/").append(ITEM_PART_NAMES[part]);
+    }
+}
 
 std::int64_t Nanoseconds(const timespec& time)
 {
@@ -45,7 +57,8 @@ ItemFingerprint Fingerprinter::OfItem(int directory, const std::string& path, co
 {
     ItemFingerprint item = last;
     for (std::size_t part = 0; part < item.size(); ++part) {
-        m_partPath.assign(path).append(ITEM_PART_PATHS[part]);
+        m_partPath.assign(path);
+        AppendPart(m_partPath, part);
         struct stat status {};
         if (fstatat(directory, m_partPath.c_str(), &status, 0) == 0) {
             item[part] = FingerprintOf(status);
@@ -87,7 +100,7 @@ void Fingerprinter::AddFolder(const std::string& path, bool isRootInUse, TreeFin
             continue;
         }
         const bool isFolder = S_ISDIR(status.st_mode);
-        if (isFolder && isRootInUse && name != "bin" && name != "script") {
+        if (isFolder && isRootInUse && name != BundleLayout::BIN && name != BundleLayout::SCRIPT) {
             continue;
         }
         ++tree.entries;

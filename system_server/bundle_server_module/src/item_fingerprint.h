@@ -32,8 +32,8 @@ struct FileFingerprint {
 enum ItemPart { ROOT, MANIFEST, BIN, SCRIPT, ITEM_PARTS };
 using ItemFingerprint = std::array<FileFingerprint, ITEM_PARTS>;
 
-/// What follows the item's path in that of a part.
-constexpr std::array<const char*, ITEM_PARTS> ITEM_PART_PATHS{"", "/BundleManifest.ini", "/bin", "/script"};
+/// Turns an item's path into that of one of its parts; the path of the root is the item's own.
+void AppendPart(std::string& path, std::size_t part);
 
 /// When the latest change of one of the parts was made, nanoseconds.
 std::int64_t NewestChange(const ItemFingerprint& item);

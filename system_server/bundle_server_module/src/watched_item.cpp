@@ -1,7 +1,7 @@
 #include "watched_item.h"
 
 #include "dir_stream.h"
-#include "entry_kind.h"
+#include "file_type.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -4,6 +4,7 @@
 #include "inherited_state.h"
 #include "support/eventually.h"
 #include "support/fault.h"
+#include "support/loaded_paths.h"
 #include "support/own_process.h"
 #include "unit/processes/running_items.h"
 
@@ -183,7 +184,7 @@ TEST_F(AFailingCallOfAStorage, RegistersNoBundleWithoutAStatus)
         EXPECT_THROW(manager.LoadBundle(path), Poco::FileNotFoundException);
     }
     EXPECT_TRUE(log.HasError("resource file[" + path + "/BundleManifest.ini] does not exist."));
-    EXPECT_TRUE(manager.LoadedPaths().empty());
+    EXPECT_TRUE(LoadedIn(manager, collection.Path()).empty());
     EXPECT_TRUE(manager.LoadBundle(path));
 }
 
@@ -194,18 +195,18 @@ TEST_F(AFailingCallOfAStorage, IsToldWhereAnEntryOfTheCollectionCanNotBeLookedAt
     WriteFile(collection / "note", "");
     BundleManager manager(std::make_shared<BundleStorageDirFactory>());
     {
-        const Fault fault(Call::STAT, EOVERFLOW);
+        const Fault fault(Call::FSTATAT, EOVERFLOW);
         manager.LoadAllBundles(directory);
     }
     EXPECT_TRUE(log.HasError("[" + path +
                              "] can not be looked at: Value too large for defined data type. It counts as no "
                              "directory."));
-    EXPECT_TRUE(manager.LoadedPaths().empty());
+    EXPECT_TRUE(LoadedIn(manager, collection.Path()).empty());
     log.Restart();
     std::filesystem::create_symlink("nowhere", collection / "dangling");
     manager.LoadAllBundles(directory);
     EXPECT_EQ(log.CountPart("can not be looked at"), 0);
-    EXPECT_EQ(manager.LoadedPaths().size(), 1U);
+    EXPECT_EQ(LoadedIn(manager, collection.Path()).size(), 1U);
 }
 
 TEST_F(AFailingCallOfAStorage, IsToldWhereAScriptCanNotBeLookedAt)

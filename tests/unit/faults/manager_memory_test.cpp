@@ -3,6 +3,7 @@
 #include "inherited_state.h"
 #include "support/eventually.h"
 #include "support/fault.h"
+#include "support/loaded_paths.h"
 #include "support/own_process.h"
 #include "unit/faults/memory_sweep.h"
 #include "unit/processes/running_items.h"
@@ -65,7 +66,7 @@ public:
     /// Whether another thread gets the manager's lock.
     bool IsUnlocked()
     {
-        auto lookUp = std::async(std::launch::async, [this] { manager->LoadedPaths(); });
+        auto lookUp = std::async(std::launch::async, [this] { manager->IsLoaded(""); });
         return lookUp.wait_for(PATIENCE) == std::future_status::ready;
     }
 
@@ -158,7 +159,8 @@ TEST_F(WithoutMemoryTheManager, RegistersABundleWholeOrNotAtAll)
     Sweep([] {}, [&] { bundle = Load(path); },
           [&](bool failed) {
               EXPECT_EQ(failed, !bundle);
-              EXPECT_EQ(manager->LoadedPaths(), failed ? std::set<std::string>{} : std::set<std::string>{path});
+              EXPECT_EQ(LoadedIn(*manager, collection.Path()),
+                        failed ? std::set<std::string>{} : std::set<std::string>{path});
               if (failed) {
                   bundle = Load(path);
               }
@@ -260,11 +262,12 @@ TEST_F(WithoutMemoryTheManager, KeepsABundleThatItCannotUnload)
     BundlePtr bundle;
     Sweep([&] { bundle = Load(path); }, [&] { manager->UnloadBundle(bundle); },
           [&](bool failed) {
-              EXPECT_EQ(manager->LoadedPaths(), failed ? std::set<std::string>{path} : std::set<std::string>{});
+              EXPECT_EQ(LoadedIn(*manager, collection.Path()),
+                        failed ? std::set<std::string>{path} : std::set<std::string>{});
               if (failed) {
                   manager->UnloadBundle(bundle);
               }
-              EXPECT_TRUE(manager->LoadedPaths().empty());
+              EXPECT_TRUE(LoadedIn(*manager, collection.Path()).empty());
           });
 }
 
@@ -300,7 +303,7 @@ TEST_F(WithoutMemoryTheManager, LoadsACollectionOrReportsThatItCannot)
               if (failed) {
                   LoadAll();
               }
-              EXPECT_EQ(manager->LoadedPaths(), std::set<std::string>{path});
+              EXPECT_EQ(LoadedIn(*manager, collection.Path()), std::set<std::string>{path});
           });
 }
 
@@ -321,7 +324,7 @@ TEST_F(WithoutMemoryTheManager, UnloadsFailedBundlesOfAWalkAsFarAsItCan)
             manager->ResolveAllBundles();
             manager->StartAllBundles();
             EXPECT_EQ(ProcessTable::Entries().size(), 1U);
-            EXPECT_EQ(manager->LoadedPaths(), std::set<std::string>{collection / REQUIRED});
+            EXPECT_EQ(LoadedIn(*manager, collection.Path()), std::set<std::string>{collection / REQUIRED});
         });
 }
 

@@ -17,7 +17,7 @@ public:
         return memoryManager.LoadBundle(name);
     }
 
-    std::set<std::string> Registered() { return memoryManager.LoadedPaths(); }
+    std::set<std::string> Registered() { return LoadedOf(memoryManager, memory->Paths()); }
 };
 
 class ResolvingAllBundles : public ResolvingABundle {};
@@ -240,7 +240,7 @@ TEST_F(ResolvingAllBundles, UnloadsWhatFailedAfterTheWalkInTheOrderOfTheFailures
     EXPECT_EQ(Notes(), "a\nb\nc\n");
     EXPECT_TRUE(log.InOrder({"failed to resolve bundle[c] :Invalid argument: required bundle :[missing] not found.",
                              "run script[" + (collection / "a") + "/./script/uninstall.sh]..."}));
-    EXPECT_TRUE(manager.LoadedPaths().empty());
+    EXPECT_TRUE(LoadedIn(manager, collection.Path()).empty());
 }
 
 TEST_F(ResolvingAllBundles, LeavesNoMarkOfACircle)

@@ -221,7 +221,7 @@ TEST_F(StartingAllBundles, UnloadsFailedBundlesAfterTheWalk)
     EXPECT_TRUE(log.HasError("failed to start bundle[a]" + failure));
     EXPECT_EQ(log.Count("start bundle done."), 1);
     EXPECT_EQ(Notes(), "a\nb\n");
-    EXPECT_EQ(manager.LoadedPaths(), std::set<std::string>{collection / "c"});
+    EXPECT_EQ(LoadedIn(manager, collection.Path()), std::set<std::string>{collection / "c"});
     EXPECT_EQ(c->GetCurState(), Bundle::BUNDLE_ACTIVE);
     EXPECT_EQ(a->GetCurState(), Bundle::BUNDLE_RESOLVED);
     EXPECT_EQ(b->GetCurState(), Bundle::BUNDLE_RESOLVED);
@@ -261,7 +261,7 @@ TEST_F(StartingAllBundles, IsEndedByAStandardExceptionAndUnloadsTheFailedBundles
     EXPECT_EQ(Notes(), "a\n");
     EXPECT_EQ(b->GetCurState(), Bundle::BUNDLE_RESOLVED);
     EXPECT_EQ(c->GetCurState(), Bundle::BUNDLE_RESOLVED);
-    EXPECT_EQ(manager.LoadedPaths(), (std::set<std::string>{collection / "b", collection / "c"}));
+    EXPECT_EQ(LoadedIn(manager, collection.Path()), (std::set<std::string>{collection / "b", collection / "c"}));
 }
 
 TEST_F(StoppingABundle, MovesItToResolved)
@@ -352,7 +352,7 @@ TEST_F(StoppingABundle, OfAllFollowsTheOrderOfTheNames)
     manager.StopAllBundles();
     EXPECT_TRUE(log.InOrder({"stop bundle[a] activator Done.", "stop bundle[c] activator Done."}));
     EXPECT_FALSE(log.HasPart("bundle[b]"));
-    EXPECT_EQ(manager.LoadedPaths().size(), 3U);
+    EXPECT_EQ(LoadedIn(manager, collection.Path()).size(), 3U);
 }
 
 TEST_F(StoppingABundle, OfAllEndsAtTheFirstFailure)

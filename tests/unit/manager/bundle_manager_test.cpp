@@ -109,7 +109,7 @@ TEST_F(TheManager, WalksOverItsBundlesWhileTheyComeAndGo)
         memoryManager.ResolveAllBundles();
         memoryManager.StartAllBundles();
         memoryManager.StopAllBundles();
-        memoryManager.LoadedPaths();
+        memoryManager.IsLoaded("a");
     }
     other.join();
     EXPECT_TRUE(memoryManager.FindBundleByName("a"));

@@ -29,7 +29,7 @@ TEST_F(UnloadingABundle, ContinuesAfterAnUninstallScriptThatFails)
 {
     const auto bundle = Load(collection.Bundle("media").Uninstall("#!/bin/sh\nexit 1\n"));
     manager.UnloadBundle(bundle);
-    EXPECT_TRUE(manager.LoadedPaths().empty());
+    EXPECT_TRUE(LoadedIn(manager, collection.Path()).empty());
 }
 
 TEST_F(UnloadingABundle, IsPossibleInTheStatesInWhichItDoesNotRun)
@@ -39,7 +39,7 @@ TEST_F(UnloadingABundle, IsPossibleInTheStatesInWhichItDoesNotRun)
         bundle->SetCurState(state);
         manager.UnloadBundle(bundle);
         EXPECT_EQ(bundle->GetCurState(), state);
-        EXPECT_TRUE(manager.LoadedPaths().empty());
+        EXPECT_TRUE(LoadedIn(manager, collection.Path()).empty());
     }
 }
 
@@ -63,7 +63,7 @@ TEST_F(UnloadingABundle, IsPossibleAfterAnActiveOneIsStopped)
     manager.StopBundle(bundle);
     EXPECT_EQ(bundle->GetCurState(), Bundle::BUNDLE_RESOLVED);
     manager.UnloadBundle(bundle);
-    EXPECT_TRUE(manager.LoadedPaths().empty());
+    EXPECT_TRUE(LoadedIn(manager, collection.Path()).empty());
 }
 
 TEST_F(UnloadingABundle, IsRefusedTheSecondTime)
@@ -99,7 +99,7 @@ TEST_F(UnloadingAllBundles, StopsWhatIsActiveAndUnloadsInTheOrderOfTheNames)
     log.Restart();
     manager.UnloadAllBundles();
     EXPECT_EQ(Notes(), "a\nb\nc\n");
-    EXPECT_TRUE(manager.LoadedPaths().empty());
+    EXPECT_TRUE(LoadedIn(manager, collection.Path()).empty());
     EXPECT_TRUE(log.InOrder({"stop bundle[a] activator Done.", "bundle[a] state changing[Stopping] -> [Resolved]",
                              "run script[" + (collection / "a") + "/./script/uninstall.sh]..."}));
     EXPECT_FALSE(log.HasPart("stop bundle[b]"));
@@ -118,7 +118,7 @@ TEST_F(UnloadingAllBundles, EndsAtTheFirstRefusal)
     Load(collection.Bundle("c"));
     stuck->SetCurState(Bundle::BUNDLE_STARTING);
     EXPECT_EQ(Refusal([&] { manager.UnloadAllBundles(); }), "bundle[b] already start can not be unloaded.");
-    EXPECT_EQ(manager.LoadedPaths(), (std::set<std::string>{collection / "b", collection / "c"}));
+    EXPECT_EQ(LoadedIn(manager, collection.Path()), (std::set<std::string>{collection / "b", collection / "c"}));
 }
 
 TEST_F(TheFailProcessor, UnloadsInTheOrderOfTheFailures)
@@ -130,7 +130,7 @@ TEST_F(TheFailProcessor, UnloadsInTheOrderOfTheFailures)
         EXPECT_EQ(Notes(), "");
     }
     EXPECT_EQ(Notes(), "b\na\n");
-    EXPECT_TRUE(manager.LoadedPaths().empty());
+    EXPECT_TRUE(LoadedIn(manager, collection.Path()).empty());
 }
 
 TEST_F(TheFailProcessor, DoesNotTouchABundleThatCannotBeUnloaded)
@@ -144,7 +144,7 @@ TEST_F(TheFailProcessor, DoesNotTouchABundleThatCannotBeUnloaded)
         processor.m_failedBundles = {running, gone, failed};
     }
     EXPECT_EQ(running->GetCurState(), Bundle::BUNDLE_ACTIVE);
-    EXPECT_EQ(manager.LoadedPaths(), std::set<std::string>{collection / "running"});
+    EXPECT_EQ(LoadedIn(manager, collection.Path()), std::set<std::string>{collection / "running"});
     EXPECT_TRUE(log.HasError("failed bundle[running] is not unloaded :Invalid argument: bundle[running] already start "
                              "can not be unloaded."));
     EXPECT_TRUE(log.HasError("failed bundle[gone] is not unloaded :Invalid argument: bundle[gone] not found."));

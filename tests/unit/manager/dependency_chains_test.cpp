@@ -55,8 +55,9 @@ public:
     int CountIn(Bundle::BUNDLE_STATE_E state)
     {
         int count = 0;
-        for (const std::string& path : memoryManager.LoadedPaths()) {
-            count += memoryManager.FindBundleByName(path)->GetCurState() == state ? 1 : 0;
+        for (const std::string& name : memory->Paths()) {
+            const BundlePtr bundle = memoryManager.FindBundleByName(name);
+            count += bundle && bundle->GetCurState() == state ? 1 : 0;
         }
         return count;
     }

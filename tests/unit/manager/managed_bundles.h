@@ -4,6 +4,7 @@
 #include "bundle_manager.h"
 #include "support/collection_builder.h"
 #include "support/in_memory_factory.h"
+#include "support/loaded_paths.h"
 #include "support/log_capture.h"
 
 #include <Poco/Exception.h>
