@@ -4,10 +4,9 @@
 
 #include "floor/scan.h"
 
-#include <bundle_dir_watcher.h>
+#include <collection_scan.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -17,22 +16,10 @@
 #include <system_error>
 #include <vector>
 
-namespace SystemServer {
-
-/// Scans on the calling thread. The watcher's own thread waits meanwhile.
-class ScanTimer {
-public:
-    static bool FindsNothing(BundleDirWatcher& watcher) { return watcher.Scan().empty(); }
-};
-
-} // namespace SystemServer
-
 namespace {
 
 namespace fs = std::filesystem;
-using namespace std::chrono_literals;
-using SystemServer::BundleDirWatcher;
-using SystemServer::ScanTimer;
+using SystemServer::CollectionScan;
 
 class Collection {
 public:
@@ -89,24 +76,25 @@ template <class Action> double Measure(const Action& action)
 void MeasureCollection(const fs::path& place, int bundles)
 {
     const Collection collection(place, bundles);
-    BundleDirWatcher watcher(collection.path, 1h);
+    CollectionScan scan(collection.path + "/");
+    scan.Find(); // takes what is there as known
     const int rounds = std::clamp(200'000 / bundles, 20, 2'000);
     std::vector<double> scans;
     std::vector<double> floors;
     bool isQuiet = true;
     long long seen = 0;
     for (int i = 0; i < rounds; ++i) { // by turns, so that both see the same load
-        scans.push_back(Measure([&] { isQuiet = ScanTimer::FindsNothing(watcher) && isQuiet; }));
+        scans.push_back(Measure([&] { isQuiet = scan.Find().empty() && isQuiet; }));
         floors.push_back(Measure([&] { seen += floor_scan(collection.path.c_str()); }));
     }
     if (!isQuiet || seen <= 0) {
         std::fprintf(stderr, "the collection of %d bundles has changed or cannot be read\n", bundles);
         std::exit(EXIT_FAILURE);
     }
-    const double scan = Median(scans);
+    const double cost = Median(scans);
     const double floor = Median(floors);
-    std::printf("| %7d | %12.1f | %12.1f | %5.2f | %12.2f | %10.3f |\n", bundles, scan, floor, scan / floor,
-                scan / bundles, scan / 1e6 * 100);
+    std::printf("| %7d | %12.1f | %12.1f | %5.2f | %12.2f | %10.3f |\n", bundles, cost, floor, cost / floor,
+                cost / bundles, cost / 1e6 * 100);
 }
 
 } // namespace

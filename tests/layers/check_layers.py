@@ -51,9 +51,9 @@ LAYERS = {
     "activators": ("bundle_activator bundle_activator_factory bundle_process_activator bundle_process_monitor "
                    "bundle_thread_activator", "helpers manifest storage bundle factory"),
     "manager": ("bundle_manager dependency_chains waiting_bundles", "helpers manifest storage bundle factory activators"),
-    "watcher": ("bundle_dir_watcher framework_watcher item_details item_fingerprint known_item "
+    "watcher": ("bundle_dir_watcher collection_scan framework_watcher item_details item_fingerprint known_item "
                 "removal_tries watched_item", "helpers"),
-    "server": ("bundle_server bundle_server_events bundle_server_requests",
+    "server": ("bundle_removal bundle_server bundle_server_requests collection_follower",
                "helpers manifest storage bundle factory activators manager watcher"),
     "main": ("main", "helpers manifest storage bundle factory activators manager watcher server"),
 }

@@ -12,18 +12,18 @@ using HostPlatform::RecordLimit;
 TEST(ALimitOfRecords, PassesOneInEachIntervalAndCountsTheOthers)
 {
     RecordLimit limit(1s);
-    ASSERT_TRUE(limit.Passes());
-    EXPECT_EQ(limit.LeftOut(), 0U);
+    ASSERT_TRUE(limit.MayWrite());
+    EXPECT_EQ(limit.Suppressed(), 0U);
     for (int round = 0; round < 2; ++round) {
         const auto begin = std::chrono::steady_clock::now();
         unsigned leftOut = 0;
         ASSERT_TRUE(Eventually(20s, [&] {
             leftOut += 1;
-            return limit.Passes();
+            return limit.MayWrite();
         }));
         leftOut -= 1; // the last one has passed
         EXPECT_GT(leftOut, 0U);
-        EXPECT_EQ(limit.LeftOut(), leftOut);
+        EXPECT_EQ(limit.Suppressed(), leftOut);
         EXPECT_GE(std::chrono::steady_clock::now() - begin, 900ms) << "begin is a little after the record before";
     }
 }
@@ -31,6 +31,6 @@ TEST(ALimitOfRecords, PassesOneInEachIntervalAndCountsTheOthers)
 TEST(ALimitOfRecords, PassesTheFirstOneAtOnce)
 {
     RecordLimit limit(24h);
-    EXPECT_TRUE(limit.Passes());
-    EXPECT_FALSE(limit.Passes());
+    EXPECT_TRUE(limit.MayWrite());
+    EXPECT_FALSE(limit.MayWrite());
 }

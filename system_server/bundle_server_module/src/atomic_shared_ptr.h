@@ -8,7 +8,8 @@
 namespace SystemServer {
 
 /// A shared_ptr that one thread replaces while others read it. Each standard has a way of its own for this: C++20
-/// deprecates that of C++17, which has nothing else.
+/// deprecates that of C++17, which has nothing else. Empty until something is stored. No operation throws or blocks for
+/// long; an object that is replaced goes with its last reader.
 template <typename T> class AtomicSharedPtr {
 public:
 #ifdef __cpp_lib_atomic_shared_ptr
@@ -34,7 +35,7 @@ private:
     }
 
 private:
-    std::shared_ptr<T> m_pointer; // atomic access only
+    std::shared_ptr<T> m_pointer; // accessed by the atomic functions only
 #endif
 };
 

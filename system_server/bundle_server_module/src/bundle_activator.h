@@ -8,8 +8,8 @@
 
 namespace SystemServer {
 
-/// Brings a bundle's items to life and takes them down again. Made once per bundle and used for every start and stop,
-/// which the manager calls under its lock. Destroying it stops nothing.
+/// Starts and stops a bundle's items. Made once per bundle and used for every start and stop, which the manager calls
+/// under its lock. Destroying it stops nothing.
 class BundleActivator {
 public:
     virtual ~BundleActivator() = default;

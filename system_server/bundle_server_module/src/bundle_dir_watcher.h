@@ -1,24 +1,14 @@
 #ifndef BUNDLE_DIR_WATCHER_H
 #define BUNDLE_DIR_WATCHER_H
 
-#include "item_fingerprint.h"
-#include "removal_tries.h"
-#include "thread_annotations.h"
-#include "watched_item.h"
+#include "collection_scan.h"
 
 #include <Poco/DirectoryWatcher.h>
 
-#include <atomic>
 #include <chrono>
-#include <cstdint>
-#include <functional>
 #include <future>
-#include <map>
-#include <mutex>
 #include <string>
-#include <string_view>
 #include <thread>
-#include <utility>
 #include <vector>
 
 namespace SystemServer {
@@ -39,80 +29,70 @@ namespace SystemServer {
 ///
 /// While the collection cannot be read nothing is raised; what is there afterwards is compared with what was there
 /// before.
+///
+/// No lock is held while an event is raised. What a handler throws is logged and goes no further. All operations may be
+/// called from any thread, a handler included. Each path is an item's, as the events have it; unknown paths are passed
+/// over.
 class BundleDirWatcher : public Poco::DirectoryWatcher {
 public:
     /// Takes what is there as known and starts the thread; the first scan follows one interval later.
     /// @throws Poco::Exception path is no directory, or the framework's watcher cannot be made
     explicit BundleDirWatcher(const std::string& path, std::chrono::milliseconds interval = std::chrono::seconds(1));
 
-    /// Waits for a handler that runs, and for nothing else. No event is raised any more when it returns.
+    /// Waits for a handler that runs, and for nothing else. No event is raised any more when it returns. Not called by
+    /// a handler.
     ~BundleDirWatcher() override;
 
     BundleDirWatcher(const BundleDirWatcher&) = delete;
     BundleDirWatcher& operator=(const BundleDirWatcher&) = delete;
 
-    /// Takes what has changed in an item up to now for known. For whoever has changed it himself, and for a handler
-    /// before it reads the item. A directory that has been replaced by another is no such change: it is raised as
-    /// modified all the same. Any thread. Unknown items are passed over.
-    void AcceptChanges(const std::string& path);
+    /// Marks an item's current state as seen; no event follows. For the author of a change, and for a handler before it
+    /// reads the item. A directory that has been replaced by another is no such change: it is raised as modified all
+    /// the same.
+    /// @throws std::bad_alloc the changes are raised
+    void AcceptChanges(const std::string& path) { m_scan.AcceptChanges(path); }
 
-    /// Raises an item as modified although its changes are accepted, because it is not as it was taken in. False when
-    /// the last modification was raised for that reason, and nothing else has changed since: an item that changes each
-    /// time it is taken in would be raised without an end. Any thread. Unknown items and those that are being removed
-    /// are passed over. Throws nothing.
-    bool RaiseOnceMore(const std::string& path);
+    /// Raises an item as modified although its changes are accepted, because it is not as it was taken in. An item that
+    /// is being removed is passed over. Throws nothing.
+    /// @return false when the last modification was raised for that reason, and nothing else has changed since: an item
+    /// that changes each time it is taken in would be raised again and again
+    bool RaiseOnceMore(const std::string& path) { return m_scan.RaiseOnceMore(path); }
 
-    /// Raises a directory as added once more, when it has come to rest. For one of which a change was raised that
-    /// nobody could take: it may have been mended. Any thread. Plain files and unknown items are passed over. Throws
-    /// nothing.
-    void OfferAgain(const std::string& path);
+    /// Raises a directory as added once more, when it has come to rest. For a directory with a change that its handler
+    /// could not use: it may have been mended. Plain files are passed over. Throws nothing.
+    void RetryAdd(const std::string& path) { m_scan.RetryAdd(path); }
 
     /// Raises a removal again at the next scan; after ten times in a row once a minute, and no more when the directory
     /// is back. For the handler of a removal that could not deal with it. Other calls do nothing. Throws nothing.
-    void RetryRemoval(const std::string& path);
+    void RetryRemoval(const std::string& path) { m_scan.RetryRemoval(path); }
 
-    /// Keeps a directory from being raised, by anything but its end, that its owner is about to remove: half of it
-    /// would look like a change. When the removal has begun, this holds until the directory has gone or another one has
-    /// come to its place, also when that is long after the life of the object. Any thread.
+    /// Whether the directory under that path is one that has been withdrawn.
+    bool IsWithdrawn(const std::string& path) { return m_scan.IsWithdrawn(path); }
+
+    /// Keeps a directory that its owner is about to remove from being raised, by anything but its end: half of it would
+    /// look like a change. When the removal has begun, this holds until the directory has gone or another one has come
+    /// to its place, also when that is long after the life of the object.
     class Withdrawal {
     public:
+        /// @param watcher outlives the object
+        /// @throws std::bad_alloc the directory is followed as before
         Withdrawal(BundleDirWatcher& watcher, std::string path);
         /// Unless the removal has begun, the directory is followed as before.
         ~Withdrawal();
         Withdrawal(const Withdrawal&) = delete;
         Withdrawal& operator=(const Withdrawal&) = delete;
 
+        /// From now on anything in the directory may have been removed.
         void Begin() { m_hasBegun = true; }
 
     private:
-        BundleDirWatcher& m_watcher;
+        CollectionScan& m_scan;
         const std::string m_path;
         bool m_hasBegun = false;
     };
 
-    /// Whether the directory under that path is one that has been withdrawn. Any thread.
-    bool IsWithdrawn(const std::string& path);
-
 private:
-    friend class ScanTimer; // measures what one scan costs
-
     using Clock = std::chrono::steady_clock;
-
-    struct Entry {
-        explicit Entry(WatchedItem what) : item(std::move(what)) {}
-
-        WatchedItem item;
-        std::uint64_t lastScan = 0; // that has seen it
-    };
-
-    struct Change {
-        DirectoryEventType type;
-        std::string name;
-        bool isDirectory;
-        std::int64_t time = 0; // when it was made, nanoseconds; 0 when that cannot be told
-        bool isRetry = false;  // of a removal
-    };
-    using Changes = std::vector<Change>;
 
     BundleDirWatcher(const std::string& path, std::chrono::milliseconds interval,
                      const std::vector<int>& othersDescriptors);
@@ -120,35 +100,14 @@ private:
     void Follow(Clock::time_point firstScan);
     void RaiseChanges();
     bool WaitUntil(Clock::time_point time) const;
-    bool LetSettle(const Change& change);
-    Changes Scan();
-    void LookAtAll(Changes& changes) REQUIRES(m_mutex);
-    void LookAt(int collection, const char* name, unsigned char type, Changes& changes) REQUIRES(m_mutex);
-    void FindGone(int collection, Changes& changes) REQUIRES(m_mutex);
-    bool HasGone(int collection, const std::string& name, WatchedItem& item) REQUIRES(m_mutex);
-    void NoteReadable(int error) REQUIRES(m_mutex);
-    bool Take(const Change& change);
-    void Raise(DirectoryEventType type, const Poco::File& file) EXCLUDES(m_mutex);
-    void EndRemoval(const std::string& name);
-    void CountNames();
-    void Withdraw(const std::string& path);
-    void EndWithdrawal(const std::string& path, bool hasBegun);
-    std::string_view NameOf(const std::string& path) const;
-    WatchedItem* FindItem(const std::string& path) REQUIRES(m_mutex);
+    bool LetSettle(const CollectionChange& change) const;
+    void Raise(CollectionChange::Kind kind, const Poco::File& file);
 
-    const std::string m_prefix; // of an item's path, ending in "/": made the way the manager makes its bundles' paths
+    const std::string m_prefix; // of an item's path, ending in "/"
     const std::chrono::milliseconds m_interval;
-    std::atomic<bool> m_stopping{false};
     std::promise<void> m_stop; // ends a wait that begins later, too
     const std::future<void> m_stopRequested = m_stop.get_future();
-
-    mutable std::mutex m_mutex;                                            // never held while an event is raised
-    std::map<std::string, Entry, std::less<>> m_items GUARDED_BY(m_mutex); // by name
-    RemovalTries m_removals GUARDED_BY(m_mutex);
-    bool m_areNamesCounted GUARDED_BY(m_mutex) = false;
-    std::uint64_t m_scan GUARDED_BY(m_mutex) = 0; // number of the last one
-    bool m_isReadable GUARDED_BY(m_mutex) = true;
-    Fingerprinter m_fingerprinter GUARDED_BY(m_mutex){m_stopping};
+    CollectionScan m_scan{m_prefix};
     std::thread m_thread; // touched by the constructor and the destructor only
 };
 

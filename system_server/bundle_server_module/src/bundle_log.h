@@ -19,8 +19,8 @@ constexpr int LANGUAGE_LOG_MODULE = 5;
 constexpr int LOG_LEVEL_INFO = 1;
 constexpr int LOG_LEVEL_ERROR = 3;
 
-/// What an exception says, for a record. Throws nothing: it is asked for where something else has gone wrong, which may
-/// well have been memory.
+/// What an exception says, for a record. Throws nothing: it is called where something else has failed, which may have
+/// been an allocation.
 inline std::string ReasonOf(const std::exception& e) noexcept
 {
     try {
@@ -37,5 +37,15 @@ inline std::string ReasonOf(const std::exception& e) noexcept
 #define BUNDLE_LOG(level, ...) ZQ_WriteLog(SystemServer::LOG_MODULE, (level), 0, 0, __FILE__, __LINE__, __VA_ARGS__)
 #define BUNDLE_INFO(...) BUNDLE_LOG(SystemServer::LOG_LEVEL_INFO, __VA_ARGS__)
 #define BUNDLE_ERROR(...) BUNDLE_LOG(SystemServer::LOG_LEVEL_ERROR, __VA_ARGS__)
+
+namespace SystemServer {
+
+/// Goes before the error record of a step that failed, which names the object but not the cause. Throws nothing.
+inline void LogReason(const std::exception& e) noexcept
+{
+    BUNDLE_INFO("exception info: [%s].", ReasonOf(e).c_str());
+}
+
+} // namespace SystemServer
 
 #endif

@@ -166,8 +166,8 @@ void BundleManifest::ParseLoadItem(const std::string& section)
     BUNDLE_INFO("bundle item name ------> [%s]", item.itemName.c_str());
     const ItemKind kind = KindOf(item.itemName);
     if (kind == ItemKind::TOO_SHORT) {
-        // No Poco::Exception, and so no matter of this one bundle when the whole collection is loaded: it ends the
-        // start.
+        // This is no Poco::Exception, so it does not concern this bundle alone when the whole collection is loaded: it
+        // ends the start.
         throw std::out_of_range("item name[" + item.itemName + "] is shorter than three characters");
     }
     if (kind == ItemKind::LIBRARY) {

@@ -21,6 +21,7 @@ public:
     /// two is refused when the bundle asks for its activator.
     enum LoadModeType : int { PROCESS_LOAD_MODE = 0, THREAD_LOAD_MODE = 1 };
 
+    /// One item, as its section describes it.
     struct LoadItem {
         std::string itemName;  ///< file name below the bundle's "./bin/"
         std::string entryFunc; ///< entered when a ".so" item is run; empty for any other item
@@ -43,7 +44,9 @@ public:
     BundleManifest(const BundleManifest&) = delete;
     BundleManifest& operator=(const BundleManifest&) = delete;
 
+    /// What the accessors return belongs to the manifest and never changes.
     const std::string& GetBundleName() const { return m_bundleName; }
+    /// Any integer, see above.
     LoadModeType GetLoadMode() const { return m_loadMode; }
 
     /// In the order in which they are written, duplicates included.

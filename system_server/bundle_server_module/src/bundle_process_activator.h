@@ -35,13 +35,16 @@ public:
         std::string entryFunc; ///< for ".so" items
     };
 
+    /// The loader program's file name, and the directory in which it is looked for unless the configuration names one.
     static const std::string& DYN_LIB_PROCESS_LOADER;
     static const std::string& DEFAULT_PATH_TO_LOADER;
 
+    /// Starts nothing.
     explicit BundleProcessActivator(std::shared_ptr<Bundle> bundle);
+    /// Stops nothing: the children go on under the monitor.
     ~BundleProcessActivator() override;
 
-    /// Launches the items in manifest order, which takes at least a second each.
+    /// Launches the items in the manifest's order, which takes at least a second each.
     /// @throws Poco::InvalidArgumentException as Launch
     void Start() override;
 

@@ -89,10 +89,7 @@ void BundleServer::initialize(Application& self)
     } catch (...) {
         m_startupFailure = std::current_exception();
         logger().setChannel(nullptr); // the process entry tells what it was, and once is enough
-        try {
-            m_gate.set_value(nullptr);
-        } catch (const std::future_error&) { // open already: what failed came after the start of the bundles
-        }
+        m_follower.OpenGate(nullptr);
         throw;
     }
 }
@@ -105,8 +102,8 @@ void BundleServer::StartUp()
     WatchCollection(collectionDir);
 
     BUNDLE_INFO("create BundleFactory...");
-    const std::shared_ptr<BundleFactory> bundleFactory =
-        std::make_shared<BundleStorageDirFactory>([this](const Bundle& bundle) { AcceptWritesOfScript(bundle); });
+    const std::shared_ptr<BundleFactory> bundleFactory = std::make_shared<BundleStorageDirFactory>(
+        [this](const Bundle& bundle) { m_follower.AcceptWritesOfScript(bundle); });
     BUNDLE_INFO("create BundleFactory done.");
     BUNDLE_INFO("create BundleManager...");
     m_bundleManager = std::make_shared<BundleManager>(bundleFactory);
@@ -121,38 +118,19 @@ void BundleServer::StartUp()
     BUNDLE_INFO("StartAllBundles...");
     m_bundleManager->StartAllBundles();
     BUNDLE_INFO("StartAllBundles done.");
-    m_gate.set_value(m_bundleManager);
+    m_follower.OpenGate(m_bundleManager);
 }
 
 // The one place where the watcher is made.
 void BundleServer::WatchCollection(const std::string& collectionDir)
 {
-    m_gateOpen = m_gate.get_future().share();
-    m_collectionSync = std::make_unique<DirectorySync>(collectionDir);
     const auto watcher = std::make_shared<BundleDirWatcher>(collectionDir);
-    m_changes = watcher.get();
+    m_follower.SetWatcher(*watcher);
+    m_removal = std::make_unique<BundleRemoval>(*watcher, collectionDir);
     m_dirWatcher = watcher;
     m_dirWatcher->itemAdded += Poco::delegate(this, &BundleServer::OnItemAdded);
     m_dirWatcher->itemRemoved += Poco::delegate(this, &BundleServer::OnItemRemoved);
     m_dirWatcher->itemModified += Poco::delegate(this, &BundleServer::OnItemModified);
-}
-
-// What a script has written in its bundle is no change that anybody has made, but for a manifest that is not the one in
-// force: that has come while the script ran, or the script has made it. The look at it comes last, so that one which
-// comes even later is a change like any other. What the watcher is not told, because it is out of memory, costs a
-// needless update.
-void BundleServer::AcceptWritesOfScript(const Bundle& bundle) const
-{
-    const std::string& path = bundle.GetStorage()->GetRootPath();
-    try {
-        m_changes->AcceptChanges(path);
-        if (bundle.IsManifestOutdated() && !m_changes->RaiseOnceMore(path)) {
-            BUNDLE_INFO("manifest in [%s] has been changed by a script again, and is read after the next change.",
-                        path.c_str());
-        }
-    } catch (const std::exception& e) {
-        BUNDLE_ERROR("accept changes of [%s] fail. exception info: [%s].", path.c_str(), ReasonOf(e).c_str());
-    }
 }
 
 int BundleServer::main(const std::vector<std::string>& /*args*/)
@@ -188,9 +166,19 @@ int BundleServer::StartServer(bolt_server* server, void* /*arg*/)
     return 0;
 }
 
-void BundleServer::LogReason(const std::exception& e)
+void BundleServer::OnItemAdded(const Poco::DirectoryWatcher::DirectoryEvent& event)
 {
-    BUNDLE_INFO("exception info: [%s].", ReasonOf(e).c_str());
+    m_follower.OnAdded(event.item.path());
+}
+
+void BundleServer::OnItemRemoved(const Poco::DirectoryWatcher::DirectoryEvent& event)
+{
+    m_follower.OnRemoved(event.item.path());
+}
+
+void BundleServer::OnItemModified(const Poco::DirectoryWatcher::DirectoryEvent& event)
+{
+    m_follower.OnModified(event.item.path());
 }
 
 } // namespace SystemServer

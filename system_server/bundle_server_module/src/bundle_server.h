@@ -1,9 +1,9 @@
 #ifndef BUNDLE_SERVER_H
 #define BUNDLE_SERVER_H
 
-#include "bundle_dir_watcher.h"
 #include "bundle_manager.h"
-#include "directory_sync.h"
+#include "bundle_removal.h"
+#include "collection_follower.h"
 #include "start_up_signals.h"
 
 #include <Poco/DirectoryWatcher.h>
@@ -17,9 +17,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <exception>
-#include <future>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -33,7 +31,9 @@ void PublishDeleteMsg();
 /// and threads are left as they are.
 class BundleServer : public Poco::Util::ServerApplication {
 public:
+    /// On the main thread, before any other thread is started.
     BundleServer() = default;
+    /// Waits for a handler of the watcher that runs, then lets go of the bundles.
     ~BundleServer() override;
 
     /// The framework keeps what start-up throws to itself and makes run() return its configuration error.
@@ -43,33 +43,51 @@ public:
 protected:
     using MsgHandler = void (*)(lumo_message*, bolt_connection*);
 
-    /// A reply to a request.
+    /// A reply to a request. The content stays the caller's.
     struct ReplyMsgInfo {
-        std::uint16_t retCode;
+        std::uint16_t retCode; ///< 200, 400 or 404
         const void* content;
         std::uint32_t contentLen; ///< 0: no content
     };
 
-    /// Loads, resolves and starts the collection.
+    /// Loads, resolves and starts the collection, then sets up the framework's subsystems. The watcher's handlers wait
+    /// until the bundles are started.
     /// @throws Poco::NotFoundException the configuration lacks "global.bundle_collection_dir"
     /// @throws what the watcher and the manager throw
     void initialize(Application& self) override;
+    /// Adds "help" and "config-file" to the options of the framework.
     void defineOptions(Poco::Util::OptionSet& options) override;
+
+    /// Runs the service until a signal ends it. Without a service, waits for the signal all the same: the bundles are
+    /// still supervised. Returns the process's exit status, which is always 0.
     int main(const std::vector<std::string>& args) override;
 
+    /// Prints the help and ends the process with status 0. Never returns.
     void HandleHelp(const std::string& name, const std::string& value);
+    /// @param value the path of the file that is loaded
+    /// @throws Poco::Exception the file cannot be loaded
     void HandleConfig(const std::string& name, const std::string& value);
+    /// Writes the help to standard output.
     void DisplayHelp();
 
+    /// Serves requests on this thread until the event loop ends. Returns at once, with an error record, when the
+    /// service cannot be set up.
     void RunService();
+    /// The event loop's call when the service is registered. Returns 0: nothing can fail.
     static int StartServer(bolt_server* server, void* arg);
+    /// The event loop's call for each request. Exactly one reply follows from it. The message stays the loop's. Throws
+    /// nothing.
     static void ProcessMsg(lumo_message* msg, bolt_connection* conn);
+    /// Turns the request into its reply and queues it. Never blocks; a reply that cannot be queued is dropped.
     static void ReplyMsg(lumo_message* msg, bolt_connection* conn, const ReplyMsgInfo& info);
-    /// Points param at the request's content. Returns 0, or -1 with an error record when there are fewer than required
-    /// bytes of it.
+    /// Points param at the request's content, which stays the message's. Returns 0, or -1 with an error record when
+    /// there are fewer than required bytes of it.
     static int GetParamFromContent(lumo_message* msg, bolt_connection* conn, void** param, unsigned required);
+    /// Deletes the bundle that the request names, replies and, on success, publishes the event. Takes as long as the
+    /// bundle's scripts and "rm" do; further requests wait.
     static void DeleteBundleItem(lumo_message* msg, bolt_connection* conn);
 
+    // The watcher's events, on its thread. CollectionFollower says what they do and throw.
     void OnItemAdded(const Poco::DirectoryWatcher::DirectoryEvent& event);
     void OnItemRemoved(const Poco::DirectoryWatcher::DirectoryEvent& event);
     void OnItemModified(const Poco::DirectoryWatcher::DirectoryEvent& event);
@@ -81,39 +99,16 @@ protected:
 private:
     void StartUp();
     void WatchCollection(const std::string& collectionDir);
-    void AcceptWritesOfScript(const Bundle& bundle) const;
-    std::shared_ptr<BundleManager> ManagerAtGate() const { return m_gateOpen.get(); }
-
     static std::uint16_t DeleteBundle(const char* content, std::size_t length);
-    static bool StopAndRemove(const BundleServer& server, const std::shared_ptr<Bundle>& bundle);
-    static bool StopAndUnload(BundleManager& manager, const std::shared_ptr<Bundle>& bundle);
-    static bool RemoveBundleDirectory(const std::string& path, BundleDirWatcher::Withdrawal& withdrawal);
-    static std::shared_ptr<Bundle> FindChanged(BundleManager& manager, const std::string& path);
-    std::shared_ptr<Bundle> LoadAdded(BundleManager& manager, const std::string& path);
-    void RetryRemoval(BundleManager& manager, const Bundle& bundle);
-    void OfferRefusedAgain();
-    static void StartAdded(BundleManager& manager, const std::shared_ptr<Bundle>& bundle);
-    static void UpdateAndRestart(BundleManager& manager, const std::shared_ptr<Bundle>& bundle);
-    /// Goes before the error record of a step that failed, which names the object but not the cause.
-    static void LogReason(const std::exception& e);
 
-    using Gate = std::promise<std::shared_ptr<BundleManager>>;
-
-    // The main thread's, but for m_changes and m_gateOpen: these are set before there is a handler, and stay.
+    // The main thread's, apart from m_follower, whose handlers run on the watcher's thread.
     StartUpSignals m_startUpSignals;
     bool m_helpRequested = false;
-    std::shared_ptr<BundleManager> m_bundleManager; // the main thread's; the watcher's gets it through the gate
+    std::shared_ptr<BundleManager> m_bundleManager; // the watcher's thread gets it through the follower's gate
     std::shared_ptr<Poco::DirectoryWatcher> m_dirWatcher;
-    std::unique_ptr<DirectorySync> m_collectionSync;
-    BundleDirWatcher* m_changes = nullptr; // *m_dirWatcher, for its handlers, which run even while it is being released
-    // Events wait here until start-up has started the collection, for its walks over all bundles and a handler would
-    // get into each other's way; empty when it has failed.
-    Gate m_gate;
-    std::shared_future<std::shared_ptr<BundleManager>> m_gateOpen;
+    CollectionFollower m_follower; // outlives the watcher's thread
+    std::unique_ptr<BundleRemoval> m_removal;
     std::exception_ptr m_startupFailure;
-    // The watcher's thread's.
-    std::set<std::string> m_unfinishedRemovals;  // paths of bundles that could not be stopped when they had gone
-    std::vector<std::string> m_refusedMeanwhile; // paths of additions: what has gone may have held their names
 };
 
 } // namespace SystemServer

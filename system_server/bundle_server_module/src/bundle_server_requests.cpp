@@ -2,15 +2,10 @@
 
 #include "bundle_log.h"
 #include "bundle_server.h"
-#include "group_leader.h"
 
 #include <algapp_bolt_comm.h>
 #include <bundle_service.h>
 
-#include <Poco/Exception.h>
-#include <Poco/Process.h>
-
-#include <chrono>
 #include <cstring>
 
 namespace SystemServer {
@@ -21,13 +16,6 @@ using BundleService::RESPONSE_FLAG;
 using BundleService::STATUS_BAD_REQUEST;
 using BundleService::STATUS_NOT_FOUND;
 using BundleService::STATUS_OK;
-
-namespace {
-
-/// A power cut must not bring back what was answered as deleted. But no client waits longer than this for a slow disk.
-constexpr std::chrono::seconds SYNC_PATIENCE(1);
-
-} // namespace
 
 void PublishDeleteMsg()
 {
@@ -113,59 +101,10 @@ std::uint16_t BundleServer::DeleteBundle(const char* content, std::size_t length
             return STATUS_NOT_FOUND;
         }
         BUNDLE_INFO("find bundle done.");
-        if (!StopAndRemove(server, bundle)) {
-            return STATUS_BAD_REQUEST;
-        }
-        server.m_collectionSync->Run(SYNC_PATIENCE);
-        return STATUS_OK;
+        return server.m_removal->Remove(*server.m_bundleManager, bundle) ? STATUS_OK : STATUS_BAD_REQUEST;
     } catch (const std::exception& e) {
         BUNDLE_ERROR("request fail.exception info: [%s].", e.what());
         return STATUS_BAD_REQUEST;
-    }
-}
-
-// Withdrawn before it leaves the registry: the watcher's thread, which finds it there no more, asks next whether it is
-// being removed.
-bool BundleServer::StopAndRemove(const BundleServer& server, const std::shared_ptr<Bundle>& bundle)
-{
-    const std::string& path = bundle->GetStorage()->GetRootPath();
-    BundleDirWatcher::Withdrawal withdrawal(*server.m_changes, path);
-    return StopAndUnload(*server.m_bundleManager, bundle) && RemoveBundleDirectory(path, withdrawal);
-}
-
-bool BundleServer::StopAndUnload(BundleManager& manager, const std::shared_ptr<Bundle>& bundle)
-{
-    const std::string name = NameOf(*bundle);
-    try {
-        BUNDLE_INFO("stop bundle[%s]...", name.c_str());
-        manager.StopBundle(bundle);
-        BUNDLE_INFO("stop bundle done.");
-        BUNDLE_INFO("unload bundle[%s]...", name.c_str());
-        manager.UnloadBundle(bundle);
-        BUNDLE_INFO("unload bundle done.");
-        return true;
-    } catch (const std::exception& e) {
-        LogReason(e);
-        BUNDLE_ERROR("uninstalling bundle[%s] failed.", name.c_str());
-        return false;
-    }
-}
-
-bool BundleServer::RemoveBundleDirectory(const std::string& path, BundleDirWatcher::Withdrawal& withdrawal)
-{
-    try {
-        const GroupLeader remover = LaunchInOwnGroup("rm", {"-rf", path});
-        withdrawal.Begin();
-        if (remover.groupError != 0) {
-            BUNDLE_ERROR("setpgid %d to pgid %d failed errno %s ", remover.process.id(), 0,
-                         std::strerror(remover.groupError));
-        }
-        remover.process.wait();
-        BUNDLE_INFO("success to rm : [%s].", path.c_str());
-        return true;
-    } catch (const Poco::Exception& e) {
-        BUNDLE_ERROR("remove cmd exception.exception info: [%s].", e.displayText().c_str());
-        return false;
     }
 }
 

@@ -25,7 +25,7 @@ Poco::Path BundleStorageDir::GetResourceAbsPath(const std::string& relativePath)
     if (relative.isAbsolute()) {
         throw Poco::InvalidArgumentException("Path is not relative path.");
     }
-    // Anywhere, not only as a component: a name like "a..b" is given up for a test that cannot be outwitted.
+    // Anywhere, not only as a component. That refuses a name like "a..b" too, and is a test that no path gets round.
     if (relativePath.find("..") != std::string::npos) {
         throw Poco::InvalidArgumentException("Path must not contain '..'");
     }
@@ -58,7 +58,7 @@ std::istream* BundleStorageDir::GetResourceFile(const std::string& relativePath)
         throw Poco::OpenFileException("not a regular file", path);
     }
     auto stream = std::make_unique<Poco::FileInputStream>(path, std::ios::in);
-    // What the kernel makes up while it is read looks empty, and some of it waits for news or never ends.
+    // A file that the kernel makes up while it is read shows the size 0. Reading it may wait for news or never end.
     if (status.st_size == 0) {
         stream->setstate(std::ios::eofbit);
     }

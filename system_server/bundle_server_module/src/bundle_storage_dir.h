@@ -23,6 +23,7 @@ public:
     /// @return a new stream that the caller owns, or null when there is no such file; the log says why
     virtual std::istream* GetResourceFile(const std::string& relativePath) const = 0;
 
+    /// As it was given. Valid as long as the storage.
     const std::string& GetRootPath() const { return m_rootPath; }
 
 protected:

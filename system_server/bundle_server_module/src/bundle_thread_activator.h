@@ -16,10 +16,11 @@ namespace SystemServer {
 /// ends. Held by shared pointers only.
 class BundleThreadActivator : public BundleActivator, public std::enable_shared_from_this<BundleThreadActivator> {
 public:
+    /// Starts nothing.
     explicit BundleThreadActivator(std::shared_ptr<Bundle> bundle);
     ~BundleThreadActivator() override;
 
-    /// Returns when the threads are started; what becomes of them only the log says.
+    /// Returns when the threads are started; what becomes of them is only in the log.
     /// @throws Poco::InvalidArgumentException an item is no dynamic library, or its thread cannot be created
     void Start() override;
 

@@ -14,14 +14,15 @@
 
 namespace SystemServer {
 
-/// The deaths among the children of a process group, in rounds: all that are dead at one moment before any later one.
-/// In the kernel's own order the waiting thread's children come first. Those are the ones that the monitor has
-/// relaunched, so one item that ends at once each time would keep every other death from being seen.
+/// One thread's. The deaths among the children of a process group, in rounds: all that are dead at one moment before
+/// any later one. In the kernel's own order the waiting thread's children come first. Those are the ones that the
+/// monitor has relaunched, so one item that ends at once each time would keep every other death from being seen.
 class ChildWait {
 public:
     /// The children to look at beside the one that the kernel names first.
     using KnownChildren = std::function<std::vector<int>()>;
 
+    /// @param knownChildren called in Next, on its thread
     explicit ChildWait(KnownChildren knownChildren);
     ~ChildWait();
     ChildWait(const ChildWait&) = delete;
@@ -39,8 +40,10 @@ private:
     std::list<int> m_round; // a list, because an empty one needs no memory
 };
 
-/// Does what a dead child calls for. Where memory is short it tries again each second: it is the monitor's to do, and
-/// no other thread would.
+/// Does what a dead child calls for. Where memory is short it tries again each second, without an end: only the monitor
+/// does this work.
+/// @return what the step returns
+/// @throws what the step throws, apart from std::bad_alloc
 template <class Step> auto RetryOnBadAlloc(int pid, const Step& step)
 {
     for (;;) {

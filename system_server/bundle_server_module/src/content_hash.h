@@ -7,9 +7,11 @@
 namespace SystemServer {
 
 /// Tells contents apart at the price of eight bytes each (FNV-1a). By chance two contents have the same hash once in
-/// 2^64 pairs. On purpose such a pair can be made, which only harms the bundle of its maker.
+/// 2^64 pairs. Such a pair can be made on purpose, which harms only the bundle of its maker. Used by one thread at a
+/// time.
 class ContentHash {
 public:
+    /// The next piece of the content; pieces may have any size.
     void Add(const char* data, std::size_t size)
     {
         for (std::size_t i = 0; i < size; ++i) {

@@ -24,8 +24,8 @@ using Common::UniqueFd;
 
 namespace {
 
-// What is read from it is at its end, whatever the file system has under any name.
-UniqueFd OpenNothing()
+// Its read end: a read finds the end of the data at once. A file of that kind could be missing.
+UniqueFd OpenEndedPipe()
 {
     std::array<int, 2> ends{-1, -1};
     if (pipe2(ends.data(), O_CLOEXEC) == -1) {
@@ -81,21 +81,21 @@ std::vector<int> InotifyDescriptors()
     return found;
 }
 
-// The framework has opened a descriptor that every bundle would inherit, and behind which the kernel goes on to collect
-// what nobody reads. The framework closes the number when it ends, so something must stand there. Its thread, which may
-// have begun to sleep on the descriptor for a fifth of a second, is woken by the end of its watch; whatever it looks at
-// from then on is at its end.
+// The framework has opened a descriptor that every bundle would inherit. Behind it the kernel goes on to collect
+// notifications that have no reader. The framework closes the number when it ends, so something must stand there. Its
+// thread, which may have begun to sleep on the descriptor for a fifth of a second, is woken by the end of its watch;
+// whatever it looks at from then on is at its end.
 std::vector<UniqueFd> DetachInotify(const std::vector<int>& othersDescriptors)
 {
     constexpr int firstWatch = 1;
-    const UniqueFd nothing = OpenNothing();
+    const UniqueFd endedPipe = OpenEndedPipe();
     std::vector<UniqueFd> detached;
     for (const int descriptor : InotifyDescriptors()) {
         if (std::find(othersDescriptors.begin(), othersDescriptors.end(), descriptor) != othersDescriptors.end()) {
             continue;
         }
         detached.emplace_back(fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
-        if (dup3(nothing.Get(), descriptor, O_CLOEXEC) == -1) {
+        if (dup3(endedPipe.Get(), descriptor, O_CLOEXEC) == -1) {
             fcntl(descriptor, F_SETFD, FD_CLOEXEC);
         }
         inotify_rm_watch(detached.back().Get(), firstWatch);
@@ -105,7 +105,7 @@ std::vector<UniqueFd> DetachInotify(const std::vector<int>& othersDescriptors)
 
 // The framework joins its thread again when it is destroyed, and a thread that has been joined already cannot be: the
 // handle may by then be another thread's. So it is given one that ends at once and stays to be joined.
-void LeaveThreadToJoin(Poco::DirectoryWatcher& watcher)
+void StartIdleThread(Poco::DirectoryWatcher& watcher)
 {
     static Nothing nothing;
     Poco::Thread& thread = watcher.*MemberOf(FrameworkThread());

@@ -16,17 +16,21 @@ namespace SystemServer {
 /// @throws Poco::FileException the framework cannot look at what is there, and would say that nothing is
 const std::string& RequireVisible(const std::string& path);
 
-/// The process's descriptors for the kernel's notifications. Asked for before the framework's watcher is made, they are
-/// those of others.
+/// The process's descriptors for the kernel's notifications. Those found before the framework's watcher is made belong
+/// to others.
+/// @throws std::bad_alloc
 std::vector<int> InotifyDescriptors();
 
-/// Puts something in the place of the framework's descriptor from which nothing will ever come, and that no child
-/// inherits. The framework's thread ends its sleep, and stops when it is asked to.
-/// @return what stood there. Closing it takes the kernel some 20 ms: a thread that has the time does it
+/// Puts a pipe at its end in the place of the framework's descriptor: nothing will ever come from it, and no child
+/// inherits it. The framework's thread ends its sleep, and stops when it is asked to.
+/// @return the descriptor that stood there. Closing it takes the kernel some 20 ms, so a thread that has the time does
+/// it
 std::vector<Common::UniqueFd> DetachInotify(const std::vector<int>& othersDescriptors);
 
-/// Gives the framework's watcher, whose thread has been joined, another one to join when it is destroyed.
-void LeaveThreadToJoin(Poco::DirectoryWatcher& watcher);
+/// Gives the framework's watcher, whose thread has been joined, another one to join when it is destroyed. The thread
+/// ends at once.
+/// @throws Poco::SystemException the thread cannot be started
+void StartIdleThread(Poco::DirectoryWatcher& watcher);
 
 } // namespace SystemServer
 

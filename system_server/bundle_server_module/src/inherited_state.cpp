@@ -33,7 +33,7 @@ void RestoreSignals()
 StartState::StartState()
 {
     pthread_sigmask(SIG_SETMASK, nullptr, &signalMask);
-    // Blocked by the framework's library when it was loaded, not by whoever started the server.
+    // Blocked by the framework's library when it was loaded, not by the process that started the server.
     sigdelset(&signalMask, SIGPIPE);
     // A parent that starts the server with SIGCHLD ignored asks the kernel to throw the exits of its children away:
     // nothing could be waited for.

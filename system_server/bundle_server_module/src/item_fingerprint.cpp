@@ -23,7 +23,8 @@ constexpr std::uint64_t WALKED_ENTRIES = 65'536;
 constexpr std::array<const char*, ITEM_PARTS> ITEM_PART_NAMES{"", BundleLayout::MANIFEST, BundleLayout::BIN,
                                                               BundleLayout::SCRIPT};
 
-static_assert(sizeof(ino_t) == 8 && sizeof(off_t) == 8, "with less, a file with a large number or size is none");
+static_assert(sizeof(ino_t) == 8 && sizeof(off_t) == 8,
+              "with less, a file with a large number or size counts as missing");
 
 FileFingerprint FingerprintOf(const struct stat& status)
 {

@@ -16,7 +16,7 @@ namespace SystemServer {
 /// and mirrors put back the time of its last change when they have changed it.
 struct FileFingerprint {
     std::uint64_t device = 0;
-    std::uint64_t inode = 0; // 0: there is none
+    std::uint64_t inode = 0; // 0: the file does not exist
     std::int64_t modified = 0;
     std::int64_t changed = 0; // of the inode; both in nanoseconds
     std::int64_t size = 0;

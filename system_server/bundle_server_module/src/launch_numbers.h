@@ -10,9 +10,11 @@ namespace SystemServer {
 class LaunchNumbers {
 public:
     /// A new launch has the pid, in place of an earlier one.
+    /// @throws std::bad_alloc nothing has changed
     void Add(int pid);
     /// The launch's child has been reaped: its pid is free, but still stands for this launch.
     void SetReaped(int pid);
+    /// The launch is forgotten. A pid without a launch is passed over, here and above.
     void Remove(int pid);
 
     /// 0 when no launch has the pid.

@@ -15,7 +15,7 @@ namespace SystemServer {
 namespace {
 
 constexpr pid_t PROCESS_ONE = 1;
-/// As a shell tells of a process that a signal has killed.
+/// A shell reports a process that a signal has killed with this and the signal's number.
 constexpr int STATUS_OF_SIGNAL = 128;
 
 } // namespace

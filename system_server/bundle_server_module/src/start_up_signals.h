@@ -12,12 +12,16 @@ namespace SystemServer {
 /// and a thread takes them and ends the process with status 128 and the signal's number.
 class StartUpSignals {
 public:
+    /// On the main thread, before any other thread is started. Without a thread for the signals, which is logged, they
+    /// wait until the start-up is over.
     StartUpSignals();
     StartUpSignals(const StartUpSignals&) = delete;
     StartUpSignals& operator=(const StartUpSignals&) = delete;
+    /// As LeaveToLoop.
     ~StartUpSignals();
 
-    /// Ends that: the signals stay blocked, those that are pending included, for the event loop to take.
+    /// Ends that: the event loop takes the signals from now on, those that are pending included. They stay blocked on
+    /// this thread. May be called again.
     void LeaveToLoop();
 
 private:

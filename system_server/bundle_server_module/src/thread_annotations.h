@@ -16,7 +16,7 @@
 #define ACQUIRED_BEFORE(...) THREAD_ANNOTATION(acquired_before(__VA_ARGS__))
 /// Of a function: the caller holds these locks.
 #define REQUIRES(...) THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
-/// Of a function: the caller holds none of these locks, for it takes them itself.
+/// Of a function: the caller holds none of these locks, because the function takes them itself.
 #define EXCLUDES(...) THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 
 #endif

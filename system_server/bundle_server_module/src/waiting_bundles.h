@@ -12,9 +12,11 @@
 
 namespace SystemServer {
 
-/// Puts a bundle into one state, and into another when the operation leaves by an exception.
+/// Puts a bundle into one state, and into another when the operation leaves by an exception. Lives under the manager's
+/// lock, as everything in this file does.
 class StateRollback {
 public:
+    /// @param bundle outlives it
     StateRollback(Bundle& bundle, Bundle::BUNDLE_STATE_E meanwhile, Bundle::BUNDLE_STATE_E afterFailure)
         : m_bundle(bundle), m_afterFailure(afterFailure)
     {
@@ -29,6 +31,7 @@ public:
     StateRollback(const StateRollback&) = delete;
     StateRollback& operator=(const StateRollback&) = delete;
 
+    /// The operation has succeeded: the state is left as it is.
     void Dismiss() { m_dismissed = true; }
 
 private:
@@ -37,11 +40,13 @@ private:
     bool m_dismissed = false;
 };
 
-/// Keeps a bundle in the set of those being resolved.
+/// Keeps a bundle in the set of those being resolved, while it lives.
 class ResolvingMark {
 public:
     using Set = std::set<std::shared_ptr<Bundle>>;
 
+    /// @param resolving outlives it. The bundle is not in it yet
+    /// @throws std::bad_alloc
     ResolvingMark(Set& resolving, const std::shared_ptr<Bundle>& bundle)
         : m_resolving(resolving), m_position(resolving.insert(bundle).first)
     {}
@@ -57,12 +62,14 @@ private:
 /// A bundle that waits for those that it requires, with what undoes its turn: a StateRollback or a ResolvingMark.
 template <class Undo> class WaitingBundle {
 public:
+    /// Takes the manifest in force, which is used even if an update replaces it meanwhile.
+    /// @param arguments of Undo's constructor
     template <class... Arguments>
     explicit WaitingBundle(std::shared_ptr<Bundle> waiting, Arguments&&... arguments)
         : bundle(std::move(waiting)), undo(std::forward<Arguments>(arguments)...), m_manifest(bundle->GetManifest())
     {}
 
-    /// The next required bundle's name, in the manifest's order; null when there are no more.
+    /// The next required bundle's name, in the manifest's order; null when there are no more. Valid as long as this.
     const std::string* NextRequired()
     {
         const auto& names = m_manifest->GetDependencies();
@@ -91,10 +98,13 @@ public:
     WaitingBundles(const WaitingBundles&) = delete;
     WaitingBundles& operator=(const WaitingBundles&) = delete;
 
+    /// @param arguments of WaitingBundle's constructor
+    /// @throws what Undo throws; nothing is added
     template <class... Arguments> void Push(Arguments&&... arguments)
     {
         m_bundles.emplace_back(std::forward<Arguments>(arguments)...);
     }
+    /// Both need a bundle that waits. Pop undoes its turn, unless that is dismissed.
     void Pop() { m_bundles.pop_back(); }
     WaitingBundle<Undo>& Last() { return m_bundles.back(); }
     bool IsEmpty() const { return m_bundles.empty(); }

@@ -165,7 +165,7 @@ void WatchedItem::Accept(const Place& place, Fingerprinter& fingerprinter)
     }
 }
 
-void WatchedItem::OfferAgain()
+void WatchedItem::RetryAdd()
 {
     if (m_isDirectory && !m_withdrawal) {
         m_isArriving = true;

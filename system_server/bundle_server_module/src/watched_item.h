@@ -52,7 +52,7 @@ public:
     void Accept(const Place& place, Fingerprinter& fingerprinter);
 
     /// A directory is to be raised as added once more, when it has come to rest.
-    void OfferAgain();
+    void RetryAdd();
 
     /// The item is to be raised as modified although its state is known. False when the last modification was raised
     /// for that reason, and nothing else has changed since. Passed over while it is withdrawn.

@@ -61,7 +61,7 @@ TEST_F(AnEntry, ThatIsAPlainFileIsNotOfferedAgain)
     Watch();
     recorder.SetHandler([this](const std::string& event) {
         if (event == "modified note") {
-            watcher->OfferAgain(In("note"));
+            watcher->RetryAdd(In("note"));
         }
     });
     EXPECT_EQ(EventsOf("echo > \"$COLLECTION\"/note"), Events{"added note"});

@@ -278,7 +278,7 @@ TEST_F(AcceptingChanges, OfAnUnknownItemDoesNothing)
 
 TEST_F(RetryingAnAddition, RaisesAnItemAsAddedOnceMore)
 {
-    EXPECT_EQ(EventsOf([this] { watcher->OfferAgain(In("radio")); }), Events{"added radio"});
+    EXPECT_EQ(EventsOf([this] { watcher->RetryAdd(In("radio")); }), Events{"added radio"});
     EXPECT_EQ(EventsOf([this] { EditManifest(); }), Events{"modified radio"});
 }
 
@@ -286,7 +286,7 @@ TEST_F(RetryingAnAddition, FollowsAChangeWhenItsHandlerAsksForIt)
 {
     recorder.SetHandler([this](const std::string& event) {
         if (event == "modified radio") {
-            watcher->OfferAgain(In("radio"));
+            watcher->RetryAdd(In("radio"));
         }
     });
     for (int i = 0; i < 3; ++i) {
@@ -300,7 +300,7 @@ TEST_F(RetryingAnAddition, WaitsUntilTheRepairIsComplete)
     int writtenWhenAdded = 0;
     recorder.SetHandler([&](const std::string& event) {
         if (event == "modified radio") {
-            watcher->OfferAgain(In("radio"));
+            watcher->RetryAdd(In("radio"));
         } else if (event == "added radio") {
             writtenWhenAdded = written;
         } else if (event.rfind("added tick-", 0) == 0 && written < 6) {
@@ -325,7 +325,7 @@ TEST_F(RetryingAnAddition, DoesNotWaitForWritesToOtherFolders)
     int ticks = 0;
     recorder.SetHandler([&](const std::string& event) {
         if (event == "modified radio") {
-            watcher->OfferAgain(In("radio"));
+            watcher->RetryAdd(In("radio"));
         }
         isAdded = isAdded || event == "added radio";
         if (event.rfind("added tick-", 0) == 0 && !isAdded && ticks < 50) {
@@ -346,7 +346,7 @@ TEST_F(RetryingAnAddition, DoesNotWaitForWritesToOtherFolders)
 TEST_F(RetryingAnAddition, RaisesTheRemovalOfAnItemThatHasGoneMeanwhile)
 {
     EXPECT_EQ(EventsBetweenTwoScans([this] {
-                  watcher->OfferAgain(In("radio"));
+                  watcher->RetryAdd(In("radio"));
                   fs::remove_all(In("radio"));
               }),
               Events{"removed radio"});
@@ -358,7 +358,7 @@ TEST_F(RetryingAnAddition, RaisesAReplacementThatCameMeanwhile)
     EXPECT_EQ(EventsBetweenTwoScans([this] {
                   fs::rename(In("radio"), Aside("old"));
                   fs::rename(Aside("radio"), In("radio"));
-                  watcher->OfferAgain(In("radio"));
+                  watcher->RetryAdd(In("radio"));
               }),
               Events{"added radio"});
 }
@@ -368,7 +368,7 @@ TEST_F(RetryingAnAddition, OfAnUnknownItemDoesNothing)
     EXPECT_EQ(EventsOf([this] {
                   for (const std::string& path : {In("missing"), In(""), In("radio") + "/", In("radio/bin"),
                                                   Aside("radio"), std::string("radio"), std::string()}) {
-                      watcher->OfferAgain(path);
+                      watcher->RetryAdd(path);
                   }
               }),
               Events{});

@@ -60,7 +60,7 @@ TEST_F(Withdrawing, CoversTheRestOfTheDirectory)
         EXPECT_TRUE(IsWithdrawn());
     }
     EXPECT_EQ(EventsOf([this] {
-                  watcher->OfferAgain(In("radio"));
+                  watcher->RetryAdd(In("radio"));
                   EXPECT_TRUE(watcher->RaiseOnceMore(In("radio")));
                   watcher->AcceptChanges(In("radio"));
               }),

@@ -1,38 +1,44 @@
-// What the server does when bundles come, change and go, on the watcher's thread. Nothing leaves a handler but what it
-// lacks memory for, which the watcher records.
+#include "collection_follower.h"
 
 #include "bundle_log.h"
-#include "bundle_server.h"
+#include "bundle_removal.h"
 #include "file_type.h"
 
 #include <chrono>
+#include <exception>
 #include <thread>
+#include <utility>
 
 namespace SystemServer {
 
-using DirectoryEvent = Poco::DirectoryWatcher::DirectoryEvent;
+void CollectionFollower::OpenGate(std::shared_ptr<BundleManager> manager)
+{
+    try {
+        m_gate.set_value(std::move(manager));
+    } catch (const std::future_error&) { // open already: what failed came after the start of the bundles
+    }
+}
 
-void BundleServer::OnItemAdded(const DirectoryEvent& event)
+void CollectionFollower::OnAdded(const std::string& path)
 {
     BUNDLE_INFO("dir item add event happen.");
-    if (!IsDirectory(event.item.path())) {
+    if (!IsDirectory(path)) {
         return;
     }
     std::this_thread::sleep_for(std::chrono::seconds(1)); // a copy may still be going on
-    const std::string& path = event.item.path();
-    const auto manager = ManagerAtGate();
+    const auto manager = AwaitManager();
     if (!manager) {
         return;
     }
     if (manager->IsLoaded(path)) {
         // It came while start-up read the collection, which may have found half of it.
         BUNDLE_INFO("bundle dir[%s] is loaded already.", path.c_str());
-        if (const std::shared_ptr<Bundle> loaded = FindChanged(*manager, path)) {
+        if (const std::shared_ptr<Bundle> loaded = FindLoaded(*manager, path)) {
             UpdateAndRestart(*manager, loaded);
         }
         return;
     }
-    if (m_changes->IsWithdrawn(path)) {
+    if (m_watcher->IsWithdrawn(path)) {
         BUNDLE_INFO("bundle dir[%s] is being deleted, it is not loaded.", path.c_str());
         return;
     }
@@ -41,12 +47,12 @@ void BundleServer::OnItemAdded(const DirectoryEvent& event)
     }
 }
 
-std::shared_ptr<Bundle> BundleServer::LoadAdded(BundleManager& manager, const std::string& path)
+std::shared_ptr<Bundle> CollectionFollower::LoadAdded(BundleManager& manager, const std::string& path)
 {
     try {
         BUNDLE_INFO("add a new bundle dir.");
         BUNDLE_INFO("load bundle from [%s]...", path.c_str());
-        m_changes->AcceptChanges(path); // what has come since the event is loaded with the rest
+        m_watcher->AcceptChanges(path); // what has come since the event is loaded with the rest
         std::shared_ptr<Bundle> bundle = manager.LoadBundle(path);
         if (!bundle) {
             BUNDLE_ERROR("load bundle from [%s] fail.", path.c_str());
@@ -62,7 +68,7 @@ std::shared_ptr<Bundle> BundleServer::LoadAdded(BundleManager& manager, const st
     }
 }
 
-void BundleServer::StartAdded(BundleManager& manager, const std::shared_ptr<Bundle>& bundle)
+void CollectionFollower::StartAdded(BundleManager& manager, const std::shared_ptr<Bundle>& bundle)
 {
     try {
         const std::string name = NameOf(*bundle);
@@ -84,59 +90,58 @@ void BundleServer::StartAdded(BundleManager& manager, const std::shared_ptr<Bund
     }
 }
 
-void BundleServer::OnItemRemoved(const DirectoryEvent& event)
+void CollectionFollower::OnRemoved(const std::string& path)
 {
     BUNDLE_INFO("dir item remove event happen.");
     BUNDLE_INFO("remove a bundle dir.");
-    const auto manager = ManagerAtGate();
+    const auto manager = AwaitManager();
     if (!manager) {
         return;
     }
-    const std::string& path = event.item.path();
-    const std::shared_ptr<Bundle> bundle = FindChanged(*manager, path);
+    const std::shared_ptr<Bundle> bundle = FindLoaded(*manager, path);
     if (bundle && !StopAndUnload(*manager, bundle)) {
         RetryRemoval(*manager, *bundle);
     } else if (m_unfinishedRemovals.erase(path) != 0) {
-        OfferRefusedAgain();
+        RetryRefusedAdditions();
     }
 }
 
-// A child that is being run again cannot be killed in the second that this takes. What else keeps a bundle from being
-// stopped does not pass.
-void BundleServer::RetryRemoval(BundleManager& manager, const Bundle& bundle)
+// A child that is being run again cannot be killed in the second that this takes. Any other obstacle to a stop stays.
+void CollectionFollower::RetryRemoval(BundleManager& manager, const Bundle& bundle)
 {
     const std::string& path = bundle.GetStorage()->GetRootPath();
     if (manager.IsLoaded(path) && bundle.GetCurState() == Bundle::BUNDLE_ACTIVE) {
-        m_changes->RetryRemoval(path);
+        m_watcher->RetryRemoval(path);
         m_unfinishedRemovals.insert(path);
     }
 }
 
 // A directory that was renamed has been refused as long as the bundle was registered under its old path.
-void BundleServer::OfferRefusedAgain()
+void CollectionFollower::RetryRefusedAdditions()
 {
     for (const std::string& path : m_refusedMeanwhile) {
-        m_changes->OfferAgain(path);
+        m_watcher->RetryAdd(path);
     }
     m_refusedMeanwhile.clear();
 }
 
-void BundleServer::OnItemModified(const DirectoryEvent& event)
+void CollectionFollower::OnModified(const std::string& path)
 {
     BUNDLE_INFO("dir item modified event happen.");
     BUNDLE_INFO("update a bundle dir.");
-    const auto manager = ManagerAtGate();
+    const auto manager = AwaitManager();
     if (!manager) {
         return;
     }
-    if (const std::shared_ptr<Bundle> bundle = FindChanged(*manager, event.item.path())) {
+    if (const std::shared_ptr<Bundle> bundle = FindLoaded(*manager, path)) {
         UpdateAndRestart(*manager, bundle);
     } else {
-        m_changes->OfferAgain(event.item.path()); // what could not be loaded, resolved or started may be mended now
+        m_watcher->RetryAdd(path);
     }
 }
 
-std::shared_ptr<Bundle> BundleServer::FindChanged(BundleManager& manager, const std::string& path)
+// Empty when there is none; the records say either.
+std::shared_ptr<Bundle> CollectionFollower::FindLoaded(BundleManager& manager, const std::string& path)
 {
     BUNDLE_INFO("find bundle[%s]...", path.c_str());
     std::shared_ptr<Bundle> bundle = manager.FindBundleByPath(path);
@@ -150,7 +155,7 @@ std::shared_ptr<Bundle> BundleServer::FindChanged(BundleManager& manager, const 
 
 // The update comes before the stop, so a manifest that does not parse leaves the old bundle running. Stopping only
 // kills; the pause after it lets the monitor reap the dead before the start puts new children beside them.
-void BundleServer::UpdateAndRestart(BundleManager& manager, const std::shared_ptr<Bundle>& bundle)
+void CollectionFollower::UpdateAndRestart(BundleManager& manager, const std::shared_ptr<Bundle>& bundle)
 {
     try {
         bundle->Update();
@@ -165,6 +170,22 @@ void BundleServer::UpdateAndRestart(BundleManager& manager, const std::shared_pt
     } catch (const std::exception& e) {
         LogReason(e);
         BUNDLE_ERROR("update bundle[%s] failed.", bundle->GetManifest()->GetBundleName().c_str());
+    }
+}
+
+// The manifest is looked at last, so that one which comes even later is a change like any other.
+void CollectionFollower::AcceptWritesOfScript(const Bundle& bundle) noexcept
+{
+    const std::shared_ptr<BundleStorage> storage = bundle.GetStorage();
+    const std::string& path = storage->GetRootPath();
+    try {
+        m_watcher->AcceptChanges(path);
+        if (bundle.IsManifestOutdated() && !m_watcher->RaiseOnceMore(path)) {
+            BUNDLE_INFO("manifest in [%s] has been changed by a script again, and is read after the next change.",
+                        path.c_str());
+        }
+    } catch (const std::exception& e) {
+        BUNDLE_ERROR("accept changes of [%s] fail. exception info: [%s].", path.c_str(), ReasonOf(e).c_str());
     }
 }
 
