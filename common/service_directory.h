@@ -7,10 +7,12 @@
 
 namespace Common {
 
-/// Where services and the event service stand, each under its own name. Programs of the device find each other here.
+/// The directory of the sockets of all services and of the event service's FIFO, each under its own name. Programs of
+/// the device find each other here.
 constexpr const char SERVICE_DIRECTORY[] = "/mnt/bolt";
 
-/// Makes the service directory where it is missing. False, with errno set, when it is missing and cannot be made.
+/// Makes the service directory, with mode 0755, where it is missing. One that exists keeps its mode. False, with errno,
+/// when it is missing and cannot be made, or is no directory.
 inline bool MakeServiceDirectory()
 {
     // Everybody may look; each socket says who may connect. Set again because the umask may have removed bits.

@@ -7,7 +7,7 @@
 
 namespace Common {
 
-/// A descriptor and the duty to close it. Moves, never copies.
+/// A descriptor and the duty to close it. Moves, never copies. Takes no lock and no heap. Closing may change errno.
 class UniqueFd {
 public:
     explicit UniqueFd(int fd = -1) noexcept : m_fd(fd) {}
@@ -21,8 +21,10 @@ public:
     UniqueFd& operator=(const UniqueFd&) = delete;
     ~UniqueFd() { Reset(); }
 
+    /// The descriptor, still owned by this; -1 when there is none.
     int Get() const noexcept { return m_fd; }
     bool IsOpen() const noexcept { return m_fd >= 0; }
+    /// The descriptor, which the caller closes from now on.
     int Release() noexcept { return std::exchange(m_fd, -1); }
 
     /// Closes what it holds and owns fd instead.

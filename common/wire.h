@@ -6,7 +6,8 @@
 #include <cstddef>
 #include <limits>
 
-/// The limits of the message service: one packet is one message, the header as it is in memory and then the content.
+/// The limits of the message service, in bytes. One packet is one message: the header as it is in memory, then the
+/// content.
 namespace Common {
 
 constexpr std::size_t HEADER_SIZE = sizeof(lumo_header);

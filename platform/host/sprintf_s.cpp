@@ -10,7 +10,7 @@
 
 namespace {
 
-/// A failure is the return value's to tell; the library's own handler would print to standard error.
+/// The return value tells a failure; the library's own handler would print to standard error.
 const constraint_handler_t g_replacedHandler = set_str_constraint_handler_s(ignore_handler_s);
 
 } // namespace

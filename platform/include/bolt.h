@@ -20,7 +20,7 @@ typedef struct bolt_server_ops {
 } bolt_server_ops;
 
 typedef struct bolt_protocol_ops {
-    void (*connected)(bolt_connection *conn);
+    void (*connected)(bolt_connection *conn); /* before its first message */
     void (*message)(lumo_message *msg, bolt_connection *conn); /* msg is the loop's; it is put after the call */
 } bolt_protocol_ops;
 

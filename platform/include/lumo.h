@@ -36,7 +36,7 @@ lumo_message *lumo_message_new(int flags);
 /* Gives up one reference; the last one frees the message. Null is allowed. */
 void lumo_message_put(lumo_message *msg);
 
-/* Zeroes the header but its length. */
+/* Zeroes the header, apart from its length. */
 void lumo_header_clear(lumo_message *msg);
 
 /* Points data at the content and sets length to its bytes. The content stays the message's and is valid until the

@@ -13,11 +13,11 @@
 #include <cstring>
 #include <memory>
 
-/// Publishing on the device's event service, for every program of the device that has something to tell. Header-only,
-/// so that a program needs nothing but the platform's libraries.
+/// Publishing on the device's event service, for every program of the device. Header-only: a program needs only the
+/// platform's libraries.
 namespace SystemServer {
 
-/// The event service's FIFO: made and read by whoever listens.
+/// The event service's FIFO, which its listener makes and reads.
 constexpr const char EVENT_SERVICE_PATH[] = "/mnt/bolt/event.paas.kov";
 
 /// The method of an event message, in the low bits of the header's byte 3.
@@ -69,11 +69,11 @@ inline bool Send(const EventRecord& record, int fd)
     return true;
 }
 
-/// Opens the event service; -1 when it is missing or is no FIFO. A link in its place is not followed, and nothing but a
-/// FIFO is written to: who may write to the directory must not choose what a publisher writes to.
+/// Opens the event service; -1 when it is missing or is no FIFO. A link in its place is not followed, and only a FIFO
+/// is written to: a user who may write to the directory must not choose the file that a publisher writes to.
 inline int OpenService()
 {
-    // Opened for reading too: a FIFO that nobody reads would refuse a writer alone. Non-blocking: a listener that has
+    // Opened for reading too: a FIFO without a reader would refuse a writer alone. Non-blocking: a listener that has
     // stopped reading costs itself events, never the publisher time.
     const int fd = ::open(EVENT_SERVICE_PATH, O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
     struct stat status {};
@@ -88,7 +88,8 @@ inline int OpenService()
 
 } // namespace EventDetail
 
-/// Publishes one event. It is dropped when nobody listens or the listener has fallen behind: publishing never waits.
+/// Publishes one event. Without a listener, or with one that has fallen behind, the event is dropped: publishing never
+/// waits.
 /// @param publisher, event at most 15 characters each
 /// Any thread. A failure is logged and has no other effect.
 inline void PublishEvent(const char* publisher, const char* event)

@@ -11,8 +11,8 @@ using HostPlatform::EventManager;
 
 namespace {
 
-/// Nobody gives an event manager back. They stay reachable here and are never destroyed: a service may be in use while
-/// the process ends.
+/// The interface has no call that gives an event manager back. They stay reachable here and are never destroyed: a
+/// service may be in use while the process ends.
 std::list<std::unique_ptr<EventManager>>& Managers()
 {
     static auto& managers = *new std::list<std::unique_ptr<EventManager>>;

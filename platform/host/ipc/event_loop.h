@@ -8,7 +8,8 @@
 
 namespace HostPlatform {
 
-/// The event library's loop, with what everything on it shares. Only the loop's thread uses it.
+/// The event library's loop, and what everything on it shares. Only the loop's thread uses it. Outlives all that stands
+/// on it.
 class EventLoop {
 public:
     /// Makes the library's loop. False, with the reason in the log, on failure.

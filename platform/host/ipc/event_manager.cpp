@@ -45,8 +45,7 @@ bool EventManager::Open()
 
 bool EventManager::WatchSignals()
 {
-    // Blocked and read from a descriptor, not handled: children inherit what is handled or ignored, and would have to
-    // be given it back.
+    // Blocked and read from a descriptor, not handled: children would inherit the change of a disposition.
     const sigset_t signals = EndingSignals();
     errno = ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     if (errno != 0) {

@@ -17,7 +17,7 @@ struct bolt_event_mgr {};
 
 namespace HostPlatform {
 
-/// The event loop, the services on it and the signals that end it.
+/// The event loop, the services on it and the signals that end it. One thread's: that which has made it.
 class EventManager final : public bolt_event_mgr {
 public:
     /// Blocks SIGINT, SIGTERM and SIGQUIT on the calling thread for good. Empty, with the reason in the log, on
@@ -25,12 +25,14 @@ public:
     /// @throws std::bad_alloc
     static std::unique_ptr<EventManager> Make();
 
-    /// False, with the reason in the log, when the service cannot be registered.
+    /// Registers a service and lets it start. False, with the reason in the log, when that fails.
+    /// @param ops outlive the manager
     /// @throws std::bad_alloc
     bool Register(const char* service, const bolt_server_ops* ops, void* arg);
 
-    /// Runs until a signal ends the loop and all services with it, or for that many milliseconds, unless negative,
-    /// after which the services stand as before. False when the loop fails or has ended before.
+    /// Runs until a signal ends the loop and all services with it, or until the time is over, after which the services
+    /// stand as before. False when the loop fails or has ended before.
+    /// @param milliseconds negative: no limit
     bool Run(int milliseconds);
 
 private:

@@ -12,7 +12,7 @@
 
 using HostPlatform::MAX_CONTENT_SIZE;
 using HostPlatform::Message;
-using HostPlatform::Of;
+using HostPlatform::MessageOf;
 
 lumo_message* lumo_message_new(int /*flags*/)
 {
@@ -22,19 +22,19 @@ lumo_message* lumo_message_new(int /*flags*/)
 void lumo_message_put(lumo_message* msg)
 {
     if (msg != nullptr) {
-        delete &Of(msg);
+        delete &MessageOf(msg);
     }
 }
 
 void lumo_header_clear(lumo_message* msg)
 {
     msg->header = lumo_header{};
-    Of(msg).KeepLength();
+    MessageOf(msg).KeepLength();
 }
 
 int lumo_content(lumo_message* msg, void** data, int* length)
 {
-    Message& message = Of(msg);
+    Message& message = MessageOf(msg);
     if (message.ContentSize() == 0) {
         return -1;
     }
@@ -45,7 +45,7 @@ int lumo_content(lumo_message* msg, void** data, int* length)
 
 int lumo_content_add(lumo_message* msg, const void* data, int length, int /*flags*/)
 {
-    Message& message = Of(msg);
+    Message& message = MessageOf(msg);
     if (length < 0 || static_cast<std::size_t>(length) > MAX_CONTENT_SIZE - message.ContentSize()) {
         return -1;
     }
@@ -66,18 +66,18 @@ int lumo_content_add(lumo_message* msg, const void* data, int length, int /*flag
 
 void lumo_content_clear(lumo_message* msg)
 {
-    Of(msg).packet.resize(sizeof msg->header);
-    Of(msg).KeepLength();
+    MessageOf(msg).packet.resize(sizeof msg->header);
+    MessageOf(msg).KeepLength();
 }
 
 int lumo_message_async_send(lumo_message* msg, bolt_connection* conn, int /*flags*/)
 {
-    return static_cast<HostPlatform::Connection*>(conn)->Send(Of(msg)) ? 0 : -1;
+    return static_cast<HostPlatform::Connection*>(conn)->Send(MessageOf(msg)) ? 0 : -1;
 }
 
 int lumo_message_sendfd(lumo_message* msg, int fd)
 {
-    const std::string_view packet = Of(msg).Packet();
+    const std::string_view packet = MessageOf(msg).Packet();
     ssize_t written = 0;
     do {
         written = ::write(fd, packet.data(), packet.size());

@@ -16,11 +16,13 @@ namespace HostPlatform {
 using Common::MAX_CONTENT_SIZE;
 using Common::MAX_PACKET_SIZE;
 
-/// What every lumo_message of this platform is. The content stands where the packet has it, behind room for the header,
-/// so that a message is received and sent in one piece; the string's NUL is the one that stands behind every content.
+/// What every lumo_message of this platform is. Used by one thread at a time. The content stands where the packet has
+/// it, behind room for the header, so that a message is received and sent in one piece; the string's NUL is the one
+/// that stands behind every content.
 struct Message : lumo_message {
     Message() : lumo_message{}, packet(sizeof header, '\0') {}
 
+    /// Valid until the packet changes.
     char* Content() { return packet.data() + sizeof header; }
     std::size_t ContentSize() const { return packet.size() - sizeof header; }
 
@@ -38,7 +40,8 @@ struct Message : lumo_message {
     std::string packet;
 };
 
-inline Message& Of(lumo_message* msg)
+/// Every lumo_message here was made by lumo_message_new or for a packet, so it is one of these.
+inline Message& MessageOf(lumo_message* msg)
 {
     return *static_cast<Message*>(msg);
 }

@@ -15,8 +15,8 @@ namespace {
 
 constexpr mode_t MODE = 0600;
 
-/// Whether it can be this user's lock: a file that nobody else may open. A hard link to another file of this user,
-/// which others may open, is none.
+/// Whether it can be this user's lock: a file that no other user may open. A hard link to another file of this user
+/// that others may open is no lock.
 bool IsOwn(const struct stat& status)
 {
     return S_ISREG(status.st_mode) && status.st_uid == ::geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
@@ -93,7 +93,7 @@ NameLock::Opening NameLock::OpenExisting(Foreign foreign)
     return isOwn ? Opening::OPEN : Opening::CHANGED;
 }
 
-/// The name is the server's own: what others put there goes, where it can be removed.
+/// The name is the server's own: what others put there is removed where that is possible.
 NameLock::Opening NameLock::RemoveForeign()
 {
     if (::unlink(m_path.c_str()) == 0 || errno == ENOENT) {

@@ -7,27 +7,28 @@
 
 namespace HostPlatform {
 
-/// The lock under which a server takes a service's name. It is a lock on a file beside the service's socket that only
-/// the server's user may open, so nobody else can hold it. The file stands there while the lock is held; one that a
-/// killed server has left is used again.
+/// The lock under which a server takes a service's name: a lock on a file beside the service's socket. Only the
+/// server's user may open the file, so no other user can hold the lock. The file exists while the lock is held; one
+/// that a killed server has left is used again. Used by one thread at a time. The descriptor is close-on-exec.
 class NameLock {
 public:
     enum class Attempt { TAKEN, BUSY, FAILED };
-    /// What to do with a file of another user: that one's server removes it in a moment, if it is no obstacle on
-    /// purpose.
+    /// What to do with a file of another user. Its server removes it in a moment, unless it is an obstacle on purpose.
     enum class Foreign { WAIT, REMOVE };
 
+    /// Takes nothing yet.
     explicit NameLock(const std::string& service);
     NameLock(const NameLock&) = delete;
     NameLock& operator=(const NameLock&) = delete;
     /// Removes the file and gives up the lock.
     ~NameLock();
 
-    /// Takes the lock if it is free. BUSY: Obstacle() says why, and another attempt may succeed. FAILED: errno says
-    /// why.
+    /// Takes the lock if it is free; never waits. BUSY: Obstacle() says why, and another attempt may succeed. FAILED:
+    /// errno says why.
     Attempt Try(Foreign foreign);
 
     const std::string& Path() const { return m_path; }
+    /// In words for the log; empty before the first attempt that found the lock busy.
     const std::string& Obstacle() const { return m_obstacle; }
 
 private:

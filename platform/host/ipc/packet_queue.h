@@ -7,9 +7,10 @@
 
 namespace HostPlatform {
 
-/// Packets that wait for their peer to read. They stand one behind the other as they go over the wire, so that what
-/// they cost is what they hold: a peer that asks in big packets and reads none of the small answers would otherwise
-/// have the server keep the big ones. An empty queue has no heap.
+/// Packets that wait for their peer to read. They stand one behind the other as they go over the wire, so they cost as
+/// much memory as they hold. With the messages themselves in the queue, a peer that asks in big packets and reads none
+/// of the small answers would make the server keep the big ones. An empty queue has no heap. Used by one thread at a
+/// time.
 class PacketQueue {
 public:
     bool IsEmpty() const { return m_begin == m_bytes.size(); }
@@ -21,10 +22,12 @@ public:
     /// @throws std::bad_alloc the queue is as it was
     void Append(std::string_view packet);
 
-    /// Valid until the next change.
+    /// The packet that has waited longest; valid until the next change. The queue is not empty.
     std::string_view First() const;
+    /// The queue is not empty.
     void RemoveFirst();
 
+    /// Removes all packets and frees their memory.
     void Clear();
 
 private:

@@ -22,7 +22,7 @@ namespace {
 
 constexpr std::chrono::seconds TRY_INTERVAL{1};
 
-/// Calls into the service. What it throws ends here, for the event library is C. False when it threw.
+/// Calls into the service. An exception ends here, because the event library is C. False when it threw.
 template <typename Call> bool Guarded(const std::string& service, const char* callback, const Call& call) noexcept
 {
     try {
@@ -36,8 +36,8 @@ template <typename Call> bool Guarded(const std::string& service, const char* ca
     return false;
 }
 
-/// Half of the descriptors are the program's own: whoever connects too often must not keep it from opening its files
-/// and launching its children.
+/// Half of the descriptors are the program's own: clients that connect too often must not keep it from opening its
+/// files and launching its children.
 std::size_t MostConnections()
 {
     rlimit descriptors{};
@@ -81,7 +81,7 @@ bool Service::BeginToAccept()
     return true;
 }
 
-/// A lock that nobody who serves holds must not cost the service: it is asked for again for as long as the loop runs.
+/// A lock whose holder does not serve must not cost the service: the loop asks for it again as long as it runs.
 bool Service::BeginToTry()
 {
     if (!m_tryAgain.Open(m_loop.Base(), OnTryAgain, this) || !m_tryAgain.Start(TRY_INTERVAL)) {
@@ -94,7 +94,7 @@ bool Service::BeginToTry()
 
 void Service::TellOfObstacle()
 {
-    if (m_obstacles.Passes()) {
+    if (m_obstacles.MayWrite()) {
         HOST_LOG_ERROR("service[%s]: it cannot be reached yet: %s. The server tries again each second.",
                        m_service.c_str(), m_socket.Obstacle().c_str());
     }
@@ -107,7 +107,7 @@ void Service::OnTryAgain(evutil_socket_t /*fd*/, short /*what*/, void* service) 
     try {
         self.TryAgain();
     } catch (const std::exception& exception) {
-        self.m_socket.Remove(); // the next try is to find nobody there
+        self.m_socket.Remove(); // the next try must not find our own socket
         HOST_LOG_ERROR("service[%s]: it cannot be reached yet: %s.", self.m_service.c_str(), exception.what());
     }
 }
@@ -168,7 +168,7 @@ void Service::OnPauseOver(evutil_socket_t /*fd*/, short /*what*/, void* service)
     self.AcceptAgain();
 }
 
-/// Where the loop does not take the listener back it is asked again later: a service must not stay deaf.
+/// If the loop does not take the listener back it is asked again later: the service must not stop accepting for good.
 void Service::AcceptAgain()
 {
     if (event_add(m_acceptable.get(), nullptr) != 0) {
@@ -176,7 +176,7 @@ void Service::AcceptAgain()
     }
 }
 
-/// A pause that would not end is left out.
+/// Without a timer that ends it there is no pause.
 void Service::PauseAccepting()
 {
     if (m_pause.Start(std::chrono::milliseconds(100))) {
@@ -209,10 +209,10 @@ void Service::WaitForAnEnd()
 {
     event_del(m_acceptable.get());
     m_waitsForAnEnd = true;
-    if (m_exhaustions.Passes()) {
+    if (m_exhaustions.MayWrite()) {
         HOST_LOG_ERROR("service[%s]: a connection cannot be accepted: %zu are open, as many as may be. Those that wait "
                        "are served when others end; %u earlier failures are not shown.",
-                       m_service.c_str(), m_connections.size(), m_exhaustions.LeftOut());
+                       m_service.c_str(), m_connections.size(), m_exhaustions.Suppressed());
     }
 }
 
@@ -232,10 +232,10 @@ void Service::HandleAcceptFailure(int error)
     // Out of descriptors, most likely: others than the connections have taken them. The waiting peer keeps the listener
     // readable, so a loop that went on would spin.
     PauseAccepting();
-    if (m_exhaustions.Passes()) {
+    if (m_exhaustions.MayWrite()) {
         HOST_LOG_ERROR("service[%s]: a connection cannot be accepted: %s. Those that wait are tried again; "
                        "%zu are open, %u earlier failures are not shown.",
-                       m_service.c_str(), std::strerror(error), m_connections.size(), m_exhaustions.LeftOut());
+                       m_service.c_str(), std::strerror(error), m_connections.size(), m_exhaustions.Suppressed());
     }
 }
 
@@ -247,11 +247,11 @@ bool Service::MayConnect(int peer)
     if (known && (credentials.uid == ::geteuid() || credentials.uid == 0)) {
         return true;
     }
-    if (m_refusals.Passes()) {
+    if (m_refusals.MayWrite()) {
         HOST_LOG_ERROR("service[%s]: process %d of user %d is refused: only user %u and root may connect; "
                        "%u earlier refusals are not shown.",
                        m_service.c_str(), static_cast<int>(credentials.pid), static_cast<int>(credentials.uid),
-                       static_cast<unsigned>(::geteuid()), m_refusals.LeftOut());
+                       static_cast<unsigned>(::geteuid()), m_refusals.Suppressed());
     }
     return false;
 }
@@ -293,9 +293,9 @@ bool Service::Deliver(Message& msg, Connection& connection)
 
 void Service::LogDrop(const char* what, const char* why)
 {
-    if (m_drops.Passes()) {
+    if (m_drops.MayWrite()) {
         HOST_LOG_ERROR("service[%s]: a peer %s (%s), its connection is closed; %u earlier ones are not shown.",
-                       m_service.c_str(), what, why, m_drops.LeftOut());
+                       m_service.c_str(), what, why, m_drops.Suppressed());
     }
 }
 

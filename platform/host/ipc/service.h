@@ -17,18 +17,21 @@
 
 namespace HostPlatform {
 
-/// One registered service: its socket, whom it admits and the connections.
+/// One registered service: its socket, the peers that it admits and their connections. The loop's thread only. An
+/// exception of the service's callbacks is logged and costs the connection, never the loop.
 class Service final : public bolt_server, private ConnectionOwner {
 public:
+    /// Takes nothing yet.
+    /// @param loop outlives the service, and so do ops and arg, which are not owned
     /// @throws std::bad_alloc
     Service(EventLoop& loop, const char* service, const bolt_server_ops* ops, void* arg);
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
     ~Service() override = default;
 
-    /// Takes the name, lets the service start and begins to accept; where the lock on the name is held by a process
-    /// that does not serve, it begins as soon as the loop gets it. False, with the reason in the log, when any of it
-    /// fails; nothing is then left behind.
+    /// Takes the name, lets the service start and begins to accept. While a process that does not serve holds the lock
+    /// on the name, this is done later, by the loop. False, with the reason in the log, when a step fails; nothing is
+    /// then left behind.
     /// @throws std::bad_alloc
     bool Start();
 

@@ -23,7 +23,7 @@ namespace {
 /// The server's own user and group.
 constexpr mode_t SOCKET_MODE = 0660;
 
-/// How long another server of the same moment is waited for.
+/// How long to wait for another server that starts at the same moment.
 constexpr int MOST_TRIES = 100;
 constexpr timespec PAUSE{0, 10'000'000};
 
@@ -69,8 +69,8 @@ bool IsFileName(const std::string& service)
            service.find('/') == std::string::npos;
 }
 
-/// Whether nobody answers at the path, as where a server is dead: that refuses a connection. Any other answer comes
-/// from a live one, one that is too busy to accept included, and stands in the log.
+/// Whether no server listens at the path: the socket of a dead server refuses a connection. Any other answer comes from
+/// a live one, one that is too busy to accept included, and is logged.
 bool NobodyAnswers(const std::string& service, const std::string& path)
 {
     const UniqueFd probe = NewSocket();
@@ -153,8 +153,8 @@ bool ServiceSocket::ListenAt(const std::string& service)
     }
     UniqueFd fd = NewSocket();
     const sockaddr_un address = AddressOf(path);
-    // The mode is set before the socket has a name, so that it is at no moment open to others; and after, for the umask
-    // may have taken from it.
+    // The mode is set before the socket has a name, so that it is never open to others, and again afterwards, because
+    // the umask may have removed bits.
     if (!fd.IsOpen() || ::fchmod(fd.Get(), SOCKET_MODE) != 0 ||
         ::bind(fd.Get(), Generic(address), sizeof address) != 0) {
         HOST_LOG_ERROR("service[%s]: no socket can be made at %s: %s.", service.c_str(), path.c_str(),

@@ -9,7 +9,8 @@
 
 namespace HostPlatform {
 
-/// A service's listening socket in the service directory, and the duty to take it away again.
+/// A service's listening socket in the service directory, and the duty to remove it again. Non-blocking and
+/// close-on-exec. Used by one thread at a time.
 class ServiceSocket {
 public:
     ServiceSocket() = default;
@@ -26,11 +27,13 @@ public:
     /// the name is no file name, a live server holds it, or the system refuses.
     /// @throws std::bad_alloc
     Listening Listen(const std::string& service, Patience patience);
+    /// In words for the log, after LATER.
     const std::string& Obstacle() const { return m_obstacle; }
 
     /// Takes the socket away, if what stands at its path is still this one, and closes it.
     void Remove();
 
+    /// The descriptor, still owned by this; -1 when it does not listen.
     int Get() const { return m_fd.Get(); }
 
 private:

@@ -13,7 +13,8 @@ namespace HostPlatform {
 /// bits.
 class Timer {
 public:
-    /// @param callback stops the timer or starts it anew, else it is called again at once
+    /// Called before the rest; may be called again.
+    /// @param callback on the loop's thread; it stops the timer or starts it anew, else it is called again at once
     /// @return false with errno when there is no descriptor, or the loop does not take it
     /// @throws std::bad_alloc
     bool Open(event_base& base, event_callback_fn callback, void* argument);
@@ -22,9 +23,10 @@ public:
     /// @return false with errno
     bool Start(std::chrono::nanoseconds time);
 
+    /// Keeps the callback away until the next start.
     void Stop();
 
-    /// Takes it out of the loop.
+    /// Takes the timer out of the loop. It can be opened again.
     void Close();
 
 private:

@@ -25,7 +25,7 @@ constexpr int PATIENCE_MS = 1000;
 constexpr mode_t FILE_MODE = 0640;
 
 /// Writes to a pipe. In a child that is about to execute, SIGPIPE has its default effect: a log whose reader has gone
-/// would end every child before it is born.
+/// would kill every child before its exec.
 ssize_t WriteToPipe(int fd, const char* record, std::size_t length)
 {
     sigset_t pipeSignal;
@@ -46,7 +46,7 @@ ssize_t WriteToPipe(int fd, const char* record, std::size_t length)
 
 ssize_t WriteOnce(LogDestination destination, const char* record, std::size_t length)
 {
-    switch (destination.WhatItIs()) {
+    switch (destination.GetKind()) {
     case LogDestination::PIPE:
         return WriteToPipe(destination.Fd(), record, length);
     case LogDestination::SOCKET:
@@ -58,31 +58,31 @@ ssize_t WriteOnce(LogDestination destination, const char* record, std::size_t le
     return ::write(destination.Fd(), record, length);
 }
 
-bool HasRoomAgain(int fd, LogTrouble& trouble)
+bool HasRoomAgain(int fd, LogHealth& health)
 {
-    if (trouble.readerHasStopped) {
+    if (health.readerHasStopped) {
         return false;
     }
     pollfd watched{fd, POLLOUT, 0};
     if (::poll(&watched, 1, PATIENCE_MS) == 0) {
-        trouble.readerHasStopped = true;
+        health.readerHasStopped = true;
         return false;
     }
     return true;
 }
 
-ssize_t WriteWithPatience(LogDestination destination, LogTrouble& trouble, const char* record, std::size_t length)
+ssize_t WriteWithPatience(LogDestination destination, LogHealth& health, const char* record, std::size_t length)
 {
     for (;;) {
         const ssize_t written = WriteOnce(destination, record, length);
-        if (written >= 0 || (errno != EINTR && (errno != EAGAIN || !HasRoomAgain(destination.Fd(), trouble)))) {
+        if (written >= 0 || (errno != EINTR && (errno != EAGAIN || !HasRoomAgain(destination.Fd(), health)))) {
             return written;
         }
     }
 }
 
 /// Ends the line that a full disk has cut off, and writes the record, in one piece.
-bool WriteAfterOpenLine(int fd, LogTrouble& trouble, const char* record, std::size_t length)
+bool WriteAfterOpenLine(int fd, LogHealth& health, const char* record, std::size_t length)
 {
     char lineEnd = '\n';
     const std::array<iovec, 2> pieces{{{&lineEnd, 1}, {const_cast<char*>(record), length}}};
@@ -91,7 +91,7 @@ bool WriteAfterOpenLine(int fd, LogTrouble& trouble, const char* record, std::si
         written = ::writev(fd, pieces.data(), pieces.size());
     } while (written < 0 && errno == EINTR);
     if (written == 1 || written == static_cast<ssize_t>(length) + 1) {
-        trouble.lastLineIsOpen = false;
+        health.lastLineIsOpen = false;
     }
     return written == static_cast<ssize_t>(length) + 1;
 }
@@ -113,8 +113,8 @@ bool MayFollowLink(const char* path)
            (status.st_uid == 0 || status.st_uid == ::geteuid());
 }
 
-/// Whether it is what JOURNAL_STREAM names, by device and inode: the stream that the system's service manager has given
-/// to the process. It may have been inherited, and standard error be another one.
+/// Whether it is the stream that the system's service manager has given to the process: JOURNAL_STREAM names it by
+/// device and inode. The variable may be inherited while standard error is another stream.
 bool IsJournal(const struct stat& status)
 {
     const char* const stream = std::getenv("JOURNAL_STREAM");
@@ -143,7 +143,7 @@ LogDestination LogDestination::Open(const char* path)
     if (fd < 0) {
         return {};
     }
-    // Asked again: somebody may have put another file there meanwhile.
+    // Asked again: another file may have come to its place meanwhile.
     return {fd, ::fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode) ? PIPE : PLAIN};
 }
 
@@ -167,27 +167,27 @@ void LogDestination::Close() const
     }
 }
 
-LogTrouble* NewSharedTrouble()
+LogHealth* NewSharedHealth()
 {
-    void* const memory = ::mmap(nullptr, sizeof(LogTrouble), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    return memory == MAP_FAILED ? nullptr : new (memory) LogTrouble;
+    void* const memory = ::mmap(nullptr, sizeof(LogHealth), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    return memory == MAP_FAILED ? nullptr : new (memory) LogHealth;
 }
 
-bool WriteToLog(LogDestination destination, LogTrouble& trouble, const char* record, std::size_t length)
+bool WriteToLog(LogDestination destination, LogHealth& health, const char* record, std::size_t length)
 {
-    if (trouble.lastLineIsOpen) {
-        return WriteAfterOpenLine(destination.Fd(), trouble, record, length);
+    if (health.lastLineIsOpen) {
+        return WriteAfterOpenLine(destination.Fd(), health, record, length);
     }
-    const ssize_t written = WriteWithPatience(destination, trouble, record, length);
+    const ssize_t written = WriteWithPatience(destination, health, record, length);
     if (written < 0) {
         return false;
     }
-    if (trouble.readerHasStopped) { // read first: all processes share the cache line, and write it seldom
-        trouble.readerHasStopped = false;
+    if (health.readerHasStopped) { // read first: all processes share the cache line, and write it seldom
+        health.readerHasStopped = false;
     }
-    // The rest is not sent after it, for another process's record may stand between.
+    // The rest is not sent after it, because another process's record may stand between.
     if (written < static_cast<ssize_t>(length)) {
-        trouble.lastLineIsOpen = written > 0;
+        health.lastLineIsOpen = written > 0;
         return false;
     }
     return true;

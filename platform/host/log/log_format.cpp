@@ -241,7 +241,7 @@ std::size_t WithoutHalfCharacter(const char* text, std::size_t length)
     return length;
 }
 
-/// Out of the way of the common case, for the second copy of the message that it needs.
+/// A function of its own, because the second copy of the message is not needed in the common case.
 __attribute__((noinline)) void EscapeMessage(RecordWriter& writer, std::size_t length, std::size_t room)
 {
     char message[RECORD_SIZE];

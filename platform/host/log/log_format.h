@@ -10,7 +10,7 @@ namespace HostPlatform {
 /// A record's most bytes, its prefix and line end included: what a pipe takes in one piece.
 constexpr std::size_t RECORD_SIZE = 4096;
 
-/// A record's columns but the message.
+/// A record's columns apart from the message.
 struct RecordHead {
     timespec time;
     int module;
@@ -25,8 +25,9 @@ struct RecordHead {
 /// What stands before the columns. PRIORITY: "<6>" and the like, which the system's journal reads and takes away.
 enum class Prefix { NONE, PRIORITY };
 
-/// Formats one record, its prefix and line end included and not NUL-terminated. Returns its length. Takes no lock and
-/// no heap.
+/// Formats one record. A record that is too long is cut, never inside a UTF-8 character. Takes no lock and no heap, so
+/// it may be called between fork and exec.
+/// @return the record's length, its prefix and line end included; it is not NUL-terminated
 std::size_t FormatRecord(char (&record)[RECORD_SIZE], Prefix prefix, const RecordHead& head, const char* format,
                          va_list arguments) __attribute__((format(printf, 4, 0)));
 

@@ -4,15 +4,15 @@
 
 namespace HostPlatform {
 
-bool RecordLimit::Passes()
+bool RecordLimit::MayWrite()
 {
     const auto now = std::chrono::steady_clock::now();
     if (now < m_next) {
-        ++m_leftOutSince;
+        ++m_suppressedSince;
         return false;
     }
     m_next = now + m_interval;
-    m_leftOut = std::exchange(m_leftOutSince, 0U);
+    m_suppressed = std::exchange(m_suppressedSince, 0U);
     return true;
 }
 

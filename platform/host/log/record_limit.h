@@ -5,21 +5,23 @@
 
 namespace HostPlatform {
 
-/// Keeps what others can cause at will from filling the disk with log: of each kind one record in an interval, with the
-/// number of those left out since the one before.
+/// Keeps records that others can cause at will from filling the disk: of each kind one in an interval, with the number
+/// of those suppressed since the one before. Used by one thread at a time.
 class RecordLimit {
 public:
     explicit RecordLimit(std::chrono::seconds interval = std::chrono::seconds(1)) : m_interval(interval) {}
 
-    /// True when a record may be written now; LeftOut then holds until the next call.
-    bool Passes();
-    unsigned LeftOut() const { return m_leftOut; }
+    /// Whether a record may be written now. Counts it as suppressed otherwise.
+    bool MayWrite();
+
+    /// How many were suppressed between the last record that MayWrite allowed and the one before it.
+    unsigned Suppressed() const { return m_suppressed; }
 
 private:
     const std::chrono::seconds m_interval;
     std::chrono::steady_clock::time_point m_next;
-    unsigned m_leftOut = 0;
-    unsigned m_leftOutSince = 0;
+    unsigned m_suppressed = 0;
+    unsigned m_suppressedSince = 0; // the last record that was allowed
 };
 
 } // namespace HostPlatform

@@ -1,6 +1,6 @@
-// Both calls are made between fork and exec too, and by several processes on one file: no lock and no heap, nothing
-// kept that a fork would make wrong, and one write per record. Nor is anybody waited for who may never come: a log that
-// cannot be written costs its records, and says how many when it can.
+// Both calls are made between fork and exec too, and by several processes on one file. So they take no lock and no
+// heap, keep nothing that a fork would make wrong, and write a record with one call. They do not wait long for a
+// reader: a log that cannot be written loses its records, and says how many when it can be written again.
 #include <zq_log.h>
 
 #include "log_destination.h"
@@ -20,7 +20,7 @@ namespace {
 
 using HostPlatform::FormatRecord;
 using HostPlatform::LogDestination;
-using HostPlatform::LogTrouble;
+using HostPlatform::LogHealth;
 using HostPlatform::Prefix;
 using HostPlatform::RECORD_SIZE;
 using HostPlatform::RecordHead;
@@ -30,10 +30,10 @@ constexpr int LOG_ERROR = 3;
 
 /// The same for the process's whole life.
 std::atomic<LogDestination> g_destination{LogDestination()};
-static_assert(decltype(g_destination)::is_always_lock_free, "a record may be written where a lock is held for ever");
+static_assert(decltype(g_destination)::is_always_lock_free, "a record may be written where a lock is held forever");
 
-LogTrouble g_ownTrouble;
-std::atomic<LogTrouble*> g_trouble{&g_ownTrouble};
+LogHealth g_ownHealth;
+std::atomic<LogHealth*> g_health{&g_ownHealth};
 
 struct ThreadNumber {
     int process;
@@ -41,8 +41,8 @@ struct ThreadNumber {
 };
 thread_local ThreadNumber g_lastNumber{0, 0};
 
-/// The calling thread's number. Asked for once in each process: a question to the kernel is a good part of a record's
-/// cost, and that for the process cannot be saved, for it is what shows that a fork has come between.
+/// The calling thread's number. The kernel is asked for it once in each process, because a call costs a good part of a
+/// record. The process id is asked for each time: it shows that there was a fork in between.
 int ThreadOf(int process)
 {
     if (g_lastNumber.process != process) {
@@ -65,10 +65,10 @@ bool WriteRecord(const RecordHead& head, const char* format, va_list arguments) 
 bool WriteRecord(const RecordHead& head, const char* format, va_list arguments)
 {
     const LogDestination destination = g_destination.load(std::memory_order_acquire);
-    const Prefix prefix = destination.WhatItIs() == LogDestination::JOURNAL ? Prefix::PRIORITY : Prefix::NONE;
+    const Prefix prefix = destination.GetKind() == LogDestination::JOURNAL ? Prefix::PRIORITY : Prefix::NONE;
     char record[RECORD_SIZE];
     const std::size_t length = FormatRecord(record, prefix, head, format, arguments);
-    return WriteToLog(destination, *g_trouble.load(std::memory_order_acquire), record, length);
+    return WriteToLog(destination, *g_health.load(std::memory_order_acquire), record, length);
 }
 
 /// A record of the log's own.
@@ -81,7 +81,7 @@ __attribute__((format(printf, 1, 2))) bool WriteOwnRecord(const char* format, ..
     return written;
 }
 
-/// Makes it the destination, unless another thread was first. True when it was made.
+/// Makes this the destination, unless another thread was first. False when it was.
 bool Decide(LogDestination destination)
 {
     LogDestination undecided;
@@ -89,8 +89,8 @@ bool Decide(LogDestination destination)
         destination.Close();
         return false;
     }
-    if (LogTrouble* shared = HostPlatform::NewSharedTrouble()) {
-        g_trouble.store(shared, std::memory_order_release);
+    if (LogHealth* shared = HostPlatform::NewSharedHealth()) {
+        g_health.store(shared, std::memory_order_release);
     }
     return true;
 }
@@ -113,14 +113,14 @@ void DecideDestination()
     }
 }
 
-/// True when nothing is lost that the log does not tell of.
-bool TellOfLoss(LogTrouble& trouble)
+/// Logs how many records are lost. False when that record cannot be written either.
+bool TellOfLoss(LogHealth& health)
 {
-    const unsigned lost = trouble.lost.exchange(0);
+    const unsigned lost = health.lost.exchange(0);
     if (lost == 0 || WriteOwnRecord("%u earlier records are lost: no room for them, or nobody has read them.", lost)) {
         return true;
     }
-    trouble.lost += lost;
+    health.lost += lost;
     return false;
 }
 
@@ -130,10 +130,10 @@ __attribute__((format(printf, 2, 0))) void Log(const RecordHead& head, const cha
     if (!g_destination.load(std::memory_order_acquire).IsDecided()) {
         DecideDestination();
     }
-    LogTrouble& trouble = *g_trouble.load(std::memory_order_acquire);
-    const bool isTold = trouble.lost.load(std::memory_order_relaxed) == 0 || TellOfLoss(trouble);
+    LogHealth& health = *g_health.load(std::memory_order_acquire);
+    const bool isTold = health.lost.load(std::memory_order_relaxed) == 0 || TellOfLoss(health);
     if (!isTold || !WriteRecord(head, format, arguments)) {
-        ++trouble.lost;
+        ++health.lost;
     }
     errno = error;
 }
