@@ -6,8 +6,10 @@
 // bundlectl's own verbs, a source file each.
 Action DefineBlame(Arguments& arguments);
 Action DefineDelete(Arguments& arguments);
+Action DefineDoctor(Arguments& arguments);
 Action DefineEvents(Arguments& arguments);
 Action DefineLog(Arguments& arguments);
+Action DefineOrphans(Arguments& arguments);
 Action DefineStatus(Arguments& arguments);
 Action DefineTimeline(Arguments& arguments);
 Action DefineWait(Arguments& arguments);

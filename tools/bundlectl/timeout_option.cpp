@@ -45,7 +45,12 @@ std::string Fault(const std::string& text)
 
 void AddTimeout(Arguments& arguments, const char* description, std::chrono::seconds& timeout)
 {
-    Argument argument{"--timeout", description, "TIME", Fault};
-    argument.standard = std::to_string(timeout.count()) + "s";
-    arguments.Add(argument, [&timeout](const std::string& text) { timeout = Parse(text).value_or(timeout); });
+    AddSpan(arguments, "--timeout", description, timeout);
+}
+
+void AddSpan(Arguments& arguments, const char* name, const char* description, std::chrono::seconds& span)
+{
+    Argument argument{name, description, "TIME", Fault};
+    argument.standard = std::to_string(span.count()) + "s";
+    arguments.Add(argument, [&span](const std::string& text) { span = Parse(text).value_or(span); });
 }

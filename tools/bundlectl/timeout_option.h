@@ -9,4 +9,7 @@ class Arguments;
 /// the command line.
 void AddTimeout(Arguments& arguments, const char* description, std::chrono::seconds& timeout);
 
+/// The same with another name.
+void AddSpan(Arguments& arguments, const char* name, const char* description, std::chrono::seconds& span);
+
 #endif

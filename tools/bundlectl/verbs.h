@@ -47,11 +47,15 @@ constexpr Verb VERBS[] = {
     {"blame", Program::BUNDLECTL, "List the bundles by the time that they cost the start-up",
      "bundlectl blame\nbundlectl blame --log device.log"},
     {"delete", Program::BUNDLECTL, "Delete a bundle: stop it, unload it and remove its directory",
-     "bundlectl delete media\nbundlectl delete media --timeout 5m"},
+     "bundlectl delete media --timeout 5m\nbundlectl delete media radio --force --wait"},
     {"events", Program::BUNDLECTL, "Listen on the event service and print a line for each event",
-     "bundlectl events --count 1"},
-    {"wait", Program::BUNDLECTL, "Wait until the server has started all bundles and answers requests",
-     "bundlectl wait --for serving --timeout 5m"},
+     "bundlectl events --count 1\nbundlectl events --exec 'logger \"$BUNDLE_EVENT\"'"},
+    {"wait", Program::BUNDLECTL, "Wait until the server answers requests, or bundles are active or gone",
+     "bundlectl wait --for serving --timeout 5m\nbundlectl wait media --for active"},
+    {"orphans", Program::BUNDLECTL, "List the processes that a former server has left, or end them",
+     "bundlectl orphans\nbundlectl orphans --end --grace 10s"},
+    {"doctor", Program::BUNDLECTL, "Look for what is wrong with the installation, and say what mends it",
+     "bundlectl doctor\nbundlectl doctor --json"},
 };
 
 /// What a verb does once its arguments are read. Returns the exit status.

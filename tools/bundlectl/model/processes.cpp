@@ -244,7 +244,9 @@ std::optional<Owner> Search::OwnerByLaunch(const ProcessStat& process) const
 // somebody has started by hand has the parent that started it, and a group with a leader.
 bool Search::IsHandedOn(const ProcessStat& process) const
 {
-    return process.pid != 1 && (process.parent <= 1 || Find(process.group) == nullptr || IsOfServer(process));
+    const ProcessStat* const leader = Find(process.group);
+    const bool hasLeader = leader != nullptr && leader->IsAlive();
+    return process.pid != 1 && (process.parent <= 1 || !hasLeader || IsOfServer(process));
 }
 
 void Search::FindWithoutParent(const ProcessStat& process)
