@@ -35,10 +35,18 @@ install_configured(bundle-server.logrotate.in "${ETC}/logrotate.d" bundle-server
 install_configured(check-supervision.in "${LOADER_DIRECTORY}" check-supervision PROGRAM)
 if("systemd" IN_LIST INIT)
     set(lib "${CMAKE_INSTALL_PREFIX}/lib")
-    foreach(unit bundle-server bundle-server-check bundle-server-logrotate bundle-server-serving)
+    foreach(
+        unit
+        bundle-server
+        bundle-server-check
+        bundle-server-logrotate
+        bundle-server-metrics
+        bundle-server-recorder
+        bundle-server-serving
+    )
         install_configured(${unit}.service.in "${lib}/systemd/system" ${unit}.service FILE)
     endforeach()
-    foreach(unit bundle-server-check bundle-server-logrotate)
+    foreach(unit bundle-server-check bundle-server-logrotate bundle-server-metrics)
         install_configured(${unit}.timer "${lib}/systemd/system" ${unit}.timer FILE)
     endforeach()
     install_configured(bundle-server.tmpfiles "${lib}/tmpfiles.d" bundle-server.conf FILE)

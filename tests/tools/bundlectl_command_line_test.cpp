@@ -37,7 +37,9 @@ TEST(Bundlectl, NamesAllCommandsIfTheWordIsLikeNone)
     for (const char* const word : {"conquer", "wd", "x", ""}) {
         std::ostringstream expected;
         expected << "bundlectl: there is no command \"" << word
-                 << "\". The commands are: status, why, log, timeline, blame, delete, events, wait, orphans, doctor.\n";
+                 << "\". The commands are: status, why, log, timeline, blame, delete, events, wait, orphans, doctor, "
+                    "metrics, "
+                    "record.\n";
         EXPECT_EQ(Control({word}).errors, expected.str());
     }
     EXPECT_TRUE(Has(Control({"a\nb\x1B"}).errors, "\"a\\nb\\033\""));

@@ -56,6 +56,10 @@ constexpr Verb VERBS[] = {
      "bundlectl orphans\nbundlectl orphans --end --grace 10s"},
     {"doctor", Program::BUNDLECTL, "Look for what is wrong with the installation, and say what mends it",
      "bundlectl doctor\nbundlectl doctor --json"},
+    {"metrics", Program::BUNDLECTL, "Print the same facts as numbers, for a monitoring system",
+     "bundlectl metrics\nbundlectl metrics --textfile /var/lib/prometheus/node-exporter/bundles.prom"},
+    {"record", Program::BUNDLECTL, "Write down each launch, so that its process can be told later",
+     "bundlectl record\nbundlectl record --once"},
 };
 
 /// What a verb does once its arguments are read. Returns the exit status.

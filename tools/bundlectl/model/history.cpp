@@ -1,6 +1,7 @@
 #include "history.h"
 
 #include "log_reader.h"
+#include "reason.h"
 
 #include <algorithm>
 #include <array>
@@ -84,9 +85,11 @@ void OnLoaded(ServerHistory& server, const Fact& fact)
     server.refused.erase(fact.path);
     BundleHistory& bundle = BundleOf(server, fact.bundle);
     std::deque<ScriptRun> scripts = std::move(bundle.scripts);
+    std::map<std::string, Microseconds> scriptTimes = std::move(bundle.scriptTimes);
     bundle = BundleHistory();
     bundle.name = fact.bundle;
     bundle.scripts = std::move(scripts);
+    bundle.scriptTimes = std::move(scriptTimes);
     bundle.loaded = fact.time;
     SetManifest(bundle, fact);
     SetState(bundle, BundleState::INSTALLED, fact);
@@ -169,6 +172,7 @@ void OnScriptEnded(ServerHistory& server, const Fact& fact)
     }
     begun->second.took = fact.time - begun->second.began;
     BundleHistory& bundle = BundleOf(server, begun->second.bundle);
+    bundle.scriptTimes[begun->second.name] += *begun->second.took;
     bundle.scripts.push_back(std::move(begun->second));
     if (bundle.scripts.size() > BundleHistory::KEPT_SCRIPTS) {
         bundle.scripts.pop_front();
@@ -216,6 +220,7 @@ void OnEnd(ServerHistory& server, const Fact& fact)
     end.isSignal = fact.kind == Fact::ITEM_KILLED;
     end.number = fact.number;
     end.line = fact.line;
+    ++item.endCounts[NameOfEnd(end)];
     item.ends.push_back(std::move(end));
     if (item.ends.size() > ItemHistory::KEPT_ENDS) {
         item.ends.pop_front();

@@ -51,8 +51,9 @@ struct ItemHistory {
     std::string failure;       ///< thread mode: the record of its failure
     bool hasEnded = false;     ///< thread mode: its function has returned
     std::string launchLine;
-    std::deque<ItemEnd> ends;       ///< the latest last
-    std::deque<Time> relaunchTimes; ///< of the last hour of the log
+    std::deque<ItemEnd> ends;                       ///< the latest last
+    std::map<std::string, std::uint64_t> endCounts; ///< of all ends, by "SIGSEGV" or "status 3"
+    std::deque<Time> relaunchTimes;                 ///< of the last hour of the log
 
     std::size_t RelaunchesSince(Time time) const;
 };
@@ -87,10 +88,11 @@ struct BundleHistory {
     std::optional<Time> since; ///< of that state
     std::string stateLine;
     std::optional<Time> loaded;
-    std::optional<Time> manifestRead; ///< the one in force
-    std::vector<ItemHistory> items;   ///< in the manifest's order, as far as that is known
-    std::deque<ScriptRun> scripts;    ///< the latest last
-    std::optional<Problem> problem;   ///< the last, unless it has become Active since
+    std::optional<Time> manifestRead;                ///< the one in force
+    std::vector<ItemHistory> items;                  ///< in the manifest's order, as far as that is known
+    std::deque<ScriptRun> scripts;                   ///< the latest last
+    std::map<std::string, Microseconds> scriptTimes; ///< of all runs together, by the script's name
+    std::optional<Problem> problem;                  ///< the last, unless it has become Active since
 };
 
 /// A directory that was not taken in.

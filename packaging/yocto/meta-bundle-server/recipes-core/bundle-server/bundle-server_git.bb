@@ -56,6 +56,7 @@ FILES:${PN} += " \
     ${bindir}/bundlectl \
     ${sbindir}/bundle_server \
     ${libexecdir}/bundle-server \
+    ${datadir}/bundle-server \
     ${sysconfdir}/bundle-server/bundle-server.ini \
     ${sysconfdir}/cron.d/bundle-server \
     ${sysconfdir}/default/bundle-server \
@@ -67,6 +68,9 @@ FILES:${PN} += " \
     ${systemd_system_unitdir}/bundle-server-check.timer \
     ${systemd_system_unitdir}/bundle-server-logrotate.service \
     ${systemd_system_unitdir}/bundle-server-logrotate.timer \
+    ${systemd_system_unitdir}/bundle-server-metrics.service \
+    ${systemd_system_unitdir}/bundle-server-metrics.timer \
+    ${systemd_system_unitdir}/bundle-server-recorder.service \
     ${systemd_system_unitdir}/bundle-server-serving.service \
     ${localstatedir}/lib/bundle-server/bundles \
 "
