@@ -1,12 +1,12 @@
 #include "model/event.h"
 
+#include "support/files.h"
+
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <regex>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,14 +20,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string ContentOf(const fs::path& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
-}
-
 /// The sources that write to the log.
 std::vector<std::string> Sources()
 {
@@ -36,7 +28,7 @@ std::vector<std::string> Sources()
         for (const auto& entry : fs::recursive_directory_iterator(fs::path(PROJECT_SOURCES) / directory)) {
             const std::string ending = entry.path().extension();
             if (ending == ".cpp" || ending == ".h") {
-                sources.push_back(ContentOf(entry.path()));
+                sources.push_back(ReadFile(entry.path()));
             }
         }
     }

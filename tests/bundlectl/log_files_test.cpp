@@ -3,6 +3,7 @@
 #include "model/log_reader.h"
 
 #include "support/collection_builder.h"
+#include "support/files.h"
 #include "support/temporary_directory.h"
 
 #include <Poco/DeflatingStream.h>
@@ -15,7 +16,6 @@
 #include <array>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -71,11 +71,6 @@ void WriteCompressed(const std::string& path, const std::string& text)
     Poco::DeflatingOutputStream deflated(file, Poco::DeflatingStreamBuf::STREAM_GZIP);
     deflated << text;
     deflated.close();
-}
-
-void Append(const std::string& path, const std::string& text)
-{
-    std::ofstream(path, std::ios::app) << text;
 }
 
 class ALogThatIsRotated : public ::testing::Test {
@@ -220,12 +215,12 @@ TEST_F(AFollowedLog, GivesWhatIsWrittenFromNowOn)
     WriteFile(Path(), RecordAt(1, "old"));
     const auto reader = Follow();
     EXPECT_EQ(MessagesOf(*reader), Texts{});
-    Append(Path(), RecordAt(2, "new"));
+    AppendFile(Path(), RecordAt(2, "new"));
     EXPECT_EQ(MessagesOf(*reader), Texts{"new"});
     const std::string record = RecordAt(3, "in two pieces");
-    Append(Path(), record.substr(0, 30));
+    AppendFile(Path(), record.substr(0, 30));
     EXPECT_EQ(MessagesOf(*reader), Texts{});
-    Append(Path(), record.substr(30));
+    AppendFile(Path(), record.substr(30));
     EXPECT_EQ(MessagesOf(*reader), Texts{"in two pieces"});
 }
 
@@ -243,8 +238,8 @@ TEST_F(AFollowedLog, IsFollowedAcrossARotationByRenaming)
     const auto reader = Follow(0);
     EXPECT_EQ(MessagesOf(*reader), Texts{"one"});
     std::filesystem::rename(Path(), Path(".1"));
-    Append(Path(".1"), RecordAt(2, "two"));
-    Append(Path(), RecordAt(3, "three"));
+    AppendFile(Path(".1"), RecordAt(2, "two"));
+    AppendFile(Path(), RecordAt(3, "three"));
     Texts messages = MessagesOf(*reader);
     const Texts rest = MessagesOf(*reader);
     messages.insert(messages.end(), rest.begin(), rest.end());
@@ -256,10 +251,10 @@ TEST_F(AFollowedLog, IsFollowedAcrossARotationByCopyingAndTruncating)
     WriteFile(Path(), RecordAt(1, "one"));
     const auto reader = Follow(0);
     EXPECT_EQ(MessagesOf(*reader), Texts{"one"});
-    Append(Path(), RecordAt(2, "only in the copy"));
+    AppendFile(Path(), RecordAt(2, "only in the copy"));
     std::filesystem::copy_file(Path(), Path(".1"));
     std::filesystem::resize_file(Path(), 0);
-    Append(Path(), RecordAt(3, "three"));
+    AppendFile(Path(), RecordAt(3, "three"));
     EXPECT_EQ(MessagesOf(*reader), (Texts{"only in the copy", "three"}));
 }
 
@@ -269,7 +264,7 @@ TEST_F(AFollowedLog, IsSeenToBeTruncatedWhenItHasGrownAgain)
     const auto reader = Follow(0);
     EXPECT_EQ(MessagesOf(*reader), Texts{"one"});
     std::filesystem::resize_file(Path(), 0);
-    Append(Path(), RecordAt(2, "two") + RecordAt(3, "three") + RecordAt(4, "four"));
+    AppendFile(Path(), RecordAt(2, "two") + RecordAt(3, "three") + RecordAt(4, "four"));
     EXPECT_EQ(MessagesOf(*reader), (Texts{"two", "three", "four"}));
     EXPECT_FALSE(reader->Troubles().empty()); // what was cut off is nowhere
 }

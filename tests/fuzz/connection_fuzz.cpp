@@ -3,10 +3,12 @@
 // peer breaks a rule, which ends its own connection only: another one is served as before.
 #include "fuzz/fuzz_target.h"
 
+#include "common/wire.h"
 #include "support/private_mnt.h"
 #include "support/unix_client.h"
 
 #include <bolt.h>
+#include <bundle_service.h>
 #include <lumo.h>
 
 #include <fcntl.h>
@@ -25,13 +27,14 @@
 
 namespace {
 
+using Common::HEADER_SIZE;
+using Common::MAX_PACKET_SIZE;
+using SystemServer::BundleService::RESPONSE_FLAG;
+using SystemServer::BundleService::STATUS_OK;
+
 constexpr char SERVICE[] = "fuzzed.service";
-constexpr std::size_t HEADER_SIZE = 8;
-constexpr std::size_t MAX_PACKET_SIZE = 65536;
 constexpr std::size_t MOST_UNREAD = std::size_t{1024} * 1024;
-constexpr std::uint8_t RESPONSE_FLAG = 0x80;
 constexpr std::uint8_t METHOD_THROW = 3;
-constexpr std::uint16_t STATUS_OK = 200;
 
 /// Sends a request back, with a status; or throws.
 void Serve(lumo_message* msg, bolt_connection* conn)

@@ -52,7 +52,7 @@ TEST_F(TheLog, GoesToStandardErrorIfNoFileIsNamed)
                   LOG("second");
               }),
               0);
-    const auto lines = LinesOf(ContentOf(m_standardError));
+    const auto lines = Lines(ReadFile(m_standardError));
     ASSERT_EQ(lines.size(), 2U);
     EXPECT_EQ(MessageOf(lines[0]), "first");
     EXPECT_EQ(MessageOf(lines[1]), "second");
@@ -62,11 +62,11 @@ TEST_F(TheLog, GoesToTheEndOfTheFileThatIsNamedAndNotToStandardError)
 {
     std::ofstream(m_file) << "was there\n";
     ASSERT_EQ(InChildWithFile([] { LOG("new"); }), 0);
-    const auto lines = LinesOf(ContentOf(m_file));
+    const auto lines = Lines(ReadFile(m_file));
     ASSERT_EQ(lines.size(), 2U);
     EXPECT_EQ(lines[0], "was there");
     EXPECT_EQ(MessageOf(lines[1]), "new");
-    EXPECT_EQ(ContentOf(m_standardError), "");
+    EXPECT_EQ(ReadFile(m_standardError), "");
 }
 
 TEST_F(TheLog, MakesItsFileForTheUserAndTheGroupOnly)
@@ -89,8 +89,8 @@ TEST_F(TheLog, ReportsOnceThatItsFileCannotBeOpenedAndGoesToStandardError)
                   LOG("two");
               }),
               0);
-    const auto lines = LinesOf(ContentOf(m_standardError));
-    ASSERT_EQ(lines.size(), 3U) << ContentOf(m_standardError);
+    const auto lines = Lines(ReadFile(m_standardError));
+    ASSERT_EQ(lines.size(), 3U) << ReadFile(m_standardError);
     EXPECT_EQ(MessageOf(lines[0]), "ZQ_LOG_FILE[/nowhere/to/be/found] cannot be opened for writing, errno 2: "
                                    "the log goes to standard error.");
     EXPECT_EQ(MessageOf(lines[1]), "one");
@@ -137,9 +137,9 @@ TEST_F(TheLog, EndsALineThatAFullDiskCutOffAndCountsLostRecordsOfAllProcesses)
                   LOG("and more.");
               }),
               0);
-    const auto lines = LinesOf(ContentOf(m_file));
+    const auto lines = Lines(ReadFile(m_file));
     constexpr std::size_t whole = 5;
-    ASSERT_EQ(lines.size(), whole + 4) << ContentOf(m_file);
+    ASSERT_EQ(lines.size(), whole + 4) << ReadFile(m_file);
     EXPECT_EQ(MessageOf(lines[whole - 1]), "record 14.");
     EXPECT_EQ(Match(lines[whole], ".*there is room again.*").size(), 0U) << "joined to what was cut off";
     EXPECT_EQ(MessageOf(lines[whole + 1]), std::to_string(records + childRecords - whole) +
@@ -164,7 +164,7 @@ TEST_F(TheLog, DoesNotWaitForAFifoWithoutAReader)
     ASSERT_GT(size, 0);
     text.resize(static_cast<std::size_t>(size));
     EXPECT_EQ(text.back(), '\n') << "what is lost is lost whole";
-    const auto lines = LinesOf(text);
+    const auto lines = Lines(text);
     for (std::size_t i = 0; i < lines.size(); ++i) {
         ASSERT_EQ(MessageOf(lines[i]), "record " + std::to_string(i) + ".");
     }
@@ -211,5 +211,5 @@ TEST_F(TheLog, OpensOneFileWhenManyThreadsLogFirst)
                   ::_exit(open == 2 ? 0 : 1);
               }),
               0);
-    EXPECT_EQ(LinesOf(ContentOf(m_file)).size(), 8U);
+    EXPECT_EQ(Lines(ReadFile(m_file)).size(), 8U);
 }

@@ -92,8 +92,8 @@ TEST_F(TheLog, ReportsOnceForAllThreadsThatItsFileCannotBeOpened)
                   }
               }),
               0);
-    const auto lines = LinesOf(ContentOf(m_standardError));
-    EXPECT_EQ(lines.size(), threads + 1U) << ContentOf(m_standardError);
+    const auto lines = Lines(ReadFile(m_standardError));
+    EXPECT_EQ(lines.size(), threads + 1U) << ReadFile(m_standardError);
     EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
                             [](const std::string& line) { return MessageOf(line).rfind("ZQ_LOG_FILE[", 0) == 0; }),
               1);
@@ -103,7 +103,7 @@ TEST_F(TheLog, FollowsALinkThatNoOtherUserCanHaveMade)
 {
     ASSERT_EQ(::symlink((m_directory / "target").c_str(), m_file.c_str()), 0);
     ASSERT_EQ(InChildWithFile([] { LOG("followed"); }), 0);
-    EXPECT_EQ(MessageOf(LinesOf(ContentOf(m_directory / "target")).at(0)), "followed");
+    EXPECT_EQ(MessageOf(Lines(ReadFile(m_directory / "target")).at(0)), "followed");
 }
 
 TEST_F(TheLog, FollowsNoLinkWhereOthersMayMakeOne)
@@ -149,7 +149,7 @@ TEST_F(TheLog, OfAnotherUserThanRootFollowsLinksOfBoth)
                   }),
                   0);
     }
-    EXPECT_EQ(LinesOf(ContentOf(target)).size(), 2U);
+    EXPECT_EQ(Lines(ReadFile(target)).size(), 2U);
 }
 
 TEST_F(TheLog, ChecksTheWorkingDirectoryForAFileWithoutAPath)
@@ -162,10 +162,10 @@ TEST_F(TheLog, ChecksTheWorkingDirectoryForAFileWithoutAPath)
     };
     ASSERT_EQ(::symlink("target", m_file.c_str()), 0);
     ASSERT_EQ(InChild(inTheDirectory), 0);
-    EXPECT_EQ(LinesOf(ContentOf(m_directory / "target")).size(), 1U);
+    EXPECT_EQ(Lines(ReadFile(m_directory / "target")).size(), 1U);
     ASSERT_EQ(::chmod(m_directory.Path().c_str(), 0777), 0);
     ASSERT_EQ(InChild(inTheDirectory), 0);
-    EXPECT_EQ(LinesOf(ContentOf(m_directory / "target")).size(), 1U);
+    EXPECT_EQ(Lines(ReadFile(m_directory / "target")).size(), 1U);
 }
 
 TEST_F(TheLog, MakesItsFileEvenWhereOthersMayMakeALink)
@@ -173,7 +173,7 @@ TEST_F(TheLog, MakesItsFileEvenWhereOthersMayMakeALink)
     ASSERT_EQ(::chmod(m_directory.Path().c_str(), 01777), 0);
     ASSERT_EQ(InChildWithFile([] { LOG("made"); }), 0);
     ASSERT_EQ(InChildWithFile([] { LOG("and written to"); }), 0);
-    EXPECT_EQ(LinesOf(ContentOf(m_file)).size(), 2U);
+    EXPECT_EQ(Lines(ReadFile(m_file)).size(), 2U);
 }
 
 TEST_F(TheLog, GoesToTheStandardStreamsThatAreNamedAsFiles)
@@ -186,8 +186,8 @@ TEST_F(TheLog, GoesToTheStandardStreamsThatAreNamedAsFiles)
                       LOG("to a stream");
                   }),
                   0);
-        const auto lines = LinesOf(ContentOf(m_standardError));
-        ASSERT_EQ(lines.size(), 1U) << file << ": " << ContentOf(m_standardError);
+        const auto lines = Lines(ReadFile(m_standardError));
+        ASSERT_EQ(lines.size(), 1U) << file << ": " << ReadFile(m_standardError);
         EXPECT_EQ(MessageOf(lines[0]), "to a stream");
     }
 }
@@ -205,7 +205,7 @@ TEST_F(TheLog, GoesToAPipeThatIsNamedAsAFile)
     std::string text(4096, '\0');
     const ssize_t size = ::read(ends[0], text.data(), text.size());
     text.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
-    EXPECT_EQ(MessageOf(LinesOf(text).at(0)), "to a pipe");
+    EXPECT_EQ(MessageOf(Lines(text).at(0)), "to a pipe");
     ::close(ends[0]);
     ::close(ends[1]);
 }

@@ -7,26 +7,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
-
-std::string ContentOf(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
-}
-
-std::vector<std::string> LinesOf(const std::string& text)
-{
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
 
 std::string MessageOf(const std::string& record)
 {
@@ -59,8 +39,8 @@ int TheLog::InChildWithFile(const std::function<void()>& steps)
 
 void TheLog::ExpectComplaintOf(int error) const
 {
-    const auto lines = LinesOf(ContentOf(m_standardError));
-    ASSERT_EQ(lines.size(), 2U) << ContentOf(m_standardError);
+    const auto lines = Lines(ReadFile(m_standardError));
+    ASSERT_EQ(lines.size(), 2U) << ReadFile(m_standardError);
     EXPECT_EQ(MessageOf(lines[0]), "ZQ_LOG_FILE[" + m_file + "] cannot be opened for writing, errno " +
                                        std::to_string(error) + ": the log goes to standard error.");
 }

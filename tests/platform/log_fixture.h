@@ -1,6 +1,7 @@
 #ifndef TESTS_PLATFORM_LOG_FIXTURE_H
 #define TESTS_PLATFORM_LOG_FIXTURE_H
 
+#include "support/files.h"
 #include "support/temporary_directory.h"
 
 #include <zq_log.h>
@@ -15,13 +16,10 @@
 
 #define LOG(...) ZQ_WriteLog(4, 1, 0, 0, "src/x.cpp", 7, __VA_ARGS__)
 
-std::string ContentOf(const std::string& path);
-std::vector<std::string> LinesOf(const std::string& text);
-
-/// An expression for a record's time, up to the second as a group.
+/// A regular expression for the time of a record. Its group ends with the second.
 constexpr char TIME[] = "([0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2})\\.[0-9]{6}Z";
 
-/// What a record says behind its columns.
+/// The message of a record, which follows its columns.
 std::string MessageOf(const std::string& record);
 
 /// The log decides once in a process where it goes, so each test logs in a child of its own.

@@ -129,7 +129,7 @@ TEST_F(TheLogOnASocket, GivesNoPriorityInAFile)
         LogBothLevels();
     };
     EXPECT_EQ(Written(Name(), logToFile).size(), 0U);
-    const auto lines = LinesOf(ContentOf(m_file));
+    const auto lines = Lines(ReadFile(m_file));
     ASSERT_EQ(lines.size(), 2U);
     EXPECT_EQ(MessageOf(lines[0]), "information");
 }

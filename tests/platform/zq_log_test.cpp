@@ -58,7 +58,7 @@ TEST_F(TheLog, WritesOneLineWithTheCallersProcessThreadAndPlace)
     ASSERT_EQ(InChildWithFile([] { ZQ_WriteLog(4, 3, 1, 0, "src/x.cpp", 12, "bundle[%s] %d", "media", 5); }), 0);
     const std::time_t after = std::time(nullptr);
 
-    const std::string record = ContentOf(m_file);
+    const std::string record = ReadFile(m_file);
     const std::string pid = std::to_string(m_child);
     const auto found =
         Match(record, std::string(TIME) + " ERROR 4 1 " + pid + " " + pid + " src/x\\.cpp:12 bundle\\[media\\] 5\n");
@@ -79,9 +79,9 @@ TEST_F(TheLog, NamesTheThreadThatLogs)
                   }).join();
               }),
               0);
-    const std::string pidAndTid = " " + std::to_string(m_child) + " " + ContentOf(tidFile) + " ";
-    EXPECT_NE(ContentOf(m_file).find(pidAndTid), std::string::npos) << ContentOf(m_file);
-    EXPECT_NE(ContentOf(tidFile), std::to_string(m_child));
+    const std::string pidAndTid = " " + std::to_string(m_child) + " " + ReadFile(tidFile) + " ";
+    EXPECT_NE(ReadFile(m_file).find(pidAndTid), std::string::npos) << ReadFile(m_file);
+    EXPECT_NE(ReadFile(tidFile), std::to_string(m_child));
 }
 
 TEST_F(TheLog, NamesTheChildAfterAForkOfAThreadThatHasLogged)
@@ -99,7 +99,7 @@ TEST_F(TheLog, NamesTheChildAfterAForkOfAThreadThatHasLogged)
                   }).join();
               }),
               0);
-    const auto lines = LinesOf(ContentOf(m_file));
+    const auto lines = Lines(ReadFile(m_file));
     ASSERT_EQ(lines.size(), 3U);
     const auto numbers = Match(lines[1], ".* INFO 4 0 ([0-9]+ [0-9]+) src/x.cpp:7 child ([0-9]+)\\.");
     ASSERT_EQ(numbers.size(), 3U) << lines[1];
@@ -130,7 +130,7 @@ TEST_F(TheLog, AcceptsANullText)
 {
     const char* volatile null = nullptr;
     ASSERT_EQ(InChildWithFile([&] { LOG("name %s.", null); }), 0);
-    EXPECT_EQ(MessageOf(LinesOf(ContentOf(m_file)).at(0)), "name (null).");
+    EXPECT_EQ(MessageOf(Lines(ReadFile(m_file)).at(0)), "name (null).");
 }
 
 TEST_F(TheLog, WritesALanguageRecordWithFlagZeroAndNoPlace)
@@ -141,8 +141,8 @@ TEST_F(TheLog, WritesALanguageRecordWithFlagZeroAndNoPlace)
               }),
               0);
     const std::string pid = std::to_string(m_child);
-    EXPECT_NE(ContentOf(m_file).find("Z ERROR 5 0 " + pid + " " + pid + " - child 77 ended\n"), std::string::npos)
-        << ContentOf(m_file);
+    EXPECT_NE(ReadFile(m_file).find("Z ERROR 5 0 " + pid + " " + pid + " - child 77 ended\n"), std::string::npos)
+        << ReadFile(m_file);
 }
 
 TEST_F(TheLog, ChoosesTheLanguageByTheFirstVariableThatIsSet)
@@ -171,7 +171,7 @@ TEST_F(TheLog, ChoosesTheLanguageByTheFirstVariableThatIsSet)
                       ZQ_WriteLanguageLog(5, 3, "english %d", "second %d", 1);
                   }),
                   0);
-        EXPECT_EQ(MessageOf(LinesOf(ContentOf(m_file)).at(0)), choice.language + " 1");
+        EXPECT_EQ(MessageOf(Lines(ReadFile(m_file)).at(0)), choice.language + " 1");
     }
 }
 
@@ -190,7 +190,7 @@ TEST_F(TheLog, LosesAndMixesNoRecordOfEightThreadsAndTheirChildren)
               }),
               0);
     std::map<std::string, int> seen;
-    for (const std::string& line : LinesOf(ContentOf(m_file))) {
+    for (const std::string& line : Lines(ReadFile(m_file))) {
         ++seen[MessageOf(line)];
     }
     std::map<std::string, int> expected;

@@ -8,14 +8,28 @@
 
 namespace fs = std::filesystem;
 
-void WriteFile(const std::string& path, const std::string& content)
+namespace {
+
+void Write(const std::string& path, const std::string& content, std::ios::openmode mode)
 {
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    std::ofstream file(path, std::ios::binary | mode);
     file << content;
     file.close();
     if (!file) {
         throw std::runtime_error("cannot write " + path);
     }
+}
+
+} // namespace
+
+void WriteFile(const std::string& path, const std::string& content)
+{
+    Write(path, content, std::ios::trunc);
+}
+
+void AppendFile(const std::string& path, const std::string& content)
+{
+    Write(path, content, std::ios::app);
 }
 
 void WriteProgram(const std::string& path, const std::string& content)

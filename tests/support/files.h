@@ -6,6 +6,7 @@
 #include <vector>
 
 void WriteFile(const std::string& path, const std::string& content);
+void AppendFile(const std::string& path, const std::string& content);
 /// Writes a file that may be executed, in one step: readers find the old file or the whole new one.
 void WriteProgram(const std::string& path, const std::string& content);
 /// The file's content; empty when it does not exist.

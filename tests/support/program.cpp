@@ -1,6 +1,7 @@
 #include "support/program.h"
 
 #include "support/eventually.h"
+#include "support/files.h"
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -8,8 +9,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <fstream>
-#include <sstream>
 
 using namespace std::chrono_literals;
 
@@ -17,14 +16,6 @@ namespace {
 
 constexpr char OUTPUT[] = "stdout";
 constexpr char ERRORS[] = "stderr";
-
-std::string ContentOf(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
-}
 
 void Redirect(int fd, const std::string& path)
 {
@@ -80,12 +71,12 @@ void Program::Signal(int number) const
 
 std::string Program::Output() const
 {
-    return ContentOf(m_directory / OUTPUT);
+    return ReadFile(m_directory / OUTPUT);
 }
 
 std::string Program::Errors() const
 {
-    return ContentOf(m_directory / ERRORS);
+    return ReadFile(m_directory / ERRORS);
 }
 
 Ended RunToEnd(const std::string& program, std::vector<std::string> arguments)

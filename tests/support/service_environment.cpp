@@ -1,5 +1,6 @@
 #include "support/service_environment.h"
 
+#include "support/files.h"
 #include "support/private_mnt.h"
 #include "support/temporary_directory.h"
 
@@ -9,9 +10,7 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <system_error>
 
 namespace {
@@ -50,10 +49,7 @@ private:
 
 std::string LogText()
 {
-    std::ifstream file(g_logFile, std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
+    return ReadFile(g_logFile);
 }
 
 void OpenLog()

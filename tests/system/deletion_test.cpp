@@ -2,12 +2,9 @@
 
 #include "system/system_test.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <csignal>
 #include <cstddef>
@@ -215,27 +212,19 @@ TEST_F(DeletingABundle, FailsInTheSecondInWhichAnItemIsRelaunched)
 
 TEST_F(PublishingADelete, WritesOneEventToTheEventService)
 {
-    ASSERT_EQ(::mkfifo(EVENT_FIFO, 0660), 0);
-    const int fifo = ::open(EVENT_FIFO, O_RDWR | O_NONBLOCK | O_CLOEXEC);
-    ASSERT_GE(fifo, 0);
+    const EventFifo fifo;
     EXPECT_EQ(RequestDelete("radio"), 200);
-    std::array<char, 512> bytes{};
-    ssize_t size = 0;
-    EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [&] {
-        size = ::read(fifo, bytes.data(), bytes.size());
-        return size > 0;
-    }));
+    std::string packet;
+    EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [&] { return !(packet = fifo.Received()).empty(); }));
     std::string expected("\x40\0\0\x01\0\0\0\0", 8); // the header: 64 bytes of content, method 1
     std::string publisher = "bundle_service";
     std::string event = "app.event.init";
     publisher.resize(16, '\0');
     event.resize(48, '\0');
-    EXPECT_EQ(std::string(bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0))),
-              expected + publisher + event);
+    EXPECT_EQ(packet, expected + publisher + event);
 
     EXPECT_EQ(RequestDelete("radio"), 404);
-    EXPECT_EQ(::read(fifo, bytes.data(), bytes.size()), -1) << "what was not deleted is not published";
-    ::close(fifo);
+    EXPECT_EQ(fifo.Received(), "") << "only a deletion is published";
 }
 
 TEST_F(PublishingADelete, DoesNotAffectTheReplyWithoutAnEventService)
@@ -261,13 +250,8 @@ TEST_F(PublishingADelete, DoesNotAffectTheReplyIfTheServiceIsNoFifo)
 
 TEST_F(PublishingADelete, NeverWaitsForAListenerThatHasFallenBehind)
 {
-    ASSERT_EQ(::mkfifo(EVENT_FIFO, 0660), 0);
-    const int fifo = ::open(EVENT_FIFO, O_RDWR | O_NONBLOCK | O_CLOEXEC);
-    ASSERT_GE(fifo, 0);
-    const std::string noise(4096, 'x');
-    while (::write(fifo, noise.data(), noise.size()) > 0) {
-    }
+    const EventFifo fifo;
+    fifo.Fill();
     EXPECT_EQ(RequestDelete("radio"), 200);
-    EXPECT_EQ(RequestDelete("radio"), 404) << "the server goes on";
-    ::close(fifo);
+    EXPECT_EQ(RequestDelete("radio"), 404) << "the server still answers";
 }

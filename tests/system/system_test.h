@@ -3,6 +3,7 @@
 
 #include "support/collection_builder.h"
 #include "support/daemon_runner.h"
+#include "support/event_fifo.h"
 #include "support/eventually.h"
 #include "support/files.h"
 #include "support/packets.h"
@@ -17,7 +18,6 @@
 #include <vector>
 
 constexpr const char SERVICE_SOCKET[] = "/mnt/bolt/bundlesvr.paas.kov";
-constexpr const char EVENT_FIFO[] = "/mnt/bolt/event.paas.kov";
 
 /// A collection and a daemon on it that is not started yet. Each test program has a private /mnt.
 ///

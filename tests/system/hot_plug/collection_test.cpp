@@ -5,7 +5,6 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <thread>
 
@@ -17,12 +16,6 @@ using namespace std::chrono_literals;
 class ASlowCopy : public HotPlug {};
 class TheCollection : public HotPlug {};
 class SeveralBundles : public HotPlug {};
-
-void Append(const std::string& path, const std::string& text)
-{
-    std::ofstream file(path, std::ios::binary | std::ios::app);
-    file << text;
-}
 
 /// Writes a program as a slow link does: a character, a pause, the next. No part of it is a program.
 class SlowWriter {
@@ -36,7 +29,7 @@ public:
               WriteFile(directory + "/BundleManifest.ini",
                         "[global]\nbundle_name = radio\nbundle_load_mode = 0\n[item]\nitem_name = radiod\n");
               for (const char piece : text) {
-                  Append(program, std::string(1, piece));
+                  AppendFile(program, std::string(1, piece));
                   std::this_thread::sleep_for(pause); // what is tested is a writer that takes its time
               }
               isDone = true;

@@ -4,17 +4,18 @@
 
 #include "inherited_state.h"
 #include "support/fault.h"
+#include "support/process_info.h"
 #include "termination_signals.h"
 
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <iomanip>
 #include <sstream>
 #include <string>
@@ -26,18 +27,6 @@ namespace {
 constexpr rlim_t GREATEST_LIMIT = 16384;
 
 class AnItemsProcess : public RunningItems {};
-
-/// The value of a field of /proc/self/status.
-std::string OwnStatus(const std::string& field)
-{
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind(field, 0) == 0) {
-            return line.substr(line.find('\t') + 1);
-        }
-    }
-    return "";
-}
 
 /// A signal mask as /proc shows it.
 std::string Shown(const sigset_t& mask)
@@ -109,7 +98,7 @@ TEST_F(AnItemsProcess, HasTheSignalsThatTheServerWasStartedWith)
     }).join();
     for (const char* const name : {"main", "thread"}) {
         EXPECT_EQ(Reported(name, "SigBlk"), std::vector<std::string>{mask}) << name;
-        EXPECT_EQ(Reported(name, "SigIgn"), std::vector<std::string>{OwnStatus("SigIgn")}) << name;
+        EXPECT_EQ(Reported(name, "SigIgn"), std::vector<std::string>{ProcessOf::Status(::getpid(), "SigIgn")}) << name;
     }
     EXPECT_EQ(mask.substr(12), "0000") << "the test itself was started with signals blocked";
     ASSERT_NE(::signal(SIGHUP, SIG_DFL), SIG_ERR);

@@ -1,15 +1,10 @@
 #include "unit/server/open_server.h"
 
-#include "common/unique_fd.h"
+#include "support/event_fifo.h"
 #include "support/eventually.h"
 
 #include <algapp_bolt_comm.h>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
@@ -19,28 +14,8 @@ namespace {
 
 class ADeleteRequest : public ARequest {
 public:
-    ~ADeleteRequest() override { std::filesystem::remove(SystemServer::EVENT_SERVICE_PATH); }
-
-    /// Opens the event service for this test.
-    void Listen()
-    {
-        std::filesystem::create_directories("/mnt/bolt");
-        std::filesystem::remove(SystemServer::EVENT_SERVICE_PATH);
-        ASSERT_EQ(::mkfifo(SystemServer::EVENT_SERVICE_PATH, 0600), 0);
-        m_listener.Reset(::open(SystemServer::EVENT_SERVICE_PATH, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    }
-    std::string Received() const
-    {
-        std::array<char, 4096> data{};
-        const ssize_t size = ::read(m_listener.Get(), data.data(), data.size());
-        return size > 0 ? std::string(data.data(), static_cast<std::size_t>(size)) : std::string();
-    }
-
     /// Logged when the event service cannot be opened.
     const std::string publishFailure = "open event srv fail";
-
-private:
-    Common::UniqueFd m_listener;
 };
 
 } // namespace
@@ -112,7 +87,7 @@ TEST_F(ADeleteRequest, StopsUnloadsRemovesAndPublishes)
     collection.Bundle("media").Uninstall(Noting("uninstall")).Write();
     collection.Bundle("other").Write();
     StartUp();
-    Listen();
+    const EventFifo fifo;
     log.Restart();
     EXPECT_EQ(Delete("media"), 200);
     const std::string path = collection / "media";
@@ -128,13 +103,13 @@ TEST_F(ADeleteRequest, StopsUnloadsRemovesAndPublishes)
     EXPECT_EQ(Notes(), "uninstall\n");
     EXPECT_FALSE(Exists(path));
     EXPECT_TRUE(Exists(collection / "other"));
-    const std::string event = Received();
+    const std::string event = fifo.Received();
     ASSERT_EQ(event.size(), 72U);
     EXPECT_STREQ(event.data() + 8, "bundle_service");
     EXPECT_STREQ(event.data() + 24, "app.event.init");
     log.Restart();
     EXPECT_EQ(Delete("media"), 404);
-    EXPECT_EQ(Received(), "");
+    EXPECT_EQ(fifo.Received(), "");
 }
 
 TEST_F(ADeleteRequest, IsAnsweredWhenTheRemovalIsWrittenOut)
@@ -182,7 +157,7 @@ TEST_F(ADeleteRequest, IsAnsweredBeforeItsEventIsPublished)
 {
     collection.Bundle("media").Write();
     StartUp();
-    Listen();
+    const EventFifo fifo;
     std::size_t repliesBefore = 0;
     {
         const BeforeEach publishing(Call::SPRINTF_S, [&repliesBefore](int) {
@@ -222,13 +197,13 @@ TEST_F(ADeleteRequest, FailsForABundleThatCannotBeStopped)
     collection.Bundle("stuck").Manifest("[global]\nbundle_name = renamed\nbundle_load_mode = 0\n").Write();
     RaiseModified(collection / "stuck"); // no bundle is registered under its new name, so it cannot be stopped
     log.Restart();
-    Listen();
+    const EventFifo fifo;
     EXPECT_EQ(Delete("stuck"), 400);
     EXPECT_TRUE(log.HasError("uninstalling bundle[renamed] failed."));
     EXPECT_TRUE(log.InOrder({"find bundle done.", "stop bundle[renamed]...", "uninstalling bundle[renamed] failed."}));
     EXPECT_FALSE(log.Has("stop bundle done."));
     EXPECT_TRUE(Exists(collection / "stuck"));
-    EXPECT_EQ(Received(), "");
+    EXPECT_EQ(fifo.Received(), "");
 }
 
 TEST_F(ADeleteRequest, FailsWhenTheUnloadingDoes)
@@ -247,12 +222,12 @@ TEST_F(ADeleteRequest, FailsWhenTheRemovalCannotBeLaunched)
     collection.Bundle("media").Write();
     StartUp();
     log.Restart();
-    Listen();
+    const EventFifo fifo;
     const Fault fault(Call::LAUNCH, EAGAIN);
     EXPECT_EQ(Delete("media"), 400);
     EXPECT_TRUE(log.HasError("remove cmd exception.exception info: [System exception: no launch]."));
     EXPECT_FALSE(log.HasPart("success to rm"));
-    EXPECT_EQ(Received(), "");
+    EXPECT_EQ(fifo.Received(), "");
 }
 
 TEST_F(ADeleteRequest, FailsWhenTheRemovalCannotBeWaitedFor)

@@ -1,20 +1,15 @@
 #include <algapp_bolt_comm.h>
 
 #include "bundle_server.h"
-#include "support/collection_builder.h"
+#include "support/event_fifo.h"
 #include "support/fault.h"
 #include "support/log_capture.h"
+#include "support/own_process.h"
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <array>
-#include <cerrno>
 #include <cstring>
-#include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,33 +18,15 @@ namespace {
 /// Publishing to an event service of the test's own: the program has a /mnt of its own.
 class PublishingAnEvent : public ::testing::Test {
 public:
-    PublishingAnEvent()
-    {
-        std::filesystem::create_directories("/mnt/bolt");
-        std::filesystem::remove(SystemServer::EVENT_SERVICE_PATH);
-    }
     ~PublishingAnEvent() override
     {
-        ::close(m_listener);
-        std::filesystem::remove(SystemServer::EVENT_SERVICE_PATH);
+        m_listener.reset();
         EXPECT_EQ(puts.Count(), news.Count()) << "a message is kept";
-        EXPECT_EQ(OpenDescriptors(), m_descriptorsBefore) << "a descriptor is kept";
+        EXPECT_EQ(OwnProcess::Descriptors(), m_descriptorsBefore) << "a descriptor is kept";
     }
 
-    void Listen()
-    {
-        ASSERT_EQ(::mkfifo(SystemServer::EVENT_SERVICE_PATH, 0600), 0);
-        m_listener = ::open(SystemServer::EVENT_SERVICE_PATH, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-        ASSERT_GE(m_listener, 0);
-    }
-
-    /// All that has come.
-    std::string Received() const
-    {
-        std::array<char, 4096> data{};
-        const ssize_t size = ::read(m_listener, data.data(), data.size());
-        return size > 0 ? std::string(data.data(), static_cast<std::size_t>(size)) : std::string();
-    }
+    void Listen() { m_listener.emplace(); }
+    std::string Received() const { return m_listener->Received(); }
 
     /// The texts of the log, all of them errors of the shared header.
     std::vector<std::string> Errors() const
@@ -68,17 +45,8 @@ public:
     LogCapture log;
 
 private:
-    static int OpenDescriptors()
-    {
-        int count = 0;
-        for (int fd = 0; fd < 1024; ++fd) {
-            count += ::fcntl(fd, F_GETFD) != -1 ? 1 : 0;
-        }
-        return count;
-    }
-
-    int m_listener = -1;
-    const int m_descriptorsBefore = OpenDescriptors();
+    std::optional<EventFifo> m_listener;
+    const int m_descriptorsBefore = OwnProcess::Descriptors();
 };
 
 using Texts = std::vector<std::string>;
@@ -188,6 +156,6 @@ TEST_F(PublishingAnEvent, NeverWaitsForAListenerThatHasFallenBehind)
     for (int i = 0; i < 2000; ++i) {
         SystemServer::PublishDeleteMsg(); // more than a FIFO holds
     }
-    EXPECT_TRUE(log.Messages().empty()) << "the result of the sending is nobody's business";
+    EXPECT_TRUE(log.Messages().empty()) << "an event that is not taken is no error";
     EXPECT_FALSE(Received().empty());
 }

@@ -112,7 +112,7 @@ TEST_F(ACollectionThatGoesAway, IsComparedWithWhatItWasWhenItComesBack)
     fs::rename(place, Aside("away"));
     AwaitUnreadable("No such file or directory");
     fs::remove_all(Aside("away") + "/radio");
-    Append(Aside("away") + "/tuner/BundleManifest.ini", "\n");
+    AppendFile(Aside("away") + "/tuner/BundleManifest.ini", "\n");
     MakeBundle(Aside("away") + "/alarm");
     fs::rename(Aside("away"), place);
     Events events = EventsOfReturn();
@@ -152,7 +152,7 @@ TEST_F(ACollectionThatGoesAway, IsAwaitedWhileAFileStandsInItsPlace)
 {
     placed.BetweenTwoScans([this] {
         fs::rename(place, Aside("away"));
-        WriteText(place, "");
+        WriteFile(place, "");
     });
     AwaitUnreadable("Not a directory");
     PassScansElsewhere();
@@ -207,7 +207,7 @@ TEST_F(ALargeCollection, IsFollowedWithTenThousandEntries)
     Watch();
     BetweenTwoScans([this] {
         for (std::size_t i = 0; i < files; ++i) {
-            WriteText(In("note" + std::to_string(i)), "");
+            WriteFile(In("note" + std::to_string(i)), "");
         }
     });
     EXPECT_TRUE(Eventually(PATIENCE, [this] { return recorder.Noted().size() >= files; }));
@@ -245,6 +245,6 @@ TEST_F(TheCollectionsPath, GivesThePathsOfAWalkOverIt)
 TEST_F(TheCollectionsPath, MustBeADirectoryWhenTheWatcherIsMade)
 {
     EXPECT_THROW(BundleDirWatcher(In("missing")), Poco::FileNotFoundException);
-    WriteText(In("note"), "");
+    WriteFile(In("note"), "");
     EXPECT_THROW(BundleDirWatcher(In("note")), Poco::InvalidArgumentException);
 }

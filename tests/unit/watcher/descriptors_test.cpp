@@ -1,5 +1,6 @@
 // What a watcher holds while it lives: no thread and no descriptor beside its own, and nothing that a child inherits.
 
+#include "support/process_info.h"
 #include "unit/watcher/watched_collection.h"
 
 #include <fcntl.h>
@@ -8,7 +9,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <map>
 
 using SystemServer::BundleDirWatcher;
@@ -33,35 +33,23 @@ std::map<int, std::string> Descriptors()
     return descriptors;
 }
 
-std::vector<std::string> ThreadNames()
-{
-    std::vector<std::string> names;
-    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
-        std::ifstream file(task.path() / "comm");
-        std::string name;
-        std::getline(file, name);
-        names.push_back(name);
-    }
-    return names;
-}
-
 /// The number of threads beside a watcher's, which may only just have ended.
 std::size_t OtherThreads()
 {
     Eventually(std::chrono::seconds(30), [] {
-        const std::vector<std::string> names = ThreadNames();
+        const std::vector<std::string> names = ProcessOf::ThreadNames(::getpid());
         return std::count(names.begin(), names.end(), "bundle_watcher") == 0;
     });
-    return ThreadNames().size();
+    return ProcessOf::ThreadNames(::getpid()).size();
 }
 
 /// Whether there are so many threads. One that has ended is still to be seen for a moment.
 ::testing::AssertionResult ThereAreThreads(std::size_t count)
 {
-    if (Eventually(std::chrono::seconds(30), [count] { return ThreadNames().size() == count; })) {
+    if (Eventually(std::chrono::seconds(30), [count] { return ProcessOf::ThreadNames(::getpid()).size() == count; })) {
         return ::testing::AssertionSuccess();
     }
-    return ::testing::AssertionFailure() << ThreadNames().size() << " in place of " << count;
+    return ::testing::AssertionFailure() << ProcessOf::ThreadNames(::getpid()).size() << " in place of " << count;
 }
 
 } // namespace
@@ -73,7 +61,7 @@ TEST_F(WhatAWatcherHolds, IsOneThread)
     const std::size_t before = OtherThreads();
     Watch();
     recorder.PassScans(1);
-    const std::vector<std::string> names = ThreadNames();
+    const std::vector<std::string> names = ProcessOf::ThreadNames(::getpid());
     EXPECT_TRUE(ThereAreThreads(before + 1));
     EXPECT_EQ(std::count(names.begin(), names.end(), "bundle_watcher"), 1);
     watcher.reset();

@@ -31,19 +31,19 @@ TEST_F(AnEntry, IsAddedByTheFirstScanThatSeesItWhenItWasMovedIn)
     Watch();
     recorder.SetHandler([this](const std::string& event) {
         if (event == "added first-scan") {
-            WriteText(In("second-scan"), "");
+            WriteFile(In("second-scan"), "");
         }
     });
     EXPECT_EQ(EventsBetweenTwoScans([this] {
                   fs::rename(Aside("radio"), In("radio"));
-                  WriteText(In("first-scan"), "");
+                  WriteFile(In("first-scan"), "");
               }),
               (Events{"added first-scan", "added radio", "added second-scan"}));
 }
 
 TEST_F(AnEntry, ThatIsAPlainFileIsAddedModifiedAndRemoved)
 {
-    WriteText(In("old"), "");
+    WriteFile(In("old"), "");
     Watch();
     EXPECT_EQ(EventsOf("echo > \"$COLLECTION\"/note"), Events{"added note"});
     for (const char* const command :
@@ -71,7 +71,7 @@ TEST_F(AnEntry, ThatIsAPlainFileIsNotOfferedAgain)
 TEST_F(AnEntry, ThatWasThereBeforeTheWatcherRaisesNothing)
 {
     MakeBundle(In("radio"));
-    WriteText(In("note"), "");
+    WriteFile(In("note"), "");
     Watch();
     EXPECT_EQ(EventsOf([] {}), Events{});
 }
@@ -142,7 +142,7 @@ TEST_F(AnEntry, MayHaveAnyName)
     const std::string longest(255, 'n');
     MakeBundle(Aside(longest));
     EXPECT_EQ(EventsOf([&] { fs::rename(Aside(longest), In(longest)); }), Events{"added " + longest});
-    EXPECT_EQ(EventsOf([&] { Append(In(longest) + "/BundleManifest.ini", "\n"); }), Events{"modified " + longest});
+    EXPECT_EQ(EventsOf([&] { AppendFile(In(longest) + "/BundleManifest.ini", "\n"); }), Events{"modified " + longest});
 }
 
 // While "rm -r" is at work a scan may find half a directory: its end alone is raised.
@@ -153,16 +153,16 @@ TEST_F(AnEntry, ThatIsRemovedBitByBitIsRemovedOnce)
     recorder.SetHandler([this](const std::string& event) {
         if (event == "added tick-0") {
             fs::remove_all(In("radio") + "/bin");
-            WriteText(In("tick-1"), "");
+            WriteFile(In("tick-1"), "");
         } else if (event == "added tick-1") {
             fs::remove(In("radio") + "/BundleManifest.ini");
-            WriteText(In("tick-2"), "");
+            WriteFile(In("tick-2"), "");
         } else if (event == "added tick-2") {
             fs::remove_all(In("radio"));
         }
     });
     EXPECT_EQ(EventsOf([this] {
-                  WriteText(In("tick-0"), "");
+                  WriteFile(In("tick-0"), "");
                   EXPECT_TRUE(recorder.WaitFor("removed radio"));
               }),
               (Events{"added tick-0", "added tick-1", "added tick-2", "removed radio"}));

@@ -26,7 +26,7 @@ protected:
         Watch();
     }
 
-    void EditManifest() const { Append(In("radio") + "/BundleManifest.ini", "\n"); }
+    void EditManifest() const { AppendFile(In("radio") + "/BundleManifest.ini", "\n"); }
 };
 
 class DestroyingTheWatcher : public AHandler {};
@@ -78,7 +78,7 @@ TEST_F(AHandler, LosesNoChangeOfAnotherItemWhileItRuns)
     recorder.PassScans(4);
     recorder.SetHandler([this](const std::string& event) {
         if (event == "modified radio") {
-            Append(In("tuner") + "/BundleManifest.ini", "\n");
+            AppendFile(In("tuner") + "/BundleManifest.ini", "\n");
             fs::rename(Aside("alarm"), In("alarm"));
             fs::remove_all(In("radio"));
         }
@@ -132,7 +132,7 @@ TEST_F(AHandler, IsNotCalledForAnItemThatHasGoneMeanwhile)
     });
     EXPECT_EQ(EventsBetweenTwoScans([this] {
                   fs::rename(Aside("zulu"), In("zulu"));
-                  WriteText(In("first"), "");
+                  WriteFile(In("first"), "");
               }),
               Events{"added first"});
 }
@@ -151,13 +151,13 @@ TEST_F(AHandler, IsCalledForACompleteCopyOnlyWhenOneHasTakenThePlaceOfWhatCameBe
             writtenWhenAdded = written;
         } else if (event.rfind("added tick-", 0) == 0 && written < 4) {
             ++written;
-            Append(In("zulu") + "/BundleManifest.ini", "\n");
-            WriteText(In("tick-" + std::to_string(written)), "");
+            AppendFile(In("zulu") + "/BundleManifest.ini", "\n");
+            WriteFile(In("tick-" + std::to_string(written)), "");
         }
     });
     BetweenTwoScans([this] {
         fs::rename(Aside("zulu"), In("zulu"));
-        WriteText(In("tick-0"), "");
+        WriteFile(In("tick-0"), "");
     });
     EXPECT_TRUE(recorder.WaitFor("added zulu"));
     watcher.reset();
@@ -216,8 +216,8 @@ TEST_F(AcceptingChanges, RaisesNothingForTheHandlersOwnChanges)
     recorder.SetHandler([this](const std::string& event) {
         if (event == "modified radio") {
             EditManifest();
-            WriteText(In("radio") + "/bin/generated", "");
-            WriteText(In("radio") + "/script/generated", "");
+            WriteFile(In("radio") + "/bin/generated", "");
+            WriteFile(In("radio") + "/script/generated", "");
             watcher->AcceptChanges(In("radio"));
         }
     });
@@ -305,13 +305,13 @@ TEST_F(RetryingAnAddition, WaitsUntilTheRepairIsComplete)
             writtenWhenAdded = written;
         } else if (event.rfind("added tick-", 0) == 0 && written < 6) {
             ++written;
-            Append(In("radio") + "/bin/tunerd", "x");
-            WriteText(In("tick-" + std::to_string(written)), "");
+            AppendFile(In("radio") + "/bin/tunerd", "x");
+            WriteFile(In("tick-" + std::to_string(written)), "");
         }
     });
     BetweenTwoScans([this] {
         EditManifest();
-        WriteText(In("tick-0"), "");
+        WriteFile(In("tick-0"), "");
     });
     EXPECT_TRUE(recorder.WaitFor("added radio"));
     watcher.reset();
@@ -329,14 +329,14 @@ TEST_F(RetryingAnAddition, DoesNotWaitForWritesToOtherFolders)
         }
         isAdded = isAdded || event == "added radio";
         if (event.rfind("added tick-", 0) == 0 && !isAdded && ticks < 50) {
-            Append(In("radio") + "/log/today", "one more line\n");
-            WriteText(In("radio") + "/data/" + std::to_string(ticks), "");
-            WriteText(In("tick-" + std::to_string(++ticks)), "");
+            AppendFile(In("radio") + "/log/today", "one more line\n");
+            WriteFile(In("radio") + "/data/" + std::to_string(ticks), "");
+            WriteFile(In("tick-" + std::to_string(++ticks)), "");
         }
     });
     BetweenTwoScans([this] {
         EditManifest();
-        WriteText(In("tick-0"), "");
+        WriteFile(In("tick-0"), "");
     });
     EXPECT_TRUE(recorder.WaitFor("added radio"));
     watcher.reset();

@@ -41,7 +41,7 @@ TEST_F(ManyDirectories, AreAddedModifiedAndRemovedWithoutAMissedOrDoubledEvent)
             sorted(EventsOf([&] { forAll([this](const std::string& name) { fs::rename(Aside(name), In(name)); }); })),
             expected("added"));
         EXPECT_EQ(sorted(EventsOf(
-                      [&] { forAll([this](const std::string& name) { WriteText(In(name) + "/bin/new", ""); }); })),
+                      [&] { forAll([this](const std::string& name) { WriteFile(In(name) + "/bin/new", ""); }); })),
                   expected("modified"));
         EXPECT_EQ(sorted(EventsBetweenTwoScans(
                       [&] { forAll([this](const std::string& name) { fs::remove_all(In(name)); }); })),
@@ -77,7 +77,7 @@ TEST_F(ManyDirectories, AreModifiedInTheOrderInWhichTheyWereChanged)
     Events expected;
     EXPECT_EQ(EventsBetweenTwoScans([&] {
                   for (const char* const name : {"tuner", "base", "radio", "alarm"}) {
-                      Append(In(name) + "/BundleManifest.ini", "\n");
+                      AppendFile(In(name) + "/BundleManifest.ini", "\n");
                       AwaitTickAfter(In(name) + "/BundleManifest.ini");
                       expected.push_back(std::string("modified ") + name);
                   }

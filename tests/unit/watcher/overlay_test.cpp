@@ -36,8 +36,8 @@ protected:
         MakeBundle(In("radio"));
         MakeBundle(In("tuner"));
         MakeBundle(Aside("radio"));
-        WriteText(In("radio/state"), "1\n");
-        WriteText(In("radio/linked"), "1\n");
+        WriteFile(In("radio/state"), "1\n");
+        WriteFile(In("radio/linked"), "1\n");
         RunShell("ln \"$COLLECTION\"/radio/linked \"$COLLECTION\"/radio/linked-too");
         RunShell("cd \"$ASIDE\" && echo '; new' >> radio/BundleManifest.ini && tar -cf radio.tar radio");
         const std::string missing = Mount();
@@ -247,7 +247,7 @@ TEST_P(ABundleOnAnOverlay, HasItsChangesAcceptedWhenItsNumbersDiffer)
     Watch();
     recorder.SetHandler([this](const std::string& event) {
         if (event == "modified radio") {
-            WriteText(In("radio/bin/new"), "");
+            WriteFile(In("radio/bin/new"), "");
             DropInodes();
             watcher->AcceptChanges(In("radio"));
         }

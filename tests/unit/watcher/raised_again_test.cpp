@@ -89,7 +89,7 @@ TEST_F(RetryingARemoval, ContinuesWhileADirectoryIsCopiedOrAFileIsInItsPlace)
     RetryTimes(ALWAYS);
     BetweenTwoScans([this] {
         fs::remove_all(In("radio"));
-        WriteText(In("radio"), "");
+        WriteFile(In("radio"), "");
     });
     EXPECT_TRUE(recorder.WaitFor("added radio"));
     recorder.Forget();
@@ -128,7 +128,7 @@ TEST_F(RetryingARemoval, OfAPathThatIsNotBeingRemovedDoesNothing)
 TEST_F(RaisingOnceMore, RaisesAnItemWhoseChangesAreAccepted)
 {
     EXPECT_EQ(EventsBetweenTwoScans([this] {
-                  Append(In("radio") + "/BundleManifest.ini", "\n");
+                  AppendFile(In("radio") + "/BundleManifest.ini", "\n");
                   watcher->AcceptChanges(In("radio"));
                   EXPECT_TRUE(watcher->RaiseOnceMore(In("radio")));
               }),

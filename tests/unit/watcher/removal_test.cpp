@@ -62,13 +62,13 @@ TEST_F(ARemovalAtWork, IsAChangeAfterTenScansInWhichNothingMoreIsTakenAway)
 
 TEST_F(ARemovalAtWork, IsNotSeenWhenANameIsReplacedOrAdded)
 {
-    EXPECT_EQ(EventsOfSteps({[this] { WriteText(In("radio") + "/bin/newd", ""); }, [] {}}),
+    EXPECT_EQ(EventsOfSteps({[this] { WriteFile(In("radio") + "/bin/newd", ""); }, [] {}}),
               (Events{"step", "step", "modified radio", "step"}));
     EXPECT_EQ(EventsOfSteps({[this] { fs::rename(In("radio") + "/bin/newd", In("radio") + "/bin/scand"); }, [] {}}),
               After(2, {"modified radio"}))
         << "a name less";
     EXPECT_EQ(EventsOfSteps({[this] {
-                                 WriteText(Aside("tunerd"), "");
+                                 WriteFile(Aside("tunerd"), "");
                                  fs::rename(Aside("tunerd"), In("radio") + "/bin/tunerd");
                              },
                              [] {}}),

@@ -20,19 +20,19 @@ TEST_F(ASlowCopy, IsAddedOnceWhenItIsComplete)
     constexpr int chunks = 8;
     Watch();
     fs::create_directories(In("radio") + "/bin");
-    WriteText(In("radio") + "/BundleManifest.ini", "[global]\n");
+    WriteFile(In("radio") + "/BundleManifest.ini", "[global]\n");
     int written = 0;
     int writtenWhenAdded = 0;
     recorder.SetHandler([&](const std::string& event) {
         if (event == "added radio") {
             writtenWhenAdded = written;
         } else if (event.rfind("added tick-", 0) == 0 && written < chunks) {
-            Append(In("radio") + "/bin/tunerd", std::string(1000, 'x'));
+            AppendFile(In("radio") + "/bin/tunerd", std::string(1000, 'x'));
             ++written;
-            WriteText(In("tick-" + std::to_string(written)), "");
+            WriteFile(In("tick-" + std::to_string(written)), "");
         }
     });
-    WriteText(In("tick-0"), "");
+    WriteFile(In("tick-0"), "");
     EXPECT_TRUE(recorder.WaitFor("added radio"));
     recorder.PassScans(4);
     Events events = recorder.Noted();
@@ -50,14 +50,14 @@ TEST_F(ASlowCopy, IsNotTakenForARenameWhenItsModeWasSetFirst)
     Watch();
     recorder.SetHandler([this](const std::string& event) {
         if (event == "added first-scan") {
-            WriteText(In("second-scan"), "");
+            WriteFile(In("second-scan"), "");
         }
     });
     EXPECT_EQ(EventsBetweenTwoScans([this] {
                   fs::create_directory(In("radio"));
                   AwaitTickAfter(In("radio"));
                   RunShell("chmod 700 \"$COLLECTION\"/radio");
-                  WriteText(In("first-scan"), "");
+                  WriteFile(In("first-scan"), "");
               }),
               (Events{"added first-scan", "added second-scan", "added radio"}));
 }
@@ -67,18 +67,18 @@ TEST_F(ASlowCopy, IsNotTakenForARenameWhenItsModeWasSetMeanwhile)
     Watch();
     recorder.SetHandler([this](const std::string& event) {
         if (event == "added first-scan") {
-            Append(In("radio/BundleManifest.ini"), "\n");
+            AppendFile(In("radio/BundleManifest.ini"), "\n");
             AwaitTickAfter(In("radio/BundleManifest.ini"));
             RunShell("chmod 700 \"$COLLECTION\"/radio");
-            WriteText(In("second-scan"), "");
+            WriteFile(In("second-scan"), "");
         } else if (event == "added second-scan") {
-            WriteText(In("third-scan"), "");
+            WriteFile(In("third-scan"), "");
         }
     });
     EXPECT_EQ(EventsBetweenTwoScans([this] {
                   fs::create_directory(In("radio"));
-                  WriteText(In("radio/BundleManifest.ini"), "[global]\n");
-                  WriteText(In("first-scan"), "");
+                  WriteFile(In("radio/BundleManifest.ini"), "[global]\n");
+                  WriteFile(In("first-scan"), "");
               }),
               (Events{"added first-scan", "added second-scan", "added third-scan", "added radio"}));
 }
@@ -93,14 +93,14 @@ TEST_F(ASlowCopy, ThatIsAbandonedRaisesNothing)
         }
         ++written;
         if (written < 4) {
-            Append(In("radio") + "/half", "x");
-            WriteText(In("tick-" + std::to_string(written)), "");
+            AppendFile(In("radio") + "/half", "x");
+            WriteFile(In("tick-" + std::to_string(written)), "");
         } else {
             fs::remove_all(In("radio"));
         }
     });
     fs::create_directory(In("radio"));
-    WriteText(In("tick-0"), "");
+    WriteFile(In("tick-0"), "");
     EXPECT_TRUE(recorder.WaitFor("added tick-3"));
     recorder.PassScans(4);
     watcher.reset();

@@ -19,9 +19,9 @@ protected:
     void SetUp() override
     {
         MakeBundle(In("radio"));
-        WriteText(In("radio") + "/bin/scand", "x");
+        WriteFile(In("radio") + "/bin/scand", "x");
         for (int i = 0; i < 20; ++i) {
-            WriteText(In("radio") + "/data/" + std::to_string(i), "");
+            WriteFile(In("radio") + "/data/" + std::to_string(i), "");
         }
         Watch();
         recorder.PassScans(2); // the first one counts what is there
@@ -37,11 +37,11 @@ protected:
             const std::size_t done = static_cast<std::size_t>(m_files - first) - 1;
             if (event.rfind("added step-", 0) == 0 && done < steps.size()) {
                 steps[done]();
-                WriteText(nextFile(), "");
+                WriteFile(nextFile(), "");
             }
         });
         const std::string last = "added step-" + std::to_string(first + static_cast<int>(steps.size()));
-        WriteText(nextFile(), "");
+        WriteFile(nextFile(), "");
         EXPECT_TRUE(recorder.WaitFor(last));
         recorder.PassScans(4);
         recorder.SetHandler({});
@@ -72,7 +72,7 @@ protected:
     }
     Step Appending() const
     {
-        return [path = In("radio") + "/data/stations"] { Append(path, "two\n"); };
+        return [path = In("radio") + "/data/stations"] { AppendFile(path, "two\n"); };
     }
 
 private:

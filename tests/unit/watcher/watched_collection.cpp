@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <utility>
 
 using SystemServer::BundleDirWatcher;
@@ -133,10 +132,10 @@ std::string WatchingACollection::MakeBundle(const std::string& path) const
     for (const char* const folder : {"bin", "script", "data", "log"}) {
         std::filesystem::create_directories(path + "/" + folder);
     }
-    WriteText(path + "/bin/tunerd", std::string(5000, 'x'));
-    WriteText(path + "/script/install.sh", "#!/bin/sh\n");
-    WriteText(path + "/data/stations", "one\n");
-    WriteText(path + "/BundleManifest.ini", "[global]\nbundle_name = radio\nbundle_load_mode = 0\n");
+    WriteFile(path + "/bin/tunerd", std::string(5000, 'x'));
+    WriteFile(path + "/script/install.sh", "#!/bin/sh\n");
+    WriteFile(path + "/data/stations", "one\n");
+    WriteFile(path + "/BundleManifest.ini", "[global]\nbundle_name = radio\nbundle_load_mode = 0\n");
     return path;
 }
 
@@ -166,22 +165,6 @@ Events WatchingACollection::EventsBetweenTwoScans(const std::function<void()>& a
 Events WatchingACollection::EventsBetweenTwoScans(const std::string& command)
 {
     return EventsBetweenTwoScans([&command] { RunShell(command); });
-}
-
-void WriteText(const std::string& path, const std::string& text)
-{
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    file << text;
-    file.close();
-    EXPECT_TRUE(file) << path;
-}
-
-void Append(const std::string& path, const std::string& text)
-{
-    std::ofstream file(path, std::ios::binary | std::ios::app);
-    file << text;
-    file.close();
-    EXPECT_TRUE(file) << path;
 }
 
 void AwaitTickAfter(const std::string& path)

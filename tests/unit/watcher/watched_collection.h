@@ -2,6 +2,7 @@
 #define TESTS_UNIT_WATCHER_WATCHED_COLLECTION_H
 
 #include "support/eventually.h"
+#include "support/files.h"
 #include "support/log_capture.h"
 #include "support/shell.h"
 #include "support/slowness.h"
@@ -99,9 +100,6 @@ public:
     /// The first to go: its handler uses the rest. A test whose handler uses the test's own variables takes it away.
     std::unique_ptr<SystemServer::BundleDirWatcher> watcher;
 };
-
-void WriteText(const std::string& path, const std::string& text);
-void Append(const std::string& path, const std::string& text);
 
 /// Returns when the kernel's clock, which dates changes, is past the last change of path. Waits also when the clock has
 /// been set back meanwhile.

@@ -159,8 +159,8 @@ TEST_F(Withdrawing, StopsAChangeThatIsFoundAndNotYetRaised)
         }
     });
     EXPECT_EQ(EventsBetweenTwoScans([this] {
-                  Append(In("radio") + "/BundleManifest.ini", "\n");
-                  WriteText(In("first"), "");
+                  AppendFile(In("radio") + "/BundleManifest.ini", "\n");
+                  WriteFile(In("first"), "");
               }),
               Events{"added first"});
 }
