@@ -39,7 +39,7 @@ TEST(Bundlectl, NamesAllCommandsIfTheWordIsLikeNone)
         expected << "bundlectl: there is no command \"" << word
                  << "\". The commands are: status, why, log, timeline, blame, delete, events, wait, orphans, doctor, "
                     "metrics, "
-                    "record.\n";
+                    "record, report.\n";
         EXPECT_EQ(Control({word}).errors, expected.str());
     }
     EXPECT_TRUE(Has(Control({"a\nb\x1B"}).errors, "\"a\\nb\\033\""));

@@ -12,6 +12,7 @@ Action DefineLog(Arguments& arguments);
 Action DefineMetrics(Arguments& arguments);
 Action DefineOrphans(Arguments& arguments);
 Action DefineRecord(Arguments& arguments);
+Action DefineReport(Arguments& arguments);
 Action DefineStatus(Arguments& arguments);
 Action DefineTimeline(Arguments& arguments);
 Action DefineWait(Arguments& arguments);

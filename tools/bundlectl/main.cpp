@@ -10,6 +10,7 @@ constexpr Command COMMANDS[] = {
     {"status", DefineStatus},   {"why", DefineWhy},       {"log", DefineLog},         {"timeline", DefineTimeline},
     {"blame", DefineBlame},     {"delete", DefineDelete}, {"events", DefineEvents},   {"wait", DefineWait},
     {"orphans", DefineOrphans}, {"doctor", DefineDoctor}, {"metrics", DefineMetrics}, {"record", DefineRecord},
+    {"report", DefineReport},
 };
 static_assert(DefinesItsVerbs(Program::BUNDLECTL, COMMANDS), "the table of verbs has others, or another order");
 

@@ -60,6 +60,8 @@ constexpr Verb VERBS[] = {
      "bundlectl metrics\nbundlectl metrics --textfile /var/lib/prometheus/node-exporter/bundles.prom"},
     {"record", Program::BUNDLECTL, "Write down each launch, so that its process can be told later",
      "bundlectl record\nbundlectl record --once"},
+    {"report", Program::BUNDLECTL, "Write all of it into one HTML page, to attach to a ticket",
+     "bundlectl report -o report.html"},
 };
 
 /// What a verb does once its arguments are read. Returns the exit status.

@@ -1,20 +1,12 @@
 #include "command.h"
-#include "common/unique_fd.h"
 #include "exit_status.h"
 #include "model/metrics.h"
 #include "output/json_writer.h"
 #include "places.h"
-#include "printable.h"
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "replaced_file.h"
 
 #include <array>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <iostream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -93,23 +85,6 @@ std::string Json(const Model::Snapshot& snapshot, const std::vector<Metric>& met
     return json.Text();
 }
 
-/// Puts the text in a file's place in one step: a reader finds the old text or the new one.
-bool Replace(const std::string& file, const std::string& text)
-{
-    constexpr mode_t mode = 0644;
-    const std::string made = file + ".new"; // the collector reads names that end in ".prom" only
-    const Common::UniqueFd fd(::open(made.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, mode));
-    const bool isWritten = fd.IsOpen() && ::fchmod(fd.Get(), mode) == 0 &&
-                           ::write(fd.Get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
-                           std::rename(made.c_str(), file.c_str()) == 0;
-    if (!isWritten) {
-        const int error = errno;
-        ::unlink(made.c_str());
-        std::cerr << "bundlectl: " << Printable(file) << " cannot be written: " << std::strerror(error) << ".\n";
-    }
-    return isWritten;
-}
-
 int Measure(const Options& options)
 {
     const Model::Proc proc;
@@ -120,7 +95,7 @@ int Measure(const Options& options)
     }
     // That no server runs is a fact to be measured, not a failure.
     if (!options.file.empty()) {
-        return Replace(options.file, Text(metrics, Format::TEXT_FILE)) ? EXIT_DONE : EXIT_FAILED;
+        return ReplaceFile(options.file, Text(metrics, Format::TEXT_FILE)) ? EXIT_DONE : EXIT_FAILED;
     }
     return Verbs::Print(options.json ? Json(*snapshot, metrics) : Text(metrics, Format::OPEN_METRICS), EXIT_DONE);
 }
