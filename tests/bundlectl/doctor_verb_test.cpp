@@ -26,7 +26,7 @@ const auto* const g_privateMnt = ::testing::AddGlobalTestEnvironment(new Private
 
 class Doctor : public VerbTest {
 public:
-    /// The sentences about one kind of finding; empty: there is none.
+    /// The sentences about one kind of finding; empty when there are none.
     std::string About(const std::string& kind, std::vector<std::string> arguments = {})
     {
         arguments.insert(arguments.begin(), {"doctor", "--json"});

@@ -45,7 +45,7 @@ const std::vector<std::pair<std::string, std::string>> COMPOSED = {
      "failed to start bundle[%s] :%s"},
 };
 
-/// The formats of all calls that log, as they stand in the sources.
+/// The formats of all calls in the sources that log.
 std::set<std::string> LoggedTexts()
 {
     const std::regex call(

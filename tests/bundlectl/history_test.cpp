@@ -26,7 +26,7 @@ const auto* const g_privateMnt = ::testing::AddGlobalTestEnvironment(new Private
 
 class TheHistory : public SystemTest {
 public:
-    /// Reads the daemon's log anew.
+    /// Reads the daemon's log again.
     const ServerHistory& Read()
     {
         m_history = History();

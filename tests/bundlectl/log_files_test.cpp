@@ -143,7 +143,7 @@ TEST_F(ALogThatIsRotated, IsReadFromATimeOn)
         EXPECT_LE(std::stoi(messages.front()), second);
         EXPECT_EQ(messages.back(), "49999");
     }
-    // What stands long before it is not read.
+    // Records long before it are not read.
     EXPECT_GT(PlaceOfTime({Path()}, START + 49'000s).offset, text.size() / 2);
 }
 
@@ -266,5 +266,5 @@ TEST_F(AFollowedLog, IsSeenToBeTruncatedWhenItHasGrownAgain)
     std::filesystem::resize_file(Path(), 0);
     AppendFile(Path(), RecordAt(2, "two") + RecordAt(3, "three") + RecordAt(4, "four"));
     EXPECT_EQ(MessagesOf(*reader), (Texts{"two", "three", "four"}));
-    EXPECT_FALSE(reader->Troubles().empty()); // what was cut off is nowhere
+    EXPECT_FALSE(reader->Troubles().empty()); // the records that were cut off are lost
 }

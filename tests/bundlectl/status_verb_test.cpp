@@ -77,7 +77,7 @@ TEST_F(Status, MarksADirectoryThatHasChanged)
     Serve();
     WriteFile(collection / "radio/BundleManifest.ini", "broken");
     ASSERT_TRUE(daemon.WaitForLog("update bundle[radio] failed."));
-    // What a bundle writes within the first seconds is taken for its own.
+    // Changes in the first seconds count as made by the bundle itself.
     ASSERT_TRUE(Eventually(std::chrono::seconds(20), [this] {
         WriteFile(collection / "radio/BundleManifest.ini", "broken");
         return Has(Run({"status"}).output, "changed since load");

@@ -19,7 +19,7 @@ public:
 /// Whether each line of a text follows the schema of what bundlectl prints for programs.
 ::testing::AssertionResult FollowsSchema(const std::string& text);
 
-/// What is wrong with the text unless it has the part.
+/// Fails unless the text has the part; the failure shows both.
 ::testing::AssertionResult Tells(const Ended& ended, const std::string& part);
 
 #endif

@@ -27,7 +27,7 @@ expect_message() {
     tr -s ' \n' ' ' < "$scratch/output" | grep -qF -- "$1" || fail "the message lacks: $1"
 }
 
-# make_framework VERSION: the machine's framework as one of another version; the standard input is what is said of it.
+# make_framework VERSION: the machine's framework with another version number. The standard input is its description.
 make_framework() {
     mkdir "$scratch/framework"
     { echo "include([[$framework/PocoConfig.cmake]])"; cat; } > "$scratch/framework/PocoConfig.cmake"
@@ -48,7 +48,7 @@ case $test in
         ! configure "-DPoco_DIR=$scratch/framework" || fail "it is configured"
         expect_message "POCO 1.11.0 in $scratch/framework has no DirectoryWatcher"
         expect_message "Build it without that definition, or name another with -DPoco_DIR=DIR"
-        # What was found out is not kept: the same build directory is configured once the framework is another.
+        # No result is kept: the same build directory can be configured once the framework has changed.
         "$cmake" "-DPoco_DIR=$framework" "$scratch/build" > "$scratch/output" 2>&1 || fail "it is refused still"
         ;;
     OldFramework)

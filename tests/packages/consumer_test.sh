@@ -27,7 +27,7 @@ in_root() {
     chroot "$root" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root CC=gcc sh -ec "$1"
 }
 
-# check PROGRAM: it deletes a bundle that runs, hears of it, and tells when there is none.
+# check PROGRAM: it deletes a running bundle, receives the event, and reports a bundle that does not exist.
 check() {
     local said status=0
     put_bundle radio

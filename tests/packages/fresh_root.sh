@@ -21,7 +21,7 @@ enter_machine() {
     IN_FRESH_ROOT=yes exec "${namespaces[@]}" "$BASH" "$0" "$@"
 }
 
-# fresh_root: makes $root, empty but for what the kernel gives.
+# fresh_root: makes $root with the file systems of the kernel and nothing else.
 fresh_root() {
     # In a place that every machine has, so that no directory is left that was mounted on.
     root=/mnt
@@ -161,8 +161,8 @@ put_witness() {
         "$root/var/lib/bundle-server/bundles/witness/bin/witness.sh"
 }
 
-# check_order LOG_DIRECTORY SERVER LINES WHEN: the server has gone before its items, by what it has logged since it was
-# told to end, when the log had so many lines, and by what the witness has noted.
+# check_order LOG_DIRECTORY SERVER LINES WHEN: the server has ended before its items. The log since the order to end,
+# from line LINES on, and the notes of the witness show it.
 check_order() {
     local records
     records=$(tail -n +$(($3 + 1)) "$1/bundle-server/bundle-server.log" | awk -v server="$2" '$5 == server')

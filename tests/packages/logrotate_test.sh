@@ -49,7 +49,7 @@ done
 gzip --test "$logs"/*.gz || fail "an old log is broken"
 [ "$largest" -le 2500000 ] || fail "the log has come to $largest bytes"
 [ "$largest" -ge 1000000 ] || fail "the log has been no larger than $largest bytes: nothing was tested"
-# What is written after a rotation is there.
+# Records that are written after a rotation exist.
 echo "the last record" >&3
 grep -q "the last record" "$logs/bundle-server.log" || fail "nothing is logged after a rotation"
 echo "at most $largest bytes"

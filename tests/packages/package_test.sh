@@ -20,7 +20,7 @@ list() {
 }
 
 package_manager() {
-    # This machine may leave out manual pages and documents; the package is to be seen whole.
+    # This machine may leave out manual pages and documents. The test needs the whole package.
     DEBIAN_FRONTEND=noninteractive dpkg --root="$root" --path-include='/*' "$@"
 }
 
@@ -43,7 +43,7 @@ dpkg-query -s $packages > "$root/var/lib/dpkg/status"
 for name in $packages; do
     cp /var/lib/dpkg/info/"$name".list /var/lib/dpkg/info/"$name":*.list "$root/var/lib/dpkg/info/" 2> /dev/null
 done
-# There is no init process that Debian's tools could find: they are told that services may be started all the same.
+# Debian's tools find no init process here, so they must be allowed to start services.
 printf '#!/bin/sh\nexit 0\n' > "$root/usr/sbin/policy-rc.d"
 chmod 755 "$root/usr/sbin/policy-rc.d"
 touch "$root/tmp/before" "$root/tmp/after"
@@ -65,7 +65,7 @@ put_bundle tuner
 await runs bin/tuner.sh 1 || fail "the second bundle's script is not run"
 check_service tuner
 
-# What is changed in the configuration, an upgrade keeps. The new server is at work at once.
+# An upgrade keeps changes of the configuration. The new server serves at once.
 echo "; changed" >> "$root/etc/bundle-server/bundle-server.ini"
 put_witness
 service start

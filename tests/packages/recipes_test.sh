@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The recipes for Yocto and Buildroot against what is installed, as far as that can be told without either.
+# Compares the recipes for Yocto and Buildroot with the installed files, as far as that works without either.
 #
 # usage: recipes_test.sh ROOT CMAKE BUILD_DIR
 set -uo pipefail
@@ -17,7 +17,7 @@ fail() {
     exit 1
 }
 
-# What is installed, but for manual pages and the log's directory: files, and directories that are empty.
+# The installed files and empty directories, without manual pages and the log's directory.
 DESTDIR=$work/tree "$cmake" --install "$build" --prefix /usr > /dev/null || fail "it cannot be installed"
 installed=$(cd "$work/tree" && find . \( -type f -o -type l -o -type d -empty \) -printf '/%P\n' |
     grep -vE '^/usr/share/man/|^/var/log/' | sort)
@@ -49,7 +49,7 @@ grep -q "file://LICENSE;md5=${sum%% *}\"" "$recipe" || fail "the recipe has not 
 sed -n '/^do_install:append() {/,/^}/p' "$recipe" | sed '1d; $d' > "$work/do_install"
 [ -s "$work/do_install" ] || fail "the recipe has no do_install:append"
 sh -n "$work/do_install" || fail "do_install:append is no shell script"
-# A value goes on to the next line by a backslash; one that is not closed would swallow the rest.
+# A backslash continues a value on the next line. A value that is not closed would include the rest.
 awk '
     /^#/ { next }
     open { if ($0 ~ /^"$/ || $0 !~ /\\$/) open = 0; if (!open && $0 !~ /"$/) { print FNR; exit 1 } next }

@@ -36,7 +36,7 @@ leave() {
     rm -rf "$notes"
 }
 
-# start_machine ARGUMENT...: starts the machine and waits for what it has noted.
+# start_machine ARGUMENT...: starts the machine and waits for its notes.
 start_machine() {
     notes=$(mktemp -d)
     (
@@ -116,7 +116,7 @@ on_machine() {
         mv "$IN_MACHINE/result.new" "$IN_MACHINE/result"
     ) &
     cd "$root" || exit 1
-    # systemd is to be the first process of its machine, in a container as far as it can tell.
+    # systemd must be the first process of its machine. It takes the machine for a container.
     exec env -i container=test PATH=/usr/sbin:/usr/bin chroot "$root" /lib/systemd/systemd --log-target=console --show-status=no
 }
 

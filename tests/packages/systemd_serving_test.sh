@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# What is ordered after bundle-server-serving.service starts when the server answers requests, also after a crash. Where
-# that cannot come, its start fails at once.
+# A unit that is ordered after bundle-server-serving.service starts when the server answers requests, also after a crash.
+# When the server cannot serve, its start fails at once.
 #
 # usage: systemd_serving_test.sh PACKAGES
 set -uo pipefail

@@ -17,7 +17,7 @@ cp -RL $units/*.target $units/*.slice $units/*.mount "$root/usr/lib/systemd/syst
 ln -s usr/lib "$root/lib"
 mapfile -t ours < <(cd "$root/usr/lib/systemd/system" && ls bundle-server*)
 [ ${#ours[@]} -ge 6 ] || { echo "the package has these units only: ${ours[*]}"; exit 1; }
-# What they execute is not in the root: a file of this name stands for it.
+# The programs that they execute are not in the root: empty files of their names replace them.
 mkdir -p "$root/bin"
 touch "$root/bin/sh" "$root/usr/sbin/logrotate"
 chmod 755 "$root/bin/sh" "$root/usr/sbin/logrotate"
@@ -30,8 +30,8 @@ if [ $status -ne 0 ] || [ -n "$said" ]; then
     exit 1
 fi
 
-# In tenths; a service of root without any restriction has 96. What is left open is left so for the bundles, as the unit
-# says: a change that leaves more open must raise this, and say why.
+# In tenths; a service of root without any restriction has 96. Bundles need the permissions that are left, as the unit
+# says. A change that leaves more open must raise this number and give the reason.
 systemd-analyze security --offline=true --root="$root" --threshold=83 --no-pager bundle-server.service > "$root/report"
 status=$?
 tail -n 3 "$root/report"

@@ -35,7 +35,7 @@ protected:
     RunningServer m_server{SERVICE, g_testProtocol};
 };
 
-/// Runs the steps as a user who is neither the server's nor root. True when they return true.
+/// Runs the steps as another user than root and the server's. True when they return true.
 template <typename Steps> bool HoldsForNobody(Steps steps)
 {
     const pid_t child = ::fork();

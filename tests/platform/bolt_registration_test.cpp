@@ -46,7 +46,7 @@ unsigned ModeOf(const std::string& path)
     return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0U;
 }
 
-/// A socket at the path that nobody listens on any more.
+/// A socket at the path whose server has ended.
 void LeaveDeadSocket(const std::string& path)
 {
     const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
@@ -60,13 +60,13 @@ void LeaveDeadSocket(const std::string& path)
 
 class Registering : public ::testing::Test {
 protected:
-    /// Registers a service of that name in this process. Returns whether it worked; it is then over again.
+    /// Registers a service of that name in this process and ends it. Returns whether the registration worked.
     static bool Works(const std::string& service) { return RunningServer(service, g_testProtocol).IsRegistered(); }
 
     const std::string m_path = SocketPath(SERVICE);
 };
 
-/// Turns the process into one of a user who is neither the test's nor root.
+/// Gives the process another user than root and the test's.
 void BecomeNobody()
 {
     OpenLog();
@@ -94,7 +94,7 @@ Outcome OutcomeOf(const bolt_server_ops& ops)
     return outcome;
 }
 
-/// Waits for all to be told to go, then tries to take the name; the winner serves until it is killed.
+/// Waits for the common signal, then tries to take the name. The winner serves until it is killed.
 [[noreturn]] void CompeteForName(int startLine, int results)
 {
     char word = 0;

@@ -141,7 +141,7 @@ TEST_F(TheLog, EndsALineThatAFullDiskCutOffAndCountsLostRecordsOfAllProcesses)
     constexpr std::size_t whole = 5;
     ASSERT_EQ(lines.size(), whole + 4) << ReadFile(m_file);
     EXPECT_EQ(MessageOf(lines[whole - 1]), "record 14.");
-    EXPECT_EQ(Match(lines[whole], ".*there is room again.*").size(), 0U) << "joined to what was cut off";
+    EXPECT_EQ(Match(lines[whole], ".*there is room again.*").size(), 0U) << "joined to the record that was cut off";
     EXPECT_EQ(MessageOf(lines[whole + 1]), std::to_string(records + childRecords - whole) +
                                                " earlier records are lost: no room for them, or nobody has read them.");
     EXPECT_EQ(MessageOf(lines[whole + 2]), "there is room again.");
@@ -151,7 +151,7 @@ TEST_F(TheLog, EndsALineThatAFullDiskCutOffAndCountsLostRecordsOfAllProcesses)
 TEST_F(TheLog, DoesNotWaitForAFifoWithoutAReader)
 {
     ASSERT_EQ(::mkfifo(m_file.c_str(), 0600), 0);
-    const int fifo = ::open(m_file.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC); // what is in it outlives the child
+    const int fifo = ::open(m_file.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC); // its content outlives the child
     ASSERT_EQ(InChildWithFile([] {
                   for (int i = 0; i < 3000; ++i) {
                       LOG("record %d.", i);
@@ -163,7 +163,7 @@ TEST_F(TheLog, DoesNotWaitForAFifoWithoutAReader)
     ::close(fifo);
     ASSERT_GT(size, 0);
     text.resize(static_cast<std::size_t>(size));
-    EXPECT_EQ(text.back(), '\n') << "what is lost is lost whole";
+    EXPECT_EQ(text.back(), '\n') << "records are lost only as a whole";
     const auto lines = Lines(text);
     for (std::size_t i = 0; i < lines.size(); ++i) {
         ASSERT_EQ(MessageOf(lines[i]), "record " + std::to_string(i) + ".");

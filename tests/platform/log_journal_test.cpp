@@ -12,7 +12,7 @@
 
 namespace {
 
-/// Standard error is a socket, which keeps what is written to it in the pieces in which it was written.
+/// Standard error is a socket that keeps the writes apart.
 class TheLogOnASocket : public TheLog {
 protected:
     TheLogOnASocket()
@@ -33,7 +33,7 @@ protected:
         return std::to_string(m_status.st_dev) + ":" + std::to_string(m_status.st_ino + beside);
     }
 
-    /// Runs the steps in a child with that JOURNAL_STREAM. Returns what has been written.
+    /// Runs the steps in a child with that JOURNAL_STREAM. Returns the writes.
     std::vector<std::string> Written(const std::string& journalStream, const std::function<void()>& steps)
     {
         EXPECT_EQ(InChild([&] {

@@ -1,4 +1,4 @@
-// Records and who writes them: columns, languages, threads, children.
+// Records and their writers: columns, languages, threads, children.
 #include "platform/log_fixture.h"
 #include "support/match.h"
 

@@ -82,7 +82,7 @@ TEST_F(DeletingABundle, StopsUnloadsAndRemovesIt)
     EXPECT_FALSE(Exists(collection / "radio"));
     EXPECT_EQ(ReadFile(Note("uninstalled")), collection / "radio" + "\n") << "the script runs before the removal";
 
-    ASSERT_TRUE(daemon.WaitForLog("open event srv fail")); // after the reply: nobody listens here
+    ASSERT_TRUE(daemon.WaitForLog("open event srv fail")); // after the reply: there is no event service
     const std::vector<std::string> expected = DeletionOf(deleted);
     EXPECT_EQ(LastOfMainThread(expected.size()), expected);
     EXPECT_TRUE(daemon.WaitForLog("normal stop radio.radiod..."));

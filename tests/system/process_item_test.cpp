@@ -197,7 +197,7 @@ TEST_F(AProcessItem, InheritsNoDescriptorsOfTheServer)
     collection.Bundle("tuner").Item("tuner.sh", Shell("exec sleep 1000")).Write();
     staging.Bundle("video").Copy("videod", TEST_SLEEPER).Write();
     ASSERT_TRUE(daemon.StartServing());
-    const UnixClient client(SERVICE_SOCKET); // a connection is no business of theirs, either
+    const UnixClient client(SERVICE_SOCKET); // they do not inherit a connection, either
     ASSERT_TRUE(client.Ask(PacketOf(1, 0, ""), DaemonRunner::PATIENCE));
     MoveIn("video");
     const pid_t relaunched = daemon.WaitForItem("radio", "radiod");

@@ -198,7 +198,7 @@ TEST_F(TwoServers, LeaveTheServiceToTheFirst)
     EXPECT_EQ(other.CountInLog("bundle server start running..."), 0);
     EXPECT_NE(other.WaitForItem("tuner", "tuner.sh", 2), 0) << "it supervises all the same";
     EXPECT_TRUE(other.IsRunning());
-    EXPECT_EQ(RequestDelete("video"), 404) << "the second server's bundle is not to be reached";
+    EXPECT_EQ(RequestDelete("video"), 404) << "the second server's bundle cannot be reached";
     std::filesystem::remove_all(otherCollection / "video");
     EXPECT_TRUE(other.WaitForLog("unload bundle done.")) << "it follows its directory all the same";
     EXPECT_EQ(other.Stop(SIGTERM).status, 0);

@@ -210,7 +210,7 @@ TEST_F(AServerThatIsKilled, DuringALaunchLeavesNoWaitingChild)
     EXPECT_FALSE(OnlyItemsAreLeft());
     EXPECT_EQ(daemon.Stop(SIGKILL).signal, SIGKILL);
     EXPECT_TRUE(Eventually(5s, [this] { return daemon.Descendants().empty(); }));
-    EXPECT_LE(daemon.CountInLog("read pipe fail."), 3) << "it has not been told, again and again";
+    EXPECT_LE(daemon.CountInLog("read pipe fail."), 3) << "the child spins";
 }
 
 TEST_F(AServerThatIsKilled, AtAnyMomentLeavesItemsAndNothingElse)

@@ -238,7 +238,7 @@ TEST_F(Supervision, EndsForGoodWhenAWaitFails)
     ASSERT_NE(later, 0) << "bundles are still launched";
     EXPECT_EQ(daemon.CountInLog("child process create, start monitor thread."), 1) << "there is no other monitor";
     ::kill(later, SIGKILL);
-    EXPECT_FALSE(daemon.WaitForLog("tuner.tunerd[", 1, 2s)) << "and nobody sees them end";
+    EXPECT_FALSE(daemon.WaitForLog("tuner.tunerd[", 1, 2s)) << "and their ends are not seen";
     EXPECT_TRUE(daemon.IsRunning());
     EXPECT_EQ(daemon.Stop().status, 0);
 }

@@ -42,7 +42,7 @@ public:
     DaemonRunner daemon{collection.Path()};
 };
 
-/// A script whose first run makes a note and exits with the status. The second run goes on until it is killed.
+/// A script whose first run makes a note and exits with the status. The second run continues until it is killed.
 std::string ExitOnFirstRun(const std::string& note, int status);
 
 /// Asks the daemon to delete a bundle. Returns the status of the reply, 0 when no reply comes.

@@ -52,7 +52,8 @@ TEST_F(AThreadItem, WhoseFunctionFailsIsLogged)
     ASSERT_TRUE(daemon.StartServing());
     EXPECT_TRUE(daemon.WaitForLog("entry func[ReturnThirtyThree] return fail."));
     EXPECT_EQ(daemon.CountInLog(DONE), 0);
-    EXPECT_EQ(daemon.CountInLog("bundle[radio] state changing[Starting] -> [Active]"), 1) << "nobody is told";
+    EXPECT_EQ(daemon.CountInLog("bundle[radio] state changing[Starting] -> [Active]"), 1)
+        << "the failure does not change the state";
     EXPECT_EQ(RequestDelete("radio"), 200);
 }
 

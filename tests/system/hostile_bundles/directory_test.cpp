@@ -35,7 +35,7 @@ void MakeDeep(const std::string& path, int depth)
     ASSERT_EQ(std::system(commands.c_str()), 0);
 }
 
-/// Bundles that are all right but for what is beside their manifest, or for the name of their directory.
+/// Sound bundles with odd entries beside their manifest, or an odd name of their directory.
 void WriteOdd(const CollectionBuilder& target)
 {
     target.Bundle("many").Write();
@@ -53,7 +53,7 @@ void WriteOdd(const CollectionBuilder& target)
     fs::create_symlink("/etc", target / "links/script");
     target.Bundle("devices").Write();
     EXPECT_EQ(::mkfifo((target / "devices/bin").c_str(), 0600), 0);
-    // Not to be had in every container; the test goes on without it.
+    // Some containers do not allow it; the test continues without it.
     ::mknod((target / "devices/script").c_str(), S_IFCHR | 0600, makedev(1, 5));
     for (const auto& [directory, name] : std::vector<std::pair<std::string, std::string>>{{"line\nend", "newline"},
                                                                                           {"\xFF\xFE\x80", "invalid"},
@@ -72,7 +72,7 @@ void WriteOdd(const CollectionBuilder& target)
 const std::vector<std::string> ODD{"many",   "deep", "links",  "devices", "newline", "invalid", "longest",
                                    "option", "home", "points", "star",    "command", "blank",   "percent"};
 
-/// What is no bundle at all.
+/// Entries that are no bundles.
 void WriteNone(const std::string& collection)
 {
     fs::create_symlink(".", collection + "/itself");
@@ -100,7 +100,7 @@ TEST_F(AHostileDirectory, OfABundleAtTheStartHarmsNothing)
         EXPECT_EQ(RequestDelete(bundle), 200) << bundle;
     }
     EXPECT_TRUE(IsUnharmed());
-    EXPECT_TRUE(Exists(In(".."))) << "only what is a bundle's is removed";
+    EXPECT_TRUE(Exists(In(".."))) << "only the bundle is removed";
     EXPECT_FALSE(Exists(In("-rf")));
     EXPECT_FALSE(Exists(In("deep")));
 }
@@ -142,7 +142,7 @@ TEST_F(ADeepDirectory, LeavesTheServerTheDescriptorsThatItNeeds)
     MoveIn("deep");
     std::size_t most = 0;
     int changes = 0;
-    // It never stands still, so it is walked again and again.
+    // It keeps changing, so each scan walks it again.
     EXPECT_FALSE(Eventually(4s, [&] {
         WriteFile(In("deep/data0/change"), std::string(static_cast<std::size_t>(++changes), 'x'));
         most = std::max(most, daemon.Descriptors().size());
@@ -153,7 +153,7 @@ TEST_F(ADeepDirectory, LeavesTheServerTheDescriptorsThatItNeeds)
     EXPECT_TRUE(IsUnharmed());
 }
 
-// A look at it is bounded, however much there is to be looked at: it may be a link to the root of all file systems.
+// The walk of a directory is bounded, because it may be a link to the root of all file systems.
 TEST_F(ALargeDirectory, IsAddedThoughAFileFarBackInItKeepsChanging)
 {
     staging.Bundle("large").Write();
@@ -184,7 +184,7 @@ TEST_F(ALinkToABundle, IsDeletedAndItsTargetIsNot)
     EXPECT_EQ(RequestDelete("radio"), 200);
     EXPECT_FALSE(Exists(In("radio")));
     EXPECT_TRUE(Exists(staging / "radio/BundleManifest.ini"));
-    // Made again before the next look, it would lead to what it led to before, and nothing would have changed.
+    // A link that is made again before the next scan leads to the same target, so nothing would have changed.
     EXPECT_TRUE(daemon.WaitForLog("find bundle[" + In("radio") + "] fail."));
     fs::create_directory_symlink(staging / "radio", In("radio"));
     EXPECT_TRUE(IsStarted("radio", 2));
@@ -194,7 +194,7 @@ TEST_F(ALinkToABundle, IsDeletedAndItsTargetIsNot)
     EXPECT_TRUE(IsUnharmed());
 }
 
-// The reply tells that "rm" has been run. What it could not remove is there, and may be added again.
+// The reply says that "rm" has run. Entries that it could not remove are still there and may be added again.
 TEST_F(AMountedBundle, IsEmptiedByADeletionAndItsMountPointStays)
 {
     fs::create_directory(In("radio"));

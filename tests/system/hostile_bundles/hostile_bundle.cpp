@@ -51,7 +51,7 @@ testing::AssertionResult HostileBundles::StartServing()
     if (!daemon.StartServing()) {
         return testing::AssertionFailure() << "it does not serve";
     }
-    // A thread bears its own name once it is on its way, and what start-up needed is closed.
+    // A thread that runs has its own name. The descriptors of the start-up are closed then.
     const auto areAllOnTheirWay = [this] {
         const std::vector<std::string> names = daemon.ThreadNames();
         return std::count(names.begin(), names.end(), "bundle_server") == NAMELESS_THREADS &&
@@ -60,7 +60,7 @@ testing::AssertionResult HostileBundles::StartServing()
     if (!Eventually(DaemonRunner::PATIENCE, areAllOnTheirWay)) {
         return testing::AssertionFailure() << "its threads are " << testing::PrintToString(daemon.ThreadNames());
     }
-    // Some items are run again and again: what is there at ten looks in a row is no pipe of a launch.
+    // Some items are relaunched all the time. A descriptor that is seen ten times in a row is no pipe of a launch.
     int looksAlike = 0;
     const auto standsStill = [&] {
         const auto before = std::exchange(m_descriptors, daemon.Descriptors());

@@ -17,18 +17,18 @@
 /// hostile_bundle_library.cpp).
 class HostileBundles : public SystemTest {
 protected:
-    /// The daemon's sleeps of a second are short, or the many bundles would each take their seconds.
+    /// Shortens the daemon's pauses of a second, because there are many bundles.
     HostileBundles();
 
-    /// Root may read everything. What is left of it with this may read what is its own and permits it, as others do.
+    /// Root can read every file. This takes that right away, so that the files' modes count, as for other users.
     static void ReadAsOthersDo(DaemonRunner& runner);
 
-    /// Starts it, and remembers what it holds when it serves.
+    /// Starts the daemon and records its threads and descriptors when it serves.
     testing::AssertionResult StartServing();
 
-    /// A good bundle that is dropped in is started, its item runs and is run again when it is killed, and a request
-    /// removes it. And what the daemon held when it began to serve is what it holds: descriptors, threads but the
-    /// monitor, no dead child.
+    /// Whether a good bundle that is dropped in is started, its item is relaunched when it is killed, and a request
+    /// removes it. The daemon then holds the descriptors and the threads, without the monitor, with which it began to
+    /// serve, and no dead child.
     testing::AssertionResult IsUnharmed();
 
     /// Moves everything that is beside the collection into it, without a name left out, in one go.

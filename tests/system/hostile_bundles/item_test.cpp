@@ -58,7 +58,7 @@ TEST_F(AHostileItem, HarmsNoOtherBundle)
     EXPECT_TRUE(IsNoted("written", "0"));
     EXPECT_EQ(ReadFile(Note("written")).find_first_not_of("0\n"), std::string::npos) << "it has got descriptors";
     const pid_t stopped = daemon.WaitForItem("stop-itself", "stop-itself");
-    EXPECT_TRUE(IsStopped(stopped)) << "nobody lets it go on";
+    EXPECT_TRUE(IsStopped(stopped)) << "no process continues it";
     EXPECT_TRUE(daemon.WaitForLog("ask-for-more.ask-for-more[", 3));
     const auto launches = static_cast<int>(daemon.PidsOf("radio", "radiod").size());
     ::kill(daemon.WaitForItem("radio", "radiod", launches), SIGKILL);
@@ -66,7 +66,7 @@ TEST_F(AHostileItem, HarmsNoOtherBundle)
     EXPECT_TRUE(IsUnharmed());
 
     for (const std::string& deed : deeds) {
-        // One that crashes all the time is dead at most of the moments at which it is to be stopped.
+        // An item that crashes all the time is dead at most moments at which it is stopped.
         EXPECT_TRUE(deed == "ask-for-more" || RequestDelete(deed) == 200) << deed;
     }
     EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [&] { return !ProcessOf::IsAlive(stopped); }));
@@ -131,7 +131,7 @@ TEST_F(AnItemThatLeavesTheGroup, IsNotSupervisedAndTheOthersAre)
     const pid_t leaver = daemon.WaitForItem("leave-session", "leave-session");
     ASSERT_TRUE(LeadsAGroup(leaver));
     ::kill(leaver, SIGKILL);
-    EXPECT_EQ(daemon.WaitForItem("leave-session", "leave-session", 2, 2s), 0) << "nobody sees it end";
+    EXPECT_EQ(daemon.WaitForItem("leave-session", "leave-session", 2, 2s), 0) << "its end is not seen";
     EXPECT_EQ(DeadChildren(), std::vector<pid_t>{leaver});
     EXPECT_EQ(RequestDelete("leave-session"), 200) << "it can be stopped all the same";
     ::kill(daemon.WaitForItem("a-radio", "radiod"), SIGKILL);
@@ -157,7 +157,7 @@ TEST_F(AnItemThatLeavesTheGroup, AndHasTheLowestPidBlocksTheSupervisionOfAllOthe
     const bool wasWaitingForAll = isRunAgain(2s);
     EXPECT_FALSE(wasWaitingForAll && isRunAgain(2s));
     ::kill(leaver, SIGKILL);
-    EXPECT_NE(daemon.WaitForItem("radio", "radiod", launches + 1), 0) << "what has been missed is made up for";
+    EXPECT_NE(daemon.WaitForItem("radio", "radiod", launches + 1), 0) << "the deaths that were missed are handled now";
     EXPECT_NE(daemon.WaitForItem("leave-session", "leave-session", 2), 0);
 }
 

@@ -29,7 +29,7 @@ constexpr const char NO_FILE[] = "File not found: [./BundleManifest.ini] not fou
 constexpr const char CIRCLE[] = "Circular reference: Too many property references encountered";
 
 enum class Outcome {
-    LOADED,  // the detail is the bundle's name as it stands in the log
+    LOADED,  // the detail is the bundle's name in the log
     REFUSED, // the detail is the reason
     NO_ACTIVATOR,
     UNRESOLVED // the detail is the reason; the bundle has the directory's name

@@ -1,5 +1,5 @@
-// A program that does what its own name says. What is to be known of it, it notes in the directory that the environment
-// variable NOTES names.
+// A program that does what its own name says. It writes its notes to the directory that the environment variable NOTES
+// names.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -37,7 +37,7 @@ void Note(const std::string& name, const std::string& text)
     std::ofstream(NotePath(name), std::ios::app) << text << '\n';
 }
 
-/// For what would be repeated for ever once it is run again.
+/// For acts that must not be repeated by each relaunch.
 bool IsFirstRun(const std::string& name)
 {
     const int fd = ::open(NotePath(name).c_str(), O_CREAT | O_EXCL | O_CLOEXEC, 0600);
@@ -103,8 +103,8 @@ pid_t ParentOf(const std::string& process)
     return parent;
 }
 
-/// The server that has started this program. When it has died, the parent is one of many others' as well, and none of
-/// this program's business.
+/// The server that has started this program. When the server has died, the parent is another process, and this program
+/// ends.
 pid_t Server()
 {
     const pid_t parent = ::getppid();
@@ -150,7 +150,7 @@ void StopServer()
     }
 }
 
-/// As a user of its own, where it may, who is allowed few processes.
+/// As a user with a limit of few processes, if the program may become one.
 void ForkForEver()
 {
     const rlimit few{40, 40};

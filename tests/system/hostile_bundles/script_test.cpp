@@ -1,4 +1,4 @@
-// Scripts that are none, that end badly or never, and that turn against the server and the other bundles.
+// Files that are no scripts, and scripts that fail, never end, or attack the server and other bundles.
 
 #include "system/hostile_bundles/hostile_bundle.h"
 
@@ -59,7 +59,7 @@ TEST_F(AHostileScript, OfTheInstallationHarmsNothingAtTheStart)
     for (const std::string& bundle : BAD) {
         EXPECT_TRUE(IsStarted(bundle));
     }
-    // The framework's launcher hands to the shell what has no interpreter line.
+    // The framework's launcher gives a file without an interpreter line to the shell.
     EXPECT_TRUE(Exists(Note("bare")));
     EXPECT_FALSE(Exists(Note("forbidden")));
     EXPECT_TRUE(ProcessOf::IsAlive(static_cast<pid_t>(std::strtol(ReadFile(Note("fork")).c_str(), nullptr, 10))));
@@ -91,7 +91,7 @@ TEST_F(AHostileScript, ThatNeverEndsBlocksEverythingElseUntilItIsKilled)
         ASSERT_TRUE(other.Send(PacketOf(4, 0, NameField("nobody"))));
         EXPECT_FALSE(client.Receive(500ms));
         EXPECT_FALSE(other.Receive(100ms));
-        // What needs no manager goes on.
+        // Everything that needs no manager continues.
         ::kill(daemon.WaitForItem("radio", "radiod"), SIGKILL);
         EXPECT_NE(daemon.WaitForItem("radio", "radiod", 2), 0);
         ASSERT_TRUE(daemon.WaitForLog("radio.radiod relaunch done."));
@@ -107,7 +107,7 @@ TEST_F(AHostileScript, ThatNeverEndsBlocksEverythingElseUntilItIsKilled)
     EXPECT_TRUE(IsUnharmed());
 }
 
-// The server waits for what it is doing. While a bundle that was dropped in is installed, that is the script.
+// The server finishes its current work first. While a bundle is installed, that is the script.
 TEST_F(AHostileScript, ThatNeverEndsKeepsTheServerFromEndingUntilItIsKilled)
 {
     ASSERT_TRUE(StartServing());

@@ -1,4 +1,4 @@
-// Who may connect, and a socket file that somebody takes away.
+// The users that may connect, and a socket file that is removed.
 #include "system/hostile_service/hostile_service.h"
 
 #include <fcntl.h>
@@ -135,7 +135,7 @@ TEST_F(APeerOfAnotherUser, IsRefusedEvenInTheServersGroup)
 
 TEST_F(APeerOfAnotherUser, IsRecognisedByItsConnectionAndNotByTheSender)
 {
-    // Connected by root, then handed down to a process of no rights: it is root who has let it in.
+    // Root has connected and then given up its rights. The connection still counts as root's.
     const UnixClient client(SERVICE_SOCKET);
     EXPECT_TRUE(Holds(NOBODY, NOBODY, [&] {
         return client.Ask(DeletePacket(NO_BUNDLE), DaemonRunner::PATIENCE) == StatusPacket(404);
@@ -167,7 +167,7 @@ TEST_F(AStartUnderALock, ThatNoServerHoldsServesWhenItIsFree)
     EXPECT_FALSE(daemon.WaitForLog("it can be reached now.", 1, 3s));
     EXPECT_EQ(daemon.CountInLog("it cannot be reached yet: /mnt/bolt/.bundlesvr.paas.kov.lock is locked"), 1);
     ASSERT_EQ(::kill(Radio(), SIGKILL), 0);
-    EXPECT_NE(daemon.WaitForItem("radio", "radiod", 2), 0) << "supervision goes on";
+    EXPECT_NE(daemon.WaitForItem("radio", "radiod", 2), 0) << "supervision continues";
     LetGo();
     ASSERT_TRUE(daemon.WaitForLog("it can be reached now."));
     ExpectRadioIsDeleted();

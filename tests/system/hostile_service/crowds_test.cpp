@@ -58,8 +58,8 @@ TEST_F(ACrowdOfHostilePeers, MayTakeHalfOfTheDescriptorsAndTheServerWorksWithThe
     }
     EXPECT_LE(daemon.CountInLog("a connection cannot be accepted"), 2) << "waiting costs no log";
 
-    // What needs descriptors of its own: the relaunch of a child, without which the server could not go on; a script,
-    // another child, a removal.
+    // These need descriptors: the relaunch of a child, without which the server ends; a script, another child, a
+    // removal.
     ASSERT_EQ(::kill(Radio(), SIGKILL), 0);
     EXPECT_NE(daemon.WaitForItem("radio", "radiod", 2), 0);
     staging.Bundle("tuner").Install(Shell(": > " + Note("installed"))).Copy("tunerd", TEST_SLEEPER).Write();

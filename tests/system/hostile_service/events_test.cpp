@@ -1,4 +1,4 @@
-// An event service that is not there, is something else, or has a listener that does not listen.
+// An event service that does not exist, is no FIFO, or has a listener that does not read.
 #include "system/hostile_service/hostile_service.h"
 
 #include <fcntl.h>
@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::size_t EVENT_SIZE = 72;
 
-/// Deletes bundles, each of which is to be published, and nothing but that may depend on the event service.
+/// Deletes bundles. Each deletion is published, and nothing else may depend on the event service.
 class AnEventService : public HostileService {
 protected:
     void SetUp() override
@@ -74,7 +74,7 @@ TEST_F(AnEventService, ThatIsNotReadCostsNothing)
     ExpectHarmless();
     EXPECT_EQ(daemon.CountInLog("open event srv fail"), 0);
     const int fifo = ::open(EVENT_FIFO, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    EXPECT_EQ(ReadEvents(fifo), 0U) << "what nobody listened to is gone";
+    EXPECT_EQ(ReadEvents(fifo), 0U) << "events without a listener are lost";
     ::close(fifo);
 }
 
@@ -92,10 +92,10 @@ TEST_F(AnEventService, WhoseListenerStopsWithTheFifoFullLosesWholeEvents)
         ++waiting;
     }
     ExpectHarmless();
-    EXPECT_EQ(ReadEvents(fifo), waiting) << "what was lost was lost whole";
+    EXPECT_EQ(ReadEvents(fifo), waiting) << "events are lost only as a whole";
     DeleteSome(2);
     ExpectGoodService();
-    EXPECT_EQ(ReadEvents(fifo), 2U) << "who reads again is served again";
+    EXPECT_EQ(ReadEvents(fifo), 2U) << "a listener that reads again gets events again";
     ::close(fifo);
 }
 

@@ -88,7 +88,7 @@ bool HostileService::ComesToRest()
     static constexpr auto tick = 10ms; // the unit of the figure; a scan a second, and what else wakes, is allowed for
     return Eventually(DaemonRunner::PATIENCE, [this] {
         const auto before = ProcessOf::ProcessorTime(daemon.Pid());
-        std::this_thread::sleep_for(300ms); // what is measured, not waited for
+        std::this_thread::sleep_for(300ms); // the interval of the measurement
         return ProcessOf::ProcessorTime(daemon.Pid()) - before <= tick;
     });
 }

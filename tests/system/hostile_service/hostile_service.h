@@ -9,53 +9,52 @@
 #include <map>
 #include <string>
 
-/// A daemon with one bundle, "radio", whose item runs; what is done to it must leave it as it was.
+/// A daemon with one bundle, "radio", whose item runs. No attack may change its resources.
 class HostileService : public SystemTest {
 public:
-    /// A bundle that no test has: to ask for it is a good request that changes nothing.
+    /// A bundle that no test has. A request for it is well-formed and changes nothing.
     static constexpr const char NO_BUNDLE[] = "not-there";
 
     /// Writes the bundle and has the daemon serve.
     void StartServing();
 
-    /// Attacks once, so that what is made once is made, and then so many times more. The server serves after each; in
-    /// the end its memory, descriptors and threads are where they were after the first, and it is at rest.
-    /// @param kilobytes by which the memory may differ
+    /// Attacks once, so that everything that is made once exists, and then so many times more. The server must serve
+    /// after each attack. In the end its memory, descriptors and threads must be those after the first one.
+    /// @param kilobytes how far the memory may differ
     void Withstands(int rounds, const std::function<void()>& attack, long kilobytes = 256);
 
-    /// Asks one good question on a connection of its own and checks the answer.
+    /// Sends one good request on a connection of its own and checks the reply.
     void ExpectGoodService();
 
-    /// Whether the daemon comes to use next to no processor time.
+    /// Whether the daemon soon uses almost no processor time.
     bool ComesToRest();
 
-    /// Waits until the server has forgotten all connections, and compares.
+    /// Waits until the server has closed all connections, and compares its descriptors.
     void ExpectDescriptors(const std::map<int, std::string>& expected);
 
-    /// Its memory in kB: what it resides in, its libraries left out.
+    /// Its resident memory in kB, without its libraries.
     long PrivateKilobytes();
 
-    /// Deletes the bundle, as the last good request.
+    /// Deletes the bundle: the last good request.
     void ExpectRadioIsDeleted();
 
     /// The item of the bundle.
     pid_t Radio() { return daemon.WaitForItem("radio", "radiod"); }
 
-    /// The daemon's limit of descriptors, in the middle of its life.
+    /// Changes the descriptor limit of the running daemon.
     void LimitDescriptors(rlim_t limit);
 
-    /// One pass over what has been added to the log: how many of its lines are no sound records. Afterwards the log is
-    /// empty, as by one who rotates it.
+    /// The number of new log lines that are no sound records. Empties the log afterwards, as a rotation does.
     int UnsoundLinesOfRotatedLog();
 };
 
 /// Whether a line of the log has all columns, no control character, and no more than its 4 KiB.
 bool IsSoundRecord(const std::string& line);
 
-/// Lets this process have as many descriptors as it may.
+/// Raises the descriptor limit of this process as far as it may.
 void AllowAllDescriptors();
 
-/// Prints what a long form has measured, for whoever writes it down.
+/// Prints a measurement of a long form.
 void Report(const std::string& what, const std::string& figure);
 
 #endif

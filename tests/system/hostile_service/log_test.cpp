@@ -1,4 +1,4 @@
-// A log that cannot be written: a full disk, a FIFO or a pipe that nobody reads, a file that somebody takes away.
+// A log that cannot be written: a full disk, a FIFO or a pipe without a reader, a file that is removed.
 #include "system/hostile_service/hostile_service.h"
 
 #include <fcntl.h>
@@ -35,7 +35,7 @@ int CountOfUnsound(const std::vector<std::string>& lines)
         std::count_if(lines.begin(), lines.end(), [](const std::string& line) { return !IsSoundRecord(line); }));
 }
 
-/// A reader of the log who reads when it is told to, and may go.
+/// A reader of the log that reads on demand and can end.
 class LogReader {
 public:
     explicit LogReader(const std::string& fifo) : LogReader(::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {}
@@ -133,7 +133,7 @@ protected:
         Start();
     }
 
-    /// The item notes its process, for there is no log to tell of it.
+    /// The item notes its pid, because no log shows it.
     void Start()
     {
         collection.Bundle("radio").Item("radio.sh", Shell("echo $$ > " + Note("pid") + "\nexec sleep 1000")).Write();
@@ -188,7 +188,7 @@ TEST_F(ALogOnAFullDisk, CostsRecordsAndNoService)
         return items.size() == 1 && items.front() != before &&
                ProcessOf::Executable(items.front()).find("/bin/radiod") != std::string::npos;
     };
-    EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, isAnotherRadio)) << "supervision goes on";
+    EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, isAnotherRadio)) << "supervision continues";
     ExpectRadioIsDeleted();
 }
 
@@ -235,12 +235,12 @@ TEST_F(ALogThatIsNotRead, ButOnceCostsTheServerRecordsAndASecondAtMost)
     ASSERT_FALSE(HasFailure());
     LogReader reader(m_fifo);
     ASSERT_TRUE(reader.WaitFor("bundle server start running..."));
-    Withstands(2, [this] { AskOften(1000); }); // nobody reads any more
+    Withstands(2, [this] { AskOften(1000); }); // there is no reader any more
     ExpectARelaunch();
     ASSERT_TRUE(reader.WaitFor("find bundle[not-there] fail."));
     ExpectGoodService();
     EXPECT_TRUE(reader.WaitFor(LOSS));
-    EXPECT_EQ(CountOfUnsound(reader.Records()), 0) << "what is lost is lost whole";
+    EXPECT_EQ(CountOfUnsound(reader.Records()), 0) << "records are lost only as a whole";
     ExpectRadioIsDeleted();
 }
 
@@ -323,7 +323,7 @@ TEST_F(TheLogFile, MayBeRenamedAndTheServerWritesOnToIt)
 {
     std::filesystem::rename(daemon.LogFile(), Note("rotated"));
     ExpectGoodService();
-    EXPECT_FALSE(Exists(daemon.LogFile())) << "it is not made anew";
+    EXPECT_FALSE(Exists(daemon.LogFile())) << "it is not made again";
     EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [this] {
         return ReadFile(Note("rotated")).find("find bundle[not-there] fail.") != std::string::npos;
     }));

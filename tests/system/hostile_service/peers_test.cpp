@@ -244,7 +244,7 @@ TEST_F(AHostilePeer, ThatNeverReadsIsTheOnlyOneToLoseItsConnection)
     // The heap may keep the room of one queue, of all that there have been.
     constexpr long oneQueue = 2048;
     Withstands(Scaled(1, 4), attack, oneQueue);
-    EXPECT_TRUE(isTold) << "no record tells of it";
+    EXPECT_TRUE(isTold) << "no record mentions it";
 }
 
 TEST_F(AHostilePeer, ThatVanishesInTheMiddleLeavesNothingBehind)
@@ -349,7 +349,7 @@ TEST_F(AHostilePeer, WaitsForASlowOperationAndAllGoodOnesAreAnswered)
         UnixClient(SERVICE_SOCKET).Send(DeletePacket(NO_BUNDLE));
     }
     ASSERT_TRUE(daemon.WaitForLog("find bundle[not-there]..."));
-    EXPECT_TRUE(ComesToRest()) << "who waits does not spin";
+    EXPECT_TRUE(ComesToRest()) << "waiting uses no processor time";
     EXPECT_EQ(daemon.CountInLog("find bundle[not-there] fail."), 0);
     WriteFile(Note("go-on"), "");
     for (const UnixClient& client : good) {

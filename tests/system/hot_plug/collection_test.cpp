@@ -30,7 +30,7 @@ public:
                         "[global]\nbundle_name = radio\nbundle_load_mode = 0\n[item]\nitem_name = radiod\n");
               for (const char piece : text) {
                   AppendFile(program, std::string(1, piece));
-                  std::this_thread::sleep_for(pause); // what is tested is a writer that takes its time
+                  std::this_thread::sleep_for(pause); // the slow writer is the subject of the test
               }
               isDone = true;
           })
@@ -60,7 +60,7 @@ TEST_F(ASlowCopy, EndsInABundleThatRunsAndIsAddedOnce)
     EXPECT_EQ(daemon.CountInLog("failed to load"), 0);
 }
 
-// It is taken for complete when it is not, fails to load, and is offered again when it goes on.
+// The copy seems complete too early and fails to load. It is added again when it continues.
 TEST_F(ASlowCopy, EndsInABundleThatRunsWhenItPausesForLongerThanAScan)
 {
     fs::create_directories(In("radio") + "/bin");

@@ -27,7 +27,7 @@ protected:
         RunShell("find " + place / name + " -exec touch -h -d 2040-01-01 {} +");
     }
 
-    /// What is asked of every bundle, at the start and later.
+    /// Checks that hold for every bundle, at the start and later.
     void ComesChangesAndGoes()
     {
         ASSERT_TRUE(daemon.StartServing());

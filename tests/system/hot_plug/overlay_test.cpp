@@ -13,7 +13,7 @@ protected:
 
     void SetUp() override
     {
-        // Its first write copies directories up, and the later ones go on while the inodes are dropped.
+        // Its first write copies directories up. The later ones continue while the inodes are dropped.
         collection.Bundle("radio")
             .Item("radiod.sh", Shell("while :; do echo >> " + In("radio/data/log") + "; sleep 0.1; done"))
             .Update(Shell("echo >> " + Note("updates") + "; touch " + In("radio/bin/made-by-the-update")))

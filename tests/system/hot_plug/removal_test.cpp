@@ -1,5 +1,5 @@
-// Directories that are removed slowly, by a request or by hand, or that cannot be removed; and removals that cannot be
-// dealt with at once.
+// Directories that are removed slowly, by a request or by hand, or that cannot be removed, and removals that the server
+// can handle only later.
 
 #include "system/hot_plug/hot_plug.h"
 
@@ -29,7 +29,7 @@ protected:
         ASSERT_TRUE(IsStarted("radio"));
     }
 
-    /// Whether nothing has been made of what is left of the bundle.
+    /// Whether the rest of the bundle has raised no event.
     testing::AssertionResult IsLeftAlone()
     {
         PassScans(4);

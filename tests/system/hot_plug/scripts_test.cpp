@@ -121,7 +121,7 @@ TEST_F(AnUpdate, IsMadeForAManifestThatTheInstallationHasChanged)
     EXPECT_EQ(Modified(), 1);
 }
 
-// It is unloaded when what it requires is missing, and would be loaded and unloaded without an end.
+// It is unloaded because its requirement is missing. A retry would load and unload it without an end.
 TEST_F(AnUpdate, IsAttemptedOnceForAScriptThatChangesTheManifestOfABundleThatCannotStart)
 {
     staging.Bundle("radio")

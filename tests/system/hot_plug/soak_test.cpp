@@ -1,5 +1,5 @@
-// Some two hundred changes, after which the daemon holds what it held before. Its sleeps are short here, or the
-// handlers' seconds of waiting would add up to minutes.
+// About two hundred changes, after which the daemon has the same resources as before. Its pauses are shortened here;
+// otherwise the seconds of the handlers would add up to minutes.
 
 #include "system/hot_plug/hot_plug.h"
 
@@ -61,7 +61,7 @@ private:
 
 TEST_F(ALongTimeOfChanges, LeavesMemoryDescriptorsAndThreadsWhereTheyWere)
 {
-    Round(); // what is made once is made
+    Round(); // everything that is made once exists
     ASSERT_FALSE(HasFailure());
     const auto descriptors = daemon.Descriptors();
     ASSERT_TRUE(HasNoMonitor());

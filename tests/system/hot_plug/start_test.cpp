@@ -1,4 +1,4 @@
-// What comes, changes and goes while the server is still starting: the events wait until its start is over.
+// Bundles that are added, changed and removed while the server starts: the events wait until the start is over.
 
 #include "system/hot_plug/hot_plug.h"
 
@@ -10,8 +10,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// The last bundle that start-up loads waits in its "install.sh" until it is told to go on; all others are loaded then,
-/// but for one that has no manifest.
+/// The last bundle that start-up loads waits in its "install.sh" until the test lets it continue. All others are loaded
+/// then, except one without a manifest.
 class WhileTheServerStarts : public HotPlug {
 protected:
     void SetUp() override

@@ -1,7 +1,7 @@
 // Loaded before all other libraries of a daemon, it makes happen what happens too seldom by itself:
 //   REFUSE_FORK_WHEN=FILE   no process can be forked while FILE is there
 //   DELAY_SETPGID=SECONDS   setpgid for another process comes that much later
-//   DELAY_FSYNC=SECONDS     what is written out by fsync is written out that much later
+//   DELAY_FSYNC=SECONDS     fsync takes that much longer
 //   DELAY_SIGMASK=SECONDS   a thread that is not the main one sets its signal mask that much later
 //   LINGER_AT_EXIT=SECONDS  the daemon ends that much later than its main function and its static objects
 //   HOLD_AFTER=SECONDS:TEXT a line each: a thread that has written a record with that text is held up for so long
@@ -197,7 +197,7 @@ FAILING_CALL(waitpid, pid_t, -1, (pid_t pid, int* stat_loc, int options), (pid, 
 FAILING_CALL(read, ssize_t, -1, (int fd, void* buf, size_t nbytes), (fd, buf, nbytes))
 FAILING_CALL(execvp, int, -1, (const char* file, char* const* argv) noexcept, (file, argv))
 
-// The status of a file, of which the size of times is not known here.
+// The status of a file. The size of its times is unknown here.
 #define FAILING_STATUS(function, call, name)                                                                           \
     int function(const char* file, void* status) noexcept __asm__(name);                                               \
     int function(const char* file, void* status) noexcept                                                              \

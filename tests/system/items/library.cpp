@@ -58,7 +58,7 @@ int HoldOutForEver()
     }
 }
 
-/// Leaves a dead child of the whole process behind, for whoever waits.
+/// Leaves a dead child of the process that any thread can wait for.
 int LeaveDeadChild()
 {
     const pid_t pid = ::fork();
@@ -74,7 +74,7 @@ int KeepChild()
     return std::system("while :; do sleep 1; done") == 0 ? 0 : 1;
 }
 
-/// From now on nobody in this process can wait for a child.
+/// From now on no thread of this process can wait for a child.
 int IgnoreDeadChildren()
 {
     return std::signal(SIGCHLD, SIG_IGN) == SIG_ERR ? 1 : 0;

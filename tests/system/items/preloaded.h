@@ -3,8 +3,8 @@
 
 #include <cstdlib>
 
-/// What the daemon starts is not to be loaded with this library: it is not what is tested, and may be a program of
-/// another architecture, whose loader would complain on standard error.
+/// The daemon's children must not load this library. They are not under test, and their architecture may be another
+/// one, so that the loader would complain on standard error.
 __attribute__((constructor)) static void KeepFromChildren()
 {
     ::unsetenv("LD_PRELOAD");

@@ -1,5 +1,5 @@
 // A script that is no script: it appends what the kernel says of its process to a file of its own name in the directory
-// that the environment variable NOTES names. A shell would tell of itself, with the signal mask that it has set.
+// that the environment variable NOTES names. A shell would report itself, with the signal mask that it has set.
 #include <cstdlib>
 #include <fstream>
 #include <string>

@@ -92,7 +92,7 @@ std::string InstalledBundles::TakeLarge()
     if (!isThere) {
         return "deleted";
     }
-    EXPECT_TRUE(IsPartOf(rest, m_originals.at(LARGE))) << "what is left is not as it was";
+    EXPECT_TRUE(IsPartOf(rest, m_originals.at(LARGE))) << "the rest has changed";
     return rest.count("BundleManifest.ini") != 0 ? "half deleted, with its manifest" : "half deleted, without it";
 }
 
@@ -105,7 +105,7 @@ void InstalledBundles::ForgetLarge()
 void InstalledBundles::ExpectUnchanged() const
 {
     for (const std::string& bundle : m_installed) {
-        EXPECT_TRUE(TreeOf(In(bundle)) == m_originals.at(bundle)) << bundle << " is not what was installed";
+        EXPECT_TRUE(TreeOf(In(bundle)) == m_originals.at(bundle)) << bundle << " is not the installed one";
     }
     for (const fs::directory_entry& entry : fs::directory_iterator(m_collection.Path())) {
         const std::string name = entry.path().filename();

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-/// The bundles of the restart test: what was installed, and what a killed server may have left of it. A server writes
+/// The bundles of the restart test: as installed, and as a killed server may have left them. A server writes
 /// to no bundle, so each must be as it was installed, except one that was being deleted.
 class InstalledBundles {
 public:
@@ -37,7 +37,7 @@ public:
 
     // The large bundle, after a kill during its deletion.
 
-    /// Takes note of what is left of it. Returns that in words.
+    /// Records what is left of it. Returns a description.
     std::string TakeLarge();
     bool IsHalfDeleted() const { return m_isHalfDeleted; }
     void ForgetLarge();

@@ -214,8 +214,8 @@ void AKilledServer::KillAndStartAgain(Phase phase)
     StartAgain();
 }
 
-// Either the server dies alone, and its items go on until the operator ends them, at once or after a while. Or its
-// whole session dies with it.
+// Either the server dies alone, and its items keep running until the operator ends them, at once or later. Or its whole
+// session dies with it.
 void AKilledServer::Kill()
 {
     if (random.InPercent(50)) {

@@ -18,7 +18,7 @@ class PhaseWatch {
 public:
     explicit PhaseWatch(DaemonRunner& daemon) : m_daemon(daemon) {}
 
-    /// Forgets the phase before; what is logged from now on counts.
+    /// Forgets the phase before. Records from now on count.
     void Restart();
     /// @param begin how the first record of the phase begins; empty when the phase begins with the server
     /// @param end the record that ends it

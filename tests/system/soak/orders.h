@@ -9,7 +9,7 @@
 /// What an item writes of itself when it starts without an order.
 constexpr const char NO_ORDER[] = "-";
 
-/// Those that are more likely stand twice.
+/// The more likely ones are listed twice.
 inline constexpr std::array SIGNALS{SIGKILL, SIGKILL, SIGTERM, SIGTERM, SIGSEGV, SIGABRT, SIGHUP,  SIGINT,
                                     SIGQUIT, SIGBUS,  SIGFPE,  SIGILL,  SIGPIPE, SIGALRM, SIGUSR2, SIGXCPU};
 inline constexpr std::array RELAUNCHING{2, 6, 7, 8, 10, 11, 15, 31, 255};

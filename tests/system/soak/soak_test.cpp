@@ -1,5 +1,5 @@
-// A long time of deaths, changes and requests, all at random. The books say what is due for each. In the end they must
-// balance, and the server must hold what it held before.
+// Random deaths, changes and requests for a long time. The books record what is due for each. In the end they must
+// balance, and the server must have the same resources as before.
 //
 // In the long form a relaunch takes a second, and the server does one at a time. In the short form its long sleeps are
 // fifty times as short, and the deaths come that much faster.

@@ -166,7 +166,7 @@ TEST_F(AThreadActivator, RefusesAnItemThatIsNoLibraryAndKeepsTheOnesBeforeItRunn
     const ItemLibrary first = Library("a.so");
     try {
         activator->Start();
-        FAIL() << "an item that is no library is taken";
+        FAIL() << "an item that is no library was started";
     } catch (const Poco::InvalidArgumentException& e) {
         EXPECT_EQ(e.message(), "item[%s] can not be loaded in thread mode.");
         EXPECT_EQ(e.code(), 0);

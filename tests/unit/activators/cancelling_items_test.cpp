@@ -1,4 +1,4 @@
-// When an item's thread can be cancelled: while its entry function runs, and at no other moment.
+// An item's thread can be cancelled while its entry function runs, and at no other moment.
 
 #include "unit/activators/item_threads.h"
 
@@ -61,7 +61,7 @@ TEST_F(CancellingAnItem, WaitsUntilItsLibraryIsLoadedAndPreventsTheCall)
     MakeGated();
     activator->Start();
     ASSERT_TRUE(IsReached("reached"));
-    activator->Stop(); // the first cancellation of this process: it needs nothing of the loader, whose lock is held
+    activator->Stop(); // the first cancellation of this process must not wait for the loader, whose lock is held
     EXPECT_EQ(cancellations.Count(), 1);
     WriteFile(gate / "open", "");
     EXPECT_TRUE(ItemThreadsEnd());
@@ -71,7 +71,8 @@ TEST_F(CancellingAnItem, WaitsUntilItsLibraryIsLoadedAndPreventsTheCall)
     EXPECT_NE(::dlopen((path + "/bin/gated.so").c_str(), RTLD_LAZY | RTLD_NOLOAD), nullptr);
     MakeWith("Succeed");
     activator->Start();
-    EXPECT_TRUE(IsLogged("bundle[tuner] dyn lib[tunerd.so] activate done.")) << "the loader is held for good";
+    EXPECT_TRUE(IsLogged("bundle[tuner] dyn lib[tunerd.so] activate done."))
+        << "the lock of the loader is never released";
 }
 
 TEST_F(CancellingAnItem, IsPossibleInItsEntryFunctionAndNotInTheConstructor)
@@ -126,14 +127,15 @@ TEST_F(CancellingAnItem, FindsItsThread)
         library.OpenGate();
         EXPECT_TRUE(IsLogged("bundle[tuner] dyn lib[tunerd.so] activate done."));
         EXPECT_FALSE(Eventually(300ms, [threads] { return OwnProcess::Threads() < threads; }))
-            << "its handle may be another thread's";
+            << "its handle may belong to another thread";
     });
     activator->Stop();
     EXPECT_EQ(cancellations.Count(), 1);
     EXPECT_TRUE(ItemThreadsEnd());
 }
 
-// A cancellation that finds no unwinder ends the process. Once it is there it stays, so the test needs a new process.
+// A cancellation that cannot load the unwinder ends the process. A loaded unwinder stays, so the test needs a new
+// process.
 TEST_F(CancellingAnItem, IsMadePossibleBeforeItsThreadIsStarted)
 {
     ::testing::FLAGS_gtest_death_test_style = "threadsafe";

@@ -28,14 +28,14 @@ public:
     const std::vector<unsigned long>& ThreadIds() const { return m_threadIds; }
 };
 
-/// The test's own view of a library that an item thread has opened or will open: the same file, the same variables.
+/// The test's own handle of a library that an item thread opens: it is the same file with the same variables.
 class ItemLibrary {
 public:
     explicit ItemLibrary(const std::string& path) : m_library(::dlopen(path.c_str(), RTLD_NOW)) {}
 
     std::atomic<int>& Entered() const { return *Find<std::atomic<int>>("g_entered"); }
     void OpenGate() const { *Find<std::atomic<bool>>("g_gateIsOpen") = true; }
-    /// Whether a thread in that function could be cancelled, in the words of pthread_setcancelstate.
+    /// Whether a thread in that function can be cancelled: a value of pthread_setcancelstate.
     int StateInConstructor() const { return *Find<std::atomic<int>>("g_stateInConstructor"); }
     int StateInEntry() const { return *Find<std::atomic<int>>("g_stateInEntry"); }
     std::string ThreadName() const { return Find<std::array<char, 17>>("g_threadName")->data(); }
@@ -56,7 +56,7 @@ public:
 
     ~ItemThreads() override
     {
-        // No thread is left to run into the end of the process.
+        // No thread may still run when the process ends.
         for (const ItemLibrary& library : m_libraries) {
             library.OpenGate();
         }
@@ -104,7 +104,7 @@ public:
     const CallCounter cancellations{Call::CANCEL_THREAD};
 
 private:
-    /// The threads of this process with nothing started. The first one ever may bring another with it: a sanitizer's.
+    /// The number of threads before any is started. A sanitizer adds one of its own with the first.
     static int ThreadCountAtRest()
     {
         std::thread([] {}).join();

@@ -41,7 +41,7 @@ namespace {
 
 class AFailingCallOfALaunch : public RunningItems {
 public:
-    /// Whether an item that is launched while the call fails runs, without a descriptor more than before.
+    /// Whether an item that is launched while the call fails runs, and no descriptor is left open.
     ::testing::AssertionResult Runs(Call call, int error, int count = Fault::ALWAYS)
     {
         const int descriptors = OwnProcess::Descriptors();
@@ -68,7 +68,7 @@ class AFailingCallOfAScript : public RunningItems {};
 
 class AFailingCallOfAStorage : public RunningItems {};
 
-/// A watcher that is made while a call fails, or looks while one does.
+/// A watcher whose creation or scan meets a failing call.
 class AFailingCallOfTheWatcher : public RunningItems {
 public:
     void OnEvent(const Poco::DirectoryWatcher::DirectoryEvent& /*event*/) { ++events; }
@@ -81,7 +81,7 @@ public:
         watcher->itemModified += Poco::delegate(this, &AFailingCallOfTheWatcher::OnEvent);
     }
 
-    /// Whether it tells of what comes from now on.
+    /// Whether it raises an addition that is made now.
     bool SeesWhatComes()
     {
         const int before = events;
@@ -101,7 +101,7 @@ public:
         return count;
     }
 
-    /// Lets scans pass while the call fails, and gives the number of events.
+    /// Waits for scans while the call fails. Returns the number of events.
     int EventsWhile(Call call, int error)
     {
         const int before = events;
@@ -124,7 +124,7 @@ class AFailingCallForALimit : public RunningItems {};
 
 TEST_F(AFailingCallOfALaunch, DoesNotKeepTheItemFromRunning)
 {
-    EXPECT_TRUE(Runs(Call::CLOSE, EIO)); // the descriptor has gone all the same
+    EXPECT_TRUE(Runs(Call::CLOSE, EIO)); // the descriptor is closed all the same
     EXPECT_TRUE(Runs(Call::PRCTL, EPERM));
     EXPECT_TRUE(Runs(Call::GETPGID, ESRCH, 1));
     EXPECT_TRUE(log.HasPart(" to pgid 0 failed errno "));
@@ -156,7 +156,7 @@ TEST_F(AFailingCallOfTheMonitor, EndsItForGoodWhenReapingFails)
         EXPECT_TRUE(IsLogged("waitpid fail, errno is 22."));
     }
     EXPECT_TRUE(log.HasError("waitpid fail, errno is 22."));
-    EXPECT_TRUE(ProcessTable::IsMonitorRunning()) << "from now on nothing is supervised";
+    EXPECT_TRUE(ProcessTable::IsMonitorRunning()) << "the monitor has ended";
     ProcessTable::EndAllWithoutMonitor();
 }
 
@@ -180,7 +180,7 @@ TEST_F(AFailingCallOfAStorage, RegistersNoBundleWithoutAStatus)
     BundleManager manager(std::make_shared<BundleStorageDirFactory>());
     for (const int error : {EIO, EACCES}) {
         const Fault fault(Call::STAT, error,
-                          2); // of its directory, which the framework then looks at, and of its manifest
+                          2); // the status of its directory, for which the framework asks then, and of its manifest
         EXPECT_THROW(manager.LoadBundle(path), Poco::FileNotFoundException);
     }
     EXPECT_TRUE(log.HasError("resource file[" + path + "/BundleManifest.ini] does not exist."));
@@ -229,7 +229,7 @@ TEST_F(AFailingCallOfAStorage, IsToldWhereAScriptCanNotBeLookedAt)
     EXPECT_TRUE(Exists(mark));
 }
 
-// The framework's descriptor is then kept from the bundles, or is not; the watching does not depend on it.
+// The bundles may or may not inherit the framework's descriptor then. The watching does not depend on it.
 TEST_F(AFailingCallOfTheWatcher, DoesNotKeepItFromBeingMade)
 {
     const int descriptors = OwnProcess::Descriptors();

@@ -20,7 +20,7 @@ constexpr auto PATIENCE = std::chrono::seconds(30);
 constexpr char SERVICE[] = "test.service";
 inline const std::string SOCKET = std::string("/mnt/bolt/") + SERVICE;
 
-/// A call that the host platform makes for a service, failing. The test program has a /mnt of its own.
+/// A failing call of the host platform for a service. The test program has a /mnt of its own.
 class AFailingCall : public ::testing::Test {
 public:
     AFailingCall() { std::filesystem::create_directories("/mnt/bolt"); }

@@ -30,7 +30,7 @@ using SystemServer::BundleStorageDirFactory;
 
 namespace {
 
-// Longer than what a string keeps without the heap: a copy of a name may fail too.
+// Too long for a string without the heap, so that copying a name can fail too.
 constexpr const char NAME[] = "a bundle whose name has no place in a small string";
 constexpr const char REQUIRED[] = "required by a bundle whose name is as long as that";
 
@@ -63,7 +63,7 @@ public:
             });
     }
 
-    /// Whether another thread gets the manager's lock.
+    /// Whether another thread can take the manager's lock.
     bool IsUnlocked()
     {
         auto lookUp = std::async(std::launch::async, [this] { manager->IsLoaded(""); });
@@ -101,10 +101,10 @@ private:
     int m_descriptors = 0;
 };
 
-/// What the server's own threads do, each time with less memory than they need.
+/// The work of the server's own threads, each time with less memory than it needs.
 class WithoutMemoryAThread : public RunningItems {
 public:
-    /// @param check is told whether a thread has lacked memory
+    /// @param check gets whether a thread has run out of memory
     template <class Prepare, class Trigger, class Check>
     void Sweep(const Prepare& prepare, const Trigger& trigger, const Check& check)
     {
@@ -186,7 +186,7 @@ TEST_F(WithoutMemoryTheManager, LeavesABundleUnresolvedThatItCannotResolve)
         [&](bool failed) {
             EXPECT_EQ(bundle->GetCurState(), failed ? Bundle::BUNDLE_INSTALLED : Bundle::BUNDLE_RESOLVED);
             if (failed) {
-                manager->ResolveBundle(bundle); // a mark left behind would make a circle of it
+                manager->ResolveBundle(bundle); // a mark that is left behind would be taken for a circle
             }
             EXPECT_EQ(required->GetCurState(), Bundle::BUNDLE_RESOLVED);
         });
@@ -212,7 +212,7 @@ TEST_F(WithoutMemoryTheManager, LeavesNoChildOfABundleThatItCannotStart)
             EXPECT_EQ(ProcessTable::Entries().size(), 1U);
             ::kill(ProcessTable::Entries().begin()->first, SIGTERM);
             EXPECT_TRUE(Eventually(PATIENCE, [this] { return log.HasPart("abnormal termination, signal: 15."); }))
-                << "nobody supervises it";
+                << "it is not supervised";
             log.Restart();
         });
 }
@@ -290,11 +290,11 @@ TEST_F(WithoutMemoryTheManager, UpdatesABundlesManifestWholeOrNotAtAll)
         });
 }
 
-// That it leaves a descriptor open is the framework's doing; the server ends when its start-up is out of memory.
+// The framework leaves a descriptor open. The server ends when its start-up runs out of memory, so no harm follows.
 TEST_F(WithoutMemoryTheManager, LoadsACollectionOrReportsThatItCannot)
 {
 #if defined(__SANITIZE_ADDRESS__)
-    GTEST_SKIP() << "the framework leaks what it cannot finish";
+    GTEST_SKIP() << "the framework leaks an object that it cannot complete";
 #endif
     descriptorsMayStayOpen = true;
     const std::string path = Builder().Write();

@@ -8,16 +8,16 @@
 #include <exception>
 #include <string>
 
-/// Does an operation again and again: at first its first allocation fails, then its second, and so on until it needs no
-/// more than it gets. Once with one failure each time, once with all that follow failing too.
+/// Repeats an operation: first its first allocation fails, then its second, and so on until no failure is reached. A
+/// first sweep lets a single allocation fail, a second one also all that follow.
 ///
 ///     SweepMemory([&] { Prepare(); }, [&] { operation(); }, [&] { EXPECT_TRUE(nothing is broken); });
 ///
-/// @param prepare before each round, and check after it, with all the memory there is; only the operation lacks some.
-/// It may throw: what it throws is check's business, by RoundFailed.
+/// @param prepare runs before each round and check after it, both with all memory. Only the operation runs short of it.
+/// The operation may throw; check learns of it by RoundFailed.
 class MemorySweep {
 public:
-    /// @param step how many allocations a round has more than the one before
+    /// @param step by how many allocations a round goes further than the one before
     explicit MemorySweep(long step = 1) : m_step(step) {}
 
     template <class Prepare, class Operation, class Check>

@@ -43,11 +43,11 @@ public:
     AFailingCallOfAConnection() { EXPECT_TRUE(server.IsRegistered()); }
     ~AFailingCallOfAConnection() override
     {
-        EXPECT_TRUE(IsServed()) << "the server has suffered";
+        EXPECT_TRUE(IsServed()) << "the server is damaged";
         EXPECT_EQ(server.End(), 0);
     }
 
-    /// Whether a new client's connection is closed, with that record or without any.
+    /// Whether the connection of a new client is closed, with that record; with none when it is empty.
     void CostsTheConnection(const std::string& record)
     {
         const UnixClient client(SOCKET);
@@ -90,7 +90,7 @@ TEST_F(AFailingCallOfTheLoop, EndsItAndTakesItsSocketAway)
         EXPECT_EQ(bolt_event_mgr_run(manager, time), -1);
         EXPECT_TRUE(fault.HasStruck());
     }
-    EXPECT_TRUE(Exists(SOCKET)) << "it was not run and can be";
+    EXPECT_TRUE(Exists(SOCKET)) << "it has not run and can still be run";
     const Fault fault(Call::EVENT_BASE_DISPATCH, ENOMEM);
     EXPECT_EQ(bolt_event_mgr_run(manager, -1), -1);
     EXPECT_FALSE(Exists(SOCKET));
@@ -112,7 +112,7 @@ TEST_F(AFailingCallOfTheLoop, LosesNoSignal)
     ASSERT_TRUE(server.IsRegistered());
     const Fault read(Call::READ, EINTR, 2);
     const Fault raised(Call::RAISE, EAGAIN);
-    const Fault looked(Call::LSTAT, EIO); // the socket then stays, for the next server to replace
+    const Fault looked(Call::LSTAT, EIO); // the socket then stays, and the next server replaces it
     EXPECT_EQ(server.End(), 0);
     EXPECT_TRUE(read.HasStruck());
     EXPECT_TRUE(raised.HasStruck());
@@ -128,7 +128,7 @@ TEST_F(AFailingCallOfAConnection, IsRetriedWhereThatIsEnough)
     }
     for (const int error : {EINTR, EAGAIN}) {
         const Fault receiving(Call::RECV, error, 1);
-        const Fault sending(Call::SEND, error, 1, 1); // the client's goes through before
+        const Fault sending(Call::SEND, error, 1, 1); // the client's own call comes first and succeeds
         EXPECT_TRUE(IsServed()) << error;
         EXPECT_TRUE(receiving.HasStruck());
         EXPECT_TRUE(sending.HasStruck());
@@ -174,7 +174,7 @@ TEST_F(AFailingCallOfAConnection, ClosesItWhenTheLoopDoesNotTakeIt)
         CostsTheConnection("a peer cannot be accepted (out of memory), its connection is closed");
     }
     ASSERT_TRUE(Eventually(PATIENCE, [] { return IsServed(); }));
-    const auto second = std::chrono::steady_clock::now() + 1100ms; // a record of a kind a second
+    const auto second = std::chrono::steady_clock::now() + 1100ms; // one record of each kind a second
     EXPECT_TRUE(Eventually(PATIENCE, [&] { return std::chrono::steady_clock::now() > second; }));
     const Fault fault(Call::EVENT_ADD, ENOMEM, 1);
     CostsTheConnection("a peer cannot be accepted (the event loop does not take it), its connection is closed");
@@ -199,7 +199,7 @@ TEST_F(AFailingCallOfAConnection, ClosesItWhenAReplyIsNotTaken)
 TEST_F(AFailingCallOfAConnection, ClosesItWhenAReplyCannotWait)
 {
     const Fault sending(Call::SEND, EAGAIN, 1, 1);
-    const Fault waiting(Call::EVENT_ADD, ENOMEM, 1, 1); // the connection itself is taken before
+    const Fault waiting(Call::EVENT_ADD, ENOMEM, 1, 1); // the first call takes the connection itself
     CostsTheConnection("a peer cannot be answered (the event loop does not take it), its connection is closed");
 }
 
@@ -269,7 +269,7 @@ TEST_F(AFailingCallOfTheLog, LosesAtMostOneRecordAndCountsIt)
         const Fault fault(Call::WRITE, ENOSPC, 1);
         errno = EXDEV;
         write("without room");
-        EXPECT_EQ(errno, EXDEV) << "a record changes what its caller is about to log";
+        EXPECT_EQ(errno, EXDEV) << "a record changes errno, which its caller logs next";
     }
     write("with room");
     EXPECT_FALSE(log.Has("without room"));
@@ -279,5 +279,5 @@ TEST_F(AFailingCallOfTheLog, LosesAtMostOneRecordAndCountsIt)
         write("with half the room");
     }
     write("whole again");
-    EXPECT_TRUE(log.Has("whole again")) << "it stands in the line of the one that was cut off";
+    EXPECT_TRUE(log.Has("whole again")) << "it is in the line of the record that was cut off";
 }

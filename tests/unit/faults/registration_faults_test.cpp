@@ -17,7 +17,7 @@ namespace {
 
 const std::string LOCK = std::string("/mnt/bolt/.") + SERVICE + ".lock";
 
-/// The lock's file of a server that was killed while it had it.
+/// The lock file of a server that was killed while it held the lock.
 void LeaveLock()
 {
     const int fd = ::open(LOCK.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600);
@@ -25,7 +25,7 @@ void LeaveLock()
     ::close(fd);
 }
 
-/// A socket that nobody listens on any more.
+/// A socket whose server has ended.
 void LeaveDeadSocket()
 {
     const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
@@ -38,7 +38,8 @@ void LeaveDeadSocket()
 
 class AFailingCallAtTheRegistration : public AFailingCall {
 public:
-    /// Registers while the call fails. It has to say why, to leave nothing, and to work the next time.
+    /// Registers while the call fails. The registration must log the reason, leave nothing behind, and work the next
+    /// time.
     void IsSaid(Call call, int error, const std::string& record, int after = 0)
     {
         SCOPED_TRACE(record + " call " + std::to_string(static_cast<int>(call)) + " after " + std::to_string(after));
@@ -60,16 +61,16 @@ public:
     }
 };
 
-/// A registration that finds the lock taken, by nobody who serves, and the loop that then tries to get it.
+/// A registration that finds the lock held by a process that does not serve, and the loop that then tries to take it.
 class AServiceThatWaitsForItsLock : public AFailingCall {
 public:
     ~AServiceThatWaitsForItsLock() override
     {
         m_server.reset();
-        EXPECT_FALSE(Exists(SOCKET)) << "the end takes it away";
+        EXPECT_FALSE(Exists(SOCKET)) << "it is removed at the end";
     }
 
-    /// Whether a server that could not have the lock is registered and its loop runs.
+    /// Whether a server is registered although it could not take the lock, and its loop runs.
     bool Begins()
     {
         const NoPauses hurry;
@@ -212,7 +213,7 @@ TEST_F(AFailingCallAtTheRegistration, DoesNotMatterWhenTheLockedFileHasLeftItsPa
     {
         const NoPauses hurry;
         const BeforeEach locking(Call::FLOCK, [&rounds](int /*fd*/) {
-            if (++rounds <= 3) { // as by a holder who has just done with it, and another who comes
+            if (++rounds <= 3) { // as when one holder releases it and another takes it at once
                 ::unlink(LOCK.c_str());
                 LeaveLock();
             }
@@ -233,7 +234,8 @@ TEST_F(AServiceThatWaitsForItsLock, IsServedOnceTheLockIsFree)
 
 TEST_F(AServiceThatWaitsForItsLock, LogsOnceAMinuteWhileItTriesEachSecond)
 {
-    const Fault lock(Call::FLOCK, EWOULDBLOCK, 105); // a hundred and one at once, then the loop's
+    const Fault lock(Call::FLOCK, EWOULDBLOCK,
+                     105); // a hundred and one during the registration, then those of the loop
     const NoPauses hurry;
     const auto begin = std::chrono::steady_clock::now();
     const RunningServer server(SERVICE, g_testProtocol);

@@ -29,10 +29,10 @@ namespace {
 
 [[maybe_unused]] const auto* const g_privateMnt = ::testing::AddGlobalTestEnvironment(new PrivateMnt);
 
-// Longer than what a string keeps without the heap: a copy of a name may fail too.
+// Too long for a string without the heap, so that copying a name can fail too.
 constexpr const char NAME[] = "a bundle whose name has no place in a small string";
 
-/// A server that is up, a new one in each round. Its watcher raises nothing: the tests do.
+/// A running server, a new one in each round. Its watcher raises no events; the tests raise them.
 class WithoutMemoryTheServer : public ARequest {
 public:
     WithoutMemoryTheServer() { SystemServer::BoundDescriptorLimit(); }
@@ -51,7 +51,7 @@ public:
         log.Restart();
     }
 
-    /// The handlers' callers catch what leaves them: see the watcher's tests.
+    /// The watcher catches the exceptions of handlers: see its tests.
     void Call(void (OpenServer::*handler)(const DirectoryEvent&), DirectoryWatcher::DirectoryEventType type)
     {
         ((*server).*handler)(DirectoryEvent(m_item, type));
@@ -81,8 +81,8 @@ private:
     const Poco::File m_item{Path()};
 };
 
-/// What the framework's part of a watcher leaves open when the making of a watcher fails. The server ends then; a test
-/// that goes on would soon have all that its user may open.
+/// Closes what the framework's part of a watcher leaves open when the watcher cannot be made. The server ends then; a
+/// test that continues would soon reach the limit of its user.
 void CloseWhatTheFrameworkLeaves()
 {
     for (int fd = STDERR_FILENO + 1; fd < 1024; ++fd) {
@@ -95,7 +95,7 @@ void CloseWhatTheFrameworkLeaves()
     }
 }
 
-/// A watcher that looks at its collection all the time.
+/// A watcher that scans its collection without a pause.
 class WithoutMemoryTheWatcher : public ::testing::Test {
 public:
     void OnAdded(const Poco::DirectoryWatcher::DirectoryEvent& event) { Note("added", event); }
@@ -110,7 +110,7 @@ public:
         watcher->itemModified += Poco::delegate(this, &WithoutMemoryTheWatcher::OnModified);
     }
 
-    /// Whether the event comes, or is recorded as lost on its way to its handler.
+    /// Whether the event is raised, or recorded as lost before its handler.
     ::testing::AssertionResult Comes(const std::string& event)
     {
         const bool isThere = Eventually(PATIENCE, [&] {
@@ -120,7 +120,7 @@ public:
         return isThere ? ::testing::AssertionSuccess() : log.Has(event + " does not come");
     }
 
-    /// Lets what changes the collection happen while another and another allocation fails.
+    /// Repeats a change of the collection; each time another allocation fails.
     template <class Change> void Sweep(const std::string& event, const Change& change)
     {
         for (long round = 0; !HasFailure(); ++round) {
@@ -130,7 +130,7 @@ public:
             change();
             EXPECT_TRUE(Comes(event));
             if (!fault.HasStruck()) {
-                EXPECT_GT(round, 5) << "it needs next to no memory";
+                EXPECT_GT(round, 5) << "it needs almost no memory";
                 return;
             }
             EXPECT_TRUE(log.HasPart("bundle collection dir[" + collection.Path() + "/] can not be followed: ") ||
@@ -138,7 +138,7 @@ public:
         }
     }
 
-    /// A watcher that has seen the collection as it is, with the bundle in it.
+    /// A watcher that has scanned the collection with the bundle in it.
     void MakeReady()
     {
         watcher.reset();
@@ -250,12 +250,11 @@ TEST_F(WithoutMemoryTheServer, RestartsAModifiedBundleOrReportsThatItCannot)
 TEST_F(WithoutMemoryTheServer, EndsItsStartWithAnExceptionAndStartsTheNextTime)
 {
 #if defined(__SANITIZE_ADDRESS__)
-    GTEST_SKIP() << "the framework leaks what it cannot finish";
+    GTEST_SKIP() << "the framework leaks an object that it cannot complete";
 #endif
     const NoPauses hurry;
     Builder().Write();
-    MemorySweep sweep(
-        Scaled(29L, 1L)); // each round may wait for the framework's part of a watcher, a fifth of a second
+    MemorySweep sweep(Scaled(29L, 1L)); // each round may wait a fifth of a second for the framework's part of a watcher
     sweep.Run(
         AllocationFault::Of::CALLER, [&] { ReadConfig(ConfigFor(collection.Path())); },
         [&] { server->initialize(*server); },
@@ -292,7 +291,7 @@ TEST_F(WithoutMemoryTheWatcher, RaisesAModifiedItemAtALaterScan)
 TEST_F(WithoutMemoryTheWatcher, IsMadeWholeOrNotAtAll)
 {
 #if defined(__SANITIZE_ADDRESS__)
-    GTEST_SKIP() << "the framework leaks what it cannot finish";
+    GTEST_SKIP() << "the framework leaks an object that it cannot complete";
 #endif
     collection.Bundle(NAME).Write();
     const int threads = OwnProcess::Threads();

@@ -149,7 +149,7 @@ TEST_F(LoadingAllBundles, KeepsTheFirstOfTwoWithOneName)
     LoadAll();
     EXPECT_EQ(log.Count("load bundle[media] success."), 1);
     EXPECT_EQ(log.Count("bundle[media] already exists."), 1);
-    EXPECT_EQ(log.Count("load bundle done."), 2) << "a refusal is no failure here";
+    EXPECT_EQ(log.Count("load bundle done."), 2) << "a bundle that is refused is no failure here";
     const std::string notes = Notes();
     EXPECT_TRUE(notes == "one\ntwo\n" || notes == "two\none\n") << notes;
     EXPECT_EQ(LoadedIn(manager, collection.Path()), std::set<std::string>{collection / notes.substr(0, 3)});
@@ -190,7 +190,7 @@ TEST_F(LoadingAllBundles, FollowsALinkToADirectory)
 
 TEST_F(LoadingAllBundles, ToleratesEntriesThatVanishMeanwhile)
 {
-    // Each bundle's "install.sh" takes all others away: only the first one that the walk comes to is loaded.
+    // Each bundle's "install.sh" removes all others, so only the first bundle of the walk is loaded.
     for (const char* const name : {"a", "b", "c", "d"}) {
         collection.Bundle(name)
             .Install("#!/bin/sh\nfor i in a b c d; do [ $i = " + std::string(name) + " ] || rm -rf " +

@@ -140,7 +140,7 @@ TEST_F(ResolvingABundle, IsRefusedInACircleOfThree)
 
 TEST_F(ResolvingABundle, CanBeTriedAgainAfterEachKindOfFailure)
 {
-    // A mark that had been left behind would make a circle of what is none.
+    // A mark that is left behind would be taken for a circle.
     const auto a = Put("a", "b");
     const auto b = Put("b", "x");
     const std::string missing = "required bundle :[x] not found.";
@@ -215,7 +215,7 @@ TEST_F(ResolvingAllBundles, FailsADependantWithTheTextOfWhatItRequires)
                         "failed to resolve bundle[a] :Invalid argument: required bundle :[x] not found.",
                         "resolve bundle[b]...", "resolve bundle[b] dependencies...",
                         "failed to resolve bundle[b] :Invalid argument: required bundle :[x] not found."}))
-        << "b is tried for a and once more for itself";
+        << "b is resolved for a, and again for itself";
     EXPECT_TRUE(Registered().empty());
     EXPECT_EQ(a->GetCurState(), Bundle::BUNDLE_INSTALLED);
     EXPECT_EQ(b->GetCurState(), Bundle::BUNDLE_INSTALLED);

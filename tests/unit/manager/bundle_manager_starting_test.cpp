@@ -19,7 +19,7 @@ namespace {
 
 class StartingABundle : public ManagedBundles {
 public:
-    /// One whose activator's start throws: in thread mode an item has to be a library.
+    /// A bundle whose activator throws when it starts: in thread mode an item must be a library.
     BundleBuilder Unstartable(const std::string& name) const
     {
         return collection.Bundle(name).ThreadMode().Item("noLibrary");
@@ -34,7 +34,7 @@ class StoppingABundle : public StartingABundle {
 public:
     ~StoppingABundle() override { Table::Forget(CHILD); }
 
-    /// Lets the activator's stop throw: its bundle has a child, which cannot be killed while the Fault lives.
+    /// Makes the stop of the activator throw: the bundle has a child that cannot be killed while the Fault lives.
     static void GiveAChild(const std::string& name) { Table::Record(CHILD, name); }
 
 private:
@@ -229,7 +229,7 @@ TEST_F(StartingAllBundles, UnloadsFailedBundlesAfterTheWalk)
 
 TEST_F(StartingAllBundles, KeepsAFailedBundleThatALaterDependantHasStartedAfterAll)
 {
-    // The first attempt fails, the second one, for the dependant, succeeds: what runs is not unloaded.
+    // The first attempt fails. The second one, for the dependant, succeeds, so the running bundle is not unloaded.
     const auto a = LoadResolved(collection.Bundle("a").Item("app", "#!/bin/sh\nexec sleep 60\n"));
     const auto b = LoadResolved(collection.Bundle("b").Requires("a"));
     {
@@ -252,7 +252,7 @@ TEST_F(StartingAllBundles, IsEndedByAStandardExceptionAndUnloadsTheFailedBundles
     std::optional<Fault> noLock;
     {
         const BeforeEach launch(Call::PIPE2, [&](int) {
-            if (!noLock) { // at the item's launch, not at that of the script that follows
+            if (!noLock) { // when the item is launched, not the script that follows
                 noLock.emplace(Call::LOCK_MUTEX, EAGAIN, 1);
             }
         });

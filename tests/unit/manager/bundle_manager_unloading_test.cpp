@@ -22,7 +22,7 @@ TEST_F(UnloadingABundle, RunsTheUninstallScriptAndForgetsIt)
     EXPECT_EQ(Notes(), "uninstall\n");
     EXPECT_FALSE(manager.FindBundleByName("media"));
     EXPECT_EQ(bundle->GetCurState(), Bundle::BUNDLE_INSTALLED);
-    EXPECT_TRUE(Exists(collection / "media")) << "its files are nobody's business here";
+    EXPECT_TRUE(Exists(collection / "media")) << "unloading does not touch its files";
 }
 
 TEST_F(UnloadingABundle, ContinuesAfterAnUninstallScriptThatFails)

@@ -20,7 +20,7 @@ namespace {
 
 constexpr int LONGEST = 10'000;
 
-/// The length of a chain in a graph that is written down as a manifest's dependencies by name.
+/// The length of a chain in a graph that is given as the dependencies of each name.
 class TheLongestChain : public ::testing::Test {
 public:
     std::size_t From(const std::string& name) { return chains.LengthFrom(name); }
@@ -40,7 +40,7 @@ public:
         return "b" + std::string(5 - digits.size(), '0') + digits;
     }
 
-    /// The name of the first bundle of a chain that ends with that of the highest number, or with that of number 0.
+    /// The name of the first bundle of a chain that ends at the highest number, or at number 0.
     std::string Load(int length, bool isFirstNameFirst = true)
     {
         for (int i = 0; i < length; ++i) {
@@ -69,7 +69,7 @@ void* CallFunction(void* function)
     return nullptr;
 }
 
-/// Does it on a thread that has much less stack than any of the server's has by default.
+/// Runs it on a thread with much less stack than the server's threads have by default.
 void OnASmallStack(std::function<void()> function)
 {
     const std::size_t size = std::max(std::size_t{256} * 1024, static_cast<std::size_t>(PTHREAD_STACK_MIN));

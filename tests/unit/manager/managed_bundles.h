@@ -21,7 +21,7 @@ public:
     using Bundle = SystemServer::Bundle;
     using BundlePtr = std::shared_ptr<Bundle>;
 
-    /// The text with which an operation is refused. Fails the test when it is not, or by another exception.
+    /// The text of the exception with which an operation refuses. Fails the test when it throws none or another one.
     template <class Operation> static std::string Refusal(const Operation& operation)
     {
         try {

@@ -72,7 +72,7 @@ TEST_F(MakingABundle, ThrowsForADirectoryWithoutAManifest)
     const std::string path = collection.Bundle("media").NoManifest().Write();
     try {
         factory->CreateBundle(path);
-        FAIL() << "a directory without a manifest is taken";
+        FAIL() << "a directory without a manifest was accepted";
     } catch (const Poco::FileNotFoundException& e) {
         EXPECT_EQ(e.message(), "[./BundleManifest.ini] not found.");
     }

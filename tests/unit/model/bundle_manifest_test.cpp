@@ -49,7 +49,7 @@ public:
         return names;
     }
 
-    /// What the manifest's refusal says; empty when it is not refused in that way.
+    /// The text of the exception that refuses the manifest; empty when it throws none of that class.
     template <class Exception> static std::string Refusal(const std::string& text)
     {
         try {
@@ -81,7 +81,7 @@ private:
     std::string m_text;
 };
 
-/// A stream buffer without end, which counts what it gives.
+/// A stream buffer without an end. It counts the characters that are read.
 class EndlessBuffer : public std::streambuf {
 public:
     std::size_t Given() const { return m_given; }

@@ -106,7 +106,7 @@ TEST(ThePathOfAResource, CarriesTheFrameworksPrefixWhenShown)
 {
     try {
         AbsPath("/data/bundles/b1", "");
-        FAIL() << "the empty path is taken";
+        FAIL() << "the empty path was accepted";
     } catch (const Poco::InvalidArgumentException& e) {
         EXPECT_EQ(e.displayText(), "Invalid argument: relativePath is empty.");
     }

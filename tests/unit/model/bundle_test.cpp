@@ -52,7 +52,7 @@ private:
     mutable bool m_hasBeenOpened = false;
 };
 
-/// A storage that tells when its stream and itself are gone.
+/// A storage that records when its stream and itself are destroyed.
 class WatchedStorage : public BundleStorage {
 public:
     explicit WatchedStorage(std::string text) : BundleStorage("/nowhere"), m_text(std::move(text)) {}
@@ -143,7 +143,7 @@ TEST_F(ABundle, IsNotMadeWithoutAManifest)
     const std::string empty = collection.Bundle("empty").NoManifest().Write();
     try {
         BundleAt(empty);
-        FAIL() << "a directory without a manifest is taken";
+        FAIL() << "a directory without a manifest was accepted";
     } catch (const Poco::FileNotFoundException& e) {
         EXPECT_EQ(e.message(), "[./BundleManifest.ini] not found.");
     }
@@ -222,7 +222,7 @@ TEST_F(ABundle, KnowsWhetherItsManifestIsOutdated)
     EXPECT_TRUE(bundle->IsManifestOutdated());
     EXPECT_THROW(bundle->Update(), Poco::DataFormatException);
     WriteFile(manifest, text + "\n");
-    EXPECT_FALSE(bundle->IsManifestOutdated()) << "written anew with the content in force";
+    EXPECT_FALSE(bundle->IsManifestOutdated()) << "written again with the content in force";
 }
 
 TEST_F(ABundle, TakesItsManifestForCurrentWhenThatCannotBeRead)
@@ -307,7 +307,7 @@ TEST_F(UpdatingABundle, KeepsTheOldManifestWithoutANewOne)
     log.Restart();
     try {
         bundle->Update();
-        FAIL() << "no manifest is taken for one";
+        FAIL() << "a text that is no manifest was accepted";
     } catch (const Poco::FileNotFoundException& e) {
         EXPECT_EQ(e.message(), "[./BundleManifest.ini] not found.");
     }

@@ -47,7 +47,7 @@ protected:
     const int descriptors = OwnProcess::Descriptors();
 };
 
-/// Whoever writes out waits until this lets go.
+/// Every fsync waits while this lives.
 class AFileSystemThatHangs : public SyncingADirectory {
 protected:
     ~AFileSystemThatHangs() override { hangs = false; }

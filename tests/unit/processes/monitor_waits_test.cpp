@@ -60,7 +60,7 @@ TEST_F(TheMonitor, NeverReapsAScriptThatEndsBeforeItsCallerWaits)
     const SystemServer::Bundle bundle(std::make_shared<SystemServer::BundleStorageDir>(
         collection.Bundle("scripted").Install("#!/bin/sh\nexit 0\n").Write()));
     const BeforeEach move(Call::SETPGID, [this](int pid) {
-        if (pid != 0) { // the caller, for its child
+        if (pid != 0) { // the caller moves its child
             siginfo_t info{};
             ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
             EXPECT_FALSE(Eventually(300ms, [this] { return log.HasPart("non-bundle process"); }));
@@ -87,13 +87,13 @@ TEST_F(TheMonitor, EndsForGoodWhenAWaitFails)
     Launch(path + "/bin/otherd", "other");
     EXPECT_FALSE(log.HasPart("start monitor thread."));
     EXPECT_FALSE(log.HasPart("termination"));
-    EXPECT_EQ(ProcessTable::Entries().size(), 2U) << "nobody reaps";
+    EXPECT_EQ(ProcessTable::Entries().size(), 2U) << "the item is not reaped";
     ProcessTable::EndAllWithoutMonitor();
 }
 
 TEST_F(TheMonitor, EndsForGoodWhenNoChildIsLeftToWaitFor)
 {
-    // The kernel's own failure: the item is reaped behind the monitor's back, and nobody else is there.
+    // A failure of the kernel itself: the test reaps the item, and the server has no other child.
     std::atomic<bool> isStolen{false};
     {
         const std::string path = collection.Bundle("media").Item("mediad", Sleeper()).Write() + "/bin/mediad";
@@ -125,7 +125,7 @@ TEST_F(TheMonitor, RetriesAWaitThatASignalInterrupts)
 TEST_F(TheMonitor, ContinuesAfterAChildThatWasReapedElsewhere)
 {
     {
-        const Fault fault(Call::WAITPID, 0, 1); // whatever errno says
+        const Fault fault(Call::WAITPID, 0, 1); // in spite of errno
         LaunchMediad(Exiting(0));
     }
     ASSERT_TRUE(MonitorEnds());

@@ -31,7 +31,7 @@ bool WriteLastPid(int pid)
 [[noreturn]] void RunAsFirstProcess(const std::function<void()>& body)
 {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    ::setpgid(0, 0); // the group outside has no number in here
+    ::setpgid(0, 0); // the group outside has no number in this namespace
     if (!WriteLastPid(::getpid())) {
         ::_exit(NOT_POSSIBLE);
     }
@@ -77,7 +77,7 @@ void PidNamespace::Run(const std::function<void()>& body)
     if (!status) {
         GTEST_SKIP() << "this user cannot choose the number of a process in a namespace of its own";
     }
-    EXPECT_EQ(*status, PASSED) << "its failures stand above";
+    EXPECT_EQ(*status, PASSED) << "see the failures above";
 }
 
 void PidNamespace::SetNextPid(int pid)

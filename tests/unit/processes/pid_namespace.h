@@ -4,12 +4,12 @@
 #include <functional>
 #include <optional>
 
-/// A pid namespace for one piece of a test, in which the test chooses the number of the next process.
+/// A pid namespace for a part of a test. In it the test chooses the number of the next process.
 namespace PidNamespace {
 
 /// Runs the body in a copy of this process, as process 1 of a new namespace and leader of a process group of its own.
-/// What is still there of the namespace afterwards is killed. The body's failures are those of the test; without the
-/// right to make a namespace the test is skipped.
+/// Processes that are left in the namespace afterwards are killed. The body's failures are those of the test. Without
+/// the right to make a namespace the test is skipped.
 void Run(const std::function<void()>& body);
 
 /// The same for a body that may end the process. Returns the exit status, empty without the right to make a namespace.

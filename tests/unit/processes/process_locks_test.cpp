@@ -1,4 +1,4 @@
-// What the locks of the bookkeeping of children keep apart, each by a schedule in which the missing lock shows.
+// The locks of the table of children: each test is a schedule in which a missing lock would show.
 
 #include "unit/processes/running_items.h"
 
@@ -25,7 +25,7 @@ namespace {
 
 class TheLocksOfTheMonitor : public RunningItems {
 public:
-    /// Time enough for the monitor to do what it must not do.
+    /// Long enough for the monitor to do what it must not do.
     static constexpr auto A_WHILE = 300ms;
 };
 

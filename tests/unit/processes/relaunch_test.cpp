@@ -92,7 +92,7 @@ TEST_F(TheMonitor, RelaunchesAnItemThatAsksForItByItsStatus)
                      "notify child process[" + std::to_string(next) + "] done.", "media.mediad relaunch done.",
                      "leaving exit status proc...."}));
     EXPECT_TRUE(Eventually(PATIENCE, [] { return ProcessTable::Entries().size() == 1; }))
-        << "the dead is not forgotten";
+        << "the dead item is still in the table";
     EXPECT_FALSE(log.HasPart("start monitor thread."));
     EXPECT_EQ(::kill(next, 0), 0);
 }
@@ -166,7 +166,7 @@ TEST_F(TheMonitor, LogsAMissingGroupWhenItRelaunchesTheLowestPid)
     const int next = PidOf("media.mediad");
     EXPECT_NE(next, pid);
     EXPECT_TRUE(log.HasError("setpgid pid " + std::to_string(next) + " to pgid 0 failed errno Invalid argument "));
-    EXPECT_EQ(::getpgid(next), ::getpgrp()) << "it is where it was born";
+    EXPECT_EQ(::getpgid(next), ::getpgrp()) << "it stays in the group in which it was forked";
 }
 
 TEST_F(TheMonitor, UsesTheGroupOfALivingChildWhenItRelaunchesAnother)

@@ -1,4 +1,4 @@
-// The number of a dead child that stands in the table is free in the kernel: another child may get it.
+// A dead child in the table: the kernel has freed its number, so another child may get it.
 
 #include "unit/processes/monitor_held.h"
 #include "unit/processes/pid_namespace.h"
@@ -77,7 +77,7 @@ TEST_F(ANumberUsedAgain, BeforeTheDeathIsHandledDoesNotMixThemUp)
     PidNamespace::Run([this] {
         Start(collection.Bundle("media").Item("mediad", ExitingAtTrigger(2)));
         const int pid = PidOf("media.mediad");
-        MonitorHeld afterTheWait(Call::WRITE); // it says for which group it has waited
+        MonitorHeld afterTheWait(Call::WRITE); // it logs the group that it waits for
         PullTrigger();
         ASSERT_TRUE(afterTheWait.HasArrived());
         StartRadioAs(pid);
@@ -94,7 +94,8 @@ TEST_F(ANumberUsedAgain, IsNotKilledByAStopThatHasMetTheDeadChild)
     PidNamespace::Run([this] {
         const ActivatorPtr media = Start(collection.Bundle("media").Item("mediad", Sleeper()));
         const int pid = PidOf("media.mediad");
-        MonitorHeld inThePauseOfTheRelaunch(Call::NANOSLEEP); // it holds the marks, for which the stop waits
+        MonitorHeld inThePauseOfTheRelaunch(
+            Call::NANOSLEEP); // it holds the lock of the marks, for which the stop waits
         ASSERT_EQ(::kill(pid, SIGTERM), 0);
         ASSERT_TRUE(inThePauseOfTheRelaunch.HasArrived());
         std::string refusal;

@@ -57,10 +57,10 @@ void ProcessTable::KillAndMarkAll()
 
 bool ProcessTable::EndAll()
 {
-    // Where the monitor holds nothing, so that one which relaunches without a break lets the marks through.
+    // Slows the monitor where it holds no lock, so that it lets the marks through while it relaunches without a break.
     const BeforeEach wait(Call::WAITID, [](int) { std::this_thread::sleep_for(std::chrono::milliseconds(20)); });
     return Eventually(RunningItems::PATIENCE, [] {
-        // A relaunch finds an item that rests.
+        // A relaunch finds a program that exits at once and is not relaunched.
         for (const auto& entry : Entries()) {
             WriteProgram(entry.second.execPath, "#!/bin/sh\nexit 0\n");
         }
@@ -81,7 +81,7 @@ void ProcessTable::EndAllWithoutMonitor()
 
 RunningItems::RunningItems()
 {
-    // Launching a library asks the application's configuration.
+    // The launch of a library reads the application's configuration.
     static auto& application = *new Poco::Util::Application;
     application.config().setString("global.server_submodule_dir", outside.Path().string());
     ::setenv("PROBE_DIR", outside.Path().c_str(), 1);

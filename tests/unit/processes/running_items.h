@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-/// The bookkeeping that all process activators share, opened for tests.
+/// The table of children that all process activators share, accessible to tests.
 class ProcessTable : public SystemServer::BundleProcessActivator {
 public:
     using BundleProcessActivator::ExitStatusProc;
@@ -30,17 +30,17 @@ public:
     static void Add(int pid, const ProcessInfo& info);
     static void Remove(int pid);
 
-    /// Ends all items, those too that would be relaunched for ever, and the monitor. False when it does not succeed.
+    /// Ends the monitor and all items, also those that are relaunched forever. False when it does not succeed.
     static bool EndAll();
 
-    /// The same where the monitor has ended for good.
+    /// The same when the monitor has ended for good.
     static void EndAllWithoutMonitor();
 
 private:
     static void KillAndMarkAll();
 };
 
-/// Bundles whose items run as real processes. None of them is left when the test is over.
+/// Bundles whose items run as real processes. None of them outlives the test.
 class RunningItems : public ::testing::Test {
 public:
     static constexpr std::chrono::seconds PATIENCE{30};
@@ -57,10 +57,10 @@ public:
     /// Launches one item as a binary of a bundle.
     static void Launch(const std::string& path, const std::string& bundleName = "media");
 
-    /// An item that runs until it is killed, but not for ever.
+    /// An item that runs for a minute unless it is killed.
     static std::string Sleeper() { return "#!/bin/sh\nexec sleep 60\n"; }
     static std::string Exiting(int status) { return "#!/bin/sh\nexit " + std::to_string(status) + "\n"; }
-    /// One that exits with the status when the trigger is pulled, and runs on when it is started again.
+    /// An item that exits with the status at the trigger. Started again, it keeps running.
     std::string ExitingAtTrigger(int status) const;
     void PullTrigger() const;
 
@@ -83,7 +83,7 @@ public:
     bool IsLogged(const std::string& message, int times = 1) const;
     bool MonitorEnds() const;
 
-    /// What the probe of that name has written, line by line, once it is there.
+    /// The lines that the probe of that name has written. Waits for them.
     std::vector<std::string> ProbeReport(const std::string& name) const;
     /// The values of the lines that begin with the word.
     std::vector<std::string> Reported(const std::string& name, const std::string& word) const;

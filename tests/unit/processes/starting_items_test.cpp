@@ -49,7 +49,7 @@ TEST_F(StartingItems, RunsAScriptByTheShell)
     const std::string path = collection.Bundle("media").Item("x.sh").Write() + "/./bin/x.sh";
     std::filesystem::create_directory(collection / "media/bin");
     WriteFile(path, "readlink /proc/$$/exe > " + report + "; tr '\\0' '\\n' < /proc/$$/cmdline >> " + report +
-                        "; exec sleep 60\n"); // neither to be executed nor with an interpreter line
+                        "; exec sleep 60\n"); // not executable, and without an interpreter line
     Start(collection.Bundle("media").Item("x.sh"));
     const std::string shell = std::filesystem::canonical("/bin/sh").string();
     EXPECT_TRUE(Eventually(PATIENCE, [&] { return ReadFile(report) == shell + "\nsh\n" + path + "\n"; }))

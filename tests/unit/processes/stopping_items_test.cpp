@@ -28,7 +28,7 @@ TEST_F(StoppingItems, KillsThemAllWithoutARelaunch)
     activator->Stop();
     std::vector<std::string> records{"bundle[media] item[one] pid[" + one + "]",
                                      "bundle[media] item[two] pid[" + two + "]"};
-    if (std::stoi(one) > std::stoi(two)) { // numbers begin anew when they have all been used
+    if (std::stoi(one) > std::stoi(two)) { // pids start again at the lowest number when all have been used
         std::swap(records[0], records[1]);
     }
     EXPECT_TRUE(log.InOrder(records));
@@ -85,7 +85,7 @@ TEST_F(StoppingItems, DoesNotTouchOtherBundles)
 TEST_F(StoppingItems, ThrowsAtTheFirstThatCannotBeKilled)
 {
     const auto activator = Make(collection.Bundle("media"));
-    const pid_t child = ::fork(); // one that can be killed, the monitor not knowing of it
+    const pid_t child = ::fork(); // a child that can be killed and that the monitor does not know
     if (child == 0) {
         ::pause();
         ::_exit(0);

@@ -21,7 +21,7 @@ TEST_F(AnAddedItem, IsLoadedResolvedAndStarted)
     log.Restart();
     const auto before = Clock::now();
     RaiseAdded(path);
-    EXPECT_GE(Clock::now() - before, 1s) << "a copy may still be going on";
+    EXPECT_GE(Clock::now() - before, 1s) << "a copy may still be under way";
     EXPECT_TRUE(log.InOrder(
         {"dir item add event happen.", "add a new bundle dir.", "load bundle from [" + path + "]...",
          "load bundle[media] success.", "load bundle[media] done.", "resolve bundle[media]...",
@@ -85,7 +85,7 @@ TEST_F(AnAddedItem, IsUnloadedAgainWhenItCannotBeResolved)
     }
     EXPECT_EQ(Notes(), "uninstall\n");
     RaiseRemoved(path);
-    EXPECT_TRUE(log.Has("find bundle[" + path + "] fail.")) << "left registered";
+    EXPECT_TRUE(log.Has("find bundle[" + path + "] fail.")) << "it is still registered";
 }
 
 TEST_F(AnAddedItem, IsUnloadedAgainWhenItCannotBeStarted)

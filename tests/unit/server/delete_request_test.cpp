@@ -195,7 +195,7 @@ TEST_F(ADeleteRequest, FailsForABundleThatCannotBeStopped)
     collection.Bundle("stuck").Write();
     StartUp();
     collection.Bundle("stuck").Manifest("[global]\nbundle_name = renamed\nbundle_load_mode = 0\n").Write();
-    RaiseModified(collection / "stuck"); // no bundle is registered under its new name, so it cannot be stopped
+    RaiseModified(collection / "stuck"); // no bundle is registered under the new name, so this one cannot be stopped
     log.Restart();
     const EventFifo fifo;
     EXPECT_EQ(Delete("stuck"), 400);

@@ -15,14 +15,14 @@
 
 namespace {
 
-/// Publishing to an event service of the test's own: the program has a /mnt of its own.
+/// Publishing to an event service of the test. The program has a /mnt of its own.
 class PublishingAnEvent : public ::testing::Test {
 public:
     ~PublishingAnEvent() override
     {
         m_listener.reset();
-        EXPECT_EQ(puts.Count(), news.Count()) << "a message is kept";
-        EXPECT_EQ(OwnProcess::Descriptors(), m_descriptorsBefore) << "a descriptor is kept";
+        EXPECT_EQ(puts.Count(), news.Count()) << "a message is leaked";
+        EXPECT_EQ(OwnProcess::Descriptors(), m_descriptorsBefore) << "a descriptor is leaked";
     }
 
     void Listen() { m_listener.emplace(); }

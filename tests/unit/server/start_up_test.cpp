@@ -78,7 +78,7 @@ TEST_F(StartingTheServer, FailsWithoutTheKeyOfTheCollection)
     EXPECT_EQ(log.Messages(), Messages{"init bundle server..."});
     try {
         server->RethrowStartupFailure();
-        FAIL() << "the failure is forgotten";
+        FAIL() << "the failure is not rethrown";
     } catch (const Poco::NotFoundException& e) {
         EXPECT_EQ(e.displayText(), "Not found: global.bundle_collection_dir");
     }
@@ -141,7 +141,7 @@ TEST_F(StartingTheServer, StopsNothingWhenItEnds)
 
 TEST_F(StartingTheServer, HoldsEventsUntilTheCollectionIsLoaded)
 {
-    // The watcher lives before the manager: what it raises then is dealt with once start-up has read the collection.
+    // The watcher is made before the manager. Its events wait until start-up has read the collection.
     const std::string path = collection.Bundle("media").Write();
     const std::string gone = collection / "gone";
     std::vector<std::thread> events;

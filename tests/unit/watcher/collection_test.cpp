@@ -1,4 +1,4 @@
-// The collection directory itself: how it is named, and what happens when it goes, comes back or is very large.
+// The collection directory itself: its name, its removal and return, and a very large one.
 
 #include "unit/watcher/watched_collection.h"
 
@@ -21,7 +21,7 @@ namespace fs = std::filesystem;
 constexpr const char CANNOT_BE_READ[] = "] can not be read: ";
 constexpr const char CAN_BE_READ_AGAIN[] = "] can be read again.";
 
-/// The collection is a directory in one of the test's, so that it can be taken away.
+/// The collection is a directory below the test's own, so that it can be moved away.
 class ACollectionThatGoesAway : public WatchingACollection {
 public:
     ACollectionThatGoesAway() : place(collection / "bundles"), placed(place)
@@ -41,7 +41,7 @@ public:
                                  ". Its bundles stay as they are until it is back."));
     }
 
-    /// What has been raised once it is back, and whether each turn has been told once.
+    /// The events since the collection is back. Checks that its loss and its return are logged once each.
     Events EventsOfReturn()
     {
         placed.PassScans(4);
@@ -50,7 +50,7 @@ public:
         return placed.Noted();
     }
 
-    /// Several scans find the collection away: a second watcher counts them.
+    /// Waits until several scans have found the collection missing. A second watcher counts them.
     void PassScansElsewhere() const
     {
         const TemporaryDirectory elsewhere;
@@ -89,7 +89,7 @@ private:
 
 class AChangeThatCannotBeSeen : public WatchingACollection {
 public:
-    /// What root has made belongs to an ordinary user from now on.
+    /// Gives the files that root has made to an ordinary user.
     static void GiveAway() { RunShell("[ $(id -u) != 0 ] || chown -R 65534 \"$COLLECTION\" \"$ASIDE\""); }
 };
 
@@ -163,7 +163,7 @@ TEST_F(ACollectionThatGoesAway, IsAwaitedWhileAFileStandsInItsPlace)
 
 TEST_F(ACollectionThatGoesAway, IsAwaitedWhileItMayNotBeRead)
 {
-    // Root may read everything.
+    // Root can read every file.
     fs::permissions(collection.Path(), fs::perms::all);
     ASSERT_EQ(::chown(place.c_str(), AnOrdinaryUser::NOBODY, static_cast<gid_t>(-1)), ::geteuid() == 0 ? 0 : -1);
     const AnOrdinaryUser user;
@@ -174,7 +174,7 @@ TEST_F(ACollectionThatGoesAway, IsAwaitedWhileItMayNotBeRead)
     EXPECT_EQ(EventsOfReturn(), Events{});
 }
 
-// Of what may not be looked at nothing can be told, which is no reason to stop a bundle.
+// A directory that cannot be read may be unchanged, which is no reason to stop its bundle.
 TEST_F(AChangeThatCannotBeSeen, LeavesADirectoryBehindALinkUnchanged)
 {
     fs::create_directory(Aside("disk"));

@@ -1,4 +1,4 @@
-// What a watcher holds while it lives: no thread and no descriptor beside its own, and nothing that a child inherits.
+// The resources of a watcher: one thread and one descriptor, and none that a child inherits.
 
 #include "support/process_info.h"
 #include "unit/watcher/watched_collection.h"
@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 
 class WhatAWatcherHolds : public WatchingACollection {};
 
-/// Where each open descriptor leads, that of the look itself left out.
+/// The target of each open descriptor, without the one that reads the list.
 std::map<int, std::string> Descriptors()
 {
     std::map<int, std::string> descriptors;
@@ -33,7 +33,7 @@ std::map<int, std::string> Descriptors()
     return descriptors;
 }
 
-/// The number of threads beside a watcher's, which may only just have ended.
+/// The number of threads without a watcher's. Waits for one that is just ending.
 std::size_t OtherThreads()
 {
     Eventually(std::chrono::seconds(30), [] {
@@ -43,7 +43,7 @@ std::size_t OtherThreads()
     return ProcessOf::ThreadNames(::getpid()).size();
 }
 
-/// Whether there are so many threads. One that has ended is still to be seen for a moment.
+/// Whether there are so many threads. The kernel still shows one for a moment after its end.
 ::testing::AssertionResult ThereAreThreads(std::size_t count)
 {
     if (Eventually(std::chrono::seconds(30), [count] { return ProcessOf::ThreadNames(::getpid()).size() == count; })) {
@@ -56,7 +56,7 @@ std::size_t OtherThreads()
 
 TEST_F(WhatAWatcherHolds, IsOneThread)
 {
-    Watch(); // a sanitizer adds a thread of its own when it sees the first
+    Watch(); // a sanitizer adds a thread of its own with the first
     watcher.reset();
     const std::size_t before = OtherThreads();
     Watch();

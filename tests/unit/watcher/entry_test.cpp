@@ -13,7 +13,7 @@ class AnEntry : public WatchingACollection {};
 
 } // namespace
 
-// An archive or a mirror puts back the time of a directory's last change. The inode's own time cannot be put back.
+// Tools for archives and mirrors restore a directory's modification time. The time of its inode cannot be restored.
 TEST_F(AnEntry, IsModifiedByAMirrorThatRestoresEveryTime)
 {
     MakeBundle(In("radio"));
@@ -55,7 +55,7 @@ TEST_F(AnEntry, ThatIsAPlainFileIsAddedModifiedAndRemoved)
     EXPECT_EQ(EventsOf("echo >> \"$COLLECTION\"/old"), Events{"modified old"});
 }
 
-// The server asks for that when it finds no bundle, as it does for each plain file.
+// The server asks for another addition when it finds no bundle, as with each plain file.
 TEST_F(AnEntry, ThatIsAPlainFileIsNotOfferedAgain)
 {
     Watch();
@@ -145,7 +145,7 @@ TEST_F(AnEntry, MayHaveAnyName)
     EXPECT_EQ(EventsOf([&] { AppendFile(In(longest) + "/BundleManifest.ini", "\n"); }), Events{"modified " + longest});
 }
 
-// While "rm -r" is at work a scan may find half a directory: its end alone is raised.
+// A scan during "rm -r" may find half a directory. Only the end of the removal is raised.
 TEST_F(AnEntry, ThatIsRemovedBitByBitIsRemovedOnce)
 {
     MakeBundle(In("radio"));

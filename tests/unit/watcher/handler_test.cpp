@@ -1,4 +1,4 @@
-// What the handlers of the events may do, and what the watcher does meanwhile.
+// What an event's handler may do, and how the watcher behaves meanwhile.
 
 #include "unit/watcher/watched_collection.h"
 
@@ -121,7 +121,7 @@ TEST_F(AHandler, RunsOneAtATimeAndAlwaysOnTheSameThread)
     EXPECT_TRUE(std::all_of(threads.begin(), threads.end(), [&](auto thread) { return thread == threads.front(); }));
 }
 
-// What a scan has found may have gone by the time its turn comes.
+// An item that a scan has found may be gone before its event is raised.
 TEST_F(AHandler, IsNotCalledForAnItemThatHasGoneMeanwhile)
 {
     MakeBundle(Aside("zulu"));
@@ -183,7 +183,7 @@ TEST_F(DestroyingTheWatcher, WaitsForAHandlerAndRaisesNoFurtherEvent)
         }
         entered.set_value();
         Eventually(PATIENCE, [&] { return isBeingDestroyed.load(); });
-        // Long enough for a destructor that does not wait to be through.
+        // Long enough for a destructor that does not wait to return.
         const auto end = std::chrono::steady_clock::now() + 100ms;
         Eventually(PATIENCE, [&] { return std::chrono::steady_clock::now() >= end; });
         isDone = true;
@@ -318,7 +318,7 @@ TEST_F(RetryingAnAddition, WaitsUntilTheRepairIsComplete)
     EXPECT_EQ(writtenWhenAdded, 6);
 }
 
-// An item of it may run on, and write without an end.
+// One of its items may keep running and writing.
 TEST_F(RetryingAnAddition, DoesNotWaitForWritesToOtherFolders)
 {
     bool isAdded = false;

@@ -36,7 +36,7 @@ public:
         EXPECT_TRUE(Eventually(5s, [&] { return ::chmod(file.c_str(), 0700) == 0 && Now() != before; }));
     }
 
-    /// Writes as many bytes into the manifest as it has, and puts its time back.
+    /// Overwrites the manifest with as many bytes and restores its time.
     void ExchangeAByteOfTheManifest() const
     {
         const auto time = std::filesystem::last_write_time(Manifest());
@@ -129,7 +129,7 @@ TEST_F(AnItemOnAnOverlay, IsUnchangedWhileItHasNoStatus)
             EXPECT_FALSE(HasChanged());
             EXPECT_TRUE(fault.HasStruck());
         }
-        EXPECT_TRUE(HasChanged()) << "when it can be looked at again";
+        EXPECT_TRUE(HasChanged()) << "once its status can be read again";
         known.Learn(path, Now());
     }
 }

@@ -36,7 +36,7 @@ TEST_F(ManyDirectories, AreAddedModifiedAndRemovedWithoutAMissedOrDoubledEvent)
     };
     for (int round = 0; round < 3; ++round) {
         forAll([this](const std::string& name) { MakeBundle(Aside(name)); });
-        // Not between two scans: some come before one and some after.
+        // During scans: some directories are added before a scan and some after it.
         EXPECT_EQ(
             sorted(EventsOf([&] { forAll([this](const std::string& name) { fs::rename(Aside(name), In(name)); }); })),
             expected("added"));
@@ -59,7 +59,7 @@ TEST_F(ManyDirectories, AreAddedInTheOrderOfTheirArrival)
     EXPECT_EQ(EventsBetweenTwoScans([&] {
                   for (const char* const name : {"tuner", "base", "radio", "alarm"}) {
                       MakeBundle(Aside(name));
-                      AwaitTickAfter(Aside(name) + "/BundleManifest.ini"); // or the move would bear its time
+                      AwaitTickAfter(Aside(name) + "/BundleManifest.ini"); // otherwise the move has the same time
                       fs::rename(Aside(name), In(name));
                       AwaitTickAfter(In(name));
                       expected.push_back(std::string("added ") + name);

@@ -1,4 +1,4 @@
-// Bundles on an overlay: on a layer that is only read, with one above that takes what is written.
+// Bundles on an overlay: a lower layer that is only read, and an upper layer for everything that is written.
 
 #include "support/overlay.h"
 #include "unit/watcher/watched_collection.h"
@@ -25,12 +25,12 @@ const std::vector<OverlayKind> KINDS{
     {"SquashfsBelow", "squashfs", ",xino=off"}, // a file that is copied up gets another number there, too
 };
 
-/// A bundle "radio" and another on the layer that is only read, and another version of the first beside the collection.
+/// A bundle "radio" and another one on the lower layer, and another version of "radio" beside the collection.
 class OnAnOverlay : public OverlayRoot, public WatchingACollection {
 protected:
     explicit OnAnOverlay(const OverlayKind& kind) : OverlayRoot(kind) {}
 
-    /// Skips the test, and returns true, where there can be no overlay.
+    /// Skips the test and returns true when an overlay cannot be mounted.
     bool IsSkipped()
     {
         MakeBundle(In("radio"));
@@ -54,7 +54,7 @@ protected:
         DropInodes();
     }
 
-    /// What is raised when the kernel drops the overlay's inodes.
+    /// The events after the kernel drops the inodes of the overlay.
     Events EventsOfDropping()
     {
         return EventsOf([this] { DropInodes(); });
@@ -97,7 +97,7 @@ ino_t NumberOf(const std::string& path)
     return status.st_ino;
 }
 
-/// Ways that leave everything as it was that is compared.
+/// Ways that change nothing that the watcher compares.
 std::vector<Way> WaysOfChangingUnseen()
 {
     return {
@@ -116,12 +116,12 @@ std::vector<Way> WaysOfChangingUnseen()
     };
 }
 
-/// The general ways, and those in which an overlay differs.
+/// The general ways, and those that an overlay adds.
 std::vector<Way> WaysOfChangingOnAnOverlay()
 {
     std::vector<Way> ways;
     for (const Way& way : WaysOfChanging()) {
-        if (way.name != std::string("MovingItAwayAndBack")) { // leaves it as it was but for its inode's time
+        if (way.name != std::string("MovingItAwayAndBack")) { // changes only the time of its inode
             ways.push_back(way);
         }
     }
@@ -213,7 +213,7 @@ TEST_P(ABundleOnAnOverlay, IsUnchangedWhileAnItemWritesToAFileInItsDirectory)
               Events{"modified radio"});
 }
 
-// A copy of one of its links has another number, size and time, as a file that replaces it has.
+// The copy of one of its links has another inode number, size and time, as a replaced file has.
 TEST_P(ABundleOnAnOverlay, IsModifiedOnceWhenAFileWithSeveralLinksIsOverwritten)
 {
     if (IsSkipped()) {
@@ -298,7 +298,7 @@ INSTANTIATE_TEST_SUITE_P(By, AWriteOnAnOverlay,
                                             ::testing::ValuesIn(WaysOfWriting()), ::testing::Values(false)),
                          NameOfCase);
 
-// As the manual says. Elsewhere each of them is seen.
+// The manual says so. On other file systems each change is seen.
 INSTANTIATE_TEST_SUITE_P(Unseen, AWriteOnAnOverlay,
                          ::testing::Combine(::testing::Values(NUMBERS_NOT_KEPT),
                                             ::testing::ValuesIn(WaysOfChangingUnseen()), ::testing::Values(false)),

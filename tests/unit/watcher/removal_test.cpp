@@ -44,7 +44,7 @@ TEST_F(ARemovalAtWork, IsAChangeOnceTheWholeTreeHasStoodStill)
               After(3, {"modified radio"}));
 }
 
-// Its items may write to its other folders without an end.
+// Its items may keep writing to its other folders.
 TEST_F(ARemovalAtWork, IsAChangeAfterTenScansInWhichNothingMoreIsTakenAway)
 {
     constexpr int looks = 10;
@@ -66,7 +66,7 @@ TEST_F(ARemovalAtWork, IsNotSeenWhenANameIsReplacedOrAdded)
               (Events{"step", "step", "modified radio", "step"}));
     EXPECT_EQ(EventsOfSteps({[this] { fs::rename(In("radio") + "/bin/newd", In("radio") + "/bin/scand"); }, [] {}}),
               After(2, {"modified radio"}))
-        << "a name less";
+        << "one name fewer";
     EXPECT_EQ(EventsOfSteps({[this] {
                                  WriteFile(Aside("tunerd"), "");
                                  fs::rename(Aside("tunerd"), In("radio") + "/bin/tunerd");

@@ -14,7 +14,7 @@ class ASlowCopy : public WatchingACollection {};
 
 } // namespace
 
-// The chunks are written by the handlers of plain files that come, one a scan: each scan finds more than the last.
+// The handler of a plain file writes each chunk, one file a scan, so that each scan finds more than the last one.
 TEST_F(ASlowCopy, IsAddedOnceWhenItIsComplete)
 {
     constexpr int chunks = 8;
@@ -44,7 +44,7 @@ TEST_F(ASlowCopy, IsAddedOnceWhenItIsComplete)
     EXPECT_EQ(writtenWhenAdded, chunks);
 }
 
-// A mirror sets the owner, the mode and the times of a directory before it fills it, and perhaps again while it does.
+// A mirroring tool sets owner, mode and times of a directory before it fills it, and perhaps again meanwhile.
 TEST_F(ASlowCopy, IsNotTakenForARenameWhenItsModeWasSetFirst)
 {
     Watch();

@@ -1,4 +1,4 @@
-// What looking costs while nothing happens.
+// The cost of scans while nothing changes.
 
 #include "unit/watcher/allocations.h"
 #include "unit/watcher/watched_collection.h"
@@ -12,7 +12,7 @@ namespace {
 
 class WhileNothingHappens : public WatchingACollection {};
 
-/// How many times this thread has waited.
+/// The number of times that this thread has waited.
 long Waits(const std::string& threadStatus)
 {
     std::ifstream file(threadStatus);
@@ -36,7 +36,7 @@ TEST_F(WhileNothingHappens, AScanAllocatesNothingForItsBundles)
     Watch(std::chrono::milliseconds(1));
     recorder.PassScans(3);
     const long before = Allocations();
-    // Hundreds of scans; a few, at the least, on a machine that is very busy.
+    // Hundreds of scans, or at least a few on a very busy machine.
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
     Eventually(PATIENCE, [&] { return std::chrono::steady_clock::now() >= end; });
     const long allocations = Allocations() - before;
@@ -57,7 +57,7 @@ TEST_F(WhileNothingHappens, ItWakesUpOnceAnInterval)
     const long before = Waits(status);
     ASSERT_GT(before, 0);
     recorder.PassScans(3);
-    // One wait a scan, and those for the test's own lock.
+    // One wait a scan, and a few for the lock of the test.
     EXPECT_LE(Waits(status) - before, 3 + 6);
     EXPECT_GE(Waits(status) - before, 2);
     watcher.reset();

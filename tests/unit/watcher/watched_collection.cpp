@@ -17,7 +17,7 @@ namespace {
 
 constexpr const char SCAN_FILE[] = "scan-";
 constexpr std::chrono::seconds SCAN_PATIENCE{30};
-/// A copy needs two to be complete, a refused item three to be offered; one may have been under way.
+/// A copy is complete after two scans, a refused item is raised again after three, and one scan may be under way.
 constexpr int SCANS_TO_REST = 4;
 
 } // namespace
@@ -87,12 +87,12 @@ void Recorder::PassScans(int count)
         const int before = m_scans;
         lock.unlock();
         const std::string path = m_collection + "/" + SCAN_FILE + std::to_string(++number);
-        // Not opened: what the process has open meanwhile is the watcher's.
+        // Not opened: tests count the descriptors of the watcher meanwhile.
         ASSERT_EQ(::mknod(path.c_str(), S_IFREG | S_IRUSR | S_IWUSR, 0), 0) << path;
         lock.lock();
         const bool hasPassed = m_noted.wait_for(lock, SCAN_PATIENCE, [&] { return m_scans > before; });
         lock.unlock();
-        ASSERT_TRUE(hasPassed) << "no scan within the time";
+        ASSERT_TRUE(hasPassed) << "no scan in time";
         std::error_code ignored; // the action may have moved the collection away
         std::filesystem::remove(path, ignored);
     }

@@ -22,10 +22,10 @@
 
 using Events = std::vector<std::string>;
 
-/// What a watcher raises, as "added radio", "modified radio", "removed radio", in its order.
+/// The events that a watcher raises, in their order, as "added radio", "modified radio", "removed radio".
 ///
-/// Time is counted in scans, not in seconds: a plain file whose name begins with "scan-" is dropped into the collection
-/// and the event of its coming awaited. Those events are left out of what is told.
+/// Tests wait for scans, not for seconds: a plain file whose name begins with "scan-" is written into the collection,
+/// and its addition awaited. Those events are not recorded.
 class Recorder {
 public:
     using Handler = std::function<void(const std::string& event)>;
@@ -34,19 +34,20 @@ public:
 
     void Subscribe(Poco::DirectoryWatcher& watcher);
 
-    /// Called on the watcher's thread with each event, those of the passing scans included, after it has been noted.
+    /// Sets what is called with each event, on the watcher's thread, after it is recorded. It gets those of "scan-"
+    /// too.
     void SetHandler(Handler handler);
 
     Events Noted() const;
     void Forget();
 
-    /// Returns when so many scans have begun and ended. Fails the test when they do not.
+    /// Waits until so many scans have begun and ended. Fails the test when they do not.
     void PassScans(int count);
 
-    /// Does something while no scan runs, so that a single scan finds all of it: on the watcher's thread, in a handler.
+    /// Runs an action between two scans, in a handler, so that a single scan finds all of its changes.
     void BetweenTwoScans(const std::function<void()>& action);
 
-    /// Whether the event comes within a generous time. Its handler has then returned.
+    /// Whether the event is raised in time. Its handler has returned then.
     bool WaitFor(const std::string& event);
 
 private:
@@ -65,18 +66,18 @@ private:
     Handler m_handler;
 };
 
-/// A collection, a directory beside it on the same file system, and a watcher that looks many times a second.
+/// A collection, a directory beside it on the same file system, and a watcher that scans many times a second.
 class WatchingACollection : public ::testing::Test {
 public:
     static constexpr std::chrono::milliseconds INTERVAL{60};
-    /// Longer than a tool that writes in place is kept waiting by a busy machine.
+    /// Longer than a busy machine interrupts a tool that writes in place.
     static constexpr std::chrono::milliseconds UNHURRIED{200 * SLOWNESS};
     static constexpr std::chrono::seconds PATIENCE{30};
 
     WatchingACollection();
     void TearDown() override { watcher.reset(); }
 
-    /// Makes the watcher; what is in the collection before is known to it.
+    /// Makes the watcher. It knows what is in the collection already.
     void Watch(std::chrono::milliseconds interval = INTERVAL);
 
     /// A bundle with a manifest, "bin", "script" and folders of its own, beside the collection or in it.
@@ -87,7 +88,7 @@ public:
     void BetweenTwoScans(const std::function<void()>& action) { recorder.BetweenTwoScans(action); }
     void BetweenTwoScans(const std::string& command);
 
-    /// What is raised after that, when everything has come to rest.
+    /// The events of an action, once no more are due.
     Events EventsOf(const std::function<void()>& action);
     Events EventsOf(const std::string& command);
     Events EventsBetweenTwoScans(const std::function<void()>& action);
@@ -97,7 +98,8 @@ public:
     TemporaryDirectory aside;
     LogCapture log;
     Recorder recorder;
-    /// The first to go: its handler uses the rest. A test whose handler uses the test's own variables takes it away.
+    /// Destroyed first, because its handler uses the other members. A test whose handler uses local variables resets
+    /// it.
     std::unique_ptr<SystemServer::BundleDirWatcher> watcher;
 };
 

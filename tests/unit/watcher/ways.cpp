@@ -79,7 +79,7 @@ std::vector<Way> WaysOfWriting()
             Way{"WritingToAFileInAFolderOfItsOwn", "echo 1 >> \"$COLLECTION\"/radio/data/stations"},
             Way{"RemovingAFileInAFolderOfItsOwn", "rm \"$COLLECTION\"/radio/data/stations"},
             Way{"AddingAFolderBelowAFolderOfItsOwn", "mkdir -p \"$COLLECTION\"/radio/data/a/b/c"},
-            // A program that runs is not overwritten so, and what is half written would be started.
+            // A running program is not overwritten in place, and a program that is half written would be started.
             Way{"OverwritingAProgramInPlace", "echo new > \"$COLLECTION\"/radio/bin/tunerd"},
             Way{"OverwritingAScriptInPlace", "echo new > \"$COLLECTION\"/radio/script/install.sh"},
             Way{"ReadingIt", "cat \"$COLLECTION\"/radio/BundleManifest.ini \"$COLLECTION\"/radio/bin/* "

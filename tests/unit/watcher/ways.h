@@ -4,27 +4,26 @@
 #include <ostream>
 #include <vector>
 
-/// A way in which a bundle "radio" comes, goes or changes: a shell command, with COLLECTION and ASIDE in its
-/// environment.
+/// A way to add, remove or change the bundle "radio": a shell command with COLLECTION and ASIDE in its environment.
 struct Way {
     const char* name;
     const char* command;
-    const char* tool = "sh"; // what it needs
+    const char* tool = "sh"; // the program that it needs
 };
 std::ostream& operator<<(std::ostream& stream, const Way& way);
 
 bool HasTool(const Way& way);
 
-/// By which a bundle beside the collection, or its archive "radio.tar" there, comes into it.
+/// Ways to add a bundle, or its archive "radio.tar", from beside the collection.
 std::vector<Way> WaysOfComing();
 
-/// By which it goes from the collection.
+/// Ways to remove it from the collection.
 std::vector<Way> WaysOfGoing();
 
-/// By which it is changed, so that it counts as modified. There is another version of it beside the collection.
+/// Ways to modify it. Another version of it is beside the collection.
 std::vector<Way> WaysOfChanging();
 
-/// By which something below it is written to that is no change of it.
+/// Ways to write below it that do not modify it.
 std::vector<Way> WaysOfWriting();
 
 #endif

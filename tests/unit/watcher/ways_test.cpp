@@ -67,7 +67,7 @@ TEST_P(ABundleThatIsChanged, IsModifiedOnce)
     EXPECT_EQ(EventsBetweenTwoScans(GetParam().command), Events{"modified radio"});
 }
 
-// Some ways take several steps, between which a scan may come: then each scan raises what it finds.
+// Some ways take several steps. A scan may come between them and raises what it finds.
 TEST_P(ABundleThatIsChanged, IsModifiedAtLeastOnceAtAnyTimeBetweenScans)
 {
     MakeBundle(In("radio"));

@@ -104,7 +104,7 @@ TEST_F(Withdrawing, RecognisesANewDirectoryOfTheSameNumberByItsTimeOfBirth)
     const Events events = EventsBetweenTwoScans([&] {
         const ino_t number = NumberOf(In("radio"));
         fs::remove_all(In("radio"));
-        constexpr int attempts = 1000; // most file systems give the lowest free number
+        constexpr int attempts = 1000; // most file systems reuse the lowest free number
         for (int i = 0; i < attempts && !isSameNumber; ++i) {
             const std::string candidate = Aside(std::to_string(i));
             fs::create_directory(candidate);
@@ -116,12 +116,12 @@ TEST_F(Withdrawing, RecognisesANewDirectoryOfTheSameNumberByItsTimeOfBirth)
         }
     });
     if (!isSameNumber) {
-        GTEST_SKIP() << "this file system gives no number a second time";
+        GTEST_SKIP() << "this file system does not reuse inode numbers";
     }
     EXPECT_EQ(events, (Events{"removed radio", "added radio"}));
 }
 
-// As a mount point is, which cannot be removed.
+// A mount point, for example, can be emptied but not removed.
 TEST_F(Withdrawing, EndsWhenTheEmptiedDirectoryIsFilledAgain)
 {
     std::optional<Withdrawal> withdrawal(std::in_place, *watcher, In("radio"));
@@ -148,7 +148,7 @@ TEST_F(Withdrawing, LosesNoChangeWhenTheRemovalHasNotBegun)
                   const Withdrawal withdrawal(*watcher, In("radio"));
               }),
               Events{"modified radio"})
-        << "made before";
+        << "a change made before the withdrawal";
 }
 
 TEST_F(Withdrawing, StopsAChangeThatIsFoundAndNotYetRaised)
@@ -175,7 +175,7 @@ TEST_F(Withdrawing, CoversADirectoryThatIsNotYetKnown)
               }),
               Events{});
     EXPECT_TRUE(watcher->IsWithdrawn(In("tuner")));
-    EXPECT_EQ(EventsOf("rm -r \"$COLLECTION\"/tuner"), Events{}) << "it never came";
+    EXPECT_EQ(EventsOf("rm -r \"$COLLECTION\"/tuner"), Events{}) << "it was never added";
 }
 
 TEST_F(Withdrawing, OfAPathThatIsNoItemDoesNothing)
