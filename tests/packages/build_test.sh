@@ -17,7 +17,7 @@ cp -R "$root"/{debian,docs,examples,packaging,README.md,LICENSE} . || exit 1
 mkdir client && cp -R "$root"/client/{examples,python} client/ || exit 1
 export BUNDLE_SERVER_BUILD=$build
 dpkg-buildpackage --build=binary --no-sign --no-check-builddeps > "$packages/log" 2>&1 || { tail -n 40 "$packages/log"; exit 1; }
-for name in bundle-server bundlectl libbundle-client0 libbundle-client-dev bundle-server-doc; do
+for name in bundle-server bundlectl-author bundlectl libbundle-client0 libbundle-client-dev bundle-server-doc; do
     [ "$(find "$packages" -name "${name}_*.deb" | wc -l)" -eq 1 ] || { echo "FAILED: there is no package $name"; exit 1; }
 done
 missing=$(grep 'exists in debian/tmp but is not installed' "$packages/log")

@@ -44,8 +44,8 @@ same "exit statuses of the loader" "$(items_of_section dyn_lib_process_loader.8 
     "$("$loader" -h | sed -n '/^exit status/,$p' | grep -oE '[0-9]+')"
 
 commands=$("$bundlectl" --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z]*\) .*/\1/p')
-same "commands of bundlectl" "$(sed -n 's/^\.It Cm \([a-z]*\).*/\1/p' "$man/bundlectl.1")" "$commands"
-same "options of bundlectl" "$(options_of_page bundlectl.1)" \
+same "commands of bundlectl" "$(cat "$man"/bundlectl*.1 | sed -n 's/^\.It Cm \([a-z]*\).*/\1/p')" "$commands"
+same "options of bundlectl" "$(for page in "$man"/bundlectl*.1; do options_of_page "${page##*/}"; done)" \
     "$(for command in "" $commands; do "$bundlectl" ${command:+"$command"} --help; done | options_of_help)"
 same "exit statuses of bundlectl" "$(items_of_section bundlectl.1 'EXIT STATUS')" \
     "$("$bundlectl" --help | sed -n '/^exit status/s/[^0-9]\{1,\}/\n/gp' | sed '/^$/d')"

@@ -10,6 +10,7 @@
 /// The program that has a verb's code. Users call bundlectl, which hands the command line on.
 enum class Program {
     BUNDLECTL,
+    PUT,    ///< what changes a collection: it takes libraries that the server does not need
     AUTHOR, ///< what authors of bundles need, on their own machines
 };
 
@@ -21,6 +22,7 @@ struct ProgramPlace {
 
 constexpr ProgramPlace PROGRAMS[] = {
     {Program::BUNDLECTL, "bundlectl", "bundlectl"},
+    {Program::PUT, "bundlectl-put", "bundlectl"},
     {Program::AUTHOR, "bundlectl-author", "bundlectl-author"},
 };
 
@@ -62,6 +64,21 @@ constexpr Verb VERBS[] = {
      "bundlectl record\nbundlectl record --once"},
     {"report", Program::BUNDLECTL, "Write all of it into one HTML page, to attach to a ticket",
      "bundlectl report -o report.html"},
+    {"put", Program::PUT, "Install or update a bundle in one step, and go back when it does not run",
+     "bundlectl put radio-2.tar.gz --key vendor.pub\nbundlectl put build/radio --soak 30s"},
+    {"rollback", Program::PUT, "Bring a former version of a bundle back",
+     "bundlectl rollback radio\nbundlectl rollback radio --to 3"},
+    {"versions", Program::PUT, "List the versions of a bundle that are kept", "bundlectl versions radio"},
+    {"verify", Program::PUT, "Tell where a bundle or an archive differs from what was shipped",
+     "bundlectl verify radio-2.tar.gz --key vendor.pub\nbundlectl verify /data/bundles/radio"},
+    {"remove", Program::PUT, "Remove a bundle: by request when a server runs, else from the directory",
+     "bundlectl remove radio"},
+    {"lint", Program::AUTHOR, "Tell what is wrong with bundles, before the server does",
+     "bundlectl lint radio\nbundlectl lint --strict bundles\nbundlectl lint --arch armhf --sysroot /srv/image radio"},
+    {"pack", Program::AUTHOR, "Pack a bundle into an archive that put takes, and sign it",
+     "bundlectl pack radio -o radio-2.tar.gz\nbundlectl pack radio -o radio-2.tar.gz --key vendor.key"},
+    {"keygen", Program::AUTHOR, "Make a pair of keys, for signing and for checking signatures",
+     "bundlectl keygen vendor"},
 };
 
 /// What a verb does once its arguments are read. Returns the exit status.

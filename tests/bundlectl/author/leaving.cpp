@@ -1,0 +1,7 @@
+// A program that calls what takes it out of the server's process group.
+#include <unistd.h>
+
+int main()
+{
+    return ::setsid() == -1 && ::setpgid(0, 0) == -1 ? 1 : 0;
+}

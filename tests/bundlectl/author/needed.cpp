@@ -1,0 +1,7 @@
+// That library.
+int Needed();
+
+int Needed()
+{
+    return 0;
+}

@@ -1,0 +1,7 @@
+// A program that needs a library of its own.
+int Needed();
+
+int main()
+{
+    return Needed();
+}

@@ -1,0 +1,11 @@
+#ifndef BUNDLECTL_AUTHOR_COMMAND_H
+#define BUNDLECTL_AUTHOR_COMMAND_H
+
+#include "verbs.h"
+
+// The verbs of authors of bundles, a source file each.
+Action DefineLint(Arguments& arguments);
+Action DefinePack(Arguments& arguments);
+Action DefineKeygen(Arguments& arguments);
+
+#endif

@@ -1,0 +1,21 @@
+// What bundlectl does for authors of bundles, on their own machines.
+#include "command.h"
+#include "command_line.h"
+
+#include <iterator>
+
+namespace {
+
+constexpr Command COMMANDS[] = {
+    {"lint", DefineLint},
+    {"pack", DefinePack},
+    {"keygen", DefineKeygen},
+};
+static_assert(DefinesItsVerbs(Program::AUTHOR, COMMANDS), "the table of verbs has others, or another order");
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    return RunProgram({Program::AUTHOR, COMMANDS, std::size(COMMANDS)}, argc, argv);
+}

@@ -1,0 +1,29 @@
+#ifndef BUNDLECTL_LINT_SHELL_TEXT_H
+#define BUNDLECTL_LINT_SHELL_TEXT_H
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Lint {
+
+/// A file in the bundle's root, bin/ or script/ that a script makes.
+struct ShellWrite {
+    int line;
+    std::string path; ///< from the bundle's root
+};
+
+/// What can be told of a shell script without running it: simple commands, a line each. Everything else is passed over,
+/// so what is told is true and what is not told may be, too.
+struct ShellText {
+    int programLine = 0;    ///< the last command, when it starts a program by its path and without exec
+    int backgroundLine = 0; ///< the last command, when it leaves a program in the background
+    std::vector<ShellWrite> writes;
+};
+
+/// @param text of an item, which lies in bin/
+ShellText ReadShell(std::string_view text);
+
+} // namespace Lint
+
+#endif

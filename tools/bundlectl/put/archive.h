@@ -1,0 +1,39 @@
+#ifndef BUNDLECTL_PUT_ARCHIVE_H
+#define BUNDLECTL_PUT_ARCHIVE_H
+
+#include "put/contents.h"
+
+#include <cstdint>
+#include <string>
+
+namespace Put {
+
+/// How much an archive may hold: what it says of itself is not trusted.
+struct ArchiveLimits {
+    std::uint64_t size = std::uint64_t{2} * 1024 * 1024 * 1024; ///< of all files together, in bytes
+};
+
+/// What an archive has of a bundle besides its files.
+struct Shipped {
+    Contents contents;
+    std::string text;      ///< of the list of contents
+    std::string signature; ///< empty: it is not signed
+};
+
+/// Packs a bundle's directory: a tar archive, compressed by gzip. The same files give the same archive, byte by byte.
+/// The file is made in one step: it is there whole, or as it was before.
+/// @param keyFile the secret key to sign with; empty: none
+/// @throws Refusal
+Shipped Pack(const std::string& directory, const std::string& file, const std::string& keyFile);
+
+/// Reads an archive to its end and compares each file with the list of contents. Writes nothing.
+/// @throws Refusal when it is broken, truncated or hostile
+Shipped CheckArchive(const std::string& file, const ArchiveLimits& limits);
+
+/// The same, and makes the files below a directory that exists and is empty, with the list and its signature. After a
+/// Refusal the directory holds a part of them.
+Shipped Unpack(const std::string& file, const std::string& directory, const ArchiveLimits& limits);
+
+} // namespace Put
+
+#endif

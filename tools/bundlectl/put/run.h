@@ -1,0 +1,33 @@
+#ifndef BUNDLECTL_PUT_RUN_H
+#define BUNDLECTL_PUT_RUN_H
+
+#include "exit_status.h"
+#include "put/report.h"
+#include "put/store.h"
+
+#include <string>
+
+namespace Put {
+
+/// Runs a verb and tells what it refuses. Returns the exit status.
+template <class Verb> int Guarded(const char* verb, const std::string& bundle, bool json, const Verb& run)
+{
+    Report report;
+    report.verb = verb;
+    report.bundle = bundle;
+    try {
+        return run();
+    } catch (const StoreLock::TimedOut& refusal) {
+        report.outcome = "busy";
+        report.text = refusal.what();
+        return Tell(report, EXIT_TIMED_OUT, json);
+    } catch (const Refusal& refusal) {
+        report.outcome = "refused";
+        report.text = refusal.what();
+        return Tell(report, EXIT_FAILED, json);
+    }
+}
+
+} // namespace Put
+
+#endif
