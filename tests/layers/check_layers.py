@@ -30,7 +30,7 @@ PARTS = {
     "tests/support": {"platform/include", "public/include", "common", SERVER},
     "bench": {"platform/include", "public/include", "common", SERVER, "tests/support"},
     "tests/device": {"platform/include"},
-    "tests/system": {"public/include", "common", "tests/support"},
+    "tests/system": {"platform/include", "public/include", "common", "client", "tests/support"},
     "tests/bundlectl": {"public/include", "common", "tools", "tests/support", "tests/system"},
     "tests/client": {"platform/include", "common", "client", "tests/support", "tests/system"},
     "tests/tools": {"public/include", "common", "tests/support"},

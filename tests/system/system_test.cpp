@@ -2,6 +2,9 @@
 
 #include "support/private_mnt.h"
 
+#include <bundle_client.h>
+#include <bundle_service.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <iostream>
@@ -44,7 +47,10 @@ std::string ExitOnFirstRun(const std::string& note, int status)
 
 std::uint16_t RequestDelete(const std::string& name)
 {
-    const UnixClient client(SERVICE_SOCKET);
-    const auto reply = client.Ask(DeletePacket(name), DaemonRunner::PATIENCE);
-    return reply ? HeaderOf(*reply).status : std::uint16_t{0};
+    using namespace SystemServer::BundleService;
+    const std::string content = NameField(name);
+    unsigned status = 0;
+    bundle_client_request(METHOD_DELETE_BUNDLE, content.data(), content.size(),
+                          static_cast<int>(DaemonRunner::PATIENCE.count()), &status);
+    return static_cast<std::uint16_t>(status);
 }
