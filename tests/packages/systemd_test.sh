@@ -31,7 +31,7 @@ check_mounts() {
     await test -e "$root/var/log/mounted" || fail "an item cannot mount"
     [ ! -e "$root/srv/card/mounted" ] || fail "what an item mounts is seen by others"
     mkdir "$own"
-    sed -n '/^- Or give up what needs the namespace/,/^  ```$/s/^  \([[A-Z].*\)/\1/p' "$(dirname "$0")/../../docs/operating.md" > "$own/mounts.conf"
+    sed -n '/^- Or give up the settings that need the namespace/,/^  ```$/s/^  \([[A-Z].*\)/\1/p' "$(dirname "$0")/../../docs/operating.md" > "$own/mounts.conf"
     [ "$(wc -l < "$own/mounts.conf")" -ge 5 ] || fail "the manual has no drop-in: $(cat "$own/mounts.conf")"
     manager daemon-reload
     manager restart bundle-server
