@@ -36,7 +36,7 @@ PARTS = {
     "tests/tools": {"public/include", "common", "tests/support"},
     "tests/platform": {"platform/include", "public/include", "common", "platform/host", "tests/support"},
     "tests/unit": {"platform/include", "public/include", "common", SERVER, "tests/support"},
-    "tests/fuzz": {"platform/include", "public/include", "common", "platform/host", SERVER, "tests/support"},
+    "tests/fuzz": {"platform/include", "public/include", "common", "platform/host", SERVER, "tools", "tests/support"},
 }
 
 # Inside the server: its layers from the lowest, their units, and the layers that they may include. The watcher knows

@@ -3,7 +3,7 @@
 
 #include "verbs.h"
 
-// bundlectl's own verbs, a source file each.
+// The verbs, a source file each.
 Action DefineBlame(Arguments& arguments);
 Action DefineDelete(Arguments& arguments);
 Action DefineDoctor(Arguments& arguments);

@@ -7,10 +7,9 @@
 namespace {
 
 constexpr Command COMMANDS[] = {
-    {"status", DefineStatus},   {"why", DefineWhy},       {"log", DefineLog},         {"timeline", DefineTimeline},
-    {"blame", DefineBlame},     {"delete", DefineDelete}, {"events", DefineEvents},   {"wait", DefineWait},
-    {"orphans", DefineOrphans}, {"doctor", DefineDoctor}, {"metrics", DefineMetrics}, {"record", DefineRecord},
-    {"report", DefineReport},
+    {"status", DefineStatus},   {"why", DefineWhy},       {"log", DefineLog},         {"delete", DefineDelete},
+    {"events", DefineEvents},   {"wait", DefineWait},     {"orphans", DefineOrphans}, {"doctor", DefineDoctor},
+    {"metrics", DefineMetrics}, {"record", DefineRecord},
 };
 static_assert(DefinesItsVerbs(Program::BUNDLECTL, COMMANDS), "the table of verbs has others, or another order");
 

@@ -41,7 +41,7 @@ int RunOtherProgram(Program program, char** argv)
             return EXIT_FAILED;
         }
     }
-    std::cerr << "bundlectl: \"" << Printable(argv[1]) << "\" is not installed on this machine: install the package "
-              << place->package << ".\n";
+    std::cerr << "bundlectl: \"" << Printable(argv[1]) << "\" is not installed on this machine: " << place->advice
+              << ".\n";
     return EXIT_FAILED;
 }

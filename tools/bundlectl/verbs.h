@@ -10,20 +10,22 @@
 /// The program that has a verb's code. Users call bundlectl, which hands the command line on.
 enum class Program {
     BUNDLECTL,
-    PUT,    ///< what changes a collection: it takes libraries that the server does not need
-    AUTHOR, ///< what authors of bundles need, on their own machines
+    ANALYSIS, ///< what is drawn and written from a log, which may be another machine's
+    PUT,      ///< what changes a collection: it takes libraries that the server does not need
+    AUTHOR,   ///< what authors of bundles need, on their own machines
 };
 
 struct ProgramPlace {
     Program program;
-    const char* file;    ///< in the directory of the server's helpers
-    const char* package; ///< that has it
+    const char* file;   ///< in the directory of the server's helpers
+    const char* advice; ///< what to do where it is not installed
 };
 
 constexpr ProgramPlace PROGRAMS[] = {
-    {Program::BUNDLECTL, "bundlectl", "bundlectl"},
-    {Program::PUT, "bundlectl-put", "bundlectl"},
-    {Program::AUTHOR, "bundlectl-author", "bundlectl-author"},
+    {Program::BUNDLECTL, "bundlectl", "install the package bundlectl"},
+    {Program::ANALYSIS, "bundlectl-analysis", "fetch the log, and look at it on another machine with --log FILE"},
+    {Program::PUT, "bundlectl-put", "install the package bundlectl"},
+    {Program::AUTHOR, "bundlectl-author", "install the package bundlectl-author"},
 };
 
 /// A verb, as users see it.
@@ -43,10 +45,10 @@ constexpr Verb VERBS[] = {
      "bundlectl why media\nbundlectl why media --evidence"},
     {"log", Program::BUNDLECTL, "Show the server's log, or what it has of one bundle",
      "bundlectl log -f\nbundlectl log media --since 10m --level error"},
-    {"timeline", Program::BUNDLECTL, "Show a start-up, or a later window, as a picture",
+    {"timeline", Program::ANALYSIS, "Show a start-up, or a later window, as a picture",
      "bundlectl timeline\nbundlectl timeline --from 10m --format svg > timeline.svg\n"
      "bundlectl timeline compare before.log after.log"},
-    {"blame", Program::BUNDLECTL, "List the bundles by the time that they cost the start-up",
+    {"blame", Program::ANALYSIS, "List the bundles by the time that they cost the start-up",
      "bundlectl blame\nbundlectl blame --log device.log"},
     {"delete", Program::BUNDLECTL, "Delete a bundle: stop it, unload it and remove its directory",
      "bundlectl delete media --timeout 5m\nbundlectl delete media radio --force --wait"},
@@ -62,7 +64,7 @@ constexpr Verb VERBS[] = {
      "bundlectl metrics\nbundlectl metrics --textfile /var/lib/prometheus/node-exporter/bundles.prom"},
     {"record", Program::BUNDLECTL, "Write down each launch, so that its process can be told later",
      "bundlectl record\nbundlectl record --once"},
-    {"report", Program::BUNDLECTL, "Write all of it into one HTML page, to attach to a ticket",
+    {"report", Program::ANALYSIS, "Write all of it into one HTML page, to attach to a ticket",
      "bundlectl report -o report.html"},
     {"put", Program::PUT, "Install or update a bundle in one step, and go back when it does not run",
      "bundlectl put radio-2.tar.gz --key vendor.pub\nbundlectl put build/radio --soak 30s"},

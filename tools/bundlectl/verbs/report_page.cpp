@@ -29,7 +29,7 @@ constexpr const char HEAD[] =
     "font:16px/1.5 system-ui,sans-serif}h1{font-size:1.6em;margin:.2em 0}h2{font-size:1.2em;margin:1.6em 0 .4em}"
     "p{margin:.3em 0}.faint{color:var(--faint)}.good{color:var(--good)}.bad{color:var(--bad)}.warn{color:var(--warn)}"
     ".wide{overflow-x:auto}table{border-collapse:collapse;width:100%}"
-    "th,td{text-align:left;padding:6px 12px 6px 0;border-bottom:1px solid var(--line);vertical-align:top}"
+    "th,td{text-align:left;padding:6px 12px 6px 0;border-bottom:1px solid var(--line);vertical-align:top;overflow-wrap:anywhere}"
     "th{color:var(--faint);font-weight:600}"
     "pre{background:var(--raised);padding:10px;font-size:13px;white-space:pre-wrap;overflow-wrap:anywhere}"
     ".finding{border-left:4px solid var(--line);padding:2px 12px;margin:10px 0}"

@@ -1,0 +1,18 @@
+// The part of bundlectl that draws and writes what a log tells. A small device can do without it: logs can be looked at
+// elsewhere.
+#include "command.h"
+#include "command_line.h"
+
+#include <iterator>
+
+namespace {
+
+constexpr Command COMMANDS[] = {{"timeline", DefineTimeline}, {"blame", DefineBlame}, {"report", DefineReport}};
+static_assert(DefinesItsVerbs(Program::ANALYSIS, COMMANDS), "the table of verbs has others, or another order");
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    return RunProgram({Program::ANALYSIS, COMMANDS, std::size(COMMANDS)}, argc, argv);
+}
