@@ -77,6 +77,8 @@ constexpr Verb VERBS[] = {
      "bundlectl remove radio"},
     {"lint", Program::AUTHOR, "Tell what is wrong with bundles, before the server does",
      "bundlectl lint radio\nbundlectl lint --strict bundles\nbundlectl lint --arch armhf --sysroot /srv/image radio"},
+    {"plan", Program::AUTHOR, "Tell what the server will do with a collection, in order",
+     "bundlectl plan bundles\nbundlectl plan bundles --after add radio\nbundlectl plan bundles --after delete media"},
     {"pack", Program::AUTHOR, "Pack a bundle into an archive that put takes, and sign it",
      "bundlectl pack radio -o radio-2.tar.gz\nbundlectl pack radio -o radio-2.tar.gz --key vendor.key"},
     {"keygen", Program::AUTHOR, "Make a pair of keys, for signing and for checking signatures",

@@ -8,6 +8,7 @@ namespace {
 
 constexpr Command COMMANDS[] = {
     {"lint", DefineLint},
+    {"plan", DefinePlan},
     {"pack", DefinePack},
     {"keygen", DefineKeygen},
 };
