@@ -281,6 +281,27 @@ def load(programs, quick):
     return {"rows": rows, "note": note, "plot": {"x": "bundles", "y": "µs a bundle", "series": series}}
 
 
+def status(programs, quick):
+    """What bundlectl status takes for 200 bundles: the whole run of the program, and its memory."""
+    count = 200
+    taken, memory_used = [], []
+    with server(programs, "status", write_collection("status", count)) as process:
+        process.wait_for_end_of_log("init bundle server done.", 120)
+        command = [programs.bundlectl, "status", "--log", process.log]
+        for _ in range(3 if quick else 30):
+            begin = time.monotonic_ns()
+            child = subprocess.Popen(command, stdout=subprocess.PIPE)
+            output = child.stdout.read()
+            _, end, usage = os.wait4(child.pid, 0)
+            taken.append(time.monotonic_ns() - begin)
+            memory_used.append(usage.ru_maxrss)
+            if end != 0 or f"{count} of {count} bundles".encode() not in output:
+                raise Missed(f"bundlectl status ends with {end}: {output[-300:]}")
+    return {"rows": [row(f"{count} bundles", "ms", taken, None, MILLI, "100"),
+                     row(f"{count} bundles: memory", "MiB", memory_used, None, 1024, "10")],
+            "note": "The first turn counts too: the program and the log are in the page cache."}
+
+
 RECORD = re.compile(rb"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z INFO 4 0 \d+ \d+ bench/log_record\.cpp:\d+ "
                     rb"record\[(\d+)\] of thread\[(\d+)\]\.$")
 
@@ -376,4 +397,5 @@ def in_process(programs, quick):
 
 
 ALL = {"relaunch": relaunch, "storm": storm, "memory": memory, "idle": idle, "hot-add": hot_add, "start-up": start_up,
-       "request": request, "load": load, "scan": scan, "log-record": log_record, "in-process": in_process}
+       "request": request, "load": load, "scan": scan, "log-record": log_record, "status": status,
+       "in-process": in_process}
