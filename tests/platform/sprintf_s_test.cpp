@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-TEST(SprintfS, ReturnsTheLengthOfWhatItWrites)
+TEST(SprintfS, ReturnsTheLengthOfItsText)
 {
     char text[16];
     EXPECT_EQ(sprintf_s(text, sizeof text, "%s", "app.event.init"), 14);

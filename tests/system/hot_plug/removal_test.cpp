@@ -62,7 +62,7 @@ protected:
 
 } // namespace
 
-TEST_F(ADeletionByRequest, IsNotTakenForAChangeWhileItIsAtWork)
+TEST_F(ADeletionByRequest, IsNoChangeWhileItRuns)
 {
     RemoveBy("/bin/rm -rf \"$2\"/bin\n: > " + Note("begun") + "\nuntil [ -e " + Note("go") +
              " ]; do sleep 0.05; done\nexec /bin/rm \"$@\"");
@@ -79,7 +79,7 @@ TEST_F(ADeletionByRequest, IsNotTakenForAChangeWhileItIsAtWork)
     EXPECT_EQ(Removed(), 1);
 }
 
-TEST_F(ADeletionByRequest, LeavesAloneWhatItCouldNotRemove)
+TEST_F(ADeletionByRequest, IgnoresEntriesThatItCouldNotRemove)
 {
     RemoveBy("/bin/rm -rf \"$2\"/bin\nexit 1");
     EXPECT_EQ(RequestDelete("radio"), 200);

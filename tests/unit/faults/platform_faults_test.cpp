@@ -96,7 +96,7 @@ TEST_F(AFailingCallOfTheLoop, EndsItAndTakesItsSocketAway)
     EXPECT_FALSE(Exists(SOCKET));
 }
 
-TEST_F(AFailingCallOfTheLoop, DoesNotMakeItGoOnWhenItsTimeIsOver)
+TEST_F(AFailingCallOfTheLoop, DoesNotKeepItRunningWhenItsTimeIsOver)
 {
     bolt_event_mgr* const manager = bolt_event_mgr_new(0);
     ASSERT_EQ(RegisterService(SERVICE, manager, g_testProtocol), 0);

@@ -45,7 +45,7 @@ TEST_F(ResolvingABundle, TakesOneThatIsUninstalled)
     EXPECT_EQ(bundle->GetCurState(), Bundle::BUNDLE_RESOLVED);
 }
 
-TEST_F(ResolvingABundle, ResolvesWhatItRequiresFirst)
+TEST_F(ResolvingABundle, ResolvesItsRequirementsFirst)
 {
     const auto a = Put("a", "b");
     const auto b = Put("b");
@@ -221,7 +221,7 @@ TEST_F(ResolvingAllBundles, FailsADependantWithTheTextOfWhatItRequires)
     EXPECT_EQ(b->GetCurState(), Bundle::BUNDLE_INSTALLED);
 }
 
-TEST_F(ResolvingAllBundles, KeepsWhatWasResolvedBeforeAFailure)
+TEST_F(ResolvingAllBundles, KeepsBundlesThatWereResolvedBeforeAFailure)
 {
     Put("a", "b, x");
     const auto b = Put("b");
@@ -230,7 +230,7 @@ TEST_F(ResolvingAllBundles, KeepsWhatWasResolvedBeforeAFailure)
     EXPECT_EQ(Registered(), std::set<std::string>{"b"});
 }
 
-TEST_F(ResolvingAllBundles, UnloadsWhatFailedAfterTheWalkInTheOrderOfTheFailures)
+TEST_F(ResolvingAllBundles, UnloadsFailedBundlesAfterTheWalkInTheOrderOfTheFailures)
 {
     for (const char* const name : {"b", "a", "c"}) {
         Load(collection.Bundle(name).Requires("missing").Uninstall(Noting(name)));

@@ -74,7 +74,7 @@ TEST_F(StartingABundle, MovesItToActive)
     }
 }
 
-TEST_F(StartingABundle, StartsWhatItRequiresFirst)
+TEST_F(StartingABundle, StartsItsRequirementsFirst)
 {
     const auto b = LoadResolved(collection.Bundle("b"));
     const auto a = LoadResolved(collection.Bundle("a").Requires("b"));

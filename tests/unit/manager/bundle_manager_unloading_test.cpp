@@ -91,7 +91,7 @@ TEST_F(UnloadingABundle, LetsOtherHoldersKeepIt)
     EXPECT_EQ(bundle->GetStorage()->GetRootPath(), collection / "media");
 }
 
-TEST_F(UnloadingAllBundles, StopsWhatIsActiveAndUnloadsInTheOrderOfTheNames)
+TEST_F(UnloadingAllBundles, StopsActiveBundlesAndUnloadsInTheOrderOfTheNames)
 {
     LoadStarted(collection.Bundle("a").Uninstall(Noting("a")));
     LoadResolved(collection.Bundle("c").Uninstall(Noting("c")));

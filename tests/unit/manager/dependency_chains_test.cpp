@@ -105,7 +105,7 @@ TEST_F(TheLongestChain, EndsAtABundleThatIsNotThere)
     EXPECT_EQ(From("x"), 0U);
 }
 
-TEST_F(TheLongestChain, EndsWhereItComesBackToItself)
+TEST_F(TheLongestChain, EndsWhereItReturnsToItself)
 {
     graph = {{"a", {"b"}}, {"b", {"c"}}, {"c", {"a", "c"}}};
     EXPECT_EQ(From("a"), 3U);

@@ -119,7 +119,7 @@ TEST_F(OpeningAFile, OpensItsContent)
     EXPECT_TRUE(log.Messages().empty());
 }
 
-TEST_F(OpeningAFile, OpensItAnewEachTime)
+TEST_F(OpeningAFile, OpensItAgainEachTime)
 {
     WriteFile(directory / "file", "content");
     EXPECT_EQ(Content("file"), "content");

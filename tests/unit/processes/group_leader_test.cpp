@@ -66,7 +66,7 @@ TEST_F(LaunchingInAnOwnGroup, MovesTheChildBeforeItBecomesTheCommand)
     EXPECT_EQ(group, pid);
 }
 
-TEST_F(LaunchingInAnOwnGroup, HasMovedItBeforeTheCallerGoesOn)
+TEST_F(LaunchingInAnOwnGroup, MovesItBeforeTheCallerContinues)
 {
     for (int i = 0; i < 50; ++i) {
         const GroupLeader child = LaunchInOwnGroup("/bin/true", {});

@@ -98,7 +98,7 @@ class TheCollectionsPath : public WatchingACollection {};
 
 } // namespace
 
-TEST_F(ACollectionThatGoesAway, RaisesNothingWhenItComesBackAsItWas)
+TEST_F(ACollectionThatGoesAway, RaisesNothingWhenItReturnsUnchanged)
 {
     fs::rename(place, Aside("away"));
     AwaitUnreadable("No such file or directory");
@@ -107,7 +107,7 @@ TEST_F(ACollectionThatGoesAway, RaisesNothingWhenItComesBackAsItWas)
     EXPECT_EQ(EventsOfReturn(), Events{});
 }
 
-TEST_F(ACollectionThatGoesAway, IsComparedWithWhatItWasWhenItComesBack)
+TEST_F(ACollectionThatGoesAway, IsComparedWithItsFormerStateWhenItReturns)
 {
     fs::rename(place, Aside("away"));
     AwaitUnreadable("No such file or directory");
