@@ -11,10 +11,9 @@ import subprocess
 import threading
 import time
 
-from harness import (NANO, RUN, SOCKET, Missed, Reports, Process, activity_of, collection_of_items, fresh_directory,
-                     last_record, memory_of, numbers, running, server, server_command, summary, until, write_bundle)
-
-MILLI = 1_000_000
+from harness import (MILLI, NANO, RUN, SOCKET, Missed, Reports, Process, activity_of, collection_of_items,
+                     fresh_directory, last_record, memory_of, numbers, running, server, server_command, summary, until,
+                     write_bundle)
 
 
 def row(what, unit, values, floor=None, scale=1, target=""):

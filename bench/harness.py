@@ -19,6 +19,7 @@ import time
 RUN = "/mnt/bench"
 SOCKET = "/mnt/bolt/bundlesvr.paas.kov"
 NANO = 1_000_000_000
+MILLI = 1_000_000
 
 
 class Programs:
