@@ -6,6 +6,7 @@
 // The verbs of authors of bundles, a source file each.
 Action DefineLint(Arguments& arguments);
 Action DefinePlan(Arguments& arguments);
+Action DefineGraph(Arguments& arguments);
 Action DefinePack(Arguments& arguments);
 Action DefineKeygen(Arguments& arguments);
 

@@ -7,10 +7,7 @@
 namespace {
 
 constexpr Command COMMANDS[] = {
-    {"lint", DefineLint},
-    {"plan", DefinePlan},
-    {"pack", DefinePack},
-    {"keygen", DefineKeygen},
+    {"lint", DefineLint}, {"plan", DefinePlan}, {"graph", DefineGraph}, {"pack", DefinePack}, {"keygen", DefineKeygen},
 };
 static_assert(DefinesItsVerbs(Program::AUTHOR, COMMANDS), "the table of verbs has others, or another order");
 

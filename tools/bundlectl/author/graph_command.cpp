@@ -1,0 +1,109 @@
+#include "arguments.h"
+#include "command.h"
+#include "exit_status.h"
+#include "graph.h"
+#include "output/json_writer.h"
+#include "printable.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <string>
+
+namespace {
+
+using namespace Graphs;
+
+struct Options {
+    std::string collection;
+    std::string reverse;
+    std::string format = "text";
+    bool json = false;
+};
+
+std::string Json(const Graph& graph)
+{
+    Output::JsonWriter json;
+    json.BeginOutput("graph", Model::Now()).Key("bundles").BeginArray();
+    for (const Node& node : graph.nodes) {
+        json.BeginObject().Member("name", node.name);
+        json.Member("order", node.order == 0 ? std::nullopt : std::optional(node.order));
+        json.Member("reason", node.reason.empty() ? std::nullopt : std::optional(node.reason));
+        json.Key("requires").BeginArray();
+        for (const Edge& edge : node.edges) {
+            json.BeginObject().Member("name", edge.to).Member("missing", edge.isMissing);
+            json.Member("circle", edge.isInCircle).End();
+        }
+        json.End().End();
+    }
+    json.End().End();
+    return json.Text();
+}
+
+/// Has graphviz draw it, to our standard output.
+int Draw(const std::string& dot)
+{
+    constexpr int notFound = 127;
+    // A program that is not there ends before it has read anything.
+    std::signal(SIGPIPE, SIG_IGN);
+    std::cout << std::flush;
+    FILE* const program = ::popen("exec dot -Tsvg", "w");
+    if (program == nullptr) {
+        std::cerr << "bundlectl: dot cannot be run.\n";
+        return EXIT_FAILED;
+    }
+    std::fwrite(dot.data(), 1, dot.size(), program);
+    const int status = ::pclose(program);
+    if (status != 0 && (status >> 8) == notFound) {
+        std::cerr
+            << "bundlectl: graphviz draws the picture, and it is not installed: install the package graphviz, or use "
+               "--format=mermaid.\n";
+    }
+    return status == 0 ? EXIT_DONE : EXIT_FAILED;
+}
+
+int RunGraph(const Options& options)
+{
+    const Graph graph = MakeGraph(options.collection, Printable(options.reverse));
+    if (!graph.trouble.empty()) {
+        std::cerr << "bundlectl: " << graph.trouble << '\n';
+        return EXIT_WRONG_USE;
+    }
+    if (!options.reverse.empty() && graph.nodes.empty()) {
+        std::cerr << "bundlectl: there is no bundle \"" << Printable(options.reverse) << "\".\n";
+        return EXIT_UNKNOWN_BUNDLE;
+    }
+    const std::string format = options.json ? "json" : options.format;
+    if (format == "svg") {
+        return Draw(Dot(graph));
+    }
+    std::cout << (format == "json"      ? Json(graph)
+                  : format == "dot"     ? Dot(graph)
+                  : format == "mermaid" ? Mermaid(graph)
+                                        : Text(graph))
+              << std::flush;
+    if (!std::cout.good()) {
+        std::cerr << "bundlectl: standard output takes no more.\n";
+        return EXIT_FAILED;
+    }
+    return EXIT_DONE;
+}
+
+} // namespace
+
+Action DefineGraph(Arguments& arguments)
+{
+    const auto options = std::make_shared<Options>();
+    Argument collection{"COLLECTION", "the directory of the bundles", "DIR"};
+    collection.isRequired = true;
+    arguments.Add(collection, options->collection);
+    arguments.Add({"--reverse", "only this bundle and those that require it", "NAME"}, options->reverse);
+    Argument format{"--format", "how to show it; graphviz makes the svg", "FORMAT"};
+    format.choices = "text dot mermaid svg json";
+    format.standard = "text";
+    arguments.Add(format, options->format);
+    arguments.AddFlag("--json", "the same as --format=json", options->json);
+    return [options] { return RunGraph(*options); };
+}
