@@ -184,7 +184,8 @@ TEST_F(BundlectlEvents, EndsWithFourIfTheFifoCannotBeMade)
     std::ofstream("/mnt/bolt") << "no directory";
     Program program({BUNDLECTL, "events"});
     EXPECT_EQ(program.Wait(), 4);
-    EXPECT_NE(program.Errors().find("/mnt/bolt/event.paas.kov cannot be made or opened: Not a directory"), std::string::npos)
+    EXPECT_NE(program.Errors().find("/mnt/bolt/event.paas.kov cannot be made or opened: Not a directory"),
+              std::string::npos)
         << program.Errors();
     ASSERT_EQ(::unlink("/mnt/bolt"), 0);
 }
