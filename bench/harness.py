@@ -27,6 +27,7 @@ class Programs:
 
     def __init__(self, build):
         self.server = os.path.join(build, "system_server/bundle_server_module/bundle_server")
+        self.bundlectl = os.path.join(build, "tools/bundlectl/bundlectl")
         self.folder = os.path.join(build, "bench")
 
     def __getattr__(self, name):

@@ -96,7 +96,7 @@ std::string LetItemsRest(const std::string& bundle, const Model::Choice& choice,
             return "";
         }
         if (isFirst) {
-            const std::string trouble = ExchangePrograms(*found, restless);
+            std::string trouble = ExchangePrograms(*found, restless);
             if (!trouble.empty()) {
                 return trouble;
             }

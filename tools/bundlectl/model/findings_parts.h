@@ -1,7 +1,8 @@
 #ifndef BUNDLECTL_MODEL_FINDINGS_PARTS_H
 #define BUNDLECTL_MODEL_FINDINGS_PARTS_H
 
-#include "findings.h"
+#include "finding.h"
+#include "status.h"
 
 #include <utility>
 

@@ -1,7 +1,7 @@
 #include "history.h"
 
+#include "end_name.h"
 #include "log_reader.h"
-#include "reason.h"
 
 #include <algorithm>
 #include <array>
@@ -220,7 +220,7 @@ void OnEnd(ServerHistory& server, const Fact& fact)
     end.isSignal = fact.kind == Fact::ITEM_KILLED;
     end.number = fact.number;
     end.line = fact.line;
-    ++item.endCounts[NameOfEnd(end)];
+    ++item.endCounts[NameOfEnd(end.isSignal, end.number)];
     item.ends.push_back(std::move(end));
     if (item.ends.size() > ItemHistory::KEPT_ENDS) {
         item.ends.pop_front();

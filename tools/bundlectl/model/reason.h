@@ -1,6 +1,8 @@
 #ifndef BUNDLECTL_MODEL_REASON_H
 #define BUNDLECTL_MODEL_REASON_H
 
+#include "end_name.h"
+
 #include <string>
 #include <vector>
 
@@ -20,7 +22,6 @@ struct Reason {
 
 /// "SIGSEGV", "signal 44", "status 3".
 std::string NameOfEnd(const ItemEnd& end);
-std::string NameOfSignal(int signal);
 
 } // namespace Model
 
