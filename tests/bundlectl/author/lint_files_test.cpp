@@ -1,6 +1,8 @@
 // Each rule of lint on items, scripts and other files, once broken and once kept.
 #include "bundlectl/author/lint_fixture.h"
+#include "support/private_mnt.h"
 
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -191,4 +193,17 @@ TEST_F(LintOfFiles, AreReachedByNoLinkThatLeadsOut)
     fs::create_symlink("../../other", collection / "radio/data/outside");
     fs::create_symlink("/etc/passwd", collection / "radio/data/absolute");
     EXPECT_EQ(IdsOf("radio"), (Found{"link-outside-bundle", "link-outside-bundle"}));
+}
+
+TEST_F(LintOfFiles, LieOnOneFileSystem)
+{
+    collection.Bundle("radio").Write();
+    fs::create_directories(collection / "radio/data");
+    EXPECT_EQ(IdsOf("radio"), Found{});
+    if (!EnterPrivateMnt().empty() ||
+        ::mount("none", (collection / "radio/data").c_str(), "tmpfs", 0, "mode=0755") != 0) {
+        GTEST_SKIP() << "nothing can be mounted here";
+    }
+    EXPECT_EQ(IdsOf("radio"), Found{"mount-point"});
+    ::umount((collection / "radio/data").c_str());
 }
