@@ -1,5 +1,5 @@
 // What is packed, signed and compared.
-#include "put/archive.h"
+#include "put/bundle_archive.h"
 #include "put/contents.h"
 #include "put/key.h"
 

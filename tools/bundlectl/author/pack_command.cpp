@@ -2,7 +2,7 @@
 #include "command.h"
 #include "exit_status.h"
 #include "printable.h"
-#include "put/archive.h"
+#include "put/bundle_archive.h"
 #include "put/key.h"
 #include "put/run.h"
 #include "put/tree.h"

@@ -47,7 +47,7 @@ void CheckScripts(const Check& check)
     std::vector<std::string> names = Model::ListDirectory(folder).value_or(std::vector<std::string>());
     std::sort(names.begin(), names.end());
     for (const std::string& name : names) {
-        const std::string file = folder + "/" + name;
+        const std::string file = std::string(folder).append("/").append(name);
         struct stat status {};
         if (std::find(SCRIPTS.begin(), SCRIPTS.end(), name) == SCRIPTS.end()) {
             const std::string_view nearest = Nearest(name, {SCRIPTS.begin(), SCRIPTS.end()});

@@ -1,4 +1,4 @@
-#include "archive.h"
+#include "bundle_archive.h"
 
 #include "common/unique_fd.h"
 #include "hash.h"

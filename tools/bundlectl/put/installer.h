@@ -1,7 +1,7 @@
 #ifndef BUNDLECTL_PUT_INSTALLER_H
 #define BUNDLECTL_PUT_INSTALLER_H
 
-#include "put/archive.h"
+#include "put/bundle_archive.h"
 #include "put/place.h"
 #include "put/report.h"
 #include "put/store.h"

@@ -35,9 +35,9 @@ std::vector<std::string> DependantsOf(const std::string& collection, const std::
     for (bool isChanged = true; isChanged;) {
         isChanged = false;
         for (const Model::DeclaredBundle& bundle : found.bundles) {
-            const bool requires_it = std::any_of(bundle.required.begin(), bundle.required.end(),
-                                                 [&gone](const std::string& other) { return gone.count(other) != 0; });
-            if (requires_it && gone.insert(bundle.name).second) {
+            const bool requiresIt = std::any_of(bundle.required.begin(), bundle.required.end(),
+                                                [&gone](const std::string& other) { return gone.count(other) != 0; });
+            if (requiresIt && gone.insert(bundle.name).second) {
                 dependants.push_back(bundle.name);
                 isChanged = true;
             }

@@ -1,5 +1,5 @@
-#include "archive.h"
 #include "arguments.h"
+#include "bundle_archive.h"
 #include "command.h"
 #include "exit_status.h"
 #include "key.h"

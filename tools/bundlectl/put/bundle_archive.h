@@ -1,5 +1,5 @@
-#ifndef BUNDLECTL_PUT_ARCHIVE_H
-#define BUNDLECTL_PUT_ARCHIVE_H
+#ifndef BUNDLECTL_PUT_BUNDLE_ARCHIVE_H
+#define BUNDLECTL_PUT_BUNDLE_ARCHIVE_H
 
 #include "put/contents.h"
 
