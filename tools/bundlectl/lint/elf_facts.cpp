@@ -92,7 +92,7 @@ void Reader::ReadInterpreter()
         const char* const file = ::elf_rawfile(m_elf, &size);
         if (::gelf_getphdr(m_elf, static_cast<int>(i), &segment) != nullptr && segment.p_type == PT_INTERP &&
             file != nullptr && segment.p_offset < size && segment.p_filesz <= size - segment.p_offset) {
-            const std::string_view text(file + segment.p_offset, segment.p_filesz);
+            const std::string_view text(file + segment.p_offset, static_cast<std::size_t>(segment.p_filesz));
             m_facts.interpreter = text.substr(0, text.find('\0'));
         }
     }
@@ -130,7 +130,7 @@ void Reader::ReadDynamic(Elf_Data* data, const GElf_Shdr& head)
 {
     GElf_Dyn entry;
     for (int i = 0; ::gelf_getdyn(data, i, &entry) != nullptr && entry.d_tag != DT_NULL; ++i) {
-        const std::string text = Text(head, entry.d_un.d_val);
+        const std::string text = Text(head, static_cast<std::size_t>(entry.d_un.d_val));
         if (entry.d_tag == DT_NEEDED) {
             m_facts.needed.push_back(text);
         } else if (entry.d_tag == DT_RUNPATH || entry.d_tag == DT_RPATH) {

@@ -110,7 +110,8 @@ void Writer::AddFile(const std::string& directory, const Entry& entry)
     Hash hash;
     std::vector<char> buffer(std::size_t{64} * 1024);
     for (std::uint64_t left = entry.size; left > 0;) {
-        const ssize_t size = ::read(fd.Get(), buffer.data(), std::min<std::uint64_t>(buffer.size(), left));
+        const auto most = static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), left));
+        const ssize_t size = ::read(fd.Get(), buffer.data(), most);
         if (size <= 0) {
             break;
         }
