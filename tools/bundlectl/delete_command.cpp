@@ -15,9 +15,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -65,8 +67,9 @@ DeletionResult Delete(const std::string& name, const Options& options)
     const Clock::time_point end = Clock::now() + options.timeout;
     const DeletionOrder order{name, options.collection, options.choice.configuration, options.timeout};
     DeletionResult result;
+    std::string made;
     if (options.force) {
-        const std::string trouble = LetItemsRest(name, options.choice, options.timeout);
+        const std::string trouble = LetItemsRest(name, options.choice, options.timeout, made);
         if (!trouble.empty()) {
             return {EXIT_FAILED, "bundle \"" + Printable(name) + "\" is not deleted: " + trouble};
         }
@@ -76,6 +79,12 @@ DeletionResult Delete(const std::string& name, const Options& options)
     while (options.force && result.isRefused && Clock::now() < end) {
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
         result = DeleteBundle(order);
+    }
+    // The server tries to unload a bundle whose directory has gone again and again: it may have done so by itself.
+    if (!made.empty() && result.status == EXIT_UNKNOWN_BUNDLE) {
+        std::error_code error;
+        std::filesystem::remove_all(made, error);
+        result = {EXIT_DONE, "bundle \"" + Printable(name) + "\" is deleted."};
     }
     return options.wait && result.status == EXIT_DONE ? AwaitTheEnd(name, options, result, end) : result;
 }

@@ -84,7 +84,8 @@ bool AllRest(const BundleStatus& bundle, const std::vector<std::string>& restles
 
 } // namespace
 
-std::string LetItemsRest(const std::string& bundle, const Model::Choice& choice, std::chrono::seconds timeout)
+std::string LetItemsRest(const std::string& bundle, const Model::Choice& choice, std::chrono::seconds timeout,
+                         std::string& made)
 {
     const auto end = std::chrono::steady_clock::now() + timeout;
     std::vector<std::string> restless;
@@ -96,6 +97,7 @@ std::string LetItemsRest(const std::string& bundle, const Model::Choice& choice,
             return "";
         }
         if (isFirst) {
+            made = ::access(found->path.c_str(), F_OK) == 0 ? "" : found->path;
             std::string trouble = ExchangePrograms(*found, restless);
             if (!trouble.empty()) {
                 return trouble;

@@ -10,6 +10,8 @@
 /// its items is dead and not launched again. The program of each such item is exchanged for one that ends with 0, which
 /// asks for no relaunch; a directory that has gone is made again for it. Waits until the server's log tells that they
 /// rest, at most as long as is said. Returns a sentence about what went wrong, empty when they rest.
-std::string LetItemsRest(const std::string& bundle, const Model::Choice& choice, std::chrono::seconds timeout);
+/// @param made set to the directory of the bundle when that had gone and was made again
+std::string LetItemsRest(const std::string& bundle, const Model::Choice& choice, std::chrono::seconds timeout,
+                         std::string& made);
 
 #endif
