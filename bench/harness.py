@@ -49,6 +49,14 @@ def summary(values):
             "p99": percentile(values, 99), "max": max(values)}
 
 
+def row(what, unit, values, floor=None, scale=1, target=""):
+    """One line of a table; the values in units of scale nanoseconds."""
+    line = {"what": what, "unit": unit, "target": target, "server": summary([value / scale for value in values])}
+    if floor is not None:
+        line["floor"] = summary([value / scale for value in floor])
+    return line
+
+
 def until(condition, seconds, what):
     """Waits for a condition and checks it every few milliseconds."""
     end = time.monotonic() + seconds

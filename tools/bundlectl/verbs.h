@@ -80,7 +80,8 @@ constexpr Verb VERBS[] = {
     {"plan", Program::AUTHOR, "Tell what the server will do with a collection, in order",
      "bundlectl plan bundles\nbundlectl plan bundles --after add radio\nbundlectl plan bundles --after delete media"},
     {"graph", Program::AUTHOR, "Show which bundles require which, and in which order they start",
-     "bundlectl graph bundles\nbundlectl graph bundles --reverse base\nbundlectl graph bundles --format=svg > bundles.svg"},
+     "bundlectl graph bundles\nbundlectl graph bundles --reverse base\nbundlectl graph bundles --format=svg > "
+     "bundles.svg"},
     {"pack", Program::AUTHOR, "Pack a bundle into an archive that put takes, and sign it",
      "bundlectl pack radio -o radio-2.tar.gz\nbundlectl pack radio -o radio-2.tar.gz --key vendor.key"},
     {"keygen", Program::AUTHOR, "Make a pair of keys, for signing and for checking signatures",

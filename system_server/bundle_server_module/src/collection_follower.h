@@ -52,7 +52,8 @@ private:
     void RetryRemoval(BundleManager& manager, const Bundle& bundle);
     void RetryRefusedAdditions();
 
-    BundleDirWatcher* m_watcher = nullptr; // a handler uses it when it has passed the gate
+    // A handler uses it when it has passed the gate.
+    BundleDirWatcher* m_watcher = nullptr;
     std::promise<std::shared_ptr<BundleManager>> m_gate; // the main thread's
     const std::shared_future<std::shared_ptr<BundleManager>> m_gateOpen = m_gate.get_future().share();
     // The watcher's thread's.

@@ -64,7 +64,8 @@ void HostileService::Withstands(int rounds, const std::function<void()>& attack,
         ExpectGoodService();
     }
     ExpectDescriptors(descriptors);
-    EXPECT_EQ(daemon.Threads(), threads);
+    // What is deleted is written out by a thread of its own, which a busy disk holds up.
+    EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [&] { return daemon.Threads() <= threads; })) << daemon.Threads();
     EXPECT_TRUE(ComesToRest());
     const long memoryAfter = PrivateKilobytes();
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // which keep freed memory and books of their own
