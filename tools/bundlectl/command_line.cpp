@@ -51,13 +51,13 @@ int TellUnknown(std::string_view word)
     const std::string_view nearest = Nearest(word, names);
     if (!nearest.empty()) {
         std::cerr << "Did you mean \"" << nearest << "\"?\n";
-        return EXIT_WRONG_USE;
+        return EXIT_USAGE;
     }
     std::cerr << "The commands are: ";
     for (const std::string_view name : names) {
         std::cerr << name << (name == names.back() ? ".\n" : ", ");
     }
-    return EXIT_WRONG_USE;
+    return EXIT_USAGE;
 }
 
 void AddTo(CLI::App& part, const DeclaredArgument& declared)
@@ -117,9 +117,9 @@ int Read(const Commands& commands, const Verb* verb, int argc, const char* const
     try {
         program.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return program.exit(error) == 0 ? EXIT_DONE : EXIT_WRONG_USE;
+        return program.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
     }
-    return part.action ? part.action() : EXIT_WRONG_USE;
+    return part.action ? part.action() : EXIT_USAGE;
 }
 
 int Run(const Commands& commands, int argc, char** argv)

@@ -5,7 +5,7 @@
 enum ExitStatus : int {
     EXIT_DONE = 0,
     EXIT_FAILED = 1,
-    EXIT_WRONG_USE = 2,
+    EXIT_USAGE = 2,
     EXIT_UNKNOWN_BUNDLE = 3,
     EXIT_UNREACHABLE = 4,
     EXIT_TIMED_OUT = 5,
@@ -20,7 +20,7 @@ struct ExitStatusMeaning {
 constexpr ExitStatusMeaning EXIT_STATUSES[] = {
     {EXIT_DONE, "good"},
     {EXIT_FAILED, "failed, not healthy, a finding or a change"},
-    {EXIT_WRONG_USE, "wrong use"},
+    {EXIT_USAGE, "wrong use"},
     {EXIT_UNKNOWN_BUNDLE, "no such bundle"},
     {EXIT_UNREACHABLE, "server or log cannot be reached"},
     {EXIT_TIMED_OUT, "timed out"},

@@ -101,8 +101,8 @@ int Wait(Options& options)
 {
     const bool isForBundles = options.bundles.WaitsFor(options.condition);
     if (isForBundles == options.bundles.names.empty()) {
-        return Failed(EXIT_WRONG_USE, isForBundles ? "--for " + options.condition + " needs the names of bundles."
-                                                   : "--for serving takes no names.");
+        return Failed(EXIT_USAGE, isForBundles ? "--for " + options.condition + " needs the names of bundles."
+                                               : "--for serving takes no names.");
     }
     options.bundles.timeout = options.timeout;
     const int status = isForBundles ? WaitForBundles(options.bundles) : WaitForServing(options);

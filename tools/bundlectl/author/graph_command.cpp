@@ -69,7 +69,7 @@ int RunGraph(const Options& options)
     const Graph graph = MakeGraph(options.collection, Printable(options.reverse));
     if (!graph.trouble.empty()) {
         std::cerr << "bundlectl: " << graph.trouble << '\n';
-        return EXIT_WRONG_USE;
+        return EXIT_USAGE;
     }
     if (!options.reverse.empty() && graph.nodes.empty()) {
         std::cerr << "bundlectl: there is no bundle \"" << Printable(options.reverse) << "\".\n";

@@ -38,7 +38,7 @@ int Explain(const std::string& id)
               << (nearest.empty() ? std::string("bundlectl lint --rules lists them.")
                                   : "Did you mean \"" + std::string(nearest) + "\"?")
               << '\n';
-    return EXIT_WRONG_USE;
+    return EXIT_USAGE;
 }
 
 int RunLint(const Options& options)
@@ -52,12 +52,12 @@ int RunLint(const Options& options)
     }
     if (options.paths.empty()) {
         std::cerr << "bundlectl: name a bundle's directory, or a collection: bundlectl lint PATH\n";
-        return EXIT_WRONG_USE;
+        return EXIT_USAGE;
     }
     const Lint::Result result = Lint::LintPaths(options.paths, options.lint);
     if (!result.trouble.empty()) {
         std::cerr << "bundlectl: " << result.trouble << '\n';
-        return EXIT_WRONG_USE;
+        return EXIT_USAGE;
     }
     const std::string format = options.json ? "json" : options.format;
     std::cout << (format == "json"    ? LintOutput::Json(result)

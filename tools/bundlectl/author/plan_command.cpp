@@ -106,13 +106,13 @@ int RunPlan(const Options& options)
             }
         }
         if (change.kind == Change::NONE || options.after.size() != 2) {
-            return Refuse(EXIT_WRONG_USE, "after --after comes \"add DIR\", \"delete NAME\" or \"update DIR\"");
+            return Refuse(EXIT_USAGE, "after --after comes \"add DIR\", \"delete NAME\" or \"update DIR\"");
         }
         change.subject = options.after.back().substr(0, options.after.back().find_last_not_of('/') + 1);
     }
     const Plan plan = MakePlan(options.collection, change);
     if (!plan.trouble.empty()) {
-        return Refuse(EXIT_WRONG_USE, plan.trouble);
+        return Refuse(EXIT_USAGE, plan.trouble);
     }
     if (plan.isUnknownBundle) {
         return Refuse(EXIT_UNKNOWN_BUNDLE, "the server would not know a bundle \"" + Printable(change.subject) +

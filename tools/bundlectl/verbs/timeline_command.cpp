@@ -100,7 +100,7 @@ int RunTimeline(const Options& options)
     }
     if (options.words.front() != "compare" || options.words.size() != 3) {
         std::cerr << "bundlectl: a timeline takes no argument but \"compare LOG1 LOG2\".\n";
-        return EXIT_WRONG_USE;
+        return EXIT_USAGE;
     }
     return CompareLogs(options);
 }

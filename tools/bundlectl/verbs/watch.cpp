@@ -119,7 +119,7 @@ int Watch(std::chrono::milliseconds interval, const std::function<std::string(co
 {
     if (!Output::AskTerminal().isTerminal) {
         std::cerr << "bundlectl: --watch needs a terminal.\n";
-        return EXIT_WRONG_USE;
+        return EXIT_USAGE;
     }
     const Common::UniqueFd signals = TakeSignals();
     const RawKeys keys;
