@@ -9,6 +9,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <set>
 #include <thread>
 
@@ -152,30 +153,42 @@ Outcome Verdict::Wait(const Awaited& awaited, std::chrono::milliseconds patience
     }
 }
 
+namespace {
+
+/// Whether the server follows the collection, whose path is without links.
+bool Follows(const Model::ServerProcess& server, const std::string& collection)
+{
+    const std::string program = server.program.substr(0, server.program.rfind('/') + 1);
+    const Model::ServerConfiguration own = Model::ReadConfiguration(server.configuration, program);
+    const std::string path = Model::AbsolutePath(server.directory.value_or("/"), own.collection);
+    return server.isOfOurMounts.value_or(true) && own.trouble.empty() && Model::RealPath(path) == collection;
+}
+
+Model::Installation WithServerOf(const std::string& collection, const Model::Choice& choice)
+{
+    Model::Installation installation = Model::FindInstallation(choice, Model::Proc());
+    if (installation.server && !Follows(*installation.server, collection)) {
+        installation.server.reset();
+    }
+    return installation;
+}
+
+} // namespace
+
 Model::Installation FindServerOf(const std::string& collection, const Model::Choice& choice)
 {
     const std::string wanted = Model::RealPath(collection);
     Model::Choice choiceOfServer = choice;
     choiceOfServer.collection.clear();
-    Model::Installation installation = Model::FindInstallation(choiceOfServer, Model::Proc());
-    const auto works = [&wanted](const Model::ServerProcess& server) {
-        const std::string program = server.program.substr(0, server.program.rfind('/') + 1);
-        const Model::ServerConfiguration own = Model::ReadConfiguration(server.configuration, program);
-        const std::string path = Model::AbsolutePath(server.directory.value_or("/"), own.collection);
-        return server.isOfOurMounts.value_or(true) && own.trouble.empty() && Model::RealPath(path) == wanted;
-    };
-    if (installation.server && works(*installation.server)) {
-        return installation;
-    }
-    const std::vector<Model::ServerProcess> others = installation.others;
-    for (const Model::ServerProcess& other : others) {
-        if (works(other)) {
-            choiceOfServer.configuration = other.configuration;
-            return Model::FindInstallation(choiceOfServer, Model::Proc());
+    const Model::Installation found = Model::FindInstallation(choiceOfServer, Model::Proc());
+    if (!found.server || !Follows(*found.server, wanted)) {
+        const auto other = std::find_if(found.others.begin(), found.others.end(),
+                                        [&wanted](const auto& server) { return Follows(server, wanted); });
+        if (other != found.others.end()) {
+            choiceOfServer.configuration = other->configuration;
         }
     }
-    installation.server.reset();
-    return installation;
+    return WithServerOf(wanted, choiceOfServer);
 }
 
 } // namespace Put
