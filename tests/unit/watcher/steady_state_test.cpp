@@ -57,8 +57,8 @@ TEST_F(WhileNothingHappens, ItWakesUpOnceAnInterval)
     const long before = Waits(status);
     ASSERT_GT(before, 0);
     recorder.PassScans(3);
-    // One wait a scan, and a few for the lock of the test.
-    EXPECT_LE(Waits(status) - before, 3 + 6);
+    // One wait a scan, and some for the test's lock: more on a busy machine. One that polls waits a hundred times.
+    EXPECT_LE(Waits(status) - before, 3 + 20);
     EXPECT_GE(Waits(status) - before, 2);
     watcher.reset();
 }
