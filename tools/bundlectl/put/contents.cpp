@@ -302,7 +302,7 @@ std::vector<std::string> Differences(const std::string& directory, const Content
         }
     }
     for (const Entry& entry : present.entries) {
-        const std::string_view folder = entry.path.substr(0, entry.path.find('/'));
+        const std::string folder = entry.path.substr(0, entry.path.find('/'));
         const bool isOfItems =
             folder != "bin" && folder != "script" && (folder != entry.path || entry.kind == Entry::DIRECTORY);
         if (shipped.Find(entry.path) == nullptr && !isOfItems) {
