@@ -22,6 +22,10 @@ full_path(LOADER_DIRECTORY "${LIBEXECDIR}/bundle-server")
 set(COLLECTION "${VAR}/lib/bundle-server/bundles")
 set(LOG_DIRECTORY "${VAR}/log/bundle-server")
 
+# Two installations from one build may run at once.
+string(RANDOM LENGTH 12 installation)
+set(SCRATCH "${SCRATCH}/${installation}")
+
 # install_configured(SOURCE DESTINATION NAME TYPE): a file of service/, with the paths filled in.
 function(install_configured source destination name type)
     set(made "${SCRATCH}/${destination}/${name}")
@@ -58,3 +62,4 @@ if("sysv" IN_LIST INIT)
 endif()
 file(INSTALL DESTINATION "${COLLECTION}" TYPE DIRECTORY FILES "")
 file(INSTALL DESTINATION "${LOG_DIRECTORY}" TYPE DIRECTORY FILES "")
+file(REMOVE_RECURSE "${SCRATCH}")
