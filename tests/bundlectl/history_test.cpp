@@ -101,7 +101,7 @@ TEST_F(TheHistory, KnowsDeathsAndWhatFollowed)
         .Write();
     ASSERT_TRUE(daemon.StartServing());
     const pid_t first = daemon.WaitForItem("radio", "tuner");
-    ::kill(first, SIGSEGV);
+    ::kill(first, SIGABRT);
     const pid_t second = daemon.WaitForItem("radio", "tuner", 2);
     ASSERT_NE(second, 0);
     ASSERT_TRUE(daemon.WaitForLog("radio.twice.sh relaunch done."));
@@ -115,7 +115,7 @@ TEST_F(TheHistory, KnowsDeathsAndWhatFollowed)
     ASSERT_EQ(tuner.ends.size(), 1U);
     EXPECT_EQ(tuner.ends[0].pid, first);
     EXPECT_TRUE(tuner.ends[0].isSignal);
-    EXPECT_EQ(tuner.ends[0].number, SIGSEGV);
+    EXPECT_EQ(tuner.ends[0].number, SIGABRT);
     EXPECT_EQ(tuner.ends[0].then, ItemEnd::RELAUNCHED);
 
     const ItemHistory once = Item("radio", "once.sh");

@@ -30,7 +30,7 @@ TEST_F(Metrics, CountWhatHasHappened)
     collection.Bundle("radio").Copy("tuner", TEST_SLEEPER).Item("once.sh", Shell("exit 3")).Install("true").Write();
     collection.Bundle("lonely").Requires("nowhere").Write();
     Serve();
-    ::kill(daemon.WaitForItem("radio", "tuner"), SIGSEGV);
+    ::kill(daemon.WaitForItem("radio", "tuner"), SIGABRT);
     ASSERT_TRUE(daemon.WaitForLog("radio.tuner relaunch done."));
     ASSERT_TRUE(daemon.WaitForLog("does not need relaunch"));
     const Ended ended = Run({"metrics"});
@@ -41,7 +41,7 @@ TEST_F(Metrics, CountWhatHasHappened)
           "bundle_item_up{bundle=\"radio\",item=\"once.sh\"} 0\n",
           "bundle_item_starts_total{bundle=\"radio\",item=\"tuner\"} 2\n",
           "bundle_item_relaunches_total{bundle=\"radio\",item=\"tuner\"} 1\n",
-          "bundle_item_ends_total{bundle=\"radio\",item=\"tuner\",cause=\"SIGSEGV\"} 1\n",
+          "bundle_item_ends_total{bundle=\"radio\",item=\"tuner\",cause=\"SIGABRT\"} 1\n",
           "bundle_item_ends_total{bundle=\"radio\",item=\"once.sh\",cause=\"status 3\"} 1\n",
           "bundle_script_seconds_total{bundle=\"radio\",script=\"install.sh\"} ", "bundle_server_monitor_dead 0\n",
           "bundle_server_manager_held_seconds 0\n", "bundle_orphans 0\n", "bundle_item_pss_bytes{bundle=\"radio\""}) {

@@ -68,7 +68,7 @@ TEST_F(TimelineVerb, MarksLaunchesDeathsRelaunchesEndsAndFailures)
     collection.Bundle("radio").Copy("tuner", TEST_SLEEPER).Item("once.sh", Shell("exit 3")).Write();
     collection.Bundle("lonely").Requires("nowhere").Write();
     Serve();
-    ::kill(daemon.WaitForItem("radio", "tuner"), SIGSEGV);
+    ::kill(daemon.WaitForItem("radio", "tuner"), SIGABRT);
     ASSERT_TRUE(daemon.WaitForLog("radio.tuner relaunch done."));
     ASSERT_TRUE(daemon.WaitForLog("does not need relaunch"));
     const Ended picture = Timeline({"--from", "10m"});
@@ -79,7 +79,7 @@ TEST_F(TimelineVerb, MarksLaunchesDeathsRelaunchesEndsAndFailures)
     const Ended json = Timeline({"--from", "10m", "--json"});
     EXPECT_TRUE(FollowsSchema(json.output));
     EXPECT_TRUE(Tells(json, "{\"kind\":\"death\""));
-    EXPECT_TRUE(Tells(json, "\"text\":\"SIGSEGV\"}"));
+    EXPECT_TRUE(Tells(json, "\"text\":\"SIGABRT\"}"));
     EXPECT_TRUE(Tells(json, "{\"kind\":\"relaunch\""));
     EXPECT_TRUE(Tells(json, "{\"kind\":\"launch\""));
     EXPECT_TRUE(Tells(json, "\"text\":\"status 3\"}"));
