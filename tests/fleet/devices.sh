@@ -106,7 +106,8 @@ answers() {
 
 # play NAME [OPTION...]: runs a playbook; what it says is in $fleet/said.
 play() {
-    timeout 300 ansible-playbook "$@" > "$fleet/said" 2>&1
+    # With an input of its own: it refuses one that another process has made non-blocking.
+    timeout 300 ansible-playbook "$@" < /dev/null > "$fleet/said" 2>&1
 }
 
 # recap NUMBER: the counts of the last play for a device, such as "ok=3 changed=1 unreachable=0 failed=0".
