@@ -80,8 +80,8 @@ BUNDLE_CLIENT_API int bundle_client_delete(const char *name, int timeout);
 BUNDLE_CLIENT_API int bundle_client_server(int timeout, pid_t *process);
 
 /*
- * Sends one request and waits for its reply: what bundle_client_delete is made of, for a request that this library has
- * no function for.
+ * Sends one request and waits for its reply. bundle_client_delete uses it. Use it yourself when this library has no
+ * function that sends your request.
  *
  * method   0 to 127
  * content  size bytes, at most 65,528; may be null when size is 0

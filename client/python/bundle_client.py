@@ -137,7 +137,7 @@ def server(timeout=30):
 def request(method, content=b"", timeout=30):
     """Sends one request and waits for its reply, whose status it returns, whatever that is.
 
-    What delete is made of, for a request that this module has no function for.
+    delete uses it. Use it yourself when this module has no function that sends your request.
     """
     if not 0 <= method < _RESPONSE_FLAG:
         raise ValueError("a method is from 0 to 127")

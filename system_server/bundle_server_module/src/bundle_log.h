@@ -19,8 +19,8 @@ constexpr int LANGUAGE_LOG_MODULE = 5;
 constexpr int LOG_LEVEL_INFO = 1;
 constexpr int LOG_LEVEL_ERROR = 3;
 
-/// What an exception says, for a record. Throws nothing: it is called where something else has failed, which may have
-/// been an allocation.
+/// The reason that a record gives of an exception. Throws nothing: it is called where something else has failed, which
+/// may have been an allocation.
 inline std::string ReasonOf(const std::exception& e) noexcept
 {
     try {

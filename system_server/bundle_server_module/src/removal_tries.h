@@ -17,7 +17,7 @@ public:
     static constexpr int FREQUENT_TRIES = 10;
     static constexpr std::uint64_t SCANS_BETWEEN_RARE_TRIES = 60;
 
-    /// A removal is about to be raised, for the first time perhaps.
+    /// A removal is about to be raised. It may be the first time.
     /// @throws std::bad_alloc
     void Begin(const std::string& name) { m_removals.try_emplace(name); }
 

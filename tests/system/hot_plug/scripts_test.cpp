@@ -10,7 +10,7 @@ namespace fs = std::filesystem;
 
 class AnUpdate : public HotPlug {};
 
-/// A bundle whose "update.sh" waits, when it is run for the first time, for the test.
+/// A bundle whose "update.sh" waits until the test lets it go on, when it is run the first time.
 class AManifestThatComes : public HotPlug {
 protected:
     void SetUp() override
