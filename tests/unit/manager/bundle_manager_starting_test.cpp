@@ -229,7 +229,8 @@ TEST_F(StartingAllBundles, UnloadsFailedBundlesAfterTheWalk)
 
 TEST_F(StartingAllBundles, KeepsAFailedBundleThatALaterDependantHasStartedAfterAll)
 {
-    // The first attempt fails. The dependant causes a second one, which succeeds, so the running bundle is not unloaded.
+    // The first attempt fails. The dependant causes a second one, which succeeds, so the running bundle is not
+    // unloaded.
     const auto a = LoadResolved(collection.Bundle("a").Item("app", "#!/bin/sh\nexec sleep 60\n"));
     const auto b = LoadResolved(collection.Bundle("b").Requires("a"));
     {
