@@ -58,6 +58,12 @@ int HoldOutForEver()
     }
 }
 
+/// Ends the thread that it runs on.
+int EndThread()
+{
+    ::pthread_exit(nullptr);
+}
+
 /// Leaves a dead child of the process that any thread can wait for.
 int LeaveDeadChild()
 {

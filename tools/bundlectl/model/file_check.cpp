@@ -14,6 +14,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <sstream>
 
 namespace Model {
@@ -108,14 +109,23 @@ Fault CheckProgram(const std::string& path)
     return std::nullopt;
 }
 
-// The dynamic linker lists what it would load, and runs nothing of it.
+/// Has the dynamic linker list what it would load; it runs nothing of it. glibc's goes on after a library that it does
+/// not find only if the variable asks for the list. To any other linker the variable means nothing.
+std::unique_ptr<LogSource> ListLibraries(const std::string& linker, const std::string& path)
+{
+    if (linker.find("/ld-linux") != std::string::npos) {
+        return ReadCommand({linker, path}, {"LD_TRACE_LOADED_OBJECTS=1"});
+    }
+    return ReadCommand({linker, "--list", path});
+}
+
 std::string MissingLibraries(const std::string& path)
 {
     const auto ours = ReadElf("/proc/self/exe");
     if (!ours || ours->interpreter.empty()) {
         return {};
     }
-    const auto source = ReadCommand({ours->interpreter, "--list", path});
+    const auto source = ListLibraries(ours->interpreter, path);
     std::string text;
     std::array<char, 4096> buffer;
     while (const std::size_t size = source->Read(buffer.data(), buffer.size())) {

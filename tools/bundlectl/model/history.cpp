@@ -290,7 +290,6 @@ constexpr Handler HANDLERS[] = {
     {Fact::HOT_START_FAILED, OnProblem},
     {Fact::STOP_FAILED, OnProblem},
     {Fact::UPDATE_FAILED, OnProblem},
-    {Fact::UNLOAD_FAILED, OnProblem},
     {Fact::UNLOADED, OnUnloaded},
     {Fact::SCRIPT_BEGAN, OnScriptBegan},
     {Fact::SCRIPT_ENDED, OnScriptEnded},

@@ -142,20 +142,33 @@ private:
     const std::unique_ptr<LogSource> m_output;
 };
 
-/// Starts a command whose output goes to a descriptor. Returns 0 or an errno.
-int Spawn(const std::vector<std::string>& arguments, int output, pid_t& pid)
+/// What the kernel wants of a list. The texts must outlive it.
+std::vector<char*> PointersTo(const std::vector<std::string>& texts)
 {
     std::vector<char*> pointers;
-    pointers.reserve(arguments.size() + 1);
-    for (const std::string& argument : arguments) {
-        pointers.push_back(const_cast<char*>(argument.c_str()));
+    pointers.reserve(texts.size() + 1);
+    for (const std::string& text : texts) {
+        pointers.push_back(const_cast<char*>(text.c_str()));
     }
-    pointers.push_back(nullptr);
+    return pointers;
+}
+
+/// Starts a command whose output goes to a descriptor. Returns 0 or an errno.
+int Spawn(const std::vector<std::string>& arguments, const std::vector<std::string>& environment, int output,
+          pid_t& pid)
+{
+    std::vector<char*> words = PointersTo(arguments);
+    words.push_back(nullptr);
+    std::vector<char*> variables = PointersTo(environment);
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+        variables.push_back(*variable);
+    }
+    variables.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     ::posix_spawn_file_actions_init(&actions);
     ::posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     ::posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-    const int error = ::posix_spawnp(&pid, pointers.front(), &actions, nullptr, pointers.data(), environ);
+    const int error = ::posix_spawnp(&pid, words.front(), &actions, nullptr, words.data(), variables.data());
     ::posix_spawn_file_actions_destroy(&actions);
     return error;
 }
@@ -194,7 +207,8 @@ std::unique_ptr<LogSource> ReadInTurn(std::vector<std::unique_ptr<LogSource>> so
     return std::make_unique<Chain>(std::move(sources));
 }
 
-std::unique_ptr<LogSource> ReadCommand(const std::vector<std::string>& arguments)
+std::unique_ptr<LogSource> ReadCommand(const std::vector<std::string>& arguments,
+                                       const std::vector<std::string>& environment)
 {
     std::array<int, 2> ends{-1, -1};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
@@ -203,7 +217,7 @@ std::unique_ptr<LogSource> ReadCommand(const std::vector<std::string>& arguments
     UniqueFd readEnd(ends[0]);
     const UniqueFd writeEnd(ends[1]);
     pid_t pid = 0;
-    if (const int error = Spawn(arguments, writeEnd.Get(), pid); error != 0) {
+    if (const int error = Spawn(arguments, environment, writeEnd.Get(), pid); error != 0) {
         return std::make_unique<EmptySource>(arguments.front() + " cannot be run: " + std::strerror(error) + ".");
     }
     return std::make_unique<CommandSource>(pid, ReadDescriptor(std::move(readEnd), arguments.front()));

@@ -45,7 +45,9 @@ std::unique_ptr<LogSource> ReadLogFile(const std::string& path, std::uint64_t of
 std::unique_ptr<LogSource> ReadInTurn(std::vector<std::unique_ptr<LogSource>> sources);
 
 /// The output of a command, which is ended with the source.
-std::unique_ptr<LogSource> ReadCommand(const std::vector<std::string>& arguments);
+/// @param environment variables that it gets beside those of this program, "NAME=VALUE"
+std::unique_ptr<LogSource> ReadCommand(const std::vector<std::string>& arguments,
+                                       const std::vector<std::string>& environment = {});
 
 } // namespace Model
 

@@ -77,14 +77,9 @@ void ExamineLimits(Examination& examination, const ServerProcess& server)
 {
     const std::optional<std::uint64_t> limit = OpenFilesLimit(examination.proc, server.stat.pid);
     constexpr std::uint64_t least = 256;
-    constexpr std::uint64_t most = 65536;
     if (limit && *limit < least) {
         examination.Error("descriptor-limit", "The server may open " + std::to_string(*limit) + " files only.",
                           "With many items it can launch no further one.", "Set LimitNOFILE=4096 in its unit.");
-    } else if (limit && *limit > most) {
-        examination.Warn("descriptor-limit", "The server may open " + std::to_string(*limit) + " files.",
-                         "Each script closes as many numbers one by one, which takes long.",
-                         "Set LimitNOFILE=4096 in its unit.");
     }
 }
 

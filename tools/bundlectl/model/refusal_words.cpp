@@ -113,16 +113,14 @@ Reason ReasonOfProblem(const Problem& problem, const BundleStatus& bundle)
     switch (problem.kind) {
     case Fact::RESOLVE_FAILED:
         return Make("resolve-failed", "What it requires was not complete" + because, brief, "touch " + bundle.path);
-    case Fact::START_FAILED:
-        return Make("start-failed", "Its start failed" + because, "start failed: " + brief, "touch " + bundle.path);
     case Fact::STOP_FAILED:
-        return Make("stop-failed", "It could not be stopped, or not be unloaded" + because, "stop failed: " + brief,
+        return Make("stop-failed", "It could not be stopped" + because, "stop failed: " + brief,
                     "bundlectl delete " + bundle.name);
     case Fact::UPDATE_FAILED:
         return Make("update-failed", "A change of its directory could not be taken in" + because,
                     "update failed: " + brief, "Correct it, then: touch " + bundle.path);
-    default:
-        return Make("failed", "Something went wrong" + because, brief, "touch " + bundle.path);
+    default: // Fact::START_FAILED
+        return Make("start-failed", "Its start failed" + because, "start failed: " + brief, "touch " + bundle.path);
     }
 }
 
