@@ -75,6 +75,8 @@ constexpr Verb VERBS[] = {
      "bundlectl verify radio-2.tar.gz --key vendor.pub\nbundlectl verify /data/bundles/radio"},
     {"remove", Program::PUT, "Remove a bundle: by request when a server runs, else from the directory",
      "bundlectl remove radio"},
+    {"new", Program::AUTHOR, "Make the project of a new bundle, which builds and passes its test as it comes",
+     "bundlectl new radio\nbundlectl new radio --lang sh --requires base,net\nbundlectl new meter --mode thread"},
     {"lint", Program::AUTHOR, "Tell what is wrong with bundles, before the server does",
      "bundlectl lint radio\nbundlectl lint --strict bundles\nbundlectl lint --arch armhf --sysroot /srv/image radio"},
     {"plan", Program::AUTHOR, "Tell what the server will do with a collection, in order",

@@ -4,6 +4,7 @@
 #include "verbs.h"
 
 // The verbs of authors of bundles, a source file each.
+Action DefineNew(Arguments& arguments);
 Action DefineLint(Arguments& arguments);
 Action DefinePlan(Arguments& arguments);
 Action DefineGraph(Arguments& arguments);

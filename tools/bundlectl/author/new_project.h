@@ -1,0 +1,42 @@
+#ifndef BUNDLECTL_AUTHOR_NEW_PROJECT_H
+#define BUNDLECTL_AUTHOR_NEW_PROJECT_H
+
+#include <string>
+#include <vector>
+
+/// The CMake project of a new bundle.
+namespace NewBundle {
+
+enum class Language {
+    PROGRAM, ///< of C++
+    SCRIPT,  ///< of the shell
+    LIBRARY, ///< of C++
+};
+
+struct Wish {
+    std::string name;
+    bool isThread = false;
+    Language language = Language::PROGRAM;
+    std::vector<std::string> required;
+};
+
+struct ProjectFile {
+    std::string path; ///< below the project's directory
+    std::string text;
+    unsigned mode;
+};
+
+/// @throws Put::Refusal a name that a file, a manifest and a CMake project cannot all carry
+void RequireGoodNames(const Wish& wish);
+
+/// The files, in the order of their paths. The names are good.
+std::vector<ProjectFile> Compose(const Wish& wish);
+
+/// Makes the directory. It appears whole, or not at all.
+/// @param directory without a slash at its end
+/// @throws Put::Refusal it exists, it cannot be written, or lint finds fault with the manifest. Nothing is left then.
+void Write(const std::string& directory, const std::vector<ProjectFile>& files);
+
+} // namespace NewBundle
+
+#endif
