@@ -125,7 +125,7 @@ TEST_F(Status, MarksAnItemThatRunsTwice)
 
 TEST_F(Status, ShowsThreads)
 {
-    collection.Bundle("radio").ThreadMode().Library("tuner.so", "SleepForEver", TEST_LIBRARY).Write();
+    collection.Bundle("radio").ThreadMode().Library("tuner.so", "SleepForever", TEST_LIBRARY).Write();
     Serve();
     ASSERT_TRUE(daemon.WaitForLog("bundle[radio] dyn lib[tuner.so] activate start..."));
     ASSERT_TRUE(Eventually(std::chrono::seconds(10), [] { return Run({"status"}).status == 0; }))

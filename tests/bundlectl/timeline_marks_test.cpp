@@ -42,7 +42,7 @@ public:
 TEST_F(TimelineMarks, TellWhatBecameOfThreads)
 {
     BundleBuilder threads = collection.Bundle("threads").ThreadMode();
-    threads.Library("stays.so", "SleepForEver", TEST_LIBRARY).Library("ends.so", "ReturnZero", TEST_LIBRARY);
+    threads.Library("stays.so", "SleepForever", TEST_LIBRARY).Library("ends.so", "ReturnZero", TEST_LIBRARY);
     threads.Library("throws.so", "ThrowException", TEST_LIBRARY).Write();
     Serve();
     ASSERT_TRUE(daemon.WaitForLog("dyn lib[ends.so] activate done."));

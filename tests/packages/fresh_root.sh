@@ -148,7 +148,7 @@ put_bundle() {
     printf 'while :; do sleep 1; done\n' > "$new/bin/$1.sh"
     if [ $# -eq 2 ]; then
         cp "$2" "$new/bin/$1.so"
-        printf '\n[library]\nitem_name = %s.so\nentry_func = SleepForEver\n' "$1" >> "$new/BundleManifest.ini"
+        printf '\n[library]\nitem_name = %s.so\nentry_func = SleepForever\n' "$1" >> "$new/BundleManifest.ini"
     fi
     mv "$new" "$root/var/lib/bundle-server/bundles/$1"
 }

@@ -13,7 +13,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// bundlectl, run by a test; killed at the latest when the test ends.
+/// A run of bundlectl. The destructor kills it if it still runs.
 class Bundlectl {
 public:
     Bundlectl(std::string notes, std::vector<std::string> arguments) : m_notes(std::move(notes))
@@ -160,10 +160,10 @@ TEST_F(BundlectlAndTheServer, TellThatThereIsNoServer)
     EXPECT_EQ(Delete("radio"), 4);
     ASSERT_TRUE(daemon.StartServing());
     EXPECT_EQ(daemon.Stop().status, 0);
-    EXPECT_EQ(Delete("radio"), 4) << "one that has ended counts as none";
+    EXPECT_EQ(Delete("radio"), 4) << "a server that has ended counts as no server";
     ASSERT_TRUE(daemon.StartServing());
     daemon.Stop(SIGKILL);
-    EXPECT_EQ(Delete("radio"), 4) << "and so does one that was killed, though its socket is there";
+    EXPECT_EQ(Delete("radio"), 4) << "a killed server leaves its socket, and counts as no server";
 }
 
 TEST_F(BundlectlAndTheServer, TellThatThereIsNoAnswer)

@@ -88,7 +88,7 @@ TEST_F(DeletingABundle, StopsUnloadsAndRemovesIt)
     EXPECT_TRUE(daemon.WaitForLog("normal stop radio.radiod..."));
     EXPECT_FALSE(ProcessOf::IsAlive(deleted));
     EXPECT_TRUE(ProcessOf::IsAlive(kept));
-    // The removal of the directory is seen too, and finds nothing any more.
+    // The watcher sees the removal of the directory too. Its handler finds no bundle any more.
     EXPECT_TRUE(daemon.WaitForLog("find bundle[" + collection / "radio" + "] fail."));
     EXPECT_EQ(RequestDelete("radio"), 404);
 }
@@ -117,12 +117,13 @@ TEST_F(DeletingABundle, AllowsItsInstallationAgainAtOnce)
     staging.Bundle("radio").Write();
     ASSERT_TRUE(daemon.StartServing());
     ASSERT_EQ(RequestDelete("radio"), 200);
-    MoveIn("radio"); // before the watcher can have seen that the old one has gone
+    MoveIn("radio"); // before the watcher can see that the old one is gone
     EXPECT_TRUE(daemon.WaitForLog("bundle[radio] state changing[Starting] -> [Active]", 2, 10s));
     EXPECT_EQ(RequestDelete("radio"), 200);
 }
 
-// The monitor waits for the server's children all the time; the scripts and the removal are not its own.
+// The monitor waits for children of the server all the time. Scripts and the removal are children that it must leave
+// alone.
 TEST_F(DeletingABundle, SucceedsEachTimeWhileChildrenAreSupervised)
 {
     constexpr int count = 40;
@@ -151,7 +152,7 @@ TEST_F(DeletingABundle, SucceedsWhenItsScriptAndTheRemovalEndBeforeTheirGroupIsS
     EXPECT_FALSE(Exists(collection / "radio"));
     EXPECT_EQ(daemon.CountInLog("non-bundle process["), 0);
     EXPECT_EQ(daemon.CountInLog("exception info"), 0);
-    EXPECT_EQ(daemon.CountInLog("setpgid "), 0) << "they had long been there";
+    EXPECT_EQ(daemon.CountInLog("setpgid "), 0) << "the monitor's group existed long before";
 }
 
 TEST_F(DeletingABundle, IsAnsweredAfterASecondBySlowDisksAndKeepsNoServerFromEnding)
@@ -167,7 +168,8 @@ TEST_F(DeletingABundle, IsAnsweredAfterASecondBySlowDisksAndKeepsNoServerFromEnd
         EXPECT_EQ(RequestDelete(name), 200);
         EXPECT_FALSE(Exists(collection / name));
         const std::vector<std::string> threads = daemon.ThreadNames();
-        EXPECT_EQ(std::count(threads.begin(), threads.end(), "bundle_sync"), 1) << "however many wait";
+        EXPECT_EQ(std::count(threads.begin(), threads.end(), "bundle_sync"), 1)
+            << "one thread for all deletions that wait";
     }
     EXPECT_GE(std::chrono::steady_clock::now() - start, 3s);
     EXPECT_EQ(daemon.CountInLog("is not synced yet."), 3);
@@ -187,7 +189,7 @@ TEST_F(DeletingABundle, DoesNotTouchItsDependants)
     ASSERT_EQ(RequestDelete("radio"), 200);
 }
 
-// In the second in which an item is relaunched, its dead process is still known, and cannot be killed.
+// A relaunch takes a second. Until it is done the server knows only the dead process, which cannot be killed.
 TEST_F(DeletingABundle, FailsInTheSecondInWhichAnItemIsRelaunched)
 {
     collection.Bundle("radio")

@@ -20,8 +20,8 @@ protected:
     }
 };
 
-/// The signal mask and the ignored signals with which the server is started: some of its own, and a few that the
-/// framework and the service handle in their own way.
+/// The signal mask and the ignored signals with which the server is started. Some of them are signals that the
+/// framework or the service handles.
 struct SignalState {
     const char* name;
     std::vector<int> blocked;
@@ -33,7 +33,7 @@ void PrintTo(const SignalState& state, std::ostream* stream)
     *stream << state.name;
 }
 
-class WhatTheServerWasStartedWith : public SystemTest, public ::testing::WithParamInterface<SignalState> {
+class TheServersSignalState : public SystemTest, public ::testing::WithParamInterface<SignalState> {
 protected:
     void SetUp() override
     {
@@ -62,7 +62,8 @@ protected:
         return bits;
     }
 
-    /// What /proc/PID/status says of signals below the real-time ones, whose first two are the C library's own.
+    /// The signal state in /proc/PID/status, without real-time signals: the C library uses the first two of those
+    /// itself.
     static void ExpectSame(const std::string& blocked, const std::string& ignored, const std::string& whose)
     {
         constexpr unsigned long long ordinary = 0x7FFFFFFF;
@@ -76,7 +77,7 @@ protected:
         ExpectSame(ProcessOf::Status(pid, "SigBlk"), ProcessOf::Status(pid, "SigIgn"), whose);
     }
 
-    /// What the scripts of that name have written, so many of them.
+    /// What scripts of that name have written, once that many have run.
     void ExpectSameOfScripts(const std::string& name, std::size_t count)
     {
         std::vector<std::string> blocked;
@@ -122,19 +123,19 @@ TEST_F(AProcessItem, ThatIsAScriptIsRunByTheShellAndNeedsNoPermissionToBeExecute
 TEST_F(AProcessItem, ThatIsALibraryIsRunByTheLoader)
 {
     daemon.Configure("global.server_submodule_dir", LOADER_DIRECTORY);
-    collection.Bundle("radio").Library("libradio.so", "SleepForEver", TEST_LIBRARY).Write();
+    collection.Bundle("radio").Library("libradio.so", "SleepForever", TEST_LIBRARY).Write();
     ASSERT_TRUE(daemon.StartServing());
     const pid_t pid = daemon.WaitForItem("radio", "libradio.so");
     EXPECT_EQ(ProcessOf::CommandLine(pid),
               (std::vector<std::string>{"dyn_lib_process_loader", "-f", ItemFile("radio", "libradio.so"), "-e",
-                                        "SleepForEver"}));
+                                        "SleepForever"}));
     EXPECT_EQ(daemon.CountInLog("load dyn lib[" LOADER_DIRECTORY "/dyn_lib_process_loader].excute "
                                 "command:{dyn_lib_process_loader -f " +
-                                ItemFile("radio", "libradio.so") + " -e SleepForEver}"),
+                                ItemFile("radio", "libradio.so") + " -e SleepForever}"),
               1);
 }
 
-TEST_F(AProcessItem, ThatIsALibraryExitsWithTheResultOfItsFunction)
+TEST_F(AProcessItem, ThatIsALibraryExitsWithItsFunctionsResult)
 {
     daemon.Configure("global.server_submodule_dir", LOADER_DIRECTORY);
     collection.Bundle("radio").Library("libradio.so", "ReturnThirtyThree", TEST_LIBRARY).Write();
@@ -142,9 +143,9 @@ TEST_F(AProcessItem, ThatIsALibraryExitsWithTheResultOfItsFunction)
     EXPECT_TRUE(daemon.WaitForLog("] does not need relaunch with exit status [33]."));
 }
 
-TEST_F(AProcessItem, ThatIsALibraryAsksForTheLoaderAtTheUsualPlace)
+TEST_F(AProcessItem, ThatIsALibraryIsRunByTheLoaderInItsUsualPlace)
 {
-    collection.Bundle("radio").Library("libradio.so", "SleepForEver", TEST_LIBRARY).Write();
+    collection.Bundle("radio").Library("libradio.so", "SleepForever", TEST_LIBRARY).Write();
     daemon.Start();
     EXPECT_TRUE(daemon.WaitForLog("load dyn lib[/usr/app/bin//dyn_lib_process_loader].excute command:"));
     EXPECT_TRUE(daemon.WaitForLog("execl fail.errno[2]."));
@@ -175,7 +176,7 @@ TEST_F(AProcessItem, IsInTheGroupOfTheServerAndAChildOfIt)
     collection.Bundle("radio")
         .Copy("radiod", TEST_SLEEPER)
         .Item("radio.sh", Shell("while :; do sleep 1000; done"))
-        .Library("libradio.so", "SleepForEver", TEST_LIBRARY)
+        .Library("libradio.so", "SleepForever", TEST_LIBRARY)
         .Write();
     collection.Bundle("tuner").Copy("tunerd", TEST_SLEEPER).Write();
     ASSERT_TRUE(daemon.StartServing());
@@ -197,7 +198,7 @@ TEST_F(AProcessItem, InheritsNoDescriptorsOfTheServer)
     collection.Bundle("tuner").Item("tuner.sh", Shell("exec sleep 1000")).Write();
     staging.Bundle("video").Copy("videod", TEST_SLEEPER).Write();
     ASSERT_TRUE(daemon.StartServing());
-    const UnixClient client(SERVICE_SOCKET); // they do not inherit a connection, either
+    const UnixClient client(SERVICE_SOCKET); // items do not inherit a connection either
     ASSERT_TRUE(client.Ask(PacketOf(1, 0, ""), DaemonRunner::PATIENCE));
     MoveIn("video");
     const pid_t relaunched = daemon.WaitForItem("radio", "radiod");
@@ -210,10 +211,10 @@ TEST_F(AProcessItem, InheritsNoDescriptorsOfTheServer)
             const std::map<int, std::string> descriptors = ProcessOf::Descriptors(pid);
             return descriptors.size() == 3 && descriptors.rbegin()->first == 2;
         };
-        // At first it is still busy loading its own libraries.
+        // At first it still loads its own libraries.
         EXPECT_TRUE(Eventually(5s, hasStandardOnesOnly)) << ::testing::PrintToString(ProcessOf::Descriptors(pid));
     }
-    // The script's "ls" has its standard three and the directory that it lists.
+    // The script's "ls" has the three standard descriptors and the directory that it lists.
     EXPECT_EQ(Lines(ReadFile(Note("script"))).size(), 1U + 4U) << ReadFile(Note("script"));
 }
 
@@ -224,7 +225,7 @@ TEST_F(AProcessItem, InheritsNoDescriptorsOfAConcurrentLaunch)
     daemon.Start();
     const pid_t first = daemon.WaitForItem("radio", "radiod");
     ASSERT_NE(first, 0);
-    // The second one's launch is held up while its pipe is open.
+    // The second item's launch pauses while its pipe is open.
     ASSERT_TRUE(daemon.WaitForLog("parent process ready.notify child process[", 2));
     ::kill(first, SIGKILL);
     ASSERT_TRUE(daemon.WaitForLog("parent process ready.notify child process[", 3));
@@ -234,7 +235,7 @@ TEST_F(AProcessItem, InheritsNoDescriptorsOfAConcurrentLaunch)
         << ::testing::PrintToString(ProcessOf::Descriptors(again));
 }
 
-TEST_F(AProcessItem, GetsTheLimitOfDescriptorsThatTheServerWasStartedWith)
+TEST_F(AProcessItem, GetsTheDescriptorLimitWithWhichTheServerWasStarted)
 {
     rlimit limit{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
@@ -251,7 +252,7 @@ TEST_F(AProcessItem, GetsTheLimitOfDescriptorsThatTheServerWasStartedWith)
         return std::pair(its.rlim_cur, its.rlim_max);
     };
     const std::pair<rlim_t, rlim_t> expected(limit.rlim_max, limit.rlim_max);
-    EXPECT_LT(limitOf(daemon.Pid()).first, expected.first) << "the server keeps its own limit in bounds";
+    EXPECT_LT(limitOf(daemon.Pid()).first, expected.first) << "the server keeps its own limit low";
     const pid_t pid = daemon.WaitForItem("radio", "radiod");
     EXPECT_EQ(limitOf(pid), expected);
     ::kill(pid, SIGKILL);
@@ -268,7 +269,7 @@ TEST_F(AProcessItem, GetsTheEnvironmentOfTheServer)
     EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [this] { return ReadFile(Note("region")) == "north\n"; }));
 }
 
-TEST_P(WhatTheServerWasStartedWith, IsWhatItemsAndScriptsGet)
+TEST_P(TheServersSignalState, IsInheritedByItemsAndScripts)
 {
     const std::string script = ReadFile(TEST_STATUS_WRITER);
     daemon.SetEnvironment("NOTES", notes.Path());
@@ -287,7 +288,7 @@ TEST_P(WhatTheServerWasStartedWith, IsWhatItemsAndScriptsGet)
     ExpectSameOfScripts("uninstall.sh", 1);
 }
 
-INSTANTIATE_TEST_SUITE_P(Signals, WhatTheServerWasStartedWith,
+INSTANTIATE_TEST_SUITE_P(Signals, TheServersSignalState,
                          ::testing::Values(SignalState{"Nothing", {}, {}},
                                            SignalState{"SigintIgnored", {}, {SIGINT, SIGQUIT}},
                                            SignalState{"SighupIgnoredAndSigusr1Blocked", {SIGUSR1}, {SIGHUP, SIGPIPE}},
@@ -310,16 +311,16 @@ TEST_F(AProcessItem, OfABundleThatWasAddedLaterDiesOfATerminationSignal)
     }
 }
 
-TEST_F(AProcessItem, OfAnUpdatedBundleIsRunInTheModeInWhichTheBundleWasLoaded)
+TEST_F(AProcessItem, KeepsTheModeInWhichItsBundleWasLoaded)
 {
     daemon.Configure("global.server_submodule_dir", LOADER_DIRECTORY);
     auto bundle = collection.Bundle("radio");
-    bundle.Library("libradio.so", "SleepForEver", TEST_LIBRARY).Write();
+    bundle.Library("libradio.so", "SleepForever", TEST_LIBRARY).Write();
     ASSERT_TRUE(daemon.StartServing());
     const pid_t before = daemon.WaitForItem("radio", "libradio.so");
     ASSERT_NE(before, 0);
     bundle.ThreadMode();
-    staging.Bundle("draft").ThreadMode().Name("radio").Library("libradio.so", "SleepForEver").Write();
+    staging.Bundle("draft").ThreadMode().Name("radio").Library("libradio.so", "SleepForever").Write();
     std::filesystem::rename(staging / "draft/BundleManifest.ini", collection / "radio/BundleManifest.ini");
     ASSERT_TRUE(daemon.WaitForLog("bundle load mode ------> [1]"));
     EXPECT_NE(daemon.WaitForItem("radio", "libradio.so", 2), 0);

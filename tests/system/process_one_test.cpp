@@ -1,5 +1,5 @@
-// The daemon as process 1 of a process namespace, as in a container without an init of its own. The kernel drops what
-// would end such a process by default.
+// The daemon as process 1 of a process namespace, as in a container without an init process. The kernel drops signals
+// whose default action would end such a process.
 #include "system/system_test.h"
 
 #include <sched.h>
@@ -12,11 +12,11 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// "Promptly": what a user at a terminal takes for at once, on a machine that does much else.
+/// The bound for "promptly": short for a user at a terminal, long enough for a busy machine.
 constexpr auto PROMPTLY = 3s;
 constexpr const char NO_SIGNALS[] = "0000000000000000";
 
-/// The process ids of its log are those of the namespace.
+/// The process ids in its log are those of the namespace.
 class AServerThatIsProcessOne : public SystemTest {
 protected:
     void SetUp() override
@@ -49,7 +49,7 @@ class AServerThatIsProcessOneAndGetsASignal : public AServerThatIsProcessOne,
 
 } // namespace
 
-TEST_P(AServerThatIsProcessOneAndGetsASignal, EndsDuringItsStartUpAsShellsTellOfIt)
+TEST_P(AServerThatIsProcessOneAndGetsASignal, EndsDuringItsStartUpWithTheStatusThatShellsReport)
 {
     WriteManyItems();
     daemon.Start();
@@ -96,7 +96,7 @@ TEST_F(AServerThatIsProcessOne, BlocksNoSignalOfItsScriptsAndItems)
     EXPECT_NE(ReadFile(Note("item")).find(NO_SIGNALS), std::string::npos) << ReadFile(Note("item"));
 }
 
-TEST_F(AServerThatIsProcessOne, HasNoThreadMoreOnceItServes)
+TEST_F(AServerThatIsProcessOne, HasNoSignalThreadOnceItServes)
 {
     ASSERT_TRUE(daemon.StartServing());
     for (const std::string& name : daemon.ThreadNames()) {
@@ -124,7 +124,7 @@ TEST_F(AServerThatIsProcessOne, PrintsItsHelp)
     EXPECT_NE(daemon.Output().find("a bundles management platform."), std::string::npos);
 }
 
-TEST_F(AServerThatIsProcessOne, LeavesASignalOfTheStartUpToTheLoopWhereItHasNoThreadForIt)
+TEST_F(AServerThatIsProcessOne, HandlesASignalOfTheStartUpInTheLoopIfItHasNoSignalThread)
 {
     Interpose("FAIL", "pthread_create:11:1:0");
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();

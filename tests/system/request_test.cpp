@@ -1,4 +1,4 @@
-// Requests and the connections that carry them: each gets its one reply, and a broken one harms no other.
+// Requests and their connections: each request gets one reply, and a broken one does not affect others.
 
 #include "system/system_test.h"
 
@@ -174,7 +174,7 @@ TEST_F(AConnection, OfAnotherUserIsRefused)
         return WIFEXITED(end) && WEXITSTATUS(end) == 0;
     };
     EXPECT_TRUE(asNobody([] { return UnixClient(SERVICE_SOCKET).Error() == EACCES; }));
-    // The file's mode is not all there is to it.
+    // The server checks the user too, not only the file's mode.
     ASSERT_EQ(::chmod(SERVICE_SOCKET, 0666), 0);
     ASSERT_EQ(::chmod("/mnt/bolt", 0755), 0);
     EXPECT_TRUE(asNobody([] {
@@ -196,11 +196,11 @@ TEST_F(TwoServers, LeaveTheServiceToTheFirst)
     other.Start();
     ASSERT_TRUE(other.WaitForLog("bolt_server_register fail."));
     EXPECT_EQ(other.CountInLog("bundle server start running..."), 0);
-    EXPECT_NE(other.WaitForItem("tuner", "tuner.sh", 2), 0) << "it supervises all the same";
+    EXPECT_NE(other.WaitForItem("tuner", "tuner.sh", 2), 0) << "it still supervises its items";
     EXPECT_TRUE(other.IsRunning());
     EXPECT_EQ(RequestDelete("video"), 404) << "the second server's bundle cannot be reached";
     std::filesystem::remove_all(otherCollection / "video");
-    EXPECT_TRUE(other.WaitForLog("unload bundle done.")) << "it follows its directory all the same";
+    EXPECT_TRUE(other.WaitForLog("unload bundle done.")) << "it still follows its directory";
     EXPECT_EQ(other.Stop(SIGTERM).status, 0);
-    EXPECT_EQ(RequestDelete("radio"), 200) << "the first server's socket has not been taken away";
+    EXPECT_EQ(RequestDelete("radio"), 200) << "the first server still has its socket";
 }

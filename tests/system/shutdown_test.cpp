@@ -13,21 +13,21 @@ using namespace std::chrono_literals;
 class ATerminationSignal : public SystemTest, public ::testing::WithParamInterface<int> {};
 class EndingTheServer : public SystemTest {
 protected:
-    /// One that crashes and is relaunched all the time, and libraries that run.
+    /// Writes an item that crashes and is relaunched all the time, and libraries that run.
     void WriteABusyCollection() const
     {
         collection.Bundle("crasher").Item("one.sh", Shell("exit 2")).Write();
         collection.Bundle("threads")
             .ThreadMode()
-            .Library("libone.so", "SleepForEver", TEST_LIBRARY)
-            .Library("libtwo.so", "HoldOutForEver", TEST_LIBRARY)
+            .Library("libone.so", "SleepForever", TEST_LIBRARY)
+            .Library("libtwo.so", "SleepThroughCancellation", TEST_LIBRARY)
             .Write();
     }
 };
 
 class AServerThatIsKilled : public SystemTest {
 protected:
-    /// Whether each process that is left of the server runs an item.
+    /// Whether every process that the server has left runs an item.
     bool OnlyItemsAreLeft() const
     {
         const std::string server = std::filesystem::canonical(BUNDLE_SERVER_PROGRAM).string();
@@ -37,7 +37,7 @@ protected:
     }
 };
 
-/// "Promptly": what a user at a terminal takes for at once, on a machine that does much else.
+/// The bound for "promptly": short for a user at a terminal, long enough for a busy machine.
 constexpr auto PROMPTLY = 3s;
 
 } // namespace
@@ -45,7 +45,7 @@ constexpr auto PROMPTLY = 3s;
 TEST_P(ATerminationSignal, EndsTheServerAtOnceAndWithSuccess)
 {
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
-    collection.Bundle("threads").ThreadMode().Library("libone.so", "SleepForEver", TEST_LIBRARY).Write();
+    collection.Bundle("threads").ThreadMode().Library("libone.so", "SleepForever", TEST_LIBRARY).Write();
     ASSERT_TRUE(daemon.StartServing());
     const pid_t item = daemon.WaitForItem("radio", "radiod");
     ASSERT_NE(item, 0);
@@ -57,7 +57,7 @@ TEST_P(ATerminationSignal, EndsTheServerAtOnceAndWithSuccess)
     EXPECT_EQ(end->signal, 0);
     EXPECT_FALSE(Exists(SERVICE_SOCKET));
     EXPECT_EQ(daemon.Errors(), "");
-    EXPECT_TRUE(ProcessOf::IsAlive(item)) << "what the bundles run outlives the server";
+    EXPECT_TRUE(ProcessOf::IsAlive(item)) << "items outlive the server";
     EXPECT_EQ(daemon.CountInLog("state changing[Active]"), 0) << "no bundle is stopped";
 }
 INSTANTIATE_TEST_SUITE_P(Is, ATerminationSignal, ::testing::Values(SIGINT, SIGTERM, SIGQUIT),
@@ -106,7 +106,7 @@ TEST_F(EndingTheServer, DoesNotWaitForAScriptOfTheStartUp)
     EXPECT_TRUE(daemon.WaitForEnd(PROMPTLY));
 }
 
-// What the detached threads use must outlive main: each of these ends comes at another moment of a relaunch.
+// The detached threads' data must outlive main. Each round ends the server at another moment of a relaunch.
 TEST_F(EndingTheServer, WhileItemsAreRelaunchedAndLibrariesRunIsClean)
 {
     WriteABusyCollection();
@@ -132,7 +132,8 @@ TEST_F(EndingTheServer, AtTheMomentOfARelaunchIsClean)
     EXPECT_EQ(daemon.Errors(), "");
 }
 
-// The process is gone a while after main and after all static objects are: what the monitor uses must last until then.
+// The process ends a while after main and after the destruction of static objects. The monitor's data must last until
+// then.
 TEST_F(EndingTheServer, LetsTheMonitorRunUntilTheEnd)
 {
     Interpose("LINGER_AT_EXIT", "6");
@@ -156,7 +157,7 @@ TEST_F(EndingTheServer, LetsTheMonitorRunUntilTheEnd)
     EXPECT_EQ(daemon.Errors(), "");
 }
 
-// A signal for the process is delivered to whichever thread does not block it, and would then end the process.
+// The kernel delivers a signal to any thread that does not block it. There the signal would end the process.
 TEST_F(EndingTheServer, IsCleanWhenTheFrameworksThreadsBlockTheSignalsLate)
 {
     Interpose("DELAY_SIGMASK", "2");
@@ -174,7 +175,7 @@ TEST_F(EndingTheServer, WhileTheDirectoryIsFollowedIsClean)
         MoveIn(name);
         const int events = daemon.CountInLog("dir item add event happen.");
         ASSERT_TRUE(daemon.WaitForLog("dir item add event happen.", events + 1));
-        // The handler that runs is waited for: a second's pause and, perhaps, the launch of one item.
+        // The server waits for the running handler: a pause of a second, and perhaps the launch of one item.
         const ProcessEnd end = daemon.Stop(SIGTERM, DaemonRunner::PATIENCE);
         ASSERT_EQ(end.status, 0) << round << ": killed by signal " << end.signal;
         std::filesystem::remove_all(collection / name);
@@ -194,14 +195,14 @@ TEST_F(AServerThatIsKilled, LeavesItsSocketToTheNextOne)
     ASSERT_TRUE(daemon.StartServing());
     EXPECT_NE(daemon.WaitForItem("radio", "radiod", 2), 0);
     EXPECT_EQ(RequestDelete("radio"), 200);
-    EXPECT_TRUE(ProcessOf::IsAlive(orphan)) << "it is no longer anybody's";
+    EXPECT_TRUE(ProcessOf::IsAlive(orphan)) << "no server supervises the orphan any more";
     EXPECT_EQ(daemon.Stop().status, 0);
     EXPECT_FALSE(Exists(SERVICE_SOCKET));
 }
 
 TEST_F(AServerThatIsKilled, DuringALaunchLeavesNoWaitingChild)
 {
-    // The child waits for its word while the parent is busy with the child's group.
+    // The child waits for the parent's go-ahead while the parent is busy with the child's group.
     Interpose("DELAY_SETPGID", "1000");
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
     daemon.Start();
@@ -213,7 +214,7 @@ TEST_F(AServerThatIsKilled, DuringALaunchLeavesNoWaitingChild)
     EXPECT_LE(daemon.CountInLog("read pipe fail."), 3) << "the child spins";
 }
 
-TEST_F(AServerThatIsKilled, AtAnyMomentLeavesItemsAndNothingElse)
+TEST_F(AServerThatIsKilled, AtAnyMomentLeavesOnlyItems)
 {
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
     collection.Bundle("tuner").Item("tuner.sh", Shell("exec sleep 1000")).Write();
@@ -222,7 +223,7 @@ TEST_F(AServerThatIsKilled, AtAnyMomentLeavesItemsAndNothingElse)
         daemon.Start();
         ASSERT_TRUE(daemon.WaitForLog("start bundle[radio] activator...", launches + 1));
         const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(50 * round);
-        while (std::chrono::steady_clock::now() < until) { // shorter than a sleep can be
+        while (std::chrono::steady_clock::now() < until) { // busy waiting, because a sleep would be longer
         }
         ASSERT_EQ(daemon.Stop(SIGKILL).signal, SIGKILL);
         ASSERT_TRUE(Eventually(5s, [this] { return OnlyItemsAreLeft(); })) << round;

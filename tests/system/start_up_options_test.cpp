@@ -18,7 +18,7 @@ int Count(const std::string& text, const std::string& piece)
     return count;
 }
 
-/// The words of a text, one blank between them.
+/// The words of a text, with one blank between them.
 std::string Unfolded(const std::string& text)
 {
     std::istringstream words(text);
@@ -31,7 +31,7 @@ std::string Unfolded(const std::string& text)
 
 } // namespace
 
-TEST_P(Help, IsPrintedAndNoBundleLoaded)
+TEST_P(Help, IsPrintedWithoutLoadingABundle)
 {
     collection.Bundle("radio").Write();
     daemon.SetArguments({GetParam()});
@@ -39,7 +39,7 @@ TEST_P(Help, IsPrintedAndNoBundleLoaded)
     EXPECT_EQ(daemon.WaitForEnd().value_or(ProcessEnd{}).status, 0);
     const std::string help = daemon.Output();
     EXPECT_EQ(help.rfind("usage: bundle_server OPTIONS\na bundles management platform.\n", 0), 0U) << help;
-    // The framework may lay it out in any way.
+    // The framework chooses the layout.
     const std::string words = Unfolded(help);
     EXPECT_EQ(Count(words, "-h, --help display help information on command line arguments"), 1) << help;
     EXPECT_EQ(Count(words, "-ffile, --config-file=file load configuration data from a file"), 1) << help;
@@ -49,7 +49,7 @@ TEST_P(Help, IsPrintedAndNoBundleLoaded)
 INSTANTIATE_TEST_SUITE_P(ByItsNames, Help, ::testing::Values("--help", "-h"),
                          [](const auto& name) { return std::string(name.index == 0 ? "Long" : "Short"); });
 
-TEST_F(TheConfiguration, IsLoadedBeforeHelpThatIsAskedForAfterIt)
+TEST_F(TheConfiguration, IsLoadedIfTheHelpOptionFollowsIt)
 {
     WriteFile(Note("some.properties"), "global.bundle_collection_dir = " + collection.Path() + "\n");
     daemon.SetArguments({"-f", Note("some.properties"), "--help"});

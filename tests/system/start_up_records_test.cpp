@@ -10,7 +10,7 @@ using Messages = std::vector<std::string>;
 
 class TheRecordsOfTheStart : public SystemTest {
 public:
-    /// What the server writes while it loads the bundles of the collection, in the directory's order.
+    /// The records of loading all bundles of the collection, in the directory's order.
     Messages Loading() const;
     Messages LoadingOf(const std::string& bundle) const;
 

@@ -110,7 +110,7 @@ TEST_F(StartingTheServer, RunsInstallScriptsInItsOwnDirectoryWithoutArguments)
     EXPECT_EQ(ReadFile(Note("installed")), std::filesystem::current_path().string() + "\n0\n");
 }
 
-TEST_F(StartingTheServer, LoadsADirectoryOnceThatIsAddedWhileAllBundlesAreLoaded)
+TEST_F(StartingTheServer, LoadsOnceADirectoryThatIsAddedWhileAllBundlesAreLoaded)
 {
     collection.Bundle("slow")
         .Install(Shell(": > " + Note("begun") + "; while [ ! -e " + Note("moved") + " ]; do sleep 0.01; done"))
@@ -119,7 +119,7 @@ TEST_F(StartingTheServer, LoadsADirectoryOnceThatIsAddedWhileAllBundlesAreLoaded
     daemon.Start();
     ASSERT_TRUE(Eventually(DaemonRunner::PATIENCE, [this] { return Exists(Note("begun")); }));
     MoveIn("late");
-    // Longer than the watcher's scan and its handler's wait, so the event is raised while the others are loaded.
+    // Longer than the watcher's scan and its handler's pause, so the event is raised while the others are loaded.
     ASSERT_TRUE(daemon.WaitForLog("dir item add event happen."));
     EXPECT_FALSE(daemon.WaitForLog("add a new bundle dir.", 1, 2s));
     WriteFile(Note("moved"), "");
@@ -131,8 +131,8 @@ TEST_F(StartingTheServer, LoadsADirectoryOnceThatIsAddedWhileAllBundlesAreLoaded
     EXPECT_EQ(RequestDelete("late"), 200);
 }
 
-// Start-up and the watcher's handler work on the same bundle. Whichever of them resolves and starts it, the other must
-// not unload it.
+// Start-up and the watcher's handler work on the same bundle. One of them resolves and starts it; the other must not
+// unload it.
 TEST_F(StartingTheServer, KeepsABundleThatIsAddedWhileAllBundlesAreResolvedAndStarted)
 {
     Interpose("HOLD_AFTER", "1: ResolveAllBundles...\n2: load bundle[late] done.\n2: ResolveAllBundles done.");
@@ -144,7 +144,7 @@ TEST_F(StartingTheServer, KeepsABundleThatIsAddedWhileAllBundlesAreResolvedAndSt
     ASSERT_TRUE(Eventually(DaemonRunner::PATIENCE, [this] { return Exists(Note("begun")); }));
     MoveIn("late");
     ASSERT_TRUE(daemon.WaitForLog("dir item add event happen."));
-    // The handler first waits for a second; only then does it wait for start-up.
+    // The handler first pauses for a second. Only then does it wait for start-up.
     EXPECT_FALSE(daemon.WaitForLog("add a new bundle dir.", 1, 2s));
     WriteFile(Note("moved"), "");
     ASSERT_TRUE(daemon.WaitForLog("bundle server start running..."));
@@ -152,7 +152,7 @@ TEST_F(StartingTheServer, KeepsABundleThatIsAddedWhileAllBundlesAreResolvedAndSt
     EXPECT_EQ(RequestDelete("late"), 200);
 }
 
-TEST_F(StartingTheServer, LoadsADirectoryOnceThatIsAddedBeforeAllBundlesAreLoaded)
+TEST_F(StartingTheServer, LoadsOnceADirectoryThatIsAddedBeforeAllBundlesAreLoaded)
 {
     Interpose("HOLD_AFTER", "3: create BundleManager done.");
     staging.Bundle("late").Install(Shell("echo x >> " + Note("installs"))).Write();
@@ -167,7 +167,7 @@ TEST_F(StartingTheServer, LoadsADirectoryOnceThatIsAddedBeforeAllBundlesAreLoade
     EXPECT_EQ(RequestDelete("late"), 200);
 }
 
-TEST_F(StartingTheServer, LoadsADirectoryOnceThatIsAddedWhileAllBundlesAreStarted)
+TEST_F(StartingTheServer, LoadsOnceADirectoryThatIsAddedWhileAllBundlesAreStarted)
 {
     collection.Bundle("slow")
         .Copy("slow1", TEST_SLEEPER)

@@ -44,7 +44,7 @@ TEST_F(Supervision, RelaunchesNoItemThatExitsWithAnyOtherStatus)
 {
     const std::vector<int> statuses{0, 1, 3, 4, 5, 9, 12, 30, 32, 254};
     for (const int status : statuses) {
-        // One bundle each: they are dead long before the last of them is launched.
+        // One bundle each, because they are dead long before the last one is launched.
         collection.Bundle("bundle" + std::to_string(status))
             .Item("item.sh", Shell("exit " + std::to_string(status)))
             .Write();
@@ -109,23 +109,23 @@ TEST_F(Supervision, RelaunchesAKilledItemAtOnceEachTime)
     EXPECT_NE(daemon.WaitForItem("radio", "radiod", 5), 0);
 }
 
-// The group of the lowest pid is asked for, and that is the dead one which is being relaunched.
-TEST_F(Supervision, RelaunchesTheItemOfTheLowestPidWithoutBeingToldItsGroup)
+// The server asks for the group of the lowest pid. That is the dead item, which it is about to relaunch.
+TEST_F(Supervision, RelaunchesTheItemOfTheLowestPidEvenIfItsGroupIsUnknown)
 {
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Copy("tunerd", TEST_SLEEPER).Write();
     ASSERT_TRUE(daemon.StartServing());
     std::string item = "radiod";
     std::string otherItem = "tunerd";
     if (daemon.WaitForItem("radio", item) > daemon.WaitForItem("radio", otherItem)) {
-        std::swap(item, otherItem); // the kernel has begun again with the low numbers
+        std::swap(item, otherItem); // the kernel's pids have wrapped around
     }
     ::kill(daemon.WaitForItem("radio", item), SIGKILL);
     const pid_t second = daemon.WaitForItem("radio", item, 2);
     ASSERT_NE(second, 0);
     EXPECT_TRUE(daemon.WaitForLog("setpgid pid " + std::to_string(second) + " to pgid 0 failed errno "));
-    EXPECT_EQ(::getpgid(second), daemon.Pid()) << "it is in the group in which it was forked";
+    EXPECT_EQ(::getpgid(second), daemon.Pid()) << "it stays in the group of its parent";
     ::kill(second, SIGKILL);
-    EXPECT_NE(daemon.WaitForItem("radio", item, 3), 0) << "and it is supervised";
+    EXPECT_NE(daemon.WaitForItem("radio", item, 3), 0) << "it is still supervised";
     ::kill(daemon.WaitForItem("radio", otherItem), SIGKILL);
     EXPECT_NE(daemon.WaitForItem("radio", otherItem, 2), 0);
 }
@@ -157,18 +157,18 @@ TEST_F(Supervision, OfABundleIsNotDelayedByItemsThatCrashAtOnce)
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
     collection.Bundle("tuner").Copy("tunerd", TEST_SLEEPER).Write();
     ASSERT_TRUE(daemon.StartServing());
-    // Let the monitor be the parent of the crashing ones for a while.
+    // Lets the monitor relaunch the crashing items for a while.
     ASSERT_TRUE(daemon.WaitForLog("crasher.two.sh relaunch done.", 2));
     for (int round = 1; round <= 5; ++round) {
         for (const auto& [bundle, item] : {std::pair("radio", "radiod"), std::pair("tuner", "tunerd")}) {
             const pid_t pid = daemon.WaitForItem(bundle, item, round);
             ASSERT_NE(pid, 0) << round;
             ::kill(pid, SIGKILL);
-            // One second for each relaunch of a whole round of four items, and the same again for a slow machine.
+            // One second for each relaunch in a round of four items, and as much again for a slow machine.
             EXPECT_NE(daemon.WaitForItem(bundle, item, round + 1, 8s), 0) << round;
         }
     }
-    EXPECT_GE(daemon.CountInLog("crasher.one.sh relaunch done."), 5) << "it has gone on crashing";
+    EXPECT_GE(daemon.CountInLog("crasher.one.sh relaunch done."), 5) << "it keeps crashing";
 }
 
 TEST_F(Supervision, EndsWithTheLastChildAndBeginsAgainWithTheNext)
@@ -201,7 +201,7 @@ TEST_F(Supervision, RelaunchesNoItemWhoseBundleIsStopped)
     EXPECT_NE(daemon.WaitForItem("tuner", "tunerd", 2), 0);
 }
 
-TEST_F(Supervision, LeavesABundleWhoseItemsHaveEndedToBeStopped)
+TEST_F(Supervision, LetsABundleBeStoppedAfterItsItemsHaveEnded)
 {
     collection.Bundle("radio").Item("radio.sh", Shell("exit 0")).Write();
     ASSERT_TRUE(daemon.StartServing());
@@ -236,9 +236,9 @@ TEST_F(Supervision, EndsForGoodWhenAWaitFails)
     MoveIn("tuner");
     const pid_t later = daemon.WaitForItem("tuner", "tunerd");
     ASSERT_NE(later, 0) << "bundles are still launched";
-    EXPECT_EQ(daemon.CountInLog("child process create, start monitor thread."), 1) << "there is no other monitor";
+    EXPECT_EQ(daemon.CountInLog("child process create, start monitor thread."), 1) << "no second monitor is started";
     ::kill(later, SIGKILL);
-    EXPECT_FALSE(daemon.WaitForLog("tuner.tunerd[", 1, 2s)) << "and their ends are not seen";
+    EXPECT_FALSE(daemon.WaitForLog("tuner.tunerd[", 1, 2s)) << "but their ends are not seen";
     EXPECT_TRUE(daemon.IsRunning());
     EXPECT_EQ(daemon.Stop().status, 0);
 }

@@ -27,13 +27,13 @@ class SystemTest : public ::testing::Test {
 public:
     void TearDown() override; // shows the log of a failed test
 
-    /// Makes something happen to the daemon that rarely happens by itself: see items/interposer.cpp.
+    /// Causes an event in the daemon that is rare by itself: see items/interposer.cpp.
     void Interpose(const std::string& what, const std::string& value);
 
     /// Moves a bundle's directory from the staging directory into the collection.
     void MoveIn(const std::string& name) const;
 
-    /// A path for the notes of items and scripts: outside their bundle, where a file would count as a change.
+    /// A path for the notes of items and scripts. It is outside their bundle, where a new file would count as a change.
     std::string Note(const std::string& name) const { return notes / name; }
 
     TemporaryDirectory notes;
@@ -42,7 +42,7 @@ public:
     DaemonRunner daemon{collection.Path()};
 };
 
-/// A script whose first run makes a note and exits with the status. The second run continues until it is killed.
+/// A script whose first run writes a note and exits with the status. The second run continues until it is killed.
 std::string ExitOnFirstRun(const std::string& note, int status);
 
 /// Asks the daemon to delete a bundle. Returns the status of the reply, 0 when no reply comes.

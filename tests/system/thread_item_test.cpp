@@ -38,10 +38,10 @@ TEST_F(AThreadItem, IsCalledAndItsReturnIsLogged)
 
 TEST_F(AThreadItem, RunsOnAThreadWithItsName)
 {
-    Radio("SleepForEver").Write();
+    Radio("SleepForever").Write();
     ASSERT_TRUE(daemon.StartServing());
     EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [this] { return HasThread("radio.libradio."); }))
-        << "the first fifteen characters of the bundle's name, a point and the item's";
+        << "the first fifteen characters of the bundle's name, a point and the item's name";
     EXPECT_EQ(daemon.CountInLog(DONE), 0);
     EXPECT_EQ(daemon.Descendants().size(), 0U);
 }
@@ -91,7 +91,7 @@ TEST_F(AThreadItem, ThatIsNoLibraryFailsAndLeavesThoseBeforeItRunning)
 {
     collection.Bundle("radio")
         .ThreadMode()
-        .Library("libradio.so", "SleepForEver", TEST_LIBRARY)
+        .Library("libradio.so", "SleepForever", TEST_LIBRARY)
         .Copy("radiod", TEST_SLEEPER)
         .Write();
     ASSERT_TRUE(daemon.StartServing());
@@ -105,7 +105,7 @@ TEST_F(AThreadItem, ThatIsNoLibraryFailsAndLeavesThoseBeforeItRunning)
 
 TEST_F(AThreadItem, IsCancelledWhenItsBundleIsStopped)
 {
-    Radio("SleepForEver").Write();
+    Radio("SleepForever").Write();
     ASSERT_TRUE(daemon.StartServing());
     ASSERT_TRUE(Eventually(DaemonRunner::PATIENCE, [this] { return HasThread("radio.libradio."); }));
     EXPECT_EQ(RequestDelete("radio"), 200);
@@ -146,7 +146,7 @@ TEST_F(AThreadItem, ThatHasEndedCanBeStopped)
 
 TEST_F(AThreadItem, ThatIgnoresItsCancellationKeepsRunningAndDoesNotBlockTheEnd)
 {
-    Radio("HoldOutForEver").Write();
+    Radio("SleepThroughCancellation").Write();
     ASSERT_TRUE(daemon.StartServing());
     ASSERT_TRUE(Eventually(DaemonRunner::PATIENCE, [this] { return HasThread("radio.libradio."); }));
     EXPECT_EQ(RequestDelete("radio"), 200);
@@ -169,7 +169,7 @@ TEST_F(AThreadItem, MayRunBesideProcessItems)
     collection.Bundle("tuner").Copy("tunerd", TEST_SLEEPER).Write();
     ASSERT_TRUE(daemon.StartServing());
     for (int round = 1; round <= 3; ++round) {
-        staging.Bundle("radio").ThreadMode().Library("libradio.so", "SleepForEver", TEST_LIBRARY).Write();
+        staging.Bundle("radio").ThreadMode().Library("libradio.so", "SleepForever", TEST_LIBRARY).Write();
         MoveIn("radio");
         ASSERT_TRUE(daemon.WaitForLog("bundle[radio] state changing[Starting] -> [Active]", round));
         ASSERT_EQ(RequestDelete("radio"), 200);

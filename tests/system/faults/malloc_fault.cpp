@@ -1,5 +1,5 @@
-// Loaded before all other libraries of a daemon: from the record of its start-up on, as many allocations as
-// MALLOC_AFTER says go through; the next MALLOC_FAILURES fail.
+// Loaded before all other libraries of a daemon. It counts allocations from the record of the daemon's start-up on: the
+// first MALLOC_AFTER succeed, the next MALLOC_FAILURES fail.
 #include "system/items/preloaded.h"
 
 #include <dlfcn.h>

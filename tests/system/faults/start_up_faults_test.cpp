@@ -9,7 +9,7 @@ namespace {
 
 class AFailingCallOfTheDaemon : public SystemTest {
 public:
-    /// @param from the text of the record from which on it fails; empty for its start
+    /// @param from the call fails once a record with this text is written; empty: from the daemon's start on
     void Fail(const std::string& call, int error, const std::string& from = "", int after = 0, int count = 1)
     {
         Interpose("FAIL",
@@ -19,13 +19,13 @@ public:
         }
     }
 
-    /// What the framework has made of its watcher is not freed when the rest can not be made.
+    /// The framework leaks the finished parts of its watcher when it cannot make the rest.
     void ExpectLeaksOfTheFramework()
     {
         daemon.SetEnvironment("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0");
     }
 
-    /// Starts the daemon, which ends with status 70 and says why, and leaves no process behind.
+    /// Starts the daemon and expects it to end with status 70, to say why, and to leave no process behind.
     void EndsTheStart(const std::string& reason)
     {
         daemon.Start();
@@ -36,7 +36,7 @@ public:
         EXPECT_TRUE(daemon.Descendants().empty());
     }
 
-    /// Starts the daemon, which serves and has started the bundle.
+    /// Starts the daemon and expects it to serve and to have started the bundle.
     void DoesNotMatter()
     {
         ASSERT_TRUE(daemon.StartServing());
@@ -129,19 +129,19 @@ TEST_F(AFailingCallOfTheDaemon, IsRetriedWhenASignalInterruptsTheWaitForAScript)
     EXPECT_EQ(daemon.CountInLog("exception info:"), 0);
 }
 
-// Whichever allocation of its start fails, the daemon ends as it does when its start fails, or it serves, or it stays
-// up without the service and says so.
+// Any allocation of the start may fail. The daemon then ends as after any failed start, or serves, or runs on without
+// the service and says so.
 TEST_F(ADaemonWithoutMemory, EndsItsStartOrServes)
 {
     if (!std::string(INSTRUMENTATION).empty()) {
-        GTEST_SKIP() << "what the compiler has added allocates too, and does not get over it";
+        GTEST_SKIP() << "the compiler's instrumentation allocates too, and does not survive a failure";
     }
     collection.Bundle("radio").Requires("tuner").Install(Shell("exit 0")).Write();
     collection.Bundle("tuner").Write();
     daemon.SetEnvironment("LD_PRELOAD", TEST_MALLOC_FAULT);
     for (const long failures : {1L, 1'000'000L}) {
         daemon.SetEnvironment("MALLOC_FAILURES", std::to_string(failures));
-        int up = 0; // in a row
+        int up = 0; // starts in a row that served
         int ended = 0;
         for (int after = 0; up < 3; after += Scaled(17, 1)) {
             SCOPED_TRACE(std::to_string(failures) + " failures after " + std::to_string(after));
@@ -155,12 +155,12 @@ TEST_F(ADaemonWithoutMemory, EndsItsStartOrServes)
             ASSERT_TRUE(Eventually(DaemonRunner::PATIENCE, [&] { return !daemon.IsRunning() || timesUp() > before; }));
             if (daemon.IsRunning()) {
                 ++up;
-                const ProcessEnd stopped = daemon.Stop(); // its end may want memory too, and then fails in the same way
+                const ProcessEnd stopped = daemon.Stop(); // its end may allocate too, and then fails in the same way
                 ASSERT_TRUE(stopped.status == 0 || stopped.status == 70) << "signal " << stopped.signal;
                 continue;
             }
             ++ended;
-            up = 0; // one failure may hit what the start can do without, long before its end
+            up = 0; // one failure may hit an optional step, long before the end of the start
             const auto end = daemon.WaitForEnd();
             ASSERT_EQ(end->status, 70) << "signal " << end->signal << ": " << daemon.Errors();
         }

@@ -1,4 +1,4 @@
-// A library that is never loaded to its end.
+// A library whose loading never ends.
 #include <unistd.h>
 
 namespace {

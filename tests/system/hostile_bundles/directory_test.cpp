@@ -1,4 +1,4 @@
-// Directories that are large, deep, misnamed, linked, mounted or not there; bundles' and the collection's own.
+// Directories of bundles, and of the collection, that are large, deep, misnamed, linked, mounted or missing.
 
 #include "system/hostile_bundles/hostile_bundle.h"
 
@@ -53,7 +53,7 @@ void WriteOdd(const CollectionBuilder& target)
     fs::create_symlink("/etc", target / "links/script");
     target.Bundle("devices").Write();
     EXPECT_EQ(::mkfifo((target / "devices/bin").c_str(), 0600), 0);
-    // Some containers do not allow it; the test continues without it.
+    // Some containers do not allow this. The test then continues without it.
     ::mknod((target / "devices/script").c_str(), S_IFCHR | 0600, makedev(1, 5));
     for (const auto& [directory, name] : std::vector<std::pair<std::string, std::string>>{{"line\nend", "newline"},
                                                                                           {"\xFF\xFE\x80", "invalid"},
@@ -72,7 +72,7 @@ void WriteOdd(const CollectionBuilder& target)
 const std::vector<std::string> ODD{"many",   "deep", "links",  "devices", "newline", "invalid", "longest",
                                    "option", "home", "points", "star",    "command", "blank",   "percent"};
 
-/// Entries that are no bundles.
+/// Writes entries that are not bundles.
 void WriteNone(const std::string& collection)
 {
     fs::create_symlink(".", collection + "/itself");
@@ -94,7 +94,7 @@ TEST_F(AHostileDirectory, OfABundleAtTheStartHarmsNothing)
     for (const std::string& bundle : ODD) {
         EXPECT_TRUE(IsStarted(bundle));
     }
-    EXPECT_EQ(daemon.CountInLog("failed to load bundles from "), 3) << "the links that lead to no bundle";
+    EXPECT_EQ(daemon.CountInLog("failed to load bundles from "), 3) << "these links lead to no bundle";
     EXPECT_TRUE(IsUnharmed());
     for (const std::string& bundle : ODD) {
         EXPECT_EQ(RequestDelete(bundle), 200) << bundle;
@@ -108,7 +108,7 @@ TEST_F(AHostileDirectory, OfABundleAtTheStartHarmsNothing)
 TEST_F(AHostileDirectory, OfABundleThatIsDroppedInHarmsNothing)
 {
     WriteOdd(staging);
-    // Another one at each look, and so never complete.
+    // Each scan finds another one, so the copy never seems complete.
     staging.Bundle("restless").Write();
     fs::create_symlink("/proc/self/fd", staging / "restless/script");
     ASSERT_TRUE(StartServing());
@@ -125,7 +125,7 @@ TEST_F(AHostileDirectory, OfABundleThatIsDroppedInHarmsNothing)
     EXPECT_TRUE(IsUnharmed());
 }
 
-// Each level of a walk takes a descriptor, and launching needs some as well.
+// Each level of a walk takes a descriptor. A launch needs some at the same time.
 TEST_F(ADeepDirectory, LeavesTheServerTheDescriptorsThatItNeeds)
 {
     constexpr rlim_t limit = 256;
@@ -154,7 +154,7 @@ TEST_F(ADeepDirectory, LeavesTheServerTheDescriptorsThatItNeeds)
 }
 
 // The walk of a directory is bounded, because it may be a link to the root of all file systems.
-TEST_F(ALargeDirectory, IsAddedThoughAFileFarBackInItKeepsChanging)
+TEST_F(ALargeDirectory, IsAddedWhileAFileLateInItsWalkKeepsChanging)
 {
     staging.Bundle("large").Write();
     const std::string data = staging / "large/data";
@@ -176,7 +176,7 @@ TEST_F(ALargeDirectory, IsAddedThoughAFileFarBackInItKeepsChanging)
     EXPECT_TRUE(IsUnharmed());
 }
 
-TEST_F(ALinkToABundle, IsDeletedAndItsTargetIsNot)
+TEST_F(ALinkToABundle, IsDeletedWithoutItsTarget)
 {
     staging.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
     fs::create_directory_symlink(staging / "radio", In("radio"));
@@ -184,12 +184,12 @@ TEST_F(ALinkToABundle, IsDeletedAndItsTargetIsNot)
     EXPECT_EQ(RequestDelete("radio"), 200);
     EXPECT_FALSE(Exists(In("radio")));
     EXPECT_TRUE(Exists(staging / "radio/BundleManifest.ini"));
-    // A link that is made again before the next scan leads to the same target, so nothing would have changed.
+    // A link that is made again before the next scan leads to the same target. The scan would see no change.
     EXPECT_TRUE(daemon.WaitForLog("find bundle[" + In("radio") + "] fail."));
     fs::create_directory_symlink(staging / "radio", In("radio"));
     EXPECT_TRUE(IsStarted("radio", 2));
     fs::remove(In("radio"));
-    fs::create_symlink("radio", In("radio")); // a loop has taken its place
+    fs::create_symlink("radio", In("radio")); // a loop takes its place
     EXPECT_TRUE(daemon.WaitForLog("normal stop radio.radiod...", 2));
     EXPECT_TRUE(IsUnharmed());
 }

@@ -18,7 +18,7 @@ namespace fs = std::filesystem;
 
 constexpr const char MONITOR[] = "bundle_monitor";
 
-/// Threads that keep the name of the program: the main one, and the thread sanitizer's own, or the emulator's.
+/// The number of threads that have the program's name: the main one, and those of the thread sanitizer or the emulator.
 #ifdef __SANITIZE_THREAD__
 constexpr int NAMELESS_THREADS = 2;
 #else
@@ -35,7 +35,7 @@ pid_t ProcessNumber(const fs::path& entry)
 HostileBundles::HostileBundles()
 {
     daemon.SetEnvironment("LD_PRELOAD", TEST_HURRY);
-    daemon.SetEnvironment("ASAN_OPTIONS", "verify_asan_link_order=0"); // it insists on being the first otherwise
+    daemon.SetEnvironment("ASAN_OPTIONS", "verify_asan_link_order=0"); // otherwise it insists on being loaded first
 }
 
 void HostileBundles::ReadAsOthersDo(DaemonRunner& runner)
@@ -51,7 +51,7 @@ testing::AssertionResult HostileBundles::StartServing()
     if (!daemon.StartServing()) {
         return testing::AssertionFailure() << "it does not serve";
     }
-    // A thread that runs has its own name. The descriptors of the start-up are closed then.
+    // Each thread takes its name when it begins to run. By then the descriptors of the start-up are closed.
     const auto areAllOnTheirWay = [this] {
         const std::vector<std::string> names = daemon.ThreadNames();
         return std::count(names.begin(), names.end(), "bundle_server") == NAMELESS_THREADS &&
@@ -60,7 +60,7 @@ testing::AssertionResult HostileBundles::StartServing()
     if (!Eventually(DaemonRunner::PATIENCE, areAllOnTheirWay)) {
         return testing::AssertionFailure() << "its threads are " << testing::PrintToString(daemon.ThreadNames());
     }
-    // Some items are relaunched all the time. A descriptor that is seen ten times in a row is no pipe of a launch.
+    // Some items are relaunched all the time. A descriptor that is there ten times in a row is not a pipe of a launch.
     int looksAlike = 0;
     const auto standsStill = [&] {
         const auto before = std::exchange(m_descriptors, daemon.Descriptors());
@@ -100,7 +100,7 @@ testing::AssertionResult HostileBundles::TakesInAGoodBundle()
     if (daemon.WaitForItem(name, "goodd", 2) == 0) {
         return testing::AssertionFailure() << "the item of the next good bundle is not run again";
     }
-    // In the moment of a relaunch a stop is refused; the next one is not.
+    // A stop during a relaunch is refused. The next attempt succeeds.
     if (!Eventually(DaemonRunner::PATIENCE, [&name] { return RequestDelete(name) == 200; })) {
         return testing::AssertionFailure() << "the next good bundle is not deleted";
     }
@@ -110,7 +110,7 @@ testing::AssertionResult HostileBundles::TakesInAGoodBundle()
 
 testing::AssertionResult HostileBundles::HoldsWhatItHeld() const
 {
-    // A look at the collection holds a descriptor, a connection is closed a moment later, a death takes its time.
+    // A scan holds a descriptor, a connection is closed a moment later, and dead children are reaped a moment later.
     if (!Eventually(DaemonRunner::PATIENCE, [this] { return daemon.Descriptors() == m_descriptors; })) {
         return testing::AssertionFailure() << "it held " << testing::PrintToString(m_descriptors) << " and holds "
                                            << testing::PrintToString(daemon.Descriptors());
@@ -119,7 +119,7 @@ testing::AssertionResult HostileBundles::HoldsWhatItHeld() const
         return testing::AssertionFailure() << "its threads are " << testing::PrintToString(daemon.ThreadNames());
     }
     if (!Eventually(DaemonRunner::PATIENCE, [this] { return DeadChildren().empty(); })) {
-        return testing::AssertionFailure() << "it does not bury " << testing::PrintToString(DeadChildren());
+        return testing::AssertionFailure() << "it does not reap " << testing::PrintToString(DeadChildren());
     }
     return testing::AssertionSuccess();
 }

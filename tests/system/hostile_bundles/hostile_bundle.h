@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-/// A daemon and bundles that are up to no good. After each of them it is asked the same: does the server still do its
-/// work, and does it hold more than before?
+/// A daemon and bundles that try to harm it. After each of them the tests ask the same: does the server still work, and
+/// does it hold no more resources than before?
 ///
 /// The items are made of two files. A copy of HOSTILE_PROGRAM does what its own name says, a copy of HOSTILE_LIBRARY
 /// has an entry function for each harm that a library can do (see hostile_bundle_program.cpp,
@@ -20,27 +20,27 @@ protected:
     /// Shortens the daemon's pauses of a second, because there are many bundles.
     HostileBundles();
 
-    /// Root can read every file. This takes that right away, so that the files' modes count, as for other users.
+    /// Root can read every file. This drops that right, so that file modes count as they do for other users.
     static void ReadAsOthersDo(DaemonRunner& runner);
 
     /// Starts the daemon and records its threads and descriptors when it serves.
     testing::AssertionResult StartServing();
 
     /// Whether a good bundle that is dropped in is started, its item is relaunched when it is killed, and a request
-    /// removes it. The daemon then holds the descriptors and the threads, without the monitor, with which it began to
-    /// serve, and no dead child.
+    /// removes it. The daemon must then have the descriptors and threads with which it began to serve, apart from the
+    /// monitor, and no dead child.
     testing::AssertionResult IsUnharmed();
 
-    /// Moves everything that is beside the collection into it, without a name left out, in one go.
+    /// Moves every entry of the staging directory into the collection.
     void MoveAllIn() const;
 
-    /// Waits until the bundle has been started so many times in all.
+    /// Waits until the bundle has been started that many times in all.
     testing::AssertionResult IsStarted(const std::string& bundle, int times = 1);
 
-    /// Whether the daemon knows a bundle of that name; it does not any more when it did.
+    /// Whether the daemon knows a bundle of that name. Asks by a deletion, so a known bundle is gone afterwards.
     static bool IsUnknown(const std::string& bundle) { return RequestDelete(bundle) == 404; }
 
-    /// Whether one of the records is followed by another of the same thread.
+    /// Whether the same thread has written the two records in this order.
     bool IsFollowed(const std::string& record, const std::string& next);
 
     /// The children of the daemon that are dead and have not been waited for.

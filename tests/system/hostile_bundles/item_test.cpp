@@ -1,4 +1,4 @@
-// Programs that do what no item should: to themselves, to each other, to the server and to their own bundle.
+// Programs that harm themselves, each other, the server or their own bundle.
 
 #include "system/hostile_bundles/hostile_bundle.h"
 
@@ -56,9 +56,10 @@ TEST_F(AHostileItem, HarmsNoOtherBundle)
     EXPECT_TRUE(IsNoted("siblings", "killed"));
     EXPECT_TRUE(IsNoted("stopped", "continued"));
     EXPECT_TRUE(IsNoted("written", "0"));
-    EXPECT_EQ(ReadFile(Note("written")).find_first_not_of("0\n"), std::string::npos) << "it has got descriptors";
+    EXPECT_EQ(ReadFile(Note("written")).find_first_not_of("0\n"), std::string::npos)
+        << "an item has inherited descriptors";
     const pid_t stopped = daemon.WaitForItem("stop-itself", "stop-itself");
-    EXPECT_TRUE(IsStopped(stopped)) << "no process continues it";
+    EXPECT_TRUE(IsStopped(stopped)) << "no process wakes it";
     EXPECT_TRUE(daemon.WaitForLog("ask-for-more.ask-for-more[", 3));
     const auto launches = static_cast<int>(daemon.PidsOf("radio", "radiod").size());
     ::kill(daemon.WaitForItem("radio", "radiod", launches), SIGKILL);
@@ -66,14 +67,14 @@ TEST_F(AHostileItem, HarmsNoOtherBundle)
     EXPECT_TRUE(IsUnharmed());
 
     for (const std::string& deed : deeds) {
-        // An item that crashes all the time is dead at most moments at which it is stopped.
+        // An item that crashes all the time is usually dead when it is stopped.
         EXPECT_TRUE(deed == "ask-for-more" || RequestDelete(deed) == 200) << deed;
     }
     EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [&] { return !ProcessOf::IsAlive(stopped); }));
     EXPECT_TRUE(IsUnharmed());
 }
 
-// What an item has started is no item: it is not stopped with it.
+// A child of an item is not an item, so the server does not stop it.
 TEST_F(AHostileItem, LeavesItsOwnChildrenBehindWhenItIsStopped)
 {
     Write(collection, "fork-for-ever");
@@ -94,7 +95,7 @@ TEST_F(AHostileItem, ThatKillsItsGroupEndsTheServerWithIt)
     MoveIn("kill-group");
     const auto end = daemon.WaitForEnd();
     ASSERT_TRUE(end);
-    EXPECT_EQ(end->status, 0) << "as anybody else's SIGTERM would";
+    EXPECT_EQ(end->status, 0) << "as with any other SIGTERM";
     fs::remove_all(In("kill-group"));
     ASSERT_TRUE(StartServing());
     EXPECT_TRUE(IsUnharmed());
@@ -110,7 +111,7 @@ TEST_F(AHostileItem, ThatDeletesItsBundleIsStopped)
     EXPECT_TRUE(IsUnharmed());
 }
 
-TEST_F(AHostileItem, ThatRewritesItsManifestIsRestartedRepeatedlyAndDelaysNoOther)
+TEST_F(AHostileItem, ThatRewritesItsManifestIsRestartedRepeatedlyWithoutDelayingOthers)
 {
     Write(staging, "rewrite-manifest");
     ASSERT_TRUE(StartServing());
@@ -118,14 +119,14 @@ TEST_F(AHostileItem, ThatRewritesItsManifestIsRestartedRepeatedlyAndDelaysNoOthe
     EXPECT_TRUE(IsStarted("rewrite-manifest", 3));
     EXPECT_TRUE(IsUnharmed());
     const std::size_t launches = daemon.PidsOf("rewrite-manifest", "rewrite-manifest").size();
-    EXPECT_TRUE(IsStarted("rewrite-manifest", static_cast<int>(launches) + 1)) << "still at it";
+    EXPECT_TRUE(IsStarted("rewrite-manifest", static_cast<int>(launches) + 1)) << "it still rewrites its manifest";
     EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [] { return RequestDelete("rewrite-manifest") == 200; }));
     EXPECT_TRUE(IsUnharmed());
 }
 
 TEST_F(AnItemThatLeavesTheGroup, IsNotSupervisedAndTheOthersAre)
 {
-    collection.Bundle("a-radio").Copy("radiod", TEST_SLEEPER).Write(); // launched first: the lowest pid
+    collection.Bundle("a-radio").Copy("radiod", TEST_SLEEPER).Write(); // launched first, so it has the lowest pid
     Write(collection, "leave-session");
     ASSERT_TRUE(StartServing());
     const pid_t leaver = daemon.WaitForItem("leave-session", "leave-session");
@@ -133,14 +134,14 @@ TEST_F(AnItemThatLeavesTheGroup, IsNotSupervisedAndTheOthersAre)
     ::kill(leaver, SIGKILL);
     EXPECT_EQ(daemon.WaitForItem("leave-session", "leave-session", 2, 2s), 0) << "its end is not seen";
     EXPECT_EQ(DeadChildren(), std::vector<pid_t>{leaver});
-    EXPECT_EQ(RequestDelete("leave-session"), 200) << "it can be stopped all the same";
+    EXPECT_EQ(RequestDelete("leave-session"), 200) << "it can still be stopped";
     ::kill(daemon.WaitForItem("a-radio", "radiod"), SIGKILL);
     EXPECT_NE(daemon.WaitForItem("a-radio", "radiod", 2), 0);
-    // The dead one has the lowest pid now: it is its group that is waited for, and so it is found.
+    // The dead item now has the lowest pid. The monitor waits for its group, and so finds it.
     EXPECT_TRUE(IsUnharmed());
 }
 
-// The monitor waits for the group of the lowest pid, wherever that has gone.
+// The monitor waits for the group of the lowest pid, even if that item has joined another group.
 TEST_F(AnItemThatLeavesTheGroup, AndHasTheLowestPidBlocksTheSupervisionOfAllOthersUntilItEnds)
 {
     Write(collection, "leave-session");
@@ -153,15 +154,15 @@ TEST_F(AnItemThatLeavesTheGroup, AndHasTheLowestPidBlocksTheSupervisionOfAllOthe
         ::kill(daemon.WaitForItem("radio", "radiod", ++launches), SIGKILL);
         return daemon.WaitForItem("radio", "radiod", launches + 1, time) != 0;
     };
-    // The wait that is under way may be the one for the server's own group.
+    // The current wait may still be one for the server's own group.
     const bool wasWaitingForAll = isRunAgain(2s);
     EXPECT_FALSE(wasWaitingForAll && isRunAgain(2s));
     ::kill(leaver, SIGKILL);
-    EXPECT_NE(daemon.WaitForItem("radio", "radiod", launches + 1), 0) << "the deaths that were missed are handled now";
+    EXPECT_NE(daemon.WaitForItem("radio", "radiod", launches + 1), 0) << "the missed deaths are handled now";
     EXPECT_NE(daemon.WaitForItem("leave-session", "leave-session", 2), 0);
 }
 
-TEST_F(AnItemThatLeavesTheGroup, AndHasTheLowestPidTakesThoseWithItThatAreLaunchedLater)
+TEST_F(AnItemThatLeavesTheGroup, AndHasTheLowestPidTakesLaterItemsIntoItsGroup)
 {
     Write(collection, "leave-group");
     ASSERT_TRUE(StartServing());
@@ -172,7 +173,7 @@ TEST_F(AnItemThatLeavesTheGroup, AndHasTheLowestPidTakesThoseWithItThatAreLaunch
     EXPECT_EQ(::getpgid(daemon.WaitForItem("radio", "radiod")), leaver);
 }
 
-TEST_F(AnItemsName, MayBeAnyPathAndFailsItsItemAloneIfNothingIsThere)
+TEST_F(AnItemsName, MayBeAnyPathAndAMissingFileFailsOnlyItsItem)
 {
     collection.Bundle("radio")
         .Item("../data/outside", Shell(": > " + Note("outside") + "\nexec " TEST_SLEEPER))
@@ -190,7 +191,7 @@ TEST_F(AnItemsName, MayBeAnyPathAndFailsItsItemAloneIfNothingIsThere)
     for (const char* const name : {"outside", "space", "percent"}) {
         EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [&] { return Exists(Note(name)); })) << name;
     }
-    EXPECT_TRUE(daemon.WaitForLog("execl fail.errno[2].", 3));  // not there: an absolute name is below "bin" as well
+    EXPECT_TRUE(daemon.WaitForLog("execl fail.errno[2].", 3)); // missing: an absolute name is looked up below "bin" too
     EXPECT_TRUE(daemon.WaitForLog("execl fail.errno[36].", 2)); // too long
     EXPECT_TRUE(daemon.WaitForLog("execl fail.errno[13].", 1)); // a directory
     EXPECT_TRUE(daemon.WaitForLog("does not need relaunch with exit status [1].", 6));

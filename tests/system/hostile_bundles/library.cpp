@@ -5,7 +5,7 @@
 
 namespace {
 
-// Far deeper than any stack is. Not a tail call, and nothing that could be left out.
+// Recurses far deeper than any stack. It is no tail call, and the compiler cannot optimise it away.
 int Deeper(int levels, const volatile char* above)
 {
     if (levels == 0) {

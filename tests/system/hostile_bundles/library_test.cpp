@@ -1,4 +1,4 @@
-// Libraries on threads of the server: it does not outlive all of them, and what ends it, ends it each time.
+// Libraries on threads of the server. Some of them end the server, and do so at each start.
 
 #include "system/hostile_bundles/hostile_bundle.h"
 
@@ -35,10 +35,10 @@ TEST_P(ALibraryThatEndsTheServer, DoesSoAtEachStartUntilItsBundleIsTakenOut)
 INSTANTIATE_TEST_SUITE_P(Harms, ALibraryThatEndsTheServer, testing::Values("Abort", "Overflow", "Crash", "Exit"),
                          [](const auto& instance) { return std::string(instance.param); });
 
-// The dynamic loader holds a lock while it runs a library's constructors, which the end of the process takes too.
+// The dynamic loader holds a lock while it runs a library's constructors. The end of the process needs the same lock.
 TEST_F(ALibraryThatIsNeverLoadedCompletely, BlocksOtherLibrariesAndTheServersEnd)
 {
-    daemon.SetEnvironment("LD_PRELOAD", ""); // whatever is loaded before the daemon may ask the loader for a name
+    daemon.SetEnvironment("LD_PRELOAD", ""); // a preloaded library may look up a symbol, and block
     collection.Bundle("holder").ThreadMode().Library("libholder.so", "ReturnZero", HOSTILE_CONSTRUCTOR).Write();
     staging.Bundle("meter").ThreadMode().Library("libmeter.so", "ReturnZero", TEST_LIBRARY).Write();
     ASSERT_TRUE(daemon.StartServing());
@@ -47,7 +47,7 @@ TEST_F(ALibraryThatIsNeverLoadedCompletely, BlocksOtherLibrariesAndTheServersEnd
     EXPECT_FALSE(daemon.WaitForLog("bundle[meter] dyn lib[libmeter.so] activate done.", 1, 1s));
     staging.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
     MoveIn("radio");
-    EXPECT_NE(daemon.WaitForItem("radio", "radiod"), 0) << "programs are launched all the same";
+    EXPECT_NE(daemon.WaitForItem("radio", "radiod"), 0) << "programs are still launched";
     EXPECT_EQ(RequestDelete("radio"), 200);
     daemon.Signal(SIGTERM);
     EXPECT_FALSE(daemon.WaitForEnd(1s));

@@ -1,5 +1,5 @@
-// Manifests of every bad kind: in the collection when the server starts, dropped in while it runs, and put in the place
-// of a good one.
+// Bad manifests of every kind. They are in the collection when the server starts, are dropped in while it runs, or
+// replace a good one.
 
 #include "system/hostile_bundles/hostile_bundle.h"
 
@@ -67,7 +67,7 @@ std::string Noise(std::size_t size)
     return text;
 }
 
-/// Each key refers to the next one, so often; the last one is x.
+/// A chain of that many keys, each of which refers to the next. The last one is x.
 std::string ChainOfReferences(int length, int times)
 {
     return Repeat(length,
@@ -78,7 +78,7 @@ std::string ChainOfReferences(int length, int times)
            "key" + std::to_string(length) + " = x\n";
 }
 
-/// Keys of four letters, as many as a manifest can have, in a section whose name takes half of it.
+/// As many keys of four letters as fit into a manifest, in a section whose name takes half of it.
 std::string ManyKeysInALongSection()
 {
     std::string text = Global("hoarder") + "[" + std::string(MEBIBYTE / 2, 's') + "]\n";
@@ -105,7 +105,7 @@ void WriteSparse(const std::string& path)
 
 void MakeSocket(const std::string& path)
 {
-    // By a short name: an address has room for a hundred characters.
+    // Through a short name, because a socket address has room for a hundred characters.
     const int directory = ::open(fs::path(path).parent_path().c_str(), O_PATH | O_CLOEXEC);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -117,7 +117,7 @@ void MakeSocket(const std::string& path)
     ::close(directory);
 }
 
-/// In one step, where one of the two is no directory.
+/// In one step. One of the two must not be a directory.
 void Replace(const std::string& from, const std::string& to)
 {
     if (fs::is_directory(fs::symlink_status(from)) || fs::is_directory(fs::symlink_status(to))) {
@@ -236,7 +236,7 @@ Corpus Files(const std::string& collection)
         Link("zeroes", NotRegular(collection + "/zeroes"), "/dev/zero"),
         Link("full", NotRegular(collection + "/full"), "/dev/full"),
         Link("terminal", NotRegular(collection + "/terminal"), "/dev/ptmx"),
-        // Regular files, says the kernel. The first can not be read at its beginning, the second never ends.
+        // The kernel reports these as regular files. The first cannot be read at its beginning, the second never ends.
         Link("memory", NO_NAME, "/proc/self/mem"),
         Link("messages", NO_NAME, "/proc/kmsg"),
     };
@@ -310,10 +310,10 @@ TEST_F(AHostileManifest, ThatIsDroppedInFailsAlone)
     WriteInto(staging);
     collection.Bundle("dos").Write();
     ASSERT_TRUE(StartServing());
-    fs::remove_all(staging / "dos"); // is there already: others require it
+    fs::remove_all(staging / "dos"); // it is there already, because others require it
     MoveAllIn();
     ASSERT_TRUE(daemon.WaitForLog("add a new bundle dir.", static_cast<int>(m_corpus.size())));
-    EXPECT_TRUE(IsUnharmed()); // and so the last of them is over
+    EXPECT_TRUE(IsUnharmed()); // by now the last of them has been handled
     EXPECT_TRUE(IsFollowed(std::string("exception info: [") + NO_FILE + "].",
                            "failed to load bundle from [" + In("closed") + "]."));
     for (const HostileManifest& hostile : m_corpus) {
@@ -339,7 +339,7 @@ TEST_F(AHostileManifest, ThatIsDroppedInFailsAlone)
     EXPECT_EQ(daemon.CountInLog("start bundle done."), Count(Outcome::LOADED) + 1);
 }
 
-// The short form takes every eighth of those that are refused.
+// The short form takes every eighth of the refused manifests.
 TEST_F(AHostileManifest, InThePlaceOfAGoodOneLeavesTheBundleRunning)
 {
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();

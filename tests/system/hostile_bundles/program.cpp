@@ -1,5 +1,4 @@
-// A program that does what its own name says. It writes its notes to the directory that the environment variable NOTES
-// names.
+// A program that does what its own name says. It writes notes to the directory in the environment variable NOTES.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -19,7 +18,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int RELAUNCH_STATUS = 2;
-constexpr int MOST_PROCESSES = 300; // whatever else bounds them
+constexpr int MOST_PROCESSES = 300; // a bound of this program's own
 
 struct Deed {
     const char* name;
@@ -37,7 +36,7 @@ void Note(const std::string& name, const std::string& text)
     std::ofstream(NotePath(name), std::ios::app) << text << '\n';
 }
 
-/// For acts that must not be repeated by each relaunch.
+/// For acts that a relaunch must not repeat.
 bool IsFirstRun(const std::string& name)
 {
     const int fd = ::open(NotePath(name).c_str(), O_CREAT | O_EXCL | O_CLOEXEC, 0600);
@@ -74,7 +73,7 @@ void StopItself()
 void IgnoreSignals()
 {
     for (int signal = 1; signal < NSIG; ++signal) {
-        static_cast<void>(std::signal(signal, SIG_IGN)); // two of them can not be ignored
+        static_cast<void>(std::signal(signal, SIG_IGN)); // two of them cannot be ignored
     }
 }
 
@@ -103,8 +102,8 @@ pid_t ParentOf(const std::string& process)
     return parent;
 }
 
-/// The server that has started this program. When the server has died, the parent is another process, and this program
-/// ends.
+/// The server, which is this program's parent. After the server's death the parent is another process; this program
+/// then ends.
 pid_t Server()
 {
     const pid_t parent = ::getppid();
@@ -150,8 +149,8 @@ void StopServer()
     }
 }
 
-/// As a user with a limit of few processes, if the program may become one.
-void ForkForEver()
+/// Runs as a user with a limit of few processes, if the program may change its user.
+void ForkForever()
 {
     const rlimit few{40, 40};
     ::setrlimit(RLIMIT_NPROC, &few);
@@ -199,7 +198,7 @@ constexpr std::array<Deed, 13> DEEDS{{
     {"kill-siblings", KillSiblings},
     {"kill-group", KillGroup},
     {"stop-server", StopServer},
-    {"fork-for-ever", ForkForEver},
+    {"fork-for-ever", ForkForever},
     {"delete-bundle", DeleteBundle},
     {"rewrite-manifest", RewriteManifest},
     {"ask-for-more", AskForMore},

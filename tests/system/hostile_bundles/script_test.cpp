@@ -1,4 +1,4 @@
-// Files that are no scripts, and scripts that fail, never end, or attack the server and other bundles.
+// Files that are not scripts, and scripts that fail, never end, or attack the server or other bundles.
 
 #include "system/hostile_bundles/hostile_bundle.h"
 
@@ -13,7 +13,7 @@ using namespace std::chrono_literals;
 
 class AHostileScript : public HostileBundles {
 protected:
-    /// One for each way in which an "install.sh" can be bad without an effect on anybody else.
+    /// Writes a bundle for each way in which an "install.sh" can be bad without an effect on other bundles.
     static void WriteBad(const CollectionBuilder& target, const std::string& notes)
     {
         const auto pathOf = [&target](const std::string& bundle) { return target / bundle + "/script/install.sh"; };
@@ -37,7 +37,7 @@ protected:
         target.Bundle("talker").Install(Shell("head -c 100000000 /dev/zero; head -c 1000000 /dev/zero >&2")).Write();
     }
 
-    /// A bundle whose "install.sh" never ends; returns when it has begun.
+    /// Moves in a bundle whose "install.sh" never ends. Returns the script's pid once it runs.
     pid_t HoldUp()
     {
         staging.Bundle("holder").Install(Shell("echo $$ > " + Note("holder") + "\nexec " TEST_SLEEPER)).Write();
@@ -59,7 +59,7 @@ TEST_F(AHostileScript, OfTheInstallationHarmsNothingAtTheStart)
     for (const std::string& bundle : BAD) {
         EXPECT_TRUE(IsStarted(bundle));
     }
-    // The framework's launcher gives a file without an interpreter line to the shell.
+    // The framework runs a file without an interpreter line in the shell.
     EXPECT_TRUE(Exists(Note("bare")));
     EXPECT_FALSE(Exists(Note("forbidden")));
     EXPECT_TRUE(ProcessOf::IsAlive(static_cast<pid_t>(std::strtol(ReadFile(Note("fork")).c_str(), nullptr, 10))));
@@ -91,7 +91,7 @@ TEST_F(AHostileScript, ThatNeverEndsBlocksEverythingElseUntilItIsKilled)
         ASSERT_TRUE(other.Send(PacketOf(4, 0, NameField("nobody"))));
         EXPECT_FALSE(client.Receive(500ms));
         EXPECT_FALSE(other.Receive(100ms));
-        // Everything that needs no manager continues.
+        // Everything that does not need the manager's lock continues.
         ::kill(daemon.WaitForItem("radio", "radiod"), SIGKILL);
         EXPECT_NE(daemon.WaitForItem("radio", "radiod", 2), 0);
         ASSERT_TRUE(daemon.WaitForLog("radio.radiod relaunch done."));
@@ -107,7 +107,7 @@ TEST_F(AHostileScript, ThatNeverEndsBlocksEverythingElseUntilItIsKilled)
     EXPECT_TRUE(IsUnharmed());
 }
 
-// The server finishes its current work first. While a bundle is installed, that is the script.
+// The server finishes its current work before it ends. Here its current work is to wait for the script.
 TEST_F(AHostileScript, ThatNeverEndsKeepsTheServerFromEndingUntilItIsKilled)
 {
     ASSERT_TRUE(StartServing());
@@ -115,7 +115,7 @@ TEST_F(AHostileScript, ThatNeverEndsKeepsTheServerFromEndingUntilItIsKilled)
     ASSERT_GT(script, 0);
     daemon.Signal(SIGTERM);
     EXPECT_FALSE(daemon.WaitForEnd(2s));
-    EXPECT_FALSE(UnixClient(SERVICE_SOCKET).IsConnected()) << "it serves no more";
+    EXPECT_FALSE(UnixClient(SERVICE_SOCKET).IsConnected()) << "it no longer serves";
     ::kill(script, SIGKILL);
     const auto end = daemon.WaitForEnd();
     ASSERT_TRUE(end);
@@ -153,8 +153,8 @@ TEST_F(AHostileScript, OfAnUpdateHarmsNothing)
         EXPECT_TRUE(IsStarted(bundle, 2));
     }
     EXPECT_TRUE(IsUnharmed());
-    EXPECT_TRUE(daemon.WaitForLog("update bundle[rewriter] failed.")) << "its manifest is read once more";
-    EXPECT_EQ(daemon.CountInLog("dir item modified event happen."), 4) << "what else a script does counts as its own";
+    EXPECT_TRUE(daemon.WaitForLog("update bundle[rewriter] failed.")) << "the server reads its manifest once more";
+    EXPECT_EQ(daemon.CountInLog("dir item modified event happen."), 4) << "a script's other changes raise no event";
 }
 
 TEST_F(AHostileScript, ThatKillsTheGroupOfTheServerEndsIt)

@@ -51,10 +51,11 @@ protected:
     }
 };
 
-/// Something holds a lock while the server starts.
+/// A process other than a server holds a lock while the server starts.
 class AStartUnderALock : public HostileService {
 protected:
-    /// Holds a lock on the file, made where it is missing, until the test's end or LetGo; as that user.
+    /// Starts a process of that user, which locks the file until LetGo or the end of the test. The flag O_CREAT makes a
+    /// missing file.
     void Lock(const std::string& path, int flags, uid_t user)
     {
         std::array<int, 2> ready{};
@@ -127,15 +128,15 @@ TEST_F(APeerOfAnotherUser, IsRefusedEachTimeEvenIfTheSocketsModeLetsItIn)
 
 TEST_F(APeerOfAnotherUser, IsRefusedEvenInTheServersGroup)
 {
-    EXPECT_TRUE(Holds(NOBODY, ::getegid(), IsTurnedAway)) << "the mode lets it in, the server does not";
+    EXPECT_TRUE(Holds(NOBODY, ::getegid(), IsTurnedAway)) << "the file's mode admits it, the server does not";
     EXPECT_TRUE(daemon.WaitForLog("of user 65534 is refused"));
     ExpectGoodService();
     ExpectRadioIsDeleted();
 }
 
-TEST_F(APeerOfAnotherUser, IsRecognisedByItsConnectionAndNotByTheSender)
+TEST_F(APeerOfAnotherUser, IsRecognisedByItsConnectionInsteadOfTheSender)
 {
-    // Root has connected and then given up its rights. The connection still counts as root's.
+    // Root connects and then gives up its rights. The connection still counts as root's.
     const UnixClient client(SERVICE_SOCKET);
     EXPECT_TRUE(Holds(NOBODY, NOBODY, [&] {
         return client.Ask(DeletePacket(NO_BUNDLE), DaemonRunner::PATIENCE) == StatusPacket(404);
@@ -157,7 +158,7 @@ TEST_F(AStartUnderALock, ThatAnyUserHoldsOnTheServiceDirectoryServes)
     EXPECT_TRUE(std::filesystem::is_empty("/mnt/bolt")) << "a clean end leaves nothing behind";
 }
 
-TEST_F(AStartUnderALock, ThatNoServerHoldsServesWhenItIsFree)
+TEST_F(AStartUnderALock, ThatNoServerHoldsServesOnceTheLockIsFree)
 {
     std::filesystem::create_directories("/mnt/bolt");
     Lock("/mnt/bolt/.bundlesvr.paas.kov.lock", O_RDONLY | O_CREAT | O_CLOEXEC, 0);
@@ -203,9 +204,9 @@ TEST_F(TheSocketFile, IsNotRemovedAtTheEndIfAnotherHasTakenItsPlace)
     std::filesystem::remove(SERVICE_SOCKET);
     m_otherCollection.Bundle("tuner").Write();
     ASSERT_TRUE(m_other.StartServing()) << "the name is free";
-    EXPECT_EQ(RequestDelete("radio"), 404) << "it is the other server that answers";
+    EXPECT_EQ(RequestDelete("radio"), 404) << "the other server answers";
     EXPECT_EQ(daemon.Stop().status, 0);
-    EXPECT_EQ(RequestDelete("tuner"), 200) << "and still does";
+    EXPECT_EQ(RequestDelete("tuner"), 200) << "the other server still answers";
     EXPECT_EQ(m_other.Stop().status, 0);
     EXPECT_FALSE(Exists(SERVICE_SOCKET));
 }

@@ -15,7 +15,7 @@ using namespace SystemServer::BundleService;
 
 namespace {
 
-/// The packet with a header whose length is wrong by so much.
+/// The packet, with a length in its header that is wrong by that much.
 std::string WithLength(std::string packet, int difference)
 {
     const auto length = static_cast<std::uint16_t>(packet.size() - HEADER_SIZE + static_cast<unsigned>(difference));

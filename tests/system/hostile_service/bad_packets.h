@@ -12,7 +12,7 @@
 /// The status of the reply to a packet; none when the packet ends its connection.
 std::optional<std::uint16_t> AnswerTo(const std::string& packet);
 
-/// Packets that no well-meant client sends, the same ones in each run.
+/// Packets that no correct client sends. They are the same in each run.
 class BadPackets {
 public:
     struct Packet {

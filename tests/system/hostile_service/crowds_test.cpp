@@ -32,7 +32,7 @@ protected:
         return clients;
     }
 
-    /// By the service itself: a connection that has only been queued is not answered.
+    /// Whether the service answers. A connection that only waits in the queue gets no answer.
     static bool IsServed(const UnixClient& client)
     {
         return client.Ask(DeletePacket(NO_BUNDLE), DaemonRunner::PATIENCE) == StatusPacket(404);
@@ -41,7 +41,7 @@ protected:
 
 } // namespace
 
-TEST_F(ACrowdOfHostilePeers, MayTakeHalfOfTheDescriptorsAndTheServerWorksWithTheOtherHalf)
+TEST_F(ACrowdOfHostilePeers, MayTakeHalfOfTheDescriptorsAndLeavesTheServerTheOtherHalf)
 {
     StartServingWithDescriptors(64);
     std::list<UnixClient> inside = Connect(32);
@@ -56,10 +56,10 @@ TEST_F(ACrowdOfHostilePeers, MayTakeHalfOfTheDescriptorsAndTheServerWorksWithThe
     for (const UnixClient& client : inside) {
         ASSERT_TRUE(IsServed(client));
     }
-    EXPECT_LE(daemon.CountInLog("a connection cannot be accepted"), 2) << "waiting costs no log";
+    EXPECT_LE(daemon.CountInLog("a connection cannot be accepted"), 2) << "waiting is logged rarely";
 
-    // These need descriptors: the relaunch of a child, without which the server ends; a script, another child, a
-    // removal.
+    // These need descriptors: the relaunch of a child, which ends the server if it fails, a script, another child, and
+    // a removal.
     ASSERT_EQ(::kill(Radio(), SIGKILL), 0);
     EXPECT_NE(daemon.WaitForItem("radio", "radiod", 2), 0);
     staging.Bundle("tuner").Install(Shell(": > " + Note("installed"))).Copy("tunerd", TEST_SLEEPER).Write();
@@ -99,7 +99,7 @@ TEST_F(ACrowdOfHostilePeers, WaitsWithoutHarmWhileOthersHaveTakenTheDescriptors)
     ExpectRadioIsDeleted();
 }
 
-TEST_F(ACrowdOfHostilePeers, OfThousandsIsServedUpToTheLimitAndTheRestInItsTurn)
+TEST_F(ACrowdOfHostilePeers, OfThousandsIsServedUpToTheLimitAndThenInTurn)
 {
     const auto limit = Scaled<rlim_t>(2000, 16384);
     const int room = static_cast<int>(limit / 2);

@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::size_t EVENT_SIZE = 72;
 
-/// Deletes bundles. Each deletion is published, and nothing else may depend on the event service.
+/// Deletes bundles. Each deletion publishes an event, and nothing else may depend on the event service.
 class AnEventService : public HostileService {
 protected:
     void SetUp() override
@@ -41,10 +41,10 @@ protected:
     {
         Withstands(2, [this] { DeleteSome(5); });
         ExpectRadioIsDeleted();
-        ExpectGoodService(); // the event follows the reply, and is over before the next one
+        ExpectGoodService(); // the server writes the event after its reply, and before its next one
     }
 
-    /// All events that are in the FIFO.
+    /// Reads all events in the FIFO. Returns their number.
     static std::size_t ReadEvents(int fifo)
     {
         std::size_t events = 0;
@@ -92,10 +92,10 @@ TEST_F(AnEventService, WhoseListenerStopsWithTheFifoFullLosesWholeEvents)
         ++waiting;
     }
     ExpectHarmless();
-    EXPECT_EQ(ReadEvents(fifo), waiting) << "events are lost only as a whole";
+    EXPECT_EQ(ReadEvents(fifo), waiting) << "only whole events are lost";
     DeleteSome(2);
     ExpectGoodService();
-    EXPECT_EQ(ReadEvents(fifo), 2U) << "a listener that reads again gets events again";
+    EXPECT_EQ(ReadEvents(fifo), 2U) << "a listener that reads again receives events";
     ::close(fifo);
 }
 
@@ -184,14 +184,14 @@ TEST_F(AnEventService, InADirectoryThatHasBecomeReadOnlyStillGetsEvents)
     EXPECT_EQ(ReadEvents(fifo), 3U);
     ::close(fifo);
     ExpectHarmless();
-    EXPECT_EQ(daemon.Stop().status, 0) << "the socket that it cannot take away is left for the next to replace";
+    EXPECT_EQ(daemon.Stop().status, 0) << "the next server replaces the socket that this one cannot remove";
     ASSERT_EQ(::mount(nullptr, "/mnt", nullptr, MS_REMOUNT | MS_NOSUID | MS_NODEV, nullptr), 0);
     collection.Bundle("radio").Write();
     EXPECT_TRUE(daemon.StartServing());
     ExpectRadioIsDeleted();
 }
 
-TEST_F(TheServiceDirectory, ThatCannotBeMadeCostsTheServiceAndNoSupervision)
+TEST_F(TheServiceDirectory, ThatCannotBeMadeCostsTheServiceButNotTheSupervision)
 {
     ASSERT_EQ(::mount(nullptr, "/mnt", nullptr, MS_REMOUNT | MS_RDONLY | MS_NOSUID | MS_NODEV, nullptr), 0)
         << std::strerror(errno);

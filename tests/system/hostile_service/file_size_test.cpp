@@ -1,4 +1,4 @@
-// A limit on file sizes, which the log reaches.
+// A limit on file sizes that the log reaches.
 #include "system/hostile_service/hostile_service.h"
 
 #include <sys/resource.h>
@@ -22,7 +22,7 @@ bool IsIgnored(const std::string& line, int signal)
 
 class ALimitOnFileSizes : public HostileService {
 protected:
-    /// @param disposition of SIGXFSZ, with which the daemon is started
+    /// @param disposition that of SIGXFSZ when the daemon starts
     void StartWithLimit(void (*disposition)(int))
     {
         daemon.SetPreparation([disposition] {
@@ -64,7 +64,7 @@ protected:
 
 } // namespace
 
-TEST_F(ALimitOnFileSizes, CostsRecordsAndNeitherTheServiceNorTheSupervision)
+TEST_F(ALimitOnFileSizes, CostsRecordsButNeitherTheServiceNorTheSupervision)
 {
     StartWithLimit(SIG_DFL);
     const pid_t before = Radio();
@@ -78,7 +78,7 @@ TEST_F(ALimitOnFileSizes, CostsRecordsAndNeitherTheServiceNorTheSupervision)
         const std::vector<pid_t> items = daemon.Descendants();
         return items.size() == 1 && items.front() != before &&
                ProcessOf::Executable(items.front()).find("/bin/radiod") != std::string::npos;
-    })) << "the child that is to be the item logs before it is";
+    })) << "the child logs before it executes the item";
     ExpectRadioIsDeleted();
 }
 
@@ -94,7 +94,7 @@ TEST_F(ALimitOnFileSizes, IsFollowedByTheNumberOfLostRecordsOnceItIsLifted)
     ExpectRadioIsDeleted();
 }
 
-TEST_F(ALimitOnFileSizes, LeavesScriptsAndItemsTheSignalsDefaultEffect)
+TEST_F(ALimitOnFileSizes, LeavesTheSignalItsDefaultEffectInScriptsAndItems)
 {
     StartWithLimit(SIG_DFL);
     LetTheLogReachIt();
@@ -104,7 +104,7 @@ TEST_F(ALimitOnFileSizes, LeavesScriptsAndItemsTheSignalsDefaultEffect)
     EXPECT_FALSE(IsIgnored(ReadFile(Note("item")), SIGXFSZ)) << ReadFile(Note("item"));
 }
 
-TEST_F(ALimitOnFileSizes, LeavesScriptsAndItemsIgnoringTheSignalIfTheServerWasStartedSo)
+TEST_F(ALimitOnFileSizes, LeavesTheSignalIgnoredInScriptsAndItemsIfTheServerWasStartedIgnoringIt)
 {
     StartWithLimit(SIG_IGN);
     MoveInAWitness();
@@ -125,7 +125,8 @@ TEST_F(ALimitOnFileSizes, DoesNotKillAChildThatCannotBeExecuted)
     MoveIn("ghost");
     ASSERT_TRUE(Eventually(DaemonRunner::PATIENCE, [this] { return Exists(Note("next")); }));
     LiftTheLimit();
-    EXPECT_FALSE(daemon.WaitForLog("relaunch ghost.missing...", 1, 3s)) << "it has ended with status 1 and rests";
+    EXPECT_FALSE(daemon.WaitForLog("relaunch ghost.missing...", 1, 3s))
+        << "it has ended with status 1 and is not relaunched";
 }
 
 TEST_F(ALimitOnFileSizes, DoesNotEndADaemonInTheBackground)

@@ -64,11 +64,12 @@ void HostileService::Withstands(int rounds, const std::function<void()>& attack,
         ExpectGoodService();
     }
     ExpectDescriptors(descriptors);
-    // What is deleted is written out by a thread of its own, which a busy disk holds up.
+    // A thread of its own writes deletions to the disk. A busy disk delays its end.
     EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [&] { return daemon.Threads() <= threads; })) << daemon.Threads();
     EXPECT_TRUE(ComesToRest());
     const long memoryAfter = PrivateKilobytes();
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // which keep freed memory and books of their own
+#if !defined(__SANITIZE_ADDRESS__) &&                                                                                  \
+    !defined(__SANITIZE_THREAD__) // the sanitizers keep freed memory and data of their own
     EXPECT_LE(memoryAfter, memory + kilobytes);
 #else
     static_cast<void>(kilobytes);
@@ -86,7 +87,7 @@ void HostileService::ExpectGoodService()
 
 bool HostileService::ComesToRest()
 {
-    static constexpr auto tick = 10ms; // the unit of the figure; a scan a second, and what else wakes, is allowed for
+    static constexpr auto tick = 10ms; // the figure's unit; leaves room for a scan a second and other wake-ups
     return Eventually(DaemonRunner::PATIENCE, [this] {
         const auto before = ProcessOf::ProcessorTime(daemon.Pid());
         std::this_thread::sleep_for(300ms); // the interval of the measurement
@@ -111,7 +112,7 @@ long HostileService::PrivateKilobytes()
 
 void HostileService::ExpectRadioIsDeleted()
 {
-    // While an item is run again, which takes a second, it cannot be stopped.
+    // A relaunch takes a second, in which the item cannot be stopped.
     EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [] { return RequestDelete("radio") == 200; }));
     EXPECT_FALSE(Exists(collection / "radio"));
 }

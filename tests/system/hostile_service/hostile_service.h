@@ -12,14 +12,14 @@
 /// A daemon with one bundle, "radio", whose item runs. No attack may change its resources.
 class HostileService : public SystemTest {
 public:
-    /// A bundle that no test has. A request for it is well-formed and changes nothing.
+    /// The name of a bundle that does not exist. A request for it is well-formed and changes nothing.
     static constexpr const char NO_BUNDLE[] = "not-there";
 
-    /// Writes the bundle and has the daemon serve.
+    /// Writes the bundle, starts the daemon and waits until it serves.
     void StartServing();
 
-    /// Attacks once, so that everything that is made once exists, and then so many times more. The server must serve
-    /// after each attack. In the end its memory, descriptors and threads must be those after the first one.
+    /// Attacks once, so that everything that is made only once exists, and then that many times more. The server must
+    /// serve after each attack. In the end its memory, descriptors and threads must be as after the first attack.
     /// @param kilobytes how far the memory may differ
     void Withstands(int rounds, const std::function<void()>& attack, long kilobytes = 256);
 
@@ -35,26 +35,26 @@ public:
     /// Its resident memory in kB, without its libraries.
     long PrivateKilobytes();
 
-    /// Deletes the bundle: the last good request.
+    /// Deletes the bundle, as the last good request.
     void ExpectRadioIsDeleted();
 
-    /// The item of the bundle.
+    /// The pid of the bundle's item.
     pid_t Radio() { return daemon.WaitForItem("radio", "radiod"); }
 
     /// Changes the descriptor limit of the running daemon.
     void LimitDescriptors(rlim_t limit);
 
-    /// The number of new log lines that are no sound records. Empties the log afterwards, as a rotation does.
+    /// The number of new log lines that are not sound records. Empties the log afterwards, as a rotation does.
     int UnsoundLinesOfRotatedLog();
 };
 
 /// Whether a line of the log has all columns, no control character, and no more than its 4 KiB.
 bool IsSoundRecord(const std::string& line);
 
-/// Raises the descriptor limit of this process as far as it may.
+/// Raises the descriptor limit of this process as far as the system allows.
 void AllowAllDescriptors();
 
-/// Prints a measurement of a long form.
+/// Prints a measurement, in the long form only.
 void Report(const std::string& what, const std::string& figure);
 
 #endif

@@ -35,7 +35,7 @@ int CountOfUnsound(const std::vector<std::string>& lines)
         std::count_if(lines.begin(), lines.end(), [](const std::string& line) { return !IsSoundRecord(line); }));
 }
 
-/// A reader of the log that reads on demand and can end.
+/// A reader of the log. It reads when it is told to, and its end closes the pipe.
 class LogReader {
 public:
     explicit LogReader(const std::string& fifo) : LogReader(::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {}
@@ -44,7 +44,7 @@ public:
     LogReader& operator=(const LogReader&) = delete;
     ~LogReader() { ::close(m_fd); }
 
-    /// Takes all that is there.
+    /// Reads everything in the pipe.
     void Read()
     {
         std::array<char, 8192> bytes{};
@@ -72,7 +72,7 @@ class ALogOnAFullDisk : public HostileService {
 protected:
     void SetUp() override
     {
-        // Within the test's own /mnt.
+        // In the test's private /mnt.
         ASSERT_EQ(::mkdir(DISK, 0755), 0);
         ASSERT_EQ(::mount("tmpfs", DISK, "tmpfs", MS_NOSUID | MS_NODEV, "size=16k,mode=0755"), 0)
             << std::strerror(errno);
@@ -80,7 +80,7 @@ protected:
         StartServing();
     }
 
-    /// Asks until the disk takes no more, and has cut a record off at that.
+    /// Sends requests until the disk is full and has cut off a record.
     void FillTheDisk()
     {
         std::uintmax_t size = 0;
@@ -94,7 +94,7 @@ protected:
             }
             const bool isCutOff = Log().back() != '\n';
             if (!isCutOff) {
-                std::filesystem::resize_file(daemon.LogFile(), 0); // once in a hundred times a record fits exactly
+                std::filesystem::resize_file(daemon.LogFile(), 0); // in one of a hundred runs a record fits exactly
             }
             return isCutOff;
         }));
@@ -113,7 +113,7 @@ protected:
 
     void TearDown() override
     {
-        daemon.SetLogFile(""); // to show a FIFO would mean to read it
+        daemon.SetLogFile(""); // a failed test prints this file, and would read the FIFO
         HostileService::TearDown();
     }
 
@@ -133,7 +133,7 @@ protected:
         Start();
     }
 
-    /// The item notes its pid, because no log shows it.
+    /// The pid as the item has noted it, because no log shows it.
     void Start()
     {
         collection.Bundle("radio").Item("radio.sh", Shell("echo $$ > " + Note("pid") + "\nexec sleep 1000")).Write();
@@ -157,9 +157,9 @@ protected:
         ASSERT_EQ(::kill(before, SIGKILL), 0);
         EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [&] {
             return ItemPid() != 0 && ItemPid() != before && ProcessOf::IsAlive(ItemPid());
-        })) << "no child is run again";
+        })) << "no child is relaunched";
         const pid_t after = ItemPid();
-        EXPECT_FALSE(Eventually(1500ms, [&] { return ItemPid() != after; })) << "and again";
+        EXPECT_FALSE(Eventually(1500ms, [&] { return ItemPid() != after; })) << "it is relaunched more than once";
     }
 
     const std::string m_fifo = Note("log-fifo");
@@ -204,7 +204,7 @@ TEST_F(ALogOnAFullDisk, ContinuesInANewLineOnceThereIsRoomAndCountsTheLostRecord
     EXPECT_EQ(log.compare(0, full.size(), full), 0);
     const std::vector<std::string> after = Lines(log.substr(full.size()));
     ASSERT_GT(after.size(), 2U);
-    EXPECT_EQ(after[0], "") << "the line that was cut off is ended first";
+    EXPECT_EQ(after[0], "") << "a line end first completes the cut-off line";
     EXPECT_EQ(log.back(), '\n');
     EXPECT_NE(after[1].find(LOSS), std::string::npos) << after[1];
     EXPECT_NE(after[2].find(" receive uri: 0,method: 4"), std::string::npos) << after[2];
@@ -217,7 +217,7 @@ TEST_F(ALogThatIsNotRead, DoesNotKeepTheServerFromStartingAndIsReadLater)
 {
     StartWithFifoAsLog();
     ASSERT_FALSE(HasFailure());
-    AskOften(2000); // more than a pipe holds
+    AskOften(2000); // writes more records than a pipe holds
     LogReader reader(m_fifo);
     ASSERT_TRUE(reader.WaitFor("bundle server start running..."));
     ExpectGoodService();
@@ -229,22 +229,22 @@ TEST_F(ALogThatIsNotRead, DoesNotKeepTheServerFromStartingAndIsReadLater)
     ExpectRadioIsDeleted();
 }
 
-TEST_F(ALogThatIsNotRead, ButOnceCostsTheServerRecordsAndASecondAtMost)
+TEST_F(ALogThatIsNotRead, WhoseReaderStopsCostsTheServerRecordsAndASecondAtMost)
 {
     StartWithFifoAsLog();
     ASSERT_FALSE(HasFailure());
     LogReader reader(m_fifo);
     ASSERT_TRUE(reader.WaitFor("bundle server start running..."));
-    Withstands(2, [this] { AskOften(1000); }); // there is no reader any more
+    Withstands(2, [this] { AskOften(1000); }); // the reader no longer reads
     ExpectARelaunch();
     ASSERT_TRUE(reader.WaitFor("find bundle[not-there] fail."));
     ExpectGoodService();
     EXPECT_TRUE(reader.WaitFor(LOSS));
-    EXPECT_EQ(CountOfUnsound(reader.Records()), 0) << "records are lost only as a whole";
+    EXPECT_EQ(CountOfUnsound(reader.Records()), 0) << "only whole records are lost";
     ExpectRadioIsDeleted();
 }
 
-TEST_F(ALogThatIsNotRead, AnyMoreIsReadByTheNextReader)
+TEST_F(ALogThatIsNotRead, WhoseReaderHasEndedIsReadByTheNextOne)
 {
     StartWithFifoAsLog();
     ASSERT_FALSE(HasFailure());
@@ -276,7 +276,7 @@ TEST_F(ALogThatIsNotRead, OnStandardErrorCostsTheServerRecordsAndASecondAtMost)
     ExpectRadioIsDeleted();
 }
 
-TEST_F(ALogThatIsNotRead, AnyMoreOnStandardErrorKillsNoChildBeforeItsExec)
+TEST_F(ALogThatIsNotRead, OnStandardErrorWhoseReaderHasEndedKillsNoChildBeforeItsExec)
 {
     {
         LogReader reader(m_fifo);
@@ -286,7 +286,7 @@ TEST_F(ALogThatIsNotRead, AnyMoreOnStandardErrorKillsNoChildBeforeItsExec)
     }
     AskOften(100);
     ExpectARelaunch();
-    EXPECT_EQ(ProcessOf::Status(ItemPid(), "SigBlk"), "0000000000000000") << "what a child inherits is as ever";
+    EXPECT_EQ(ProcessOf::Status(ItemPid(), "SigBlk"), "0000000000000000") << "a child inherits no blocked signal";
     ExpectRadioIsDeleted();
 }
 
@@ -319,18 +319,18 @@ TEST_F(ALogThatIsNotRead, OnASocketCostsTheServerRecordsAndASecondAtMost)
     ExpectRadioIsDeleted();
 }
 
-TEST_F(TheLogFile, MayBeRenamedAndTheServerWritesOnToIt)
+TEST_F(TheLogFile, MayBeRenamedAndTheServerKeepsWritingToIt)
 {
     std::filesystem::rename(daemon.LogFile(), Note("rotated"));
     ExpectGoodService();
-    EXPECT_FALSE(Exists(daemon.LogFile())) << "it is not made again";
+    EXPECT_FALSE(Exists(daemon.LogFile())) << "it is not created again";
     EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [this] {
         return ReadFile(Note("rotated")).find("find bundle[not-there] fail.") != std::string::npos;
     }));
     ExpectRadioIsDeleted();
 }
 
-TEST_F(TheLogFile, MayBeRemovedAndTheServerServesOn)
+TEST_F(TheLogFile, MayBeRemovedAndTheServerKeepsServing)
 {
     Withstands(2, [this] {
         std::filesystem::remove(daemon.LogFile());
@@ -349,7 +349,7 @@ TEST_F(TheLogFile, MayBeCopiedAndTruncatedAndContinuesAtItsBeginning)
         }
         EXPECT_EQ(UnsoundLinesOfRotatedLog(), 0);
         ExpectGoodService();
-        EXPECT_EQ(ReadFile(daemon.LogFile()).find("20"), 0U) << "no hole where the old records were";
+        EXPECT_EQ(ReadFile(daemon.LogFile()).find("20"), 0U) << "there is no hole in place of the old records";
     }
     ExpectRadioIsDeleted();
 }

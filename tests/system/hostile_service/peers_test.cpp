@@ -29,10 +29,10 @@ using Common::MAX_PACKET_SIZE;
 
 constexpr std::uint8_t METHOD_WITHOUT_A_HANDLER = 2;
 
-/// A connection that is made again when the server has closed it.
+/// A client that connects again when the server has closed its connection.
 class StubbornPeer {
 public:
-    /// Sends the packet. Whether the reply, or the end of the connection, is the right one.
+    /// Sends the packet. Returns whether the server replies, or closes the connection, as it should.
     bool GetsItsAnswer(const BadPackets::Packet& packet)
     {
         if (!m_client) {
@@ -83,7 +83,7 @@ protected:
         HostileService::TearDown();
     }
 
-    /// A process connects, asks without end, reads nothing, and is killed meanwhile.
+    /// Starts a process that connects and sends requests without end, reads nothing, and is killed meanwhile.
     static void AskAndBeKilled()
     {
         std::array<int, 2> begun{};
@@ -108,7 +108,7 @@ protected:
     }
 };
 
-/// A thread that asks as fast as it can while it lives.
+/// A thread that sends requests as fast as it can until it ends.
 class Flood {
 public:
     Flood()
@@ -148,7 +148,7 @@ private:
 
 } // namespace
 
-TEST_F(AHostilePeer, WhosePacketsAreMalformedGetsItsRefusalOrLosesItsConnectionAndLeavesNothingBehind)
+TEST_F(AHostilePeer, ThatSendsMalformedPacketsIsRefusedOrDisconnectedAndLeavesNothingBehind)
 {
     const int packets = Scaled(20'000, 1'000'000);
     constexpr int rounds = 4;
@@ -170,7 +170,7 @@ TEST_F(AHostilePeer, WhosePacketsAreMalformedGetsItsRefusalOrLosesItsConnectionA
     Report("malformed packets refused, connections lost", std::to_string(refused) + ", " + std::to_string(closed));
 }
 
-TEST_F(AHostilePeer, ThatSendsNothingHindersNoOther)
+TEST_F(AHostilePeer, ThatSendsNothingDoesNotDisturbOthers)
 {
     const int peers = Scaled(300, 3000);
     AllowAllDescriptors();
@@ -185,7 +185,7 @@ TEST_F(AHostilePeer, ThatSendsNothingHindersNoOther)
     });
 }
 
-TEST_F(AHostilePeer, ThatAsksInBigPacketsAndReadsNothingCostsTheServerTheSmallRepliesAlone)
+TEST_F(AHostilePeer, ThatSendsBigPacketsAndReadsNothingCostsTheServerOnlyTheSmallReplies)
 {
     const int requests = Scaled(2000, 20'000);
     const UnixClient client(SERVICE_SOCKET);
@@ -197,7 +197,8 @@ TEST_F(AHostilePeer, ThatAsksInBigPacketsAndReadsNothingCostsTheServerTheSmallRe
     }
     ASSERT_TRUE(daemon.WaitForLog("not support uri[0].method[2]", requests));
     const long after = PrivateKilobytes();
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // which keep freed memory and books of their own
+#if !defined(__SANITIZE_ADDRESS__) &&                                                                                  \
+    !defined(__SANITIZE_THREAD__) // the sanitizers keep freed memory and data of their own
     EXPECT_LE(after, before + 2048);
 #endif
     Report(std::to_string(requests) + " requests of 64 KiB, nothing read, kB of memory before and after",
@@ -208,13 +209,13 @@ TEST_F(AHostilePeer, ThatAsksInBigPacketsAndReadsNothingCostsTheServerTheSmallRe
     }
 }
 
-TEST_F(AHostilePeer, ThatNeverReadsIsTheOnlyOneToLoseItsConnection)
+TEST_F(AHostilePeer, ThatNeverReadsIsTheOnlyOneDisconnected)
 {
     const int peers = Scaled(1, 8);
-    // Beside what the kernel keeps of it, a reply is 8 bytes of the 1 MiB.
+    // A reply takes 8 bytes of the 1 MiB. The kernel's buffer holds further replies.
     static constexpr int most = 2 * 1024 * 1024 / 8;
     const UnixClient bystander(SERVICE_SOCKET);
-    bool isTold = false; // of rounds that follow each other closely only the first
+    bool isTold = false; // of rounds in quick succession only the first is logged
     const auto attack = [&] {
         std::vector<std::thread> deaf;
         deaf.reserve(static_cast<std::size_t>(peers));
@@ -241,7 +242,7 @@ TEST_F(AHostilePeer, ThatNeverReadsIsTheOnlyOneToLoseItsConnection)
         isTold = isTold || log;
         EXPECT_EQ(UnsoundLinesOfRotatedLog(), 0);
     };
-    // The heap may keep the room of one queue, of all that there have been.
+    // The heap may keep the memory of one queue, but not of every queue.
     constexpr long oneQueue = 2048;
     Withstands(Scaled(1, 4), attack, oneQueue);
     EXPECT_TRUE(isTold) << "no record mentions it";
@@ -253,18 +254,18 @@ TEST_F(AHostilePeer, ThatVanishesInTheMiddleLeavesNothingBehind)
     Withstands(2, [&] {
         for (int i = 0; i < peers; ++i) {
             AskAndBeKilled();
-            const UnixClient leaver(SERVICE_SOCKET); // goes with replies unread, which resets the connection
+            const UnixClient leaver(SERVICE_SOCKET); // leaves with unread replies, which resets the connection
             for (int request = 0; request < 10; ++request) {
                 ASSERT_TRUE(leaver.Send(DeletePacket(NO_BUNDLE)));
             }
-            const UnixClient brief(SERVICE_SOCKET); // goes without a word
+            const UnixClient brief(SERVICE_SOCKET); // leaves without a request
         }
     });
 }
 
 TEST_F(AHostilePeer, ThatShutsDownItsSendingGetsEveryReplyAndLeavesNothingBehind)
 {
-    // More than the kernel holds for a peer that does not read yet.
+    // More replies than the kernel holds for a peer that does not read yet.
     const int requests = 2000;
     Withstands(Scaled(2, 50), [&] {
         const UnixClient client(SERVICE_SOCKET);
@@ -292,7 +293,7 @@ TEST_F(AHostilePeer, ThatShutsDownItsSendingAndVanishesLeavesNothingBehind)
     });
 }
 
-TEST_F(AHostilePeer, ThatShutsDownItsReceivingLosesItsConnection)
+TEST_F(AHostilePeer, ThatShutsDownItsReceivingIsDisconnected)
 {
     Withstands(Scaled(20, 1000), [] {
         const UnixClient client(SERVICE_SOCKET);
@@ -302,7 +303,7 @@ TEST_F(AHostilePeer, ThatShutsDownItsReceivingLosesItsConnection)
     });
 }
 
-TEST_F(AHostilePeer, AndSevenOthersFloodTheServiceAndAGoodOneIsServedAmongThem)
+TEST_F(AHostilePeer, ThatFloodsTheServiceWithSevenOthersDoesNotKeepAGoodOneFromBeingServed)
 {
     const int questions = Scaled(500, 20'000);
     std::vector<std::chrono::microseconds> latencies;
@@ -326,14 +327,14 @@ TEST_F(AHostilePeer, AndSevenOthersFloodTheServiceAndAGoodOneIsServedAmongThem)
         EXPECT_EQ(UnsoundLinesOfRotatedLog(), 0);
     });
     std::sort(latencies.begin(), latencies.end());
-    EXPECT_GT(flooded, questions) << "a flood it was";
+    EXPECT_GT(flooded, questions) << "the flood was smaller than the good traffic";
     Report("replies to the flood", std::to_string(flooded));
     Report("replies to the good peer; half within, all within us",
            std::to_string(latencies.size()) + "; " + std::to_string(latencies[latencies.size() / 2].count()) + ", " +
                std::to_string(latencies.back().count()));
 }
 
-TEST_F(AHostilePeer, WaitsForASlowOperationAndAllGoodOnesAreAnswered)
+TEST_F(AHostilePeer, LeavesGoodOnesTheirAnswersAfterASlowOperation)
 {
     staging.Bundle("slow")
         .Install(Shell(": > " + Note("installing") + "\nwhile [ ! -e " + Note("go-on") + " ]; do sleep 0.05; done"))

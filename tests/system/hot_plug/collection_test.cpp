@@ -17,7 +17,7 @@ class ASlowCopy : public HotPlug {};
 class TheCollection : public HotPlug {};
 class SeveralBundles : public HotPlug {};
 
-/// Writes a program as a slow link does: a character, a pause, the next. No part of it is a program.
+/// Writes a program as a slow link does: a character, a pause, the next character. No part of it is a program.
 class SlowWriter {
 public:
     SlowWriter(std::string directory, std::string text, std::chrono::milliseconds pause)
@@ -60,7 +60,7 @@ TEST_F(ASlowCopy, EndsInABundleThatRunsAndIsAddedOnce)
     EXPECT_EQ(daemon.CountInLog("failed to load"), 0);
 }
 
-// The copy seems complete too early and fails to load. It is added again when it continues.
+// The copy seems complete too early and fails to load. When the copy continues, the watcher adds it again.
 TEST_F(ASlowCopy, EndsInABundleThatRunsWhenItPausesForLongerThanAScan)
 {
     fs::create_directories(In("radio") + "/bin");
@@ -72,7 +72,7 @@ TEST_F(ASlowCopy, EndsInABundleThatRunsWhenItPausesForLongerThanAScan)
     EXPECT_NE(daemon.WaitForItem("radio", "radiod"), 0);
 }
 
-// Moved in, it is loaded after the scan that sees it and the second that the handler waits: no scan later.
+// A bundle that is moved in is loaded by the scan that sees it, after the handler's second of waiting.
 TEST_F(TheCollection, IsScannedOnceASecondAndHandledASecondLater)
 {
     staging.Bundle("radio").Write();

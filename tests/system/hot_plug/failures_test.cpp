@@ -1,4 +1,4 @@
-// What goes wrong with bundles that come, go and change, and what the log says of each.
+// Bundles that fail when they are added, removed or changed, and what the log says about each.
 
 #include "system/hot_plug/hot_plug.h"
 
@@ -11,7 +11,7 @@ using Records = std::vector<std::string>;
 
 class ABrokenBundle : public HotPlug {
 protected:
-    /// Moves it in, sees it fail and nothing of it stay.
+    /// Moves it in, and expects it to fail and to leave nothing behind.
     void ExpectNotLoaded(const BundleBuilder& bundle, const Records& expected)
     {
         bundle.Write();
@@ -54,7 +54,7 @@ TEST_F(ABrokenBundle, WithAManifestThatDoesNotParseIsNotLoaded)
                              "INFO exception info: [Syntax error: Not a valid integer: fast]."}));
 }
 
-// At the start of the server the same would end it.
+// At the start of the server the same bundle would end it.
 TEST_F(ABrokenBundle, WithATooShortItemNameFailsAlone)
 {
     collection.Bundle("tuner").Write();
@@ -183,7 +183,7 @@ TEST_F(AnEntryThatIsNoBundle, IsLookedForOnceWhenItIsAPlainFileThatChanges)
                                      "ERROR bundle with storage path[" + In("note") + "] not found.",
                                      "ERROR find bundle[" + In("note") + "] fail."}));
     PassScans();
-    EXPECT_EQ(Added(), 1) << "no second attempt is made with a plain file";
+    EXPECT_EQ(Added(), 1) << "a plain file is not tried again";
     EXPECT_EQ(Modified(), 1);
 }
 
@@ -270,7 +270,7 @@ TEST_F(AMendedBundle, IsLoadedWhenItCouldNotBeResolved)
     ASSERT_TRUE(IsStarted("tuner"));
     PassScans();
     EXPECT_EQ(daemon.CountInLog("bundle[radio] state changing[Starting] -> [Active]"), 0)
-        << "nothing is retried unasked";
+        << "the server retries nothing by itself";
     RunShell("touch \"$COLLECTION\"/radio");
     EXPECT_TRUE(IsStarted("radio"));
 }

@@ -15,17 +15,17 @@ protected:
     HotPlug();
     void SetUp() override;
 
-    /// Waits until the bundle has been started so many times in all.
+    /// Waits until the bundle has been started that many times in all.
     testing::AssertionResult IsStarted(const std::string& bundle, int times = 1);
 
-    /// Waits until so many scans have come, by plain files that come and stay. Those that are found by one scan with
-    /// others are raised first: with the second all is over that the first has found.
+    /// Waits for that many scans by adding a plain file for each, which stays. A scan raises the event of such a file
+    /// before others. So when the second file's event comes, every event of the first scan has been handled.
     void PassScans(int count = 2);
 
-    /// What the handlers have logged since the last call of this, children left out.
+    /// The handlers' records since the last call, without those of children.
     std::vector<std::string> NewRecords();
 
-    /// How often each kind of event has been raised since the start, those of PassScans left out.
+    /// How often each kind of event has been raised since the start, without the events of PassScans.
     int Added() { return daemon.CountInLog("dir item add event happen.") - m_files; }
     int Modified() { return daemon.CountInLog("dir item modified event happen."); }
     int Removed() { return daemon.CountInLog("dir item remove event happen."); }
@@ -36,8 +36,8 @@ protected:
     std::string In(const std::string& name) const { return collection / name; }
 
 private:
-    int m_files = 0;        // of PassScans
-    std::size_t m_seen = 0; // records
+    int m_files = 0;        // added by PassScans
+    std::size_t m_seen = 0; // records that NewRecords has returned
 };
 
 #endif

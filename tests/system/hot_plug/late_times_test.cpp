@@ -1,4 +1,4 @@
-// Files that carry times after January 2038, which 32 bits do not hold.
+// Files with times after January 2038, which do not fit into 32 bits.
 
 #include "system/hot_plug/hot_plug.h"
 
@@ -45,7 +45,7 @@ protected:
     }
 };
 
-/// The same where the framework was built with times of 32 bits, also on a machine where nothing has been.
+/// The same with a framework whose times have 32 bits, which failing calls simulate.
 class ABundleFrom2040WithAnOldFramework : public ABundleFrom2040 {
 protected:
     void SetUp() override

@@ -1,19 +1,18 @@
-// The daemon on the usual root of a device: an image that is only read, and a layer above it that takes what is
-// written.
+// The daemon on the usual root of a device: a read-only image, and a layer above it that takes all writes.
 
 #include "support/overlay.h"
 #include "system/hot_plug/hot_plug.h"
 
 namespace {
 
-/// Layers of two file systems: each directory that the kernel drops gets another inode number.
+/// The layers are on two file systems, so a directory gets another inode number each time the kernel drops its inode.
 class ADaemonOnAnOverlay : public OverlayRoot, public HotPlug {
 protected:
     ADaemonOnAnOverlay() : OverlayRoot({"", "tmpfs", ",xino=off"}) {}
 
     void SetUp() override
     {
-        // Its first write copies directories up. The later ones continue while the inodes are dropped.
+        // Its first write copies directories to the upper layer. Later writes continue while the kernel drops inodes.
         collection.Bundle("radio")
             .Item("radiod.sh", Shell("while :; do echo >> " + In("radio/data/log") + "; sleep 0.1; done"))
             .Update(Shell("echo >> " + Note("updates") + "; touch " + In("radio/bin/made-by-the-update")))

@@ -72,7 +72,7 @@ TEST_F(TheRecords, OfABundleThatIsRemovedAreWrittenInOrder)
                      "INFO bundle[radio] state changing[Stopping] -> [Resolved]", "INFO stop bundle done.",
                      "INFO unload bundle[radio]...", "INFO unload bundle done."}));
     }
-    // It has gone with the directory.
+    // The script is gone with the directory.
     EXPECT_FALSE(Exists(Note("uninstalled")));
 }
 

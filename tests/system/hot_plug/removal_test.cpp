@@ -1,5 +1,5 @@
-// Directories that are removed slowly, by a request or by hand, or that cannot be removed, and removals that the server
-// can handle only later.
+// Directories that are removed slowly, by a request or by hand, or that cannot be removed. Removals that the server
+// can only handle later.
 
 #include "system/hot_plug/hot_plug.h"
 
@@ -12,10 +12,10 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-/// The daemon finds a "rm" of the test's before the system's.
+/// The daemon finds the test's "rm" before the system's.
 class ADeletionByRequest : public HotPlug {
 protected:
-    /// Starts the daemon with this command in the place of "rm -rf PATH". PATH is its "$2".
+    /// Starts the daemon with this command in place of "rm -rf PATH". The command gets PATH as "$2".
     void RemoveBy(const std::string& command)
     {
         daemon.Stop();
@@ -42,11 +42,11 @@ protected:
     TemporaryDirectory tools;
 };
 
-/// Is removed step by step, a step between any two scans.
+/// A directory is removed step by step, with a scan between the steps.
 class ASlowRemoval : public HotPlug {};
 
-/// An item of the bundle ends at once and is run again, a second each time, as long as nothing tells it to rest. It is
-/// no shell's to run: when its file has gone it cannot be executed any more, and rests.
+/// An item of the bundle ends at once and is relaunched, which takes a second each time, until it is told to rest. It
+/// is a program and no ".sh" script, so it cannot be executed once its file is gone. Then it rests too.
 class ARemovalDuringARelaunch : public HotPlug {
 protected:
     const std::string relaunching = "need relaunch and now radio.radiod is relaunching ...";
@@ -94,7 +94,7 @@ TEST_F(ADeletionByRequest, IgnoresEntriesThatItCouldNotRemove)
     EXPECT_TRUE(IsStarted("radio", 2));
 }
 
-TEST_F(ADeletionByRequest, LeavesARestThatIsLoadedWhenItHasBeenMovedOutAndIn)
+TEST_F(ADeletionByRequest, LeavesARestThatIsLoadedAfterItWasMovedOutAndBackIn)
 {
     RemoveBy("/bin/rm -rf \"$2\"/data\nexit 1");
     EXPECT_EQ(RequestDelete("radio"), 200);
@@ -105,8 +105,8 @@ TEST_F(ADeletionByRequest, LeavesARestThatIsLoadedWhenItHasBeenMovedOutAndIn)
     EXPECT_TRUE(IsStarted("radio", 2));
 }
 
-// The file system may give a new directory the number of one that has just gone.
-TEST_F(ADeletionByRequest, MakesWayForAnotherDirectoryInThePlaceOfARest)
+// The file system may reuse the inode number of a removed directory for a new one.
+TEST_F(ADeletionByRequest, LetsAnotherDirectoryReplaceTheRest)
 {
     RemoveBy("/bin/rm -rf \"$2\"/bin\nexit 1");
     for (int i = 0; i < 3; ++i) {
@@ -131,7 +131,7 @@ TEST_F(ADeletionByRequest, ThatFailsBeforeAnythingIsRemovedLeavesTheBundleFollow
     EXPECT_TRUE(IsStarted("radio", 2));
 }
 
-TEST_F(ASlowRemoval, IsRaisedOnceAndAsNothingElse)
+TEST_F(ASlowRemoval, RaisesOneRemovalAndNoOtherEvent)
 {
     staging.Bundle("radio")
         .Item("radio.sh", Shell("exec sleep 1000"))
@@ -161,7 +161,7 @@ TEST_F(ASlowRemoval, IsRaisedOnceAndAsNothingElse)
     EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [this] { return daemon.Descendants().empty(); }));
 }
 
-TEST_F(ASlowRemoval, ThatIsGivenUpIsAChange)
+TEST_F(ASlowRemoval, ThatStopsHalfwayIsAChange)
 {
     staging.Bundle("radio").Item("radio.sh", Shell("exec sleep 1000")).Update(Shell("exit 0")).Write();
     MoveIn("radio");
@@ -187,7 +187,7 @@ TEST_F(ARemovalDuringARelaunch, IsTriedAgainUntilTheBundleIsUnloaded)
     }
 }
 
-TEST_F(ARemovalDuringARelaunch, LosesNoBundleThatIsRenamed)
+TEST_F(ARemovalDuringARelaunch, DoesNotLoseARenamedBundle)
 {
     RunShell("mv \"$COLLECTION\"/radio \"$COLLECTION\"/opera");
     WriteFile(Note("rest"), "");

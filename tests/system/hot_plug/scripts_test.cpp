@@ -1,4 +1,4 @@
-// What a bundle's scripts do to it, and what others do while they run.
+// Scripts that change their bundle, and changes by others while a script runs.
 
 #include "system/hot_plug/hot_plug.h"
 
@@ -10,7 +10,7 @@ namespace fs = std::filesystem;
 
 class AnUpdate : public HotPlug {};
 
-/// A bundle whose "update.sh" waits until the test lets it go on, when it is run the first time.
+/// A bundle whose "update.sh" waits in its first run until the test lets it continue.
 class AManifestThatComes : public HotPlug {
 protected:
     void SetUp() override
@@ -23,7 +23,7 @@ protected:
                           " ]; do sleep 0.05; done"))
             .Write();
         newManifest = ReadFile(staging / "radio/BundleManifest.ini");
-        collection.Bundle("radio").Item("radiod").Write(); // the manifest alone: of one item
+        collection.Bundle("radio").Item("radiod").Write(); // only the manifest is used; it names one item
         oldManifest = ReadFile(In("radio") + "/BundleManifest.ini");
         fs::remove_all(In("radio"));
         WriteFile(staging / "radio/BundleManifest.ini", oldManifest);
@@ -45,7 +45,7 @@ protected:
 
 } // namespace
 
-TEST_F(AManifestThatComes, WhileAScriptOfItsBundleRunsIsTakenInByOneMoreUpdate)
+TEST_F(AManifestThatComes, WhileAScriptOfItsBundleRunsCausesOneMoreUpdate)
 {
     Install(newManifest);
     WriteFile(Note("go"), "");
@@ -55,7 +55,7 @@ TEST_F(AManifestThatComes, WhileAScriptOfItsBundleRunsIsTakenInByOneMoreUpdate)
     EXPECT_EQ(Modified(), 2);
 }
 
-TEST_F(AManifestThatComes, WithTheContentInForceIsNoChange)
+TEST_F(AManifestThatComes, WithTheLoadedContentIsNoChange)
 {
     Install(newManifest);
     Install(oldManifest);
@@ -81,8 +81,8 @@ TEST_F(AnUpdate, IsNotRepeatedForChangesOfItsScript)
     }
 }
 
-// Otherwise it would be restarted without an end.
-TEST_F(AnUpdate, IsRepeatedOnceForAScriptThatChangesTheManifestEachTime)
+// Otherwise it would be restarted endlessly.
+TEST_F(AnUpdate, IsRepeatedOnceIfItsScriptChangesTheManifestEachTime)
 {
     staging.Bundle("radio").Update(Shell("echo '; updated' >> \"$(dirname \"$0\")\"/../BundleManifest.ini")).Write();
     MoveIn("radio");
@@ -95,7 +95,7 @@ TEST_F(AnUpdate, IsRepeatedOnceForAScriptThatChangesTheManifestEachTime)
     }
 }
 
-TEST_F(AnUpdate, IsNotMadeForChangesOfTheInstallation)
+TEST_F(AnUpdate, IsNotMadeForWhatTheInstallScriptChanges)
 {
     staging.Bundle("radio")
         .Install(Shell("cd \"$(dirname \"$0\")\"/.. && touch BundleManifest.ini && mkdir -p bin && date > bin/stamp"))
@@ -106,7 +106,7 @@ TEST_F(AnUpdate, IsNotMadeForChangesOfTheInstallation)
     EXPECT_EQ(Modified(), 0);
 }
 
-TEST_F(AnUpdate, IsMadeForAManifestThatTheInstallationHasChanged)
+TEST_F(AnUpdate, IsMadeForAManifestThatTheInstallScriptChanges)
 {
     staging.Bundle("radio")
         .Copy("radiod", TEST_SLEEPER)
@@ -121,7 +121,7 @@ TEST_F(AnUpdate, IsMadeForAManifestThatTheInstallationHasChanged)
     EXPECT_EQ(Modified(), 1);
 }
 
-// It is unloaded because its requirement is missing. A retry would load and unload it without an end.
+// It is unloaded because its requirement is missing. Retries would load and unload it endlessly.
 TEST_F(AnUpdate, IsAttemptedOnceForAScriptThatChangesTheManifestOfABundleThatCannotStart)
 {
     staging.Bundle("radio")

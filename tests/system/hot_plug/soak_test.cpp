@@ -1,5 +1,5 @@
-// About two hundred changes, after which the daemon has the same resources as before. Its pauses are shortened here;
-// otherwise the seconds of the handlers would add up to minutes.
+// About two hundred changes, after which the daemon has the same resources as before. Its pauses are shortened here.
+// Otherwise the handlers' pauses of a second would add up to minutes.
 
 #include "system/hot_plug/hot_plug.h"
 
@@ -44,7 +44,7 @@ protected:
         ASSERT_TRUE(Eventually(DaemonRunner::PATIENCE, [this] { return daemon.Descendants().empty(); }));
     }
 
-    /// It ends with the last child.
+    /// The monitor ends with the last child.
     bool HasNoMonitor() const
     {
         return Eventually(DaemonRunner::PATIENCE, [this] {
@@ -61,7 +61,7 @@ private:
 
 TEST_F(ALongTimeOfChanges, LeavesMemoryDescriptorsAndThreadsWhereTheyWere)
 {
-    Round(); // everything that is made once exists
+    Round(); // from now on everything that is made only once exists
     ASSERT_FALSE(HasFailure());
     const auto descriptors = daemon.Descriptors();
     ASSERT_TRUE(HasNoMonitor());
@@ -73,7 +73,8 @@ TEST_F(ALongTimeOfChanges, LeavesMemoryDescriptorsAndThreadsWhereTheyWere)
     ASSERT_TRUE(HasNoMonitor());
     EXPECT_EQ(daemon.Threads(), threads);
     EXPECT_EQ(daemon.Descriptors(), descriptors);
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // which keep freed memory and books of their own
+#if !defined(__SANITIZE_ADDRESS__) &&                                                                                  \
+    !defined(__SANITIZE_THREAD__) // the sanitizers keep freed memory and data of their own
     EXPECT_LE(daemon.ResidentKilobytes(), memory + 512);
 #else
     static_cast<void>(memory);

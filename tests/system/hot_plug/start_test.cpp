@@ -1,4 +1,4 @@
-// Bundles that are added, changed and removed while the server starts: the events wait until the start is over.
+// Bundles that are added, changed and removed while the server starts. Their events wait until the start is over.
 
 #include "system/hot_plug/hot_plug.h"
 
@@ -10,8 +10,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// The last bundle that start-up loads waits in its "install.sh" until the test lets it continue. All others are loaded
-/// then, except one without a manifest.
+/// The last bundle that start-up loads waits in its "install.sh" until the test lets it continue. By then all others
+/// are loaded, except one without a manifest.
 class WhileTheServerStarts : public HotPlug {
 protected:
     void SetUp() override
@@ -37,14 +37,14 @@ protected:
         ASSERT_TRUE(daemon.WaitForLog("bundle server start running..."));
     }
 
-    /// One that start-up has loaded when it waits.
+    /// A bundle that start-up has loaded when it waits.
     const std::string& First() const { return m_first; }
 
-    /// One that it could not load.
+    /// A bundle that start-up could not load.
     const std::string& Broken() const { return m_broken; }
     void Mend() const { fs::rename(staging / "manifest", In(m_broken) + "/BundleManifest.ini"); }
 
-    /// The watcher's thread waits with this event, and sees what changes from then on only after the start.
+    /// Raises an event that keeps the watcher's thread waiting. It sees later changes only after the start.
     void KeepWatcherWaiting()
     {
         WriteFile(In("note"), "");
@@ -54,7 +54,7 @@ protected:
     }
 
 private:
-    /// In the order in which a walk over the directory finds them.
+    /// The entries in the order in which a directory walk finds them.
     static std::vector<std::string> AsFound(const std::string& path)
     {
         std::vector<std::string> names;

@@ -28,7 +28,7 @@ protected:
 
 } // namespace
 
-TEST_F(AnUpdate, StartsTheProgramThatHasReplacedTheOld)
+TEST_F(AnUpdate, StartsTheProgramThatReplacesTheOld)
 {
     staging.Bundle("radio").Item("radiod", Shell(": > " + Note("old") + "; exec sleep 1000")).Write();
     MoveIn("radio");
@@ -43,14 +43,14 @@ TEST_F(AnUpdate, StartsTheProgramThatHasReplacedTheOld)
     EXPECT_TRUE(daemon.WaitForLog("normal stop radio.radiod..."));
 }
 
-TEST_F(AnUpdate, TakesADirectoryThatHasReplacedTheOld)
+TEST_F(AnUpdate, FollowsADirectoryThatReplacesTheOld)
 {
     staging.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
     MoveIn("radio");
     ASSERT_TRUE(IsStarted("radio"));
     const pid_t old = daemon.WaitForItem("radio", "radiod");
     staging.Bundle("radio").Copy("newd", TEST_SLEEPER).Write();
-    // In one step, and so between two scans.
+    // In one step, so that no scan sees the directory missing.
     ASSERT_EQ(::renameat2(AT_FDCWD, (staging / "radio").c_str(), AT_FDCWD, In("radio").c_str(), RENAME_EXCHANGE), 0);
     ASSERT_TRUE(IsStarted("radio", 2));
     EXPECT_NE(daemon.WaitForItem("radio", "newd"), 0);
@@ -87,7 +87,7 @@ TEST_F(AnUpdate, IsNotMadeForAProgramThatIsOverwrittenInPlaceUntilTheDirectoryIs
     EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [this] { return Exists(Note("new")); }));
 }
 
-TEST_F(AnUpdate, FollowsForAChangeThatIsMadeWhileOneIsUnderWay)
+TEST_F(AnUpdate, IsMadeForAChangeDuringAnotherUpdate)
 {
     staging.Bundle("radio").Write();
     MoveIn("radio");
@@ -103,7 +103,7 @@ TEST_F(AnUpdate, FollowsForAChangeThatIsMadeWhileOneIsUnderWay)
     EXPECT_EQ(daemon.CountInLog("update bundle["), 0);
 }
 
-TEST_F(AnUpdate, FollowsForAChangeThatIsMadeWhileTheBundleIsStarted)
+TEST_F(AnUpdate, IsMadeForAChangeDuringTheStartOfTheBundle)
 {
     staging.Bundle("radio").Copy("one", TEST_SLEEPER).Copy("two", TEST_SLEEPER).Write();
     MoveIn("radio");

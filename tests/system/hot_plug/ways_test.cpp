@@ -1,4 +1,4 @@
-// Every way in which bundles come, change and go while the daemon runs, each for three bundles at once.
+// Every way to add, change and remove bundles while the daemon runs, each with three bundles at once.
 
 #include "system/hot_plug/hot_plug.h"
 
@@ -10,7 +10,7 @@ namespace {
 
 struct Way {
     const char* name;
-    const char* command; // for the bundle "$B"
+    const char* command; // "$B" is the bundle
     const char* tool = "sh";
 };
 
@@ -37,7 +37,7 @@ protected:
         HotPlug::SetUp();
     }
 
-    /// One with a process, to see it come and go; the others are quicker without.
+    /// One bundle has a process, to see it start and end. The others have none, which is quicker.
     static void WriteBundles(const CollectionBuilder& place)
     {
         place.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
@@ -60,7 +60,7 @@ protected:
 
 class ABundleThatIsAdded : public ByAWay {};
 
-/// They are there when the daemon starts.
+/// The bundles are there when the daemon starts.
 class ABundleThatIsThere : public ByAWay {
 protected:
     void SetUp() override

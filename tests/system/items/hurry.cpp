@@ -1,4 +1,4 @@
-// Loaded before all other libraries of a daemon: a sleep of a second or more becomes fifty times as short.
+// Loaded before all other libraries of a daemon. Divides each sleep of a second or more by fifty.
 #include "system/items/preloaded.h"
 
 #include <dlfcn.h>
@@ -12,7 +12,7 @@ int nanosleep(const timespec* requested, timespec* remaining)
 {
     using Function = int (*)(const timespec*, timespec*);
 #ifdef TEST_TIME64_NAMES
-    constexpr const char name[] = "__nanosleep64"; // which the header makes of nanosleep
+    constexpr const char name[] = "__nanosleep64"; // the name that the header gives to nanosleep
 #else
     constexpr const char name[] = "nanosleep";
 #endif

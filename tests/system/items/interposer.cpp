@@ -1,14 +1,14 @@
-// Loaded before all other libraries of a daemon, it makes happen what happens too seldom by itself:
+// Loaded before all other libraries of a daemon. It causes events that are rare by themselves:
 //   REFUSE_FORK_WHEN=FILE   no process can be forked while FILE is there
 //   DELAY_SETPGID=SECONDS   setpgid for another process comes that much later
 //   DELAY_FSYNC=SECONDS     fsync takes that much longer
 //   DELAY_SIGMASK=SECONDS   a thread that is not the main one sets its signal mask that much later
 //   LINGER_AT_EXIT=SECONDS  the daemon ends that much later than its main function and its static objects
-//   HOLD_AFTER=SECONDS:TEXT a line each: a thread that has written a record with that text is held up for so long
-//   FAIL=CALL:ERRNO:COUNT:AFTER  the daemon's own calls of that name, its libraries' included, fail: so many, after so
-//                           many that go through; only from the moment that a record with the text of FAIL_FROM is
-//                           written, where that is set, and only those of libraries with the text of FAIL_IN in their
-//                           path
+//   HOLD_AFTER=SECONDS:TEXT in lines: a thread that has written a record with that text pauses for that time
+//   FAIL=CALL:ERRNO:COUNT:AFTER  calls of that name by the daemon and its libraries fail with ERRNO: AFTER of them
+//                           succeed, the next COUNT fail
+//   FAIL_FROM=TEXT          FAIL begins when a record with that text is written
+//   FAIL_IN=TEXT            FAIL counts only calls of libraries with that text in their path
 #include "system/items/preloaded.h"
 
 #include <dirent.h>
@@ -56,14 +56,14 @@ long HoldAfter(std::string_view holds, std::string_view text)
     return 0;
 }
 
-/// What FAIL says.
+/// The parsed value of FAIL.
 struct Plan {
     std::string_view call;
     int error = 0;
     std::atomic<int> count{0};
     std::atomic<int> after{0};
     std::atomic<bool> isArmed{false};
-    pid_t daemon = 0; // its children before their exec are left alone
+    pid_t daemon = 0; // calls of its children are not changed
 
     Plan()
     {
@@ -87,7 +87,7 @@ Plan& ThePlan()
     return plan;
 }
 
-/// Whether the code that has called is in a library that FAIL_IN means.
+/// Whether the caller is in a library that FAIL_IN selects.
 bool IsMeant(void* caller)
 {
     const char* const text = std::getenv("FAIL_IN");
@@ -197,7 +197,7 @@ FAILING_CALL(waitpid, pid_t, -1, (pid_t pid, int* stat_loc, int options), (pid, 
 FAILING_CALL(read, ssize_t, -1, (int fd, void* buf, size_t nbytes), (fd, buf, nbytes))
 FAILING_CALL(execvp, int, -1, (const char* file, char* const* argv) noexcept, (file, argv))
 
-// The status of a file. The size of its times is unknown here.
+// The status of a file. Its layout depends on the size of times, which this code need not know.
 #define FAILING_STATUS(function, call, name)                                                                           \
     int function(const char* file, void* status) noexcept __asm__(name);                                               \
     int function(const char* file, void* status) noexcept                                                              \

@@ -14,7 +14,7 @@ int ReturnZero()
     return 0;
 }
 
-/// A process that ends so asks to be run again.
+/// A process that exits with this status is relaunched.
 int ReturnTwo()
 {
     return 2;
@@ -35,9 +35,9 @@ int ThrowNumber()
     throw 7;
 }
 
-/// Can be cancelled. It waits on a condition for the sake of the thread sanitizer, which loses sight of the locks of a
-/// thread that is cancelled in most other calls.
-int SleepForEver()
+/// Can be cancelled. It waits on a condition because the thread sanitizer loses track of a thread's locks if the thread
+/// is cancelled in most other calls.
+int SleepForever()
 {
     static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     static pthread_cond_t never = PTHREAD_COND_INITIALIZER;
@@ -49,8 +49,8 @@ int SleepForEver()
     pthread_cleanup_pop(1);
 }
 
-/// Takes no notice of a cancellation.
-int HoldOutForEver()
+/// Ignores a cancellation.
+int SleepThroughCancellation()
 {
     ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     for (;;) {
@@ -64,7 +64,7 @@ int EndThread()
     ::pthread_exit(nullptr);
 }
 
-/// Leaves a dead child of the process that any thread can wait for.
+/// Leaves the process a dead child, which any thread can reap.
 int LeaveDeadChild()
 {
     const pid_t pid = ::fork();
@@ -74,13 +74,13 @@ int LeaveDeadChild()
     return pid > 0 ? 0 : 1;
 }
 
-/// Has a child as long as the server runs.
+/// Starts a child that runs as long as the server.
 int KeepChild()
 {
     return std::system("while :; do sleep 1; done") == 0 ? 0 : 1;
 }
 
-/// From now on no thread of this process can wait for a child.
+/// Makes every later wait for a child fail in this process.
 int IgnoreDeadChildren()
 {
     return std::signal(SIGCHLD, SIG_IGN) == SIG_ERR ? 1 : 0;

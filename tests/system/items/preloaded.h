@@ -3,8 +3,8 @@
 
 #include <cstdlib>
 
-/// The daemon's children must not load this library. They are not under test, and their architecture may be another
-/// one, so that the loader would complain on standard error.
+/// Keeps the daemon's children from loading this library. They are not under test. They may also have another
+/// architecture, for which the loader would print an error.
 __attribute__((constructor)) static void KeepFromChildren()
 {
     ::unsetenv("LD_PRELOAD");

@@ -1,5 +1,5 @@
-// A script that is no script: it appends what the kernel says of its process to a file of its own name in the directory
-// that the environment variable NOTES names. A shell would report itself, with the signal mask that it has set.
+// A program in place of a script. It appends the kernel's status of its process to a file of its own name in the
+// directory in the environment variable NOTES. A shell would report itself, with a signal mask that it has set.
 #include <cstdlib>
 #include <fstream>
 #include <string>

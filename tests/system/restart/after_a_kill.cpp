@@ -12,8 +12,8 @@ AfterAKill::AfterAKill()
     daemon.SetEnvironment("LC_ALL", "C");
     WriteFile(Note("server.properties"), "global.bundle_collection_dir = " + collection.Path() + "\n");
     daemon.SetArguments({"-f", Note("server.properties"), "--pidfile=" + PidFile()});
-    // The runner makes it the leader of a group, which cannot start a session: so it leaves the group first. The runner
-    // sets the group on its own side of the fork too, so it may have to leave twice.
+    // A group leader cannot start a session, and the runner makes the daemon a group leader. So it leaves the group
+    // first. The runner sets the group in the parent as well, so the daemon may have to leave twice.
     daemon.SetPreparation([] {
         while (::setsid() == -1) {
             ::setpgid(0, ::getpgid(::getppid()));
@@ -25,7 +25,7 @@ void AfterAKill::EndWhatIsLeft()
 {
     EndSession(daemon.Pid());
     EXPECT_TRUE(Eventually(DaemonRunner::PATIENCE, [this] { return daemon.Descendants().empty(); }));
-    // Orphans are children of this process.
+    // Orphans become children of this process.
     for (const pid_t pid : ProcessOf::Zombies(::getpid())) {
         if (pid != daemon.Pid()) {
             ::waitpid(pid, nullptr, 0);

@@ -7,13 +7,13 @@
 
 #include <string>
 
-/// A daemon that leads its own session, as under any init system, and what its operator does after its death. Its long
-/// sleeps are fifty times as short.
+/// A daemon that leads its own session, as under any init system, and its operator's commands after its death. Its long
+/// sleeps are divided by fifty.
 class AfterAKill : public SystemTest {
 protected:
     AfterAKill();
 
-    /// Ends everything that the latest server has left, with the command in docs/operating.md.
+    /// Ends every process that the latest server has left, with the command in docs/operating.md.
     void EndWhatIsLeft();
     /// The record of a deletion that the latest server has not finished, from the command in docs/operating.md.
     std::string UnfinishedDeletion() const;

@@ -12,10 +12,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int FILES_OF_LARGE = 5000; // so that its removal takes some time
+constexpr int FILES_OF_LARGE = 5000; // makes its removal slow
 constexpr const char MANIFEST[] = "/BundleManifest.ini";
 
-/// Whether each entry of the rest is as in the whole.
+/// Whether each entry of the rest is unchanged from the whole.
 bool IsPartOf(const Tree& rest, const Tree& whole)
 {
     return std::includes(whole.begin(), whole.end(), rest.begin(), rest.end());
@@ -44,7 +44,8 @@ void InstalledBundles::Write()
         }
         builder.Install(Shell("exit 0")).Update(Shell("sleep 0.02")).Uninstall(Shell("exit 0")).Write();
     }
-    // In its root, so that the manifest is one of many. The file system chooses which of them are removed before it.
+    // The files are in the bundle's root, among them the manifest. The file system decides which of them "rm" removes
+    // first.
     for (int i = 0; i < FILES_OF_LARGE; ++i) {
         WriteFile(m_staging / LARGE + "/" + std::to_string(i), std::to_string(i));
     }

@@ -13,7 +13,7 @@
 /// to no bundle, so each must be as it was installed, except one that was being deleted.
 class InstalledBundles {
 public:
-    /// The bundle that comes and goes, and the one that is deleted.
+    /// The bundle that is added and removed, and the one that is deleted by request.
     static constexpr const char GUEST[] = "guest";
     static constexpr const char LARGE[] = "large";
 
@@ -25,7 +25,7 @@ public:
 
     /// Writes all bundles beside the collection and installs all but the guest.
     void Write();
-    /// In one step: the server finds the whole bundle or nothing.
+    /// Moves the bundle in one step: the server finds the whole bundle or nothing.
     void Install(const std::string& bundle);
     void Remove(const std::string& bundle);
     /// Replaces the bundle's manifest, in one step.
@@ -35,7 +35,7 @@ public:
     bool Has(const std::string& bundle) const { return m_installed.count(bundle) != 0; }
     std::string In(const std::string& name) const { return m_collection / name; }
 
-    // The large bundle, after a kill during its deletion.
+    // For the large bundle after a kill during its deletion:
 
     /// Records what is left of it. Returns a description.
     std::string TakeLarge();
@@ -45,7 +45,7 @@ public:
     /// Expects every other bundle to be as it was installed, and nothing else in the collection.
     void ExpectUnchanged() const;
 
-    /// The bundles and items that are in the collection; of a half deleted bundle what is left, if its manifest is.
+    /// The bundles and items in the collection. A half deleted bundle counts with what is left, if it has its manifest.
     std::vector<std::pair<std::string, std::string>> ItemsDue() const;
 
 private:

@@ -1,7 +1,7 @@
-// A server that is killed at random moments of all that it does, and the next one on the same collection.
+// A server that is killed at random moments of all its work, and the next server on the same collection.
 //
-// The daemon's long sleeps are fifty times as short here. So a random moment is as likely one of work as one of
-// waiting, and hundreds of kills take minutes.
+// The daemon's long sleeps are divided by fifty here. So a random moment hits work as often as waiting, and hundreds of
+// kills take only minutes.
 
 #include "support/random.h"
 #include "support/scale.h"
@@ -30,7 +30,7 @@ std::string IsActive(const std::string& bundle)
     return "bundle[" + bundle + "] state changing[Starting] -> [Active]";
 }
 
-/// The test is about the moment after this time, so it waits for no condition.
+/// Sleeps. The test is about the moment after this time, so there is no condition to wait for.
 void Pause(Microseconds time)
 {
     const timespec pause{static_cast<time_t>(time.count() / 1'000'000),
@@ -50,7 +50,7 @@ protected:
 
     /// Measures how long each phase takes.
     void MeasurePhases();
-    /// Kills the server in that phase, or near it, does what an operator does then, and starts the next server.
+    /// Kills the server in or near that phase, does what an operator does then, and starts the next server.
     void KillAndStartAgain(Phase phase);
     void Report() const;
 
@@ -340,7 +340,7 @@ void AKilledServer::Report() const
 
 } // namespace
 
-TEST_F(AKilledServer, IsFollowedByOneWithEveryBundleWheneverItIsKilled)
+TEST_F(AKilledServer, IsFollowedByOneThatHasEveryBundle)
 {
     const std::size_t rounds = Scaled<std::size_t>(12, 204);
     const int hitsDue = Scaled(0, 12); // in the short form a few kills may miss the shorter phases

@@ -36,10 +36,10 @@ TEST_F(AHalfDeletedBundle, IsNamedByTheLogOfTheServerThatWasKilled)
     ASSERT_TRUE(daemon.StartServing());
     EXPECT_EQ(UnfinishedDeletion(), "");
     EXPECT_EQ(RequestDelete("tuner"), 200);
-    EXPECT_EQ(UnfinishedDeletion(), "") << "this one is finished";
+    EXPECT_EQ(UnfinishedDeletion(), "") << "this deletion is finished";
     std::filesystem::rename(In("radio"), staging / "radio");
     ASSERT_TRUE(daemon.WaitForLog("unload bundle[radio]..."));
-    EXPECT_EQ(UnfinishedDeletion(), "") << "no request asked for this one";
+    EXPECT_EQ(UnfinishedDeletion(), "") << "this removal was not requested";
     daemon.Stop(SIGKILL);
     EXPECT_EQ(UnfinishedDeletion(), "");
 }

@@ -18,9 +18,9 @@ class PhaseWatch {
 public:
     explicit PhaseWatch(DaemonRunner& daemon) : m_daemon(daemon) {}
 
-    /// Forgets the phase before. Records from now on count.
+    /// Forgets the previous phase. Only records from now on count.
     void Restart();
-    /// @param begin how the first record of the phase begins; empty when the phase begins with the server
+    /// @param begin the beginning of the phase's first record; empty when the phase begins with the server
     /// @param end the record that ends it
     void Expect(const std::string& begin, const std::string& end);
 

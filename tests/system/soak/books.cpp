@@ -16,7 +16,7 @@ bool EndsWith(const std::string& text, const std::string& end)
     return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
-/// The part of the text between the beginning and the end; empty when one of them is missing.
+/// The part of the text between the two; empty when one of them is missing.
 std::string Between(const std::string& text, const std::string& begin, const std::string& end)
 {
     const bool fits = text.size() >= begin.size() + end.size() && text.rfind(begin, 0) == 0 && EndsWith(text, end);

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-/// How often something is due, and how often it was seen.
+/// How often something must happen, and how often it was seen.
 struct Account {
     int due = 0;
     int seen = 0;
@@ -23,7 +23,7 @@ struct SoakItem {
     pid_t pid = 0; // 0 while it does not run
     Account starts;
     Account relaunches;
-    Account finalExits; // those that call for no relaunch
+    Account finalExits; // those that lead to no relaunch
     Account stops;
 
     std::string Name() const { return program.substr(program.rfind('/') + 1); }
@@ -37,7 +37,7 @@ struct SoakBundle {
     Account failedUpdates;
     Account unloads;
     bool isIn = true;      // its directory is in the collection
-    bool isBroken = false; // its manifest is
+    bool isBroken = false; // its manifest is broken
     bool isDeletionRequested = false;
 
     bool HasRestingItem() const;
@@ -55,7 +55,7 @@ public:
     std::deque<SoakBundle>& Bundles() { return m_bundles; }
     const std::deque<SoakItem>& Items() const { return m_items; }
 
-    /// Enters what is due after the event.
+    /// Enters what must follow the event.
     void ExpectStart(SoakBundle& bundle);
     void ExpectStop(SoakBundle& bundle);
     void ExpectFailedUpdate(SoakBundle& bundle) { ++bundle.failedUpdates.due; }
@@ -74,7 +74,7 @@ public:
 
     /// Adds a failure for each account that does not balance.
     void ShowOpenAccounts() const;
-    /// The same, and for each record that is missing or written too often.
+    /// The same, and a failure for each record that is missing or written too often.
     void ExpectBalance() const;
 
 private:
@@ -91,7 +91,7 @@ private:
     int m_deathsAtStart = 0;
 };
 
-/// Whether an item that ends so is relaunched.
+/// Whether an item that ends by this order is relaunched.
 bool LeadsToRelaunch(int order);
 
 #endif

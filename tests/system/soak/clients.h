@@ -10,7 +10,7 @@
 #include <list>
 #include <string>
 
-/// Connections to the server with requests under way. Each reply must come in its turn, with the status that is due.
+/// Connections to the server with pending requests. The replies must come in order, each with the expected status.
 class SoakClients {
 public:
     using Clock = std::chrono::steady_clock;
@@ -24,16 +24,16 @@ public:
     /// Sends a packet that is broken, on a connection that the server must then close.
     void SendBroken(const std::string& packet);
 
-    /// Takes the replies that have come.
+    /// Receives and checks the replies that have come.
     void Follow();
 
-    /// Whether no reply is due and every connection with a broken packet is closed.
+    /// Whether no reply is pending and every connection with a broken packet is closed.
     bool IsQuiet() const;
     std::chrono::milliseconds SlowestReply() const { return m_slowestReply; }
 
-    /// Adds a failure for each reply and each end of a connection that is still due.
+    /// Adds a failure for each pending reply, and for each connection that must still be closed.
     void ShowOpen() const;
-    /// Sends one more request on each connection: its reply must be the next packet and the last one.
+    /// Sends one more request on each connection. Its reply must be the next packet and the last.
     void ExpectNothingUnread();
 
 private:

@@ -48,7 +48,8 @@ void SoakCollection::Install(SoakBundle& bundle)
     bundle.isIn = true;
     m_books.ExpectStart(bundle);
     if (m_random.InPercent(50)) {
-        // The manifest last: if this is held up for a second, the server finds a directory that is no bundle yet.
+        // The manifest comes last. If the copy is delayed for a second, the server finds a directory that is no bundle
+        // yet.
         fs::create_directory(In(bundle.name));
         for (const char* const part : {"/script", "/bin", MANIFEST}) {
             if (Exists(m_staging / bundle.name + part)) {

@@ -8,8 +8,8 @@
 #include <map>
 #include <string>
 
-/// The directories of a soak's bundles, and the changes that are made to them. Each change enters into the books what
-/// is due for it.
+/// The directories of a soak's bundles, and the changes to them. Each change enters its expected effects into the
+/// books.
 class SoakCollection {
 public:
     SoakCollection(const CollectionBuilder& collection, const CollectionBuilder& staging, SoakBooks& books,

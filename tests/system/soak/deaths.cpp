@@ -20,7 +20,7 @@ std::vector<SoakItem*> SoakDeaths::Killable()
 {
     std::vector<SoakItem*> killable;
     for (SoakBundle& bundle : m_books.Bundles()) {
-        // A child that the server is about to stop may die either way: the books could not tell which is due.
+        // A child that the server is about to stop may die either way. The books could not tell which death to expect.
         if (bundle.isIn && bundle.starts.Balances() && !bundle.isDeletionRequested) {
             std::copy_if(bundle.items.begin(), bundle.items.end(), std::back_inserter(killable),
                          [](const SoakItem* item) { return item->pid != 0; });

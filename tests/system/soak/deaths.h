@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-/// Lets items of a soak die: by a signal of the test's, or by an order that the item obeys, now or at its next start.
+/// Lets items of a soak die: by a signal from the test, or by an order that the item obeys now or at its next start.
 /// Each death is entered into the books first.
 class SoakDeaths {
 public:
@@ -16,7 +16,7 @@ public:
         : m_notes(notes), m_books(books), m_random(random)
     {}
 
-    /// Lets one item die, unless many relaunches are due already.
+    /// Lets one item die, unless many relaunches are pending.
     void KillOne();
 
     /// Takes back the order for an item's next start.

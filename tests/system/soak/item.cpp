@@ -1,7 +1,7 @@
 // An item that announces its start, and ends when and how it is ordered to:
 //   SOAK_STARTS=FILE   gets a line at each start: pid, name, and the order for this start, or "-"
-//   SOAK_ORDER=PREFIX  the file PREFIX and the item's name holds an order for the next start, taken and obeyed at once
-//   SIGUSR1            brings an order, as the signal's value
+//   SOAK_ORDER=PREFIX  a file named PREFIX plus the item's name holds an order for the next start, obeyed at once
+//   SIGUSR1            carries an order as its value
 #include "system/soak/orders.h"
 
 #include <fcntl.h>

@@ -6,7 +6,7 @@
 
 /// The orders by which the soak's items end: an exit status, or the negative number of a signal.
 
-/// What an item writes of itself when it starts without an order.
+/// What an item writes in place of an order when it starts without one.
 constexpr const char NO_ORDER[] = "-";
 
 /// The more likely ones are listed twice.

@@ -1,8 +1,8 @@
-// Random deaths, changes and requests for a long time. The books record what is due for each. In the end they must
+// Random deaths, changes and requests for a long time. The books record what must follow each. In the end they must
 // balance, and the server must have the same resources as before.
 //
 // In the long form a relaunch takes a second, and the server does one at a time. In the short form its long sleeps are
-// fifty times as short, and the deaths come that much faster.
+// divided by fifty, and deaths come that much faster.
 
 #include "algapp_bolt_comm.h"
 #include "bundle_service.h"
@@ -38,7 +38,7 @@ constexpr std::size_t EVENT_SIZE = sizeof(lumo_header) + sizeof(SystemServer::Ev
 const int g_bundles = Scaled(6, 25);
 const Milliseconds g_warmUp = Scaled<Milliseconds>(1500ms, 60s);
 const Milliseconds g_time = Scaled<Milliseconds>(5s, 600s);
-/// About what a relaunch takes.
+/// About the time that a relaunch takes.
 const Milliseconds g_launch = Scaled<Milliseconds>(30ms, 1s);
 
 struct Resources {
@@ -78,7 +78,7 @@ private:
 
     bool Settle();
     void ShowOpen() const;
-    /// Or has ended: when all items rest at once, there is nothing to wait for.
+    /// True when the monitor sleeps, or has ended because no item runs.
     bool MonitorRests() const
     {
         const std::string state = daemon.StateOfThread("bundle_monitor");
@@ -110,7 +110,8 @@ void ASoak::SetUp()
     const auto items = static_cast<int>(m_books.Items().size());
     ASSERT_TRUE(daemon.StartServing(DaemonRunner::PATIENCE + 2 * items * g_launch));
     ASSERT_EQ(::mkfifo(EVENT_FIFO, 0600), 0);
-    m_fifo.Reset(::open(EVENT_FIFO, O_RDWR | O_NONBLOCK | O_CLOEXEC)); // for writing too: so it is never at its end
+    m_fifo.Reset(
+        ::open(EVENT_FIFO, O_RDWR | O_NONBLOCK | O_CLOEXEC)); // also for writing, so that reads never find its end
     ASSERT_TRUE(m_fifo.IsOpen());
     clients.Connect(3);
     ASSERT_TRUE(Settle());
@@ -133,7 +134,7 @@ void ASoak::LiveFor(Milliseconds time)
         Follow();
         const auto now = Clock::now();
         if (now >= nextDeaths) {
-            // A burst of one to six, then half to three times as long as its relaunches take.
+            // A burst of one to six deaths, then a pause of half to three times the duration of its relaunches.
             const int burst = 1 + m_random.Below(m_random.InPercent(20) ? 6 : 2);
             for (int i = 0; i < burst; ++i) {
                 m_deaths.KillOne();
@@ -159,8 +160,8 @@ void ASoak::Change()
     if (m_random.InPercent(10)) {
         m_soakCollection.DropInJunk();
     }
-    // A dead child leaves the table only after the last record of its relaunch, and until then its bundle cannot be
-    // stopped. The log does not show that step, the monitor's sleep does.
+    // A dead child stays in the table until after the last record of its relaunch. Until then its bundle cannot be
+    // stopped. The log does not show that step, but the monitor's sleep does.
     SoakBundle& bundle = m_random.OneOf(m_books.Bundles());
     if (!bundle.Balances() || bundle.isDeletionRequested || !MonitorRests()) {
         return;
@@ -324,7 +325,7 @@ void ASoak::ExpectBooksToBalance()
     m_books.ExpectBalance();
     ShowOpen();
     EXPECT_EQ(m_eventBytes, static_cast<std::size_t>(m_counts["bundles deleted"]) * EVENT_SIZE) << "one each";
-    EXPECT_EQ(daemon.CountInLog("exit pid["), 0) << "a child that the table did not have";
+    EXPECT_EQ(daemon.CountInLog("exit pid["), 0) << "a child that is not in the table";
     EXPECT_EQ(daemon.CountInLog("non-bundle process["), 0) << "a script, or rm";
 }
 
