@@ -135,6 +135,18 @@ TEST_F(Shipping, UnpacksWhatWasPacked)
     EXPECT_EQ(Put::Differences(File("target"), shipped.contents), std::vector<std::string>{});
 }
 
+TEST_F(Shipping, TakesNamesOfAnyScript)
+{
+    for (const char* const name : {"Grüße", "日本語", "not UTF-8: \xff"}) {
+        WriteFile(File("radio/bin/") + name, "text");
+        fs::create_symlink(name, File("radio/bin/link to ") + name);
+    }
+    const Put::Shipped shipped = Put::Pack(File("radio"), File("radio.tar.gz"), "");
+    EXPECT_EQ(CheckArchive(File("radio.tar.gz"), {}).text, shipped.text);
+    Put::Unpack(File("radio.tar.gz"), File("target"), {});
+    EXPECT_EQ(Put::Differences(File("target"), shipped.contents), std::vector<std::string>{});
+}
+
 TEST_F(Shipping, TellsWhatDiffers)
 {
     const Put::Contents shipped = Put::ReadContents(File("radio"));
