@@ -41,7 +41,8 @@ public:
         ::archive_write_add_filter_gzip(m_archive.get());
         // Without the time and the name that the head of a gzip file may have.
         Require(::archive_write_set_options(m_archive.get(), "gzip:!timestamp,gzip:compression-level=9"));
-        // Names are bytes, as in the file system. Otherwise what they mean depends on the locale, and some mean nothing.
+        // Names are bytes, as in the file system. Otherwise what they mean depends on the locale, and some mean
+        // nothing.
         Require(::archive_write_set_options(m_archive.get(), "pax:hdrcharset=BINARY"));
         Require(::archive_write_open_filename(m_archive.get(), file.c_str()));
     }
