@@ -78,6 +78,15 @@ TEST_F(Putting, GoesBackWhenAnItemDies)
     EXPECT_FALSE(Has(versions.output, "\"number\":2")) << "the failed version is dropped: " << versions.output;
 }
 
+TEST_F(Putting, GoesBackFromAnItemThatCrashesAgainAndAgain)
+{
+    Serve();
+    ASSERT_EQ(Put(Version(STAYS)).status, 0);
+    const Ended ended = Put(Version("exit 2\n"));
+    EXPECT_EQ(ended.status, 1) << ended.output;
+    EXPECT_TRUE(Has(ended.errors, "version 1 is in force again and Active.")) << ended.errors;
+}
+
 TEST_F(Putting, TakesANewBundleOutAgainThatDies)
 {
     Serve();

@@ -7,6 +7,8 @@
 #include "model/reasons.h"
 #include "printable.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,6 +30,8 @@ public:
 
     bool IsActive() const { return m_isActive; }
     const std::string& Failure() const { return m_failure; }
+    /// Whether the server could not stop the version before, because an item of it was dead at that moment.
+    bool IsHeldByDeadItem() const { return m_isHeldByDeadItem; }
 
 private:
     bool IsOurs(const Fact& fact) const
@@ -49,7 +53,11 @@ private:
     bool m_isActive = false;
     std::set<pid_t> m_items; // launched since
     std::string m_failure;
+    bool m_isHeldByDeadItem = false;
 };
+
+/// In the reason why an update has failed.
+constexpr const char KILL_FAILED[] = " activator stop :kill process[";
 
 void Watch::Take(const Fact& fact)
 {
@@ -73,6 +81,7 @@ void Watch::Take(const Fact& fact)
         Fail("The server cannot start it; bundlectl why tells more.", fact);
         break;
     case Fact::UPDATE_FAILED:
+        m_isHeldByDeadItem |= m_failure.empty() && fact.text.find(KILL_FAILED) != std::string::npos;
         Fail("The server cannot update it:", fact);
         break;
     default:
@@ -127,24 +136,36 @@ Outcome Verdict::Wait(const Awaited& awaited, std::chrono::milliseconds patience
     const bool isJournal = m_installation.log.kind == Model::LogLocation::JOURNAL;
     const std::chrono::milliseconds pause(isJournal ? 1000 : 100);
     const Clock::time_point end = Clock::now() + patience;
-    std::optional<Clock::time_point> ripe;
+    const std::string directory = m_installation.collection + "/" + awaited.directory;
+    Model::Time since = m_since;
+    constexpr Clock::time_point NEVER = Clock::time_point::max();
+    Clock::time_point ripe = NEVER;
     for (;;) {
         Watch watch(awaited, m_installation.server ? m_installation.server->stat.pid : 0);
-        if (m_installation.log.kind == Model::LogLocation::NOWHERE || !Read(m_installation, m_since, watch)) {
+        if (m_installation.log.kind == Model::LogLocation::NOWHERE || !Read(m_installation, since, watch)) {
             return {Outcome::UNKNOWN, "Its log " + Printable(m_installation.log.path) + " cannot be read (" +
                                           m_installation.log.why + ")."};
+        }
+        const Clock::time_point now = Clock::now();
+        // An item that crashes again and again is dead for a second each time, and cannot be killed then. A touched
+        // directory counts as changed, so the server tries once more.
+        if (watch.IsHeldByDeadItem() && now < end) {
+            since = Model::Now();
+            ripe = NEVER;
+            if (::utimensat(AT_FDCWD, directory.c_str(), nullptr, 0) == 0) {
+                continue;
+            }
         }
         if (!watch.Failure().empty()) {
             return {Outcome::FAILED, watch.Failure()};
         }
-        const Clock::time_point now = Clock::now();
-        if (watch.IsActive() && !ripe) {
+        if (watch.IsActive() && ripe == NEVER) {
             ripe = now + soak;
         }
-        if (ripe && now >= *ripe) {
+        if (now >= ripe) {
             return {Outcome::ACTIVE, ""};
         }
-        if (!ripe && now >= end) {
+        if (ripe == NEVER && now >= end) {
             return {Outcome::NO_VERDICT,
                     "It has not become Active in time. A script can hold the server: bundlectl why "
                     "tells which."};
