@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The alerts for Prometheus are in order, and fire when they should.
+# The alerts for Prometheus are well-formed, and fire when they should.
 #
 # usage: alerts_test.sh ALERTS TESTS
 set -euo pipefail

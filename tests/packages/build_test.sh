@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Packages what a build directory holds, as debian/ says, and leaves the packages in a directory. Each file that is installed
-# is in one package.
+# Makes packages from a build directory by the rules in debian/, and writes them to a directory. Each installed file must be
+# in exactly one package.
 #
 # usage: build_test.sh ROOT BUILD_DIR PACKAGES
 set -uo pipefail
@@ -8,11 +8,11 @@ set -uo pipefail
 root=$1
 build=$2
 packages=$3
-command -v dh > /dev/null || { echo "skipped: there is no debhelper; script/install-dependencies --tests"; exit 77; }
+command -v dh > /dev/null || { echo "skipped: debhelper is not installed; script/install-dependencies --tests"; exit 77; }
 rm -rf "$packages"
 mkdir -p "$packages/sources"
 cd "$packages/sources" || exit 1
-# What debian/ takes from the sources; nothing is compiled.
+# The files of the sources that debian/ needs. Nothing is compiled.
 cp -R "$root"/{debian,docs,examples,packaging,README.md,LICENSE} . || exit 1
 mkdir client && cp -R "$root"/client/{examples,python} client/ || exit 1
 export BUNDLE_SERVER_BUILD=$build

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# In a fresh root with a compiler and the packages: the installed example is built by what the development package brings
-# for CMake and for pkg-config. Each program deletes a bundle and hears of it. The shared library's program needs the library
-# package alone, the static one's not even that.
+# In a fresh root with a compiler and the packages, the installed example is built with the development package's files
+# for CMake and for pkg-config. Each program deletes a bundle and receives the event. The program with the shared library
+# needs only the library package. The one with the static library needs no package.
 #
 # usage: consumer_test.sh PACKAGES
 set -uo pipefail
@@ -72,10 +72,10 @@ done
 needs tmp/build/shared || fail "BundleServer::client is not the shared library"
 ! needs tmp/build/static || fail "BundleServer::client_static is not the static library"
 
-# The program's user needs the library package only.
+# A user of the program needs only the library package.
 rm -r "$root"/usr/include/bundle_client.h "$root"/usr/lib/*/{libbundle-client.so,libbundle-client.a,cmake/BundleServer}
 check /tmp/by_pkg_config
 rm "$root"/usr/lib/*/libbundle-client.so.*
 check /tmp/build/static
 service stop || fail "the server cannot be stopped"
-echo "built by pkg-config and by CMake; a bundle deleted and its event heard by each"
+echo "built by pkg-config and by CMake; each program has deleted a bundle and received its event"

@@ -1,4 +1,4 @@
-# Sourced by the tests that install the server: a machine of their own, made of files of this one, without a network.
+# Sourced by the tests that install the server. Gives them a machine of their own, made of files of this one, without a network.
 # shellcheck shell=bash
 
 skip() {
@@ -12,9 +12,9 @@ fail() {
     exit 1
 }
 
-# Runs the script that calls it again, with namespaces of its own for mounts and processes: nothing of it outlives it.
+# Runs the calling script again in new namespaces for mounts and processes, so that nothing of it survives.
 enter_machine() {
-    [ "$(id -u)" -eq 0 ] || skip "only root may have a mount namespace in which it can install"
+    [ "$(id -u)" -eq 0 ] || skip "only root can make a mount namespace to install into"
     [ -z "${IN_FRESH_ROOT:-}" ] || return 0
     local namespaces=(unshare --mount --pid --fork --kill-child --mount-proc --propagation private)
     "${namespaces[@]}" true 2> /dev/null || skip "no namespaces for mounts and processes are available"
@@ -23,7 +23,7 @@ enter_machine() {
 
 # fresh_root: makes $root with the file systems of the kernel and nothing else.
 fresh_root() {
-    # In a place that every machine has, so that no directory is left that was mounted on.
+    # At a path that every machine has, so that no mount point is left behind.
     root=/mnt
     mount -t tmpfs -o mode=0755 none "$root"
     mkdir -p "$root"/usr/{bin,sbin,lib,lib64} "$root"/{dev,proc,etc,run,var/lib,mnt,root}
@@ -38,7 +38,7 @@ fresh_root() {
     echo "root:x:0:" > "$root/etc/group"
 }
 
-# own_devices: a /dev that is not this machine's, for programs that put something there.
+# own_devices: gives the root a /dev of its own, for programs that create files there.
 own_devices() {
     local device
     umount -R "$root/dev"
@@ -49,12 +49,12 @@ own_devices() {
     done
 }
 
-# copy_files: copies this machine's files, whose names are read, one a line, to the fresh root.
+# copy_files: copies files of this machine to the fresh root. Reads their names from standard input, one a line.
 copy_files() {
     sed -n 's,^/,,p' | tar -C / --no-recursion --ignore-failed-read -cf - -T - 2> /dev/null | tar -C "$root" -xf -
 }
 
-# closure PACKAGE...: these packages and what they depend on, as far as it is installed here.
+# closure PACKAGE...: these packages and their dependencies that are installed here.
 closure() {
     # shellcheck disable=SC2016 # dpkg-query's own variables
     dpkg-query -W -f='${Package}\t${Pre-Depends}, ${Depends}\t${Provides}\n' | awk -F '\t' -v wanted="$*" '
@@ -85,7 +85,7 @@ closure() {
         }'
 }
 
-# depends_of DIRECTORY PACKAGE...: what the packages in the directory depend on, a name a word.
+# depends_of DIRECTORY PACKAGE...: the dependencies of the packages in the directory, one name a word.
 depends_of() {
     local directory=$1 name
     shift
@@ -94,8 +94,8 @@ depends_of() {
     done
 }
 
-# unpack DIRECTORY TARGET PACKAGE...: puts the files of the packages in the directory into the target. Not by dpkg-deb
-# itself, which would replace links that the target has.
+# unpack DIRECTORY TARGET PACKAGE...: unpacks the packages in the directory into the target. dpkg-deb itself would replace
+# links in the target.
 unpack() {
     local directory=$1 target=$2 name
     shift 2
@@ -104,7 +104,7 @@ unpack() {
     done
 }
 
-# await COMMAND...: until the command succeeds. The bound is for a machine that is very busy.
+# await COMMAND...: waits until the command succeeds. The limit is meant for a very busy machine.
 await() {
     local end=$((SECONDS + 30))
     while ! "$@"; do
@@ -113,7 +113,7 @@ await() {
     done
 }
 
-# The processes that run a file of the fresh root, named by the end of its path or by an argument: one id a line.
+# running FILE: the processes that run a file of the fresh root, one id a line. FILE is the end of its path, or an argument.
 running() {
     local process
     for process in /proc/[0-9]*; do
@@ -123,7 +123,7 @@ running() {
     done 2> /dev/null
 }
 
-# runs FILE NUMBER: whether so many processes run it.
+# runs FILE NUMBER: whether that many processes run it.
 runs() {
     [ "$(running "$1" | wc -l)" -eq "$2" ]
 }
@@ -139,12 +139,12 @@ serves() {
     [ $status -eq 3 ]
 }
 
-# put_bundle NAME: a bundle with a script that runs until it is killed, moved into the collection at once.
+# put_bundle NAME: moves a bundle into the collection in one step. Its script runs until it is killed.
 put_bundle() {
     local new=$root/var/lib/bundle-server/$1.new
     mkdir -p "$new/bin" "$new/script"
     printf '[global]\nbundle_name = %s\nbundle_load_mode = 0\n\n[item]\nitem_name = %s.sh\n' "$1" "$1" > "$new/BundleManifest.ini"
-    # With an argument of its own, so that the process is found by it.
+    # The script's path is an argument of the process, by which the tests find it.
     printf 'while :; do sleep 1; done\n' > "$new/bin/$1.sh"
     if [ $# -eq 2 ]; then
         cp "$2" "$new/bin/$1.so"
@@ -153,7 +153,7 @@ put_bundle() {
     mv "$new" "$root/var/lib/bundle-server/bundles/$1"
 }
 
-# put_witness: a bundle whose item notes at each SIGTERM, in /var/log/witness, whether the server is still there.
+# put_witness: adds a bundle whose item notes in /var/log/witness, at each SIGTERM, whether the server still runs.
 put_witness() {
     put_bundle witness
     # shellcheck disable=SC2016 # expanded by the item, whose parent is the server
@@ -161,8 +161,8 @@ put_witness() {
         "$root/var/lib/bundle-server/bundles/witness/bin/witness.sh"
 }
 
-# check_order LOG_DIRECTORY SERVER LINES WHEN: the server has ended before its items. The log since the order to end,
-# from line LINES on, and the notes of the witness show it.
+# check_order LOG_DIRECTORY SERVER LINES WHEN: checks that the server has ended before its items, by the log from line
+# LINES on, where the end was ordered, and by the notes of the witness.
 check_order() {
     local records
     records=$(tail -n +$(($3 + 1)) "$1/bundle-server/bundle-server.log" | awk -v server="$2" '$5 == server')
@@ -189,8 +189,8 @@ is_stopped() {
     grep -q '^State:.T' "/proc/$1/status"
 }
 
-# lose_monitor: a bundle whose item leaves the server's process group when the monitor has long been waiting for that
-# group. It must be the only item.
+# lose_monitor: adds a bundle whose item leaves the server's process group while the monitor waits for that group. It must
+# be the only item.
 lose_monitor() {
     local server
     put_bundle away
@@ -198,15 +198,15 @@ lose_monitor() {
         > "$root/var/lib/bundle-server/bundles/away/bin/away.sh"
     await leads_session bin/away.sh || fail "the item that goes into a session of its own does not run"
     await has_monitor || fail "there is no monitor for the item"
-    # A pause of the server, such as the machine's sleep, has the monitor look again: there is no child in the group.
+    # After a pause of the server, such as the machine's sleep, the monitor waits again. It finds no child in the group.
     server=$(running sbin/bundle_server)
     kill -STOP "$server"
     await is_stopped "$server" || fail "the server cannot be paused"
     kill -CONT "$server"
-    await has_no_monitor || fail "the monitor has survived"
+    await has_no_monitor || fail "the monitor still runs"
 }
 
-# cron COMMAND: runs the lines of the package's crontab that call it, as cron would.
+# cron COMMAND: runs the lines of the package's crontab that call the command, as cron would.
 cron() {
     local line
     grep -E "^[0-9*].*/$1\$|^[0-9*].* $1 " "$root/etc/cron.d/bundle-server" | sed -E 's/^([^ ]+ ){5}root //' > "$root/tmp/lines"
@@ -216,7 +216,7 @@ cron() {
     done < "$root/tmp/lines"
 }
 
-# check_service BUNDLE: what holds for the init script, with a bundle that runs one script.
+# check_service BUNDLE: checks the init script, with a bundle that runs one script.
 check_service() {
     local item=bundles/$1/./bin/$1.sh before after status
     service status || fail "\"status\" does not see the server that runs"
@@ -225,19 +225,19 @@ check_service() {
 
     before=$(running "$item")
     [ -n "$before" ] || fail "the item does not run"
-    # As an item would ask for it: the script must not take itself for what the server has left.
+    # With the environment of an item: the script must not take itself for a leftover of the server.
     BUNDLE_SERVER_SERVICE=bundle-server service restart || fail "\"restart\" fails"
     await runs "$item" 1 || fail "after a restart the item runs as: $(running "$item")"
     after=$(running "$item")
     [ "$before" != "$after" ] || fail "a restart has not started the item again"
 
-    # A crash leaves the item, and the next start must not double it.
+    # After a crash the item still runs. The next start must not start it twice.
     kill -KILL "$(cat "$root/run/bundle-server.pid")"
     await runs sbin/bundle_server 0
     status=0
     service status || status=$?
     [ $status -eq 1 ] || fail "\"status\" of a dead server with a living item ends with $status"
-    runs "$item" 1 || fail "the item has not outlived the server"
+    runs "$item" 1 || fail "the item has not survived the server"
     service start || fail "\"start\" fails after a crash"
     await serves || fail "the server does not serve after a crash"
     await runs "$item" 1 || fail "after a crash and a start the item runs as: $(running "$item")"

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The init script on a small device: what "cmake --install" installs, the libraries that the programs are linked with,
-# and busybox for everything else.
+# The init script on a small device. The device has what "cmake --install" installs, the programs' libraries, and busybox for
+# everything else.
 #
 # usage: init_script_test.sh CMAKE BUILD_DIR
 set -uo pipefail
@@ -9,7 +9,7 @@ root= # made by fresh_root
 # shellcheck disable=SC1091 # checked by itself
 . "$(dirname "$0")/fresh_root.sh"
 enter_machine "$@"
-busybox=$(command -v busybox) || skip "there is no busybox"
+busybox=$(command -v busybox) || skip "busybox is not installed"
 
 fresh_root
 own_devices
@@ -24,7 +24,7 @@ done | sort -u | while read -r library; do
     mkdir -p "$root/$(dirname "$library")"
     cp -L "$library" "$root/$library"
 done
-[ "$(readlink "$root/bin/sh")" = busybox ] || fail "this is no small device"
+[ "$(readlink "$root/bin/sh")" = busybox ] || fail "the root's shell is not busybox"
 
 put_bundle tuner
 service start || fail "it does not start"
@@ -34,7 +34,7 @@ await runs bin/tuner.sh 1 || fail "the bundle's script is not run"
     fail "the limit of descriptors is not the one that the script sets"
 check_service tuner
 
-# The server goes first, then its items: by SIGTERM, and what does not heed it by SIGKILL after ten seconds.
+# The server ends first, then its items: by SIGTERM, and after ten seconds by SIGKILL.
 put_witness
 put_bundle deaf
 sed -i "1i trap '' TERM" "$root/var/lib/bundle-server/bundles/deaf/bin/deaf.sh"
@@ -54,14 +54,14 @@ for end in stop restart crash; do
     took=$((($(date +%s%N) - begin) / 1000000))
     check_order "$root/var/log" "$server" "$lines" "$end"
     if [ $end = stop ]; then
-        [ $took -ge 10000 ] || fail "an item that does not heed SIGTERM is killed after $took ms"
+        [ $took -ge 10000 ] || fail "an item that ignores SIGTERM is killed after $took ms"
         rm -r "$root"/var/lib/bundle-server/bundles/deaf
     fi
 done
 rm -r "$root"/var/lib/bundle-server/bundles/witness
 service stop
 
-# An item that has left the server's session and process group is ended as well.
+# The script also ends an item that has left the server's session and process group.
 printf 'exec setsid sh -c "while :; do sleep 1; done" /bin/away.sh\n' \
     > "$root/var/lib/bundle-server/bundles/tuner/bin/tuner.sh"
 service start || fail "it does not start again"
@@ -69,7 +69,7 @@ await runs bin/away.sh 1 || fail "the item that goes into a session of its own d
 service stop || fail "\"stop\" fails for an item in a session of its own"
 runs bin/away.sh 0 || fail "\"stop\" has left an item in a session of its own"
 
-# A server that supervises nothing any more is found by cron, and restarted where that is asked for.
+# The check finds a server that no longer supervises, and restarts it if the configuration asks for that.
 rm -r "$root/var/lib/bundle-server/bundles/tuner"
 chroot "$root" syslogd -n -O /var/log/messages &
 syslog=$!
@@ -81,16 +81,16 @@ lose_monitor
 server=$(cat "$root/run/bundle-server.pid")
 ! cron check-supervision || fail "a server without a monitor is taken for a sound one"
 grep -q "daemon.err bundle-server: The server, process $server, has items and no monitor" "$root/var/log/messages" ||
-    fail "nothing tells that nothing is supervised: $(cat "$root/var/log/messages")"
+    fail "no message says that nothing is supervised: $(cat "$root/var/log/messages")"
 [ "$(cat "$root/run/bundle-server.pid")" = "$server" ] || fail "the service was restarted unasked"
 echo 'BUNDLE_SERVER_RESTART_UNSUPERVISED="yes"' >> "$root/etc/default/bundle-server"
 ! cron check-supervision || fail "a server without a monitor is taken for a sound one"
 [ "$(cat "$root/run/bundle-server.pid")" != "$server" ] || fail "the service is not restarted"
 service stop || fail "it does not stop after the check"
-! cron check-supervision 2>&1 | grep . || fail "the check has something to say of a service that does not run"
+! cron check-supervision 2>&1 | grep . || fail "the check prints something about a stopped service"
 kill $syslog
 
-# On a root file system that nothing writes to, as docs/operating.md has it.
+# On a read-only root file system, as docs/operating.md describes it.
 mkdir "$root/data"
 mount -t tmpfs none "$root/data"
 mkdir "$root"/data/{bundles,etc}
@@ -112,9 +112,9 @@ service stop || fail "it does not stop with a read-only root"
 mount -o remount,bind,rw "$root"
 umount "$root/var"
 
-# What cannot start says so.
+# A failed start is reported.
 echo "[global" > "$root/etc/bundle-server/bundle-server.ini"
 rm -r "$root/var/lib/bundle-server/bundles"
 mv "$root/etc/bundle-server/bundle-server.ini" "$root/etc/bundle-server/elsewhere.ini"
 ! service start || fail "\"start\" says that a server without a configuration has started"
-echo "started, stopped, and never doubled an item"
+echo "started and stopped, with each item once"

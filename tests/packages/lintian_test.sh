@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Debian's own checks of the packages find no error and nothing to warn of.
+# Debian's own checks of the packages give no error and no warning.
 #
 # usage: lintian_test.sh PACKAGES
 set -uo pipefail
 
-command -v lintian > /dev/null || { echo "skipped: there is no lintian; script/install-dependencies --package"; exit 77; }
+command -v lintian > /dev/null || { echo "skipped: lintian is not installed; script/install-dependencies --package"; exit 77; }
 said=$(lintian --allow-root --fail-on error,warning "$1"/*.changes 2>&1)
 status=$?
 echo "$said"

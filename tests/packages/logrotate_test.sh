@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The crontab's rotation, by logrotate itself, bounds the log of an item that crashes as often as it can: it is run again
-# once a second, which writes less than 2 kB a second. docs/operating.md names the bound.
+# The crontab's rotation with the real logrotate bounds the log of an item that always crashes. The server relaunches it
+# once a second, which writes less than 2 kB a second. docs/operating.md gives the bound.
 #
 # usage: logrotate_test.sh PACKAGES
 set -uo pipefail
@@ -9,7 +9,7 @@ root= # made by fresh_root
 # shellcheck disable=SC1091 # checked by itself
 . "$(dirname "$0")/fresh_root.sh"
 enter_machine "$@"
-command -v logrotate > /dev/null || skip "there is no logrotate"
+command -v logrotate > /dev/null || skip "logrotate is not installed"
 
 fresh_root
 # shellcheck disable=SC2046 # one package a word
@@ -17,8 +17,8 @@ dpkg-query -L $(closure dash coreutils gzip logrotate) | grep -E '^/(usr/)?(s?bi
 unpack "$1" "$root" bundle-server bundlectl
 logs=$root/var/log/bundle-server
 
-# crash_loop SECONDS: what a crash loop logs meanwhile, through a descriptor that stays open. The records have the length
-# and the changing parts of real ones.
+# crash_loop SECONDS: writes the records of a crash loop in that time, through a descriptor that stays open. They have the
+# length and the changing parts of real records.
 crash_loop() {
     awk -v seconds="$1" -v minute="$((minute++))" 'BEGIN {
         for (second = 0; second < seconds; ++second) {
@@ -47,9 +47,9 @@ done
 [ -f "$logs/bundle-server.log.4.gz" ] || fail "it has not been rotated four times: $(ls "$logs")"
 [ ! -e "$logs/bundle-server.log.5.gz" ] || fail "more than four old logs are kept: $(ls "$logs")"
 gzip --test "$logs"/*.gz || fail "an old log is broken"
-[ "$largest" -le 2500000 ] || fail "the log has come to $largest bytes"
+[ "$largest" -le 2500000 ] || fail "the log has grown to $largest bytes"
 [ "$largest" -ge 1000000 ] || fail "the log has been no larger than $largest bytes: nothing was tested"
-# Records that are written after a rotation exist.
+# Records after a rotation are kept.
 echo "the last record" >&3
 grep -q "the last record" "$logs/bundle-server.log" || fail "nothing is logged after a rotation"
 echo "at most $largest bytes"

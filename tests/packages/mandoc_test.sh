@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The manual pages have no fault that mandoc sees, and refer to pages that are there.
+# mandoc finds no fault in the manual pages, and every page that they refer to exists.
 #
 # usage: mandoc_test.sh DIRECTORY
 set -uo pipefail
@@ -12,11 +12,11 @@ for name in bundle_server.8 dyn_lib_process_loader.8 bundlectl.1 BundleManifest.
     done
 done
 grep -qx "\.Sh RETURN VALUES" bundle_client.3 || { echo "bundle_client.3 does not say what is returned"; exit 1; }
-command -v mandoc > /dev/null || { echo "skipped: there is no mandoc"; exit 77; }
+command -v mandoc > /dev/null || { echo "skipped: mandoc is not installed"; exit 77; }
 said=$(mandoc -Tlint -Wwarning ./*[0-9])
 status=$?
 echo "$said"
-# Not among its warnings: a section of ours that was misspelt.
+# mandoc does not warn about a reference to a missing page of ours.
 while read -r page section; do
     case $page in
         bundle* | dyn_lib* | Bundle*) [ -f "$page.$section" ] || { echo "there is no page $page($section)"; exit 1; } ;;

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The manual pages say what the programs say of themselves: their options, sub-commands, exit statuses and keys.
+# The manual pages agree with the programs' own help: options, sub-commands, exit statuses and keys.
 #
 # usage: manual_test.sh ROOT BUNDLE_SERVER BUNDLECTL LOADER
 set -uo pipefail
@@ -11,7 +11,7 @@ loader=$4
 man=$root/docs/man
 status=0
 
-# same WHAT PAGE PROGRAM: two lists, a word a line.
+# same WHAT PAGE PROGRAM: compares two lists with one word a line.
 same() {
     if [ -z "$3" ] || [ "$(sort -u <<< "$2")" != "$(sort -u <<< "$3")" ]; then
         echo "$1: the page has ${2//$'\n'/ } and the program ${3//$'\n'/ }"
@@ -19,7 +19,7 @@ same() {
     fi
 }
 
-# What an option's entry in a page begins with, aliases included.
+# The options and aliases at the beginning of each entry in a page.
 options_of_page() {
     sed -n 's/^\.It Fl/Fl/p' "$man/$1" | tr ',' '\n' |
         sed -nE -e 's/^ *Fl Fl ([a-z-]+).*/--\1/p' -e 's/^ *Fl ([a-z])( .*)?$/-\1/p'
@@ -29,7 +29,7 @@ options_of_help() {
     grep -E '^ *-' | grep -oE '(^|[ ,])(--[a-z][a-z-]*|-[a-z])' | tr -d ' ,'
 }
 
-# The words of a list of a page: what follows ".It" in the section, up to the next one.
+# The words after ".It" in one section of a page.
 items_of_section() {
     sed -n "/^\.Sh $2/,/^\.S[hs]/s/^\.It \(Cm \)\{0,1\}\([a-z_0-9]*\).*/\2/p" "$man/$1"
 }

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The Debian packages in a fresh root, which holds Debian's essential packages and those that they depend on and no others:
-# they are installed, serve, run bundles, are removed and purged, and leave nothing but the bundles that were put in.
+# The Debian packages in a fresh root, which has only Debian's essential packages and their dependencies. They are installed,
+# serve, run bundles, are removed and purged, and leave only the user's bundles behind.
 #
 # usage: package_test.sh PACKAGES LIBRARY
 set -uo pipefail
@@ -11,20 +11,20 @@ root= # made by fresh_root
 directory=$1
 library=$2
 enter_machine "$@"
-command -v dpkg > /dev/null || skip "there is no dpkg"
+command -v dpkg > /dev/null || skip "dpkg is not installed"
 
-# Not dpkg's own database and log, and not what others keep of packages: they outlive every package.
+# Without dpkg's database and log, and other tools' notes on packages: they survive every package.
 list() {
     (cd "$root" && find . -mindepth 1 \( -path ./dev -o -path ./proc -o -path ./var/lib/dpkg \) -prune -o \
         ! -path ./var/log/dpkg.log ! -path ./var/log/alternatives.log -print) | sort
 }
 
 package_manager() {
-    # This machine may leave out manual pages and documents. The test needs the whole package.
+    # This machine's dpkg may be set to skip manual pages and documents. The test needs the whole package.
     DEBIAN_FRONTEND=noninteractive dpkg --root="$root" --path-include='/*' "$@"
 }
 
-# install: and see that it serves.
+# install: installs the packages and checks that the server serves.
 install_package() {
     package_manager --install "$directory"/bundle-server_*.deb "$directory"/bundlectl_*.deb || fail "it cannot be installed"
     service status || fail "the installation has not started the server"
@@ -43,14 +43,14 @@ dpkg-query -s $packages > "$root/var/lib/dpkg/status"
 for name in $packages; do
     cp /var/lib/dpkg/info/"$name".list /var/lib/dpkg/info/"$name":*.list "$root/var/lib/dpkg/info/" 2> /dev/null
 done
-# Debian's tools find no init process here, so they must be allowed to start services.
+# Debian's tools find no init process here, so this file allows them to start services.
 printf '#!/bin/sh\nexit 0\n' > "$root/usr/sbin/policy-rc.d"
 chmod 755 "$root/usr/sbin/policy-rc.d"
 touch "$root/tmp/before" "$root/tmp/after"
 list > "$root/tmp/before"
 
 install_package
-[ "$(stat -c %a "$root/var/log/bundle-server/bundle-server.log")" = 640 ] || fail "the log is for everybody"
+[ "$(stat -c %a "$root/var/log/bundle-server/bundle-server.log")" = 640 ] || fail "every user can read the log"
 [ "$(readlink "$root/usr/share/man/man8/bundle-server.8.gz")" = bundle_server.8.gz ] || fail "\"man bundle-server\" finds nothing"
 for page in man5/bundle-server.ini.5 man5/bundle-server.log.5 man8/bundle_server.8 man1/bundlectl.1; do
     [ -f "$root/usr/share/man/$page.gz" ] || fail "there is no page $page"
@@ -58,7 +58,7 @@ done
 put_bundle radio "$library"
 await runs bin/radio.sh 1 || fail "the script of a bundle that is put in is not run"
 await runs bin/radio.so 1 || fail "its library is not run"
-runs usr/libexec/bundle-server/dyn_lib_process_loader 1 || fail "not by the package's loader"
+runs usr/libexec/bundle-server/dyn_lib_process_loader 1 || fail "the package's loader does not run it"
 chroot "$root" bundlectl delete radio || fail "the bundle is not deleted"
 [ ! -e "$root/var/lib/bundle-server/bundles/radio" ] || fail "the deleted bundle is still there"
 put_bundle tuner
@@ -81,12 +81,12 @@ await runs bin/tuner.sh 1 || fail "after an upgrade the item runs as: $(running 
 grep -q "^; changed" "$root/etc/bundle-server/bundle-server.ini" || fail "an upgrade has lost the configuration"
 
 rm -r "$root/var/lib/bundle-server/bundles/witness"
-await runs bin/witness.sh 0 || fail "the item of a bundle that was taken out runs"
+await runs bin/witness.sh 0 || fail "the item of a removed bundle still runs"
 package_manager --remove bundle-server bundlectl || fail "it cannot be removed"
 runs sbin/bundle_server 0 || fail "a removal has left the server"
 runs bin/tuner.sh 0 || fail "a removal has left an item"
-[ -f "$root/var/lib/bundle-server/bundles/tuner/BundleManifest.ini" ] || fail "a removal has taken a bundle"
-[ -f "$root/etc/bundle-server/bundle-server.ini" ] || fail "a removal has taken the configuration"
+[ -f "$root/var/lib/bundle-server/bundles/tuner/BundleManifest.ini" ] || fail "a removal has removed a bundle"
+[ -f "$root/etc/bundle-server/bundle-server.ini" ] || fail "a removal has removed the configuration"
 package_manager --purge bundle-server bundlectl || fail "it cannot be purged"
 list > "$root/tmp/after"
 left=$(comm -13 "$root/tmp/before" "$root/tmp/after")
@@ -97,14 +97,14 @@ expected='./var/lib/bundle-server
 ./var/lib/bundle-server/bundles/tuner/bin
 ./var/lib/bundle-server/bundles/tuner/bin/tuner.sh
 ./var/lib/bundle-server/bundles/tuner/script'
-[ "$left" = "$expected" ] || fail "what is left after a purge is not the user's bundle alone: $left"
-[ -z "$(comm -23 "$root/tmp/before" "$root/tmp/after")" ] || fail "a purge has taken what was there before"
+[ "$left" = "$expected" ] || fail "after a purge more than the user's bundle is left: $left"
+[ -z "$(comm -23 "$root/tmp/before" "$root/tmp/after")" ] || fail "a purge has removed files that were there before"
 
-# And without a bundle nothing at all.
+# Without a bundle nothing at all is left.
 rm -r "$root/var/lib/bundle-server/bundles/tuner"
 install_package
 chroot "$root" bundlectl events --count 1 & # makes the FIFO
-await test -p "$root/mnt/bolt/event.paas.kov" || fail "nobody listens"
+await test -p "$root/mnt/bolt/event.paas.kov" || fail "bundlectl does not listen"
 kill $!
 package_manager --purge bundle-server bundlectl || fail "it cannot be purged at once"
 list > "$root/tmp/after"

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# A server that has items and no monitor is found by the packaged timer, and restarted where the configuration asks for it.
-# A server that needs no monitor is left in peace.
+# The packaged timer finds a server that has items and no monitor, and restarts it if the configuration asks for that. It
+# does not touch a server that needs no monitor.
 #
 # usage: systemd_check_test.sh PACKAGES LIBRARY
 set -uo pipefail
 root= # made by fresh_root
-bundles= # named by systemd_machine
+bundles= # set by systemd_machine
 
 # shellcheck disable=SC1091 # checked by itself
 . "$(dirname "$0")/fresh_root.sh"
@@ -19,7 +19,7 @@ often() {
         > "$root/etc/systemd/system/bundle-server-check.timer.d/often.conf"
 }
 
-# A bundle with one item of thread mode, which has a child, and a script that runs for long.
+# A bundle with one item of thread mode, which has a child, and a bundle with a long script.
 put_quiet_bundles() {
     put_bundle quiet
     printf '[global]\nbundle_name = quiet\nbundle_load_mode = 1\n\n[item]\nitem_name = quiet.so\nentry_func = KeepChild\n' \
@@ -40,7 +40,7 @@ has_found() {
     [ "$(chroot "$root" journalctl --unit=bundle-server-check --priority=err --output=cat | grep -c "$1")" -gt 0 ]
 }
 
-# Runs the check now, whatever the timer does.
+# Runs the check now, without waiting for the timer.
 check() {
     chroot "$root" /usr/libexec/bundle-server/check-supervision
 }
@@ -68,16 +68,16 @@ observe() {
     await has_no_monitor || fail "there is a monitor without an item"
     [ -z "$(children)" ] || fail "these children are left: $(children)"
 
-    # By itself, from now on.
+    # From here on the timer runs the check.
     lose_monitor
     await has_found "The server, process $server, has items and no monitor.* Items: $(running bin/away.sh)(sh)" ||
-        fail "nothing tells that nothing is supervised: $(chroot "$root" journalctl --unit=bundle-server-check)"
+        fail "no message says that nothing is supervised: $(chroot "$root" journalctl --unit=bundle-server-check)"
     ! another_than "$server" || fail "the service was restarted unasked"
-    ! check 2> /dev/null || fail "the check ends well for a server that supervises nothing"
+    ! check 2> /dev/null || fail "the check succeeds for a server that supervises nothing"
 
     echo "BUNDLE_SERVER_RESTART_UNSUPERVISED=yes" >> "$root/etc/default/bundle-server"
     await another_than "$server" || fail "the service is not restarted"
-    echo "found a server without a monitor, restarted it when asked, and left others in peace"
+    echo "found a server without a monitor, restarted it when asked, and did not touch others"
 }
 
 on_machine "$@"

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Where the log goes to the journal, the journal knows each record's priority, and the operator's filters find it.
+# When the log goes to the journal, the journal has each record's priority, and the operator's filters work.
 #
 # usage: systemd_journal_test.sh PACKAGES
 set -uo pipefail
 root= # made by fresh_root
-bundles= # named by systemd_machine
+bundles= # set by systemd_machine
 
 # shellcheck disable=SC1091 # checked by itself
 . "$(dirname "$0")/fresh_root.sh"
@@ -20,7 +20,7 @@ prepare() {
     sed -i '/^bundle_load_mode/a bundle_dependencies = nowhere' "$root/$bundles/player/BundleManifest.ini"
 }
 
-# journal FILTER...: the texts of the records that pass.
+# journal FILTER...: the texts of the records that pass the filters.
 journal() {
     chroot "$root" journalctl --unit=bundle-server --quiet --output=cat "$@"
 }
@@ -37,7 +37,7 @@ observe() {
     errors=$(journal --priority=err)
     all=$(journal)
     grep -q 'ERROR.*bundle\[player\].*nowhere' <<< "$errors" || fail "the filter for errors finds: $errors"
-    ! grep -q 'INFO' <<< "$errors" || fail "the filter for errors passes information: $errors"
+    ! grep -q 'INFO' <<< "$errors" || fail "the filter for errors lets information through: $errors"
     grep -q 'INFO.*tuner' <<< "$all" || fail "the journal has no information: $all"
     ! grep -q '^<' <<< "$all" || fail "the journal shows the priorities in the records: $all"
     [ ! -s "$root/var/log/bundle-server/bundle-server.log" ] || fail "the log goes to a file as well"
@@ -50,7 +50,7 @@ observe() {
     all=$(journal --grep="$filter")
     grep -q 'bundle\[radio\]' <<< "$all" || fail "the filter $filter finds nothing of the bundle: $all"
     grep -q ' radio\.radio\.sh' <<< "$all" || fail "the filter $filter finds nothing of the item: $all"
-    ! grep -qE 'player|tuner' <<< "$all" || fail "the filter $filter passes another bundle: $all"
+    ! grep -qE 'player|tuner' <<< "$all" || fail "the filter $filter lets another bundle through: $all"
 
     errors=$(chroot "$root" bundlectl log --level error 2>&1)
     grep -q 'player' <<< "$errors" || fail "bundlectl does not read the journal: $errors"

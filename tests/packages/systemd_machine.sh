@@ -1,21 +1,21 @@
-# Sourced, after fresh_root.sh, by the tests that need systemd itself: it is the first process of a machine of its own, in
-# which the packages are installed and the service is enabled.
+# Sourced, after fresh_root.sh, by the tests that need systemd itself. They get a machine whose first process is systemd,
+# with the packages installed and the service enabled.
 #
-# The test defines prepare, which completes the root before the machine starts, and observe, which looks at the machine
-# from outside while it runs; then it calls on_machine. What the machine writes to /var/log outlives it in $notes/log: a
-# test that defines look_back has observe shut the machine down, and looks at that afterwards.
+# A test defines prepare, which completes the root before the machine starts, and observe, which looks at the running
+# machine from outside. Then it calls on_machine. The machine's /var/log survives it in $notes/log. A test may also define
+# look_back: then observe shuts the machine down, and look_back reads that log.
 # shellcheck shell=bash disable=SC2154 # root is made by fresh_root
 
 # shellcheck disable=SC2034 # for the test
 bundles=var/lib/bundle-server/bundles
 
-# A control group in which systemd may do as it likes.
+# A control group for systemd to manage.
 take_control_group() {
     local mounted
     mounted=$(awk '$3 == "cgroup2" { print $2; exit }' /proc/mounts)
     group=$mounted/bundle-server-test.$$
     if [ -z "$mounted" ] || ! mkdir "$group" 2> /dev/null; then
-        skip "no control group (version 2) can be made"
+        skip "a control group (version 2) cannot be created"
     fi
     trap leave EXIT
     trap 'exit 1' INT TERM HUP
@@ -61,7 +61,7 @@ start_machine() {
     exit "$result"
 }
 
-# Until the machine has shut down.
+# Waits until the machine has shut down.
 await_off() {
     local tries
     for ((tries = 0; tries < 300; ++tries)); do
@@ -71,7 +71,7 @@ await_off() {
     return 1
 }
 
-# A root with systemd and its journal, without the services that it usually starts, and the packages' files.
+# Makes a root with systemd, its journal and the packages' files, without the services that systemd usually starts.
 make_root() {
     fresh_root
     own_devices
@@ -97,14 +97,14 @@ make_root() {
     echo "ZQ_LOG_FILE=/var/log/bundle-server/bundle-server.log" > "$root/etc/default/bundle-server"
 }
 
-# on_machine PACKAGES [ARGUMENT...]: prepares and observes the machine, and ends with what observe says. The test is run
-# again with the same arguments on the machine.
+# on_machine PACKAGES [ARGUMENT...]: prepares and observes the machine, and exits with the status of observe. On the machine
+# the test is run again with the same arguments.
 on_machine() {
     packages=$1
     shift
     if [ -z "${IN_MACHINE:-}" ]; then
-        [ "$(id -u)" -eq 0 ] || skip "only root may have a machine of its own"
-        [ -x /lib/systemd/systemd ] || skip "there is no systemd"
+        [ "$(id -u)" -eq 0 ] || skip "only root can start a machine"
+        [ -x /lib/systemd/systemd ] || skip "systemd is not installed"
         take_control_group
         start_machine "$@"
     fi
@@ -116,7 +116,7 @@ on_machine() {
         mv "$IN_MACHINE/result.new" "$IN_MACHINE/result"
     ) &
     cd "$root" || exit 1
-    # systemd must be the first process of its machine. It takes the machine for a container.
+    # systemd must be the first process of its machine. It treats the machine as a container.
     exec env -i container=test PATH=/usr/sbin:/usr/bin chroot "$root" /lib/systemd/systemd --log-target=console --show-status=no
 }
 
@@ -125,7 +125,7 @@ manager() {
     chroot "$root" systemctl "$@"
 }
 
-# another_than PID: whether a server runs that is another process.
+# another_than PID: whether a server with another process id runs.
 another_than() {
     [[ -n $(running sbin/bundle_server) && $(running sbin/bundle_server) != "$1" ]]
 }

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# A machine whose root can only be read, with the recipe of packaging/read-only-root: it boots and serves, bundles of the
-# image run, are deleted and stay deleted, others are added, and the log is in the journal.
+# A machine with a read-only root and the files of packaging/read-only-root. It boots and serves. Bundles of the image run,
+# can be deleted and stay deleted. Others can be added. The log is in the journal.
 #
 # usage: systemd_read_only_test.sh PACKAGES
 set -uo pipefail
 root= # made by fresh_root
-bundles= # named by systemd_machine
+bundles= # set by systemd_machine
 
 # shellcheck disable=SC1091 # checked by itself
 . "$(dirname "$0")/fresh_root.sh"
@@ -25,7 +25,7 @@ prepare() {
     mv "$root/$bundles"/{radio,clock} "$root/$image/"
     umount "$root/var/log"
     mount -t tmpfs none "$root/tmp"
-    # A partition that can be written.
+    # A writable partition.
     mount -t tmpfs none "$root/data"
     mount -o remount,ro "$root"
 }
@@ -33,9 +33,9 @@ prepare() {
 observe() {
     local started said
     await serves || fail "the server does not serve: $(manager status --no-pager bundle-server 2>&1)"
-    ! touch "$root/etc/written" 2> /dev/null || fail "the root can be written"
+    ! touch "$root/etc/written" 2> /dev/null || fail "the root is writable"
     await runs bin/radio.sh 1 || fail "a bundle of the image does not run"
-    [ "$(stat -f -c %T "$root/mnt/bolt")" = tmpfs ] || fail "the services are not in memory"
+    [ "$(stat -f -c %T "$root/mnt/bolt")" = tmpfs ] || fail "the service directory is not in memory"
     [ "$(stat -c %a "$root/mnt/bolt")" = 755 ] || fail "the directory of services has the mode $(stat -c %a "$root/mnt/bolt")"
 
     chroot "$root" bundlectl delete radio > "$root/tmp/said" 2>&1 || fail "a bundle of the image cannot be deleted: $(cat "$root/tmp/said")"
@@ -47,7 +47,7 @@ observe() {
     cp -R "$root/data/tuner" "$root/$bundles/"
     await runs bin/tuner.sh 1 || fail "a bundle that is added does not run"
 
-    # As at the next start of the device.
+    # This simulates the next start of the device.
     manager stop bundle-server 'var-lib-bundle\x2dserver-bundles.mount' || fail "it cannot be stopped"
     [ ! -e "$root/$bundles/clock" ] || fail "the collection is still mounted"
     started=$(date +%s)
@@ -60,7 +60,7 @@ observe() {
     [[ $said == *"load bundle[clock] success"* ]] || fail "the journal has no log: $said"
     said=$(manager list-units --state=failed --no-legend '*.mount' bundle-server.service)
     [ -z "$said" ] || fail "units have failed: $said"
-    echo "served from a root that can only be read; a deletion and an addition outlive a restart"
+    echo "served from a read-only root; a deletion and an addition survive a restart"
 }
 
 on_machine "$@"

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# The order in which systemd ends the service: the server first, its items when it has gone, by SIGTERM and after ten
-# seconds by SIGKILL. A server that still ran would take its items' ends for crashes.
+# The order in which systemd ends the service: first the server, then its items, by SIGTERM and after ten seconds by
+# SIGKILL. A server that still ran would take its items' ends for crashes.
 #
 # usage: systemd_stop_test.sh PACKAGES
 set -uo pipefail
 root= # made by fresh_root
-bundles= # named by systemd_machine
-notes= # made by it
+bundles= # set by systemd_machine
+notes= # set by systemd_machine
 
 # shellcheck disable=SC1091 # checked by itself
 . "$(dirname "$0")/fresh_root.sh"
@@ -38,7 +38,7 @@ all_run() {
     serves
 }
 
-# end_service COMMAND WHEN: stops or restarts it, and says in $took how many milliseconds that takes.
+# end_service COMMAND WHEN: stops or restarts the service. Sets $took to the milliseconds that it takes.
 end_service() {
     local server lines begin
     await all_run || fail "$2: the items do not run"
@@ -61,7 +61,7 @@ has_warned() {
     chroot "$root" journalctl --unit=bundle-server --priority=4 | grep -q "has not ended within 8 seconds and is killed"
 }
 
-# A script that does not end holds the server, which then is killed: its items still get their SIGTERM after it.
+# A script that does not end blocks the server, so systemd kills the server. The items still get SIGTERM after that.
 stop_while_a_script_runs() {
     local new=$root/$bundles/../update.sh
     printf '#!/bin/sh\nsleep 1000\n' > "$new"
@@ -73,8 +73,8 @@ stop_while_a_script_runs() {
     manager daemon-reload
     end_service stop "held by a script"
     none_run "held by a script"
-    [ $took -ge 8000 ] || fail "a server that a script holds is killed after $took ms"
-    await has_warned || fail "nothing tells that the server was killed"
+    [ $took -ge 8000 ] || fail "a server that a script blocks is killed after $took ms"
+    await has_warned || fail "no message says that the server was killed"
 }
 
 observe() {
@@ -82,7 +82,7 @@ observe() {
     for ((stop = 1; stop <= 9; ++stop)); do
         end_service stop "stop $stop"
         none_run "stop $stop"
-        [ "$(manager show --property=Result --value bundle-server)" = timeout ] || fail "the item that is deaf has heard"
+        [ "$(manager show --property=Result --value bundle-server)" = timeout ] || fail "the item that ignores SIGTERM has ended by it"
         manager start bundle-server || fail "it cannot be started again"
     done
     end_service restart "restart"
@@ -90,7 +90,7 @@ observe() {
     manager daemon-reload
     end_service stop "stop 10"
     none_run "stop 10"
-    [ $took -ge 10000 ] || fail "an item that does not heed SIGTERM is killed after $took ms"
+    [ $took -ge 10000 ] || fail "an item that ignores SIGTERM is killed after $took ms"
 
     give_items_a_second
     manager daemon-reload
@@ -109,7 +109,7 @@ look_back() {
     local server lines
     read -r server lines < "$notes/before"
     check_order "$notes/log" "$server" "$lines" "shutdown"
-    echo "ten times stopped, restarted, stopped while a script ran, and shut down: the server first"
+    echo "stopped ten times, restarted, stopped while a script ran, and shut down: the server ended first each time"
 }
 
 on_machine "$@"

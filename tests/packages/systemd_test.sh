@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# The unit under systemd itself: a server that crashes is started again without doubling an item, stopping it ends all
-# that it has left, and its restrictions let bundles work.
+# The unit under systemd itself. After a crash the server is started again, with each item once. A stop ends every process
+# of the service. The unit's restrictions let bundles work.
 #
 # usage: systemd_test.sh PACKAGES
 set -uo pipefail
 root= # made by fresh_root
-bundles= # named by systemd_machine
+bundles= # set by systemd_machine
 
 # shellcheck disable=SC1091 # checked by itself
 . "$(dirname "$0")/fresh_root.sh"
@@ -22,20 +22,20 @@ prepare() {
     chmod 755 "$root/$bundles/radio/script/install.sh"
 }
 
-# What an item mounts is seen by others only when the unit gives up what needs a mount namespace, as the manual has it.
+# Others see an item's mounts only without the settings that need a mount namespace. The manual's drop-in turns those off.
 check_mounts() {
     local own=$root/etc/systemd/system/bundle-server.service.d
     put_bundle card
     printf 'mkdir -p /srv/card\nmount -t tmpfs none /srv/card && touch /srv/card/mounted /var/log/mounted\nwhile :; do sleep 1; done\n' \
         > "$root/$bundles/card/bin/card.sh"
     await test -e "$root/var/log/mounted" || fail "an item cannot mount"
-    [ ! -e "$root/srv/card/mounted" ] || fail "what an item mounts is seen by others"
+    [ ! -e "$root/srv/card/mounted" ] || fail "others see an item's mounts"
     mkdir "$own"
     sed -n '/^- Or give up the settings that need the namespace/,/^  ```$/s/^  \([[A-Z].*\)/\1/p' "$(dirname "$0")/../../docs/operating.md" > "$own/mounts.conf"
     [ "$(wc -l < "$own/mounts.conf")" -ge 5 ] || fail "the manual has no drop-in: $(cat "$own/mounts.conf")"
     manager daemon-reload
     manager restart bundle-server
-    await test -e "$root/srv/card/mounted" || fail "with the manual's drop-in nobody sees what an item mounts"
+    await test -e "$root/srv/card/mounted" || fail "with the manual's drop-in an item's mounts are still hidden from others"
     rm -r "$own" "${root:?}/$bundles/card"
     manager daemon-reload
 }
@@ -44,13 +44,13 @@ limit() {
     sed -n 's/^Max open files *\([0-9]*\).*/\1/p' "/proc/$(running sbin/bundle_server)/limits"
 }
 
-# The timers run with the service. The one that rotates the log is made to come at once.
+# The timers run with the service. The one for the log's rotation is set to fire at once.
 check_timers() {
     local timer
     for timer in check logrotate; do
         [ "$(manager is-active bundle-server-$timer.timer)" = active ] || fail "the timer $timer does not run"
     done
-    command -v logrotate > /dev/null || skip "there is no logrotate"
+    command -v logrotate > /dev/null || skip "logrotate is not installed"
     head -c 1100000 /dev/zero | tr '\0' '\n' >> "$root/var/log/bundle-server/bundle-server.log"
     mkdir "$root/etc/systemd/system/bundle-server-logrotate.timer.d"
     printf '[Timer]\nOnCalendar=*:*:*\nAccuracySec=1ms\n' > "$root/etc/systemd/system/bundle-server-logrotate.timer.d/often.conf"
@@ -78,9 +78,9 @@ observe() {
     after=$(running bin/tuner.sh; running bin/away.sh)
     [ -z "$(comm -12 <(sort <<< "$before") <(sort <<< "$after"))" ] || fail "an item of the crashed server is still there"
 
-    # The server sees the file systems in a namespace of its own, and is this machine's all the same.
+    # The server has a mount namespace of its own, but bundlectl must still find it.
     chroot "$root" bundlectl status > "$root/tmp/status" 2>&1
-    grep -q "tuner.*1/1" "$root/tmp/status" || fail "bundlectl does not see what runs: $(cat "$root/tmp/status")"
+    grep -q "tuner.*1/1" "$root/tmp/status" || fail "bundlectl does not show what runs: $(cat "$root/tmp/status")"
     check_timers
     check_mounts
     await serves || fail "the server does not serve after a restart"
@@ -90,7 +90,7 @@ observe() {
     for program in sbin/bundle_server bin/tuner.sh bin/away.sh; do
         runs "$program" 0 || fail "after a stop there still is $program: $(running "$program")"
     done
-    echo "started again after a crash, and stopped, with each item once and then none"
+    echo "started again after a crash with each item once, and stopped with no item left"
 }
 
 on_machine "$@"

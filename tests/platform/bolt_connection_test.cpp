@@ -35,7 +35,7 @@ protected:
     RunningServer m_server{SERVICE, g_testProtocol};
 };
 
-/// Runs the steps as another user than root and the server's. True when they return true.
+/// Runs the steps as a user other than root and the server's. Returns whether they return true.
 template <typename Steps> bool HoldsForNobody(Steps steps)
 {
     const pid_t child = ::fork();
@@ -99,7 +99,7 @@ TEST_F(AConnection, IsAnnouncedToTheService)
     EXPECT_TRUE(Eventually(10s, [&] { return AnnouncedConnections() == before + 2; }));
 }
 
-TEST_F(AConnection, IsOneOfHundredsThatAreServedSideBySide)
+TEST_F(AConnection, CanBeOneOfHundredsAtTheSameTime)
 {
     std::list<UnixClient> clients;
     for (int i = 0; i < 300; ++i) {
@@ -136,7 +136,7 @@ TEST_F(AConnection, IsTheOnlyOneClosedForABrokenPacket)
     }
 }
 
-TEST_F(AConnection, SaysInTheLogWhyItIsClosed)
+TEST_F(AConnection, IsClosedWithTheReasonInTheLog)
 {
     const UnixClient client(m_path);
     client.Send("1234567");
@@ -148,7 +148,7 @@ TEST_F(AConnection, SaysInTheLogWhyItIsClosed)
         << LogText();
 }
 
-TEST_F(AConnection, FillsNoDiskWithLogWhenManyAreBroken)
+TEST_F(AConnection, IsLoggedAtMostOnceASecondWhenManyAreBroken)
 {
     const auto begin = std::chrono::steady_clock::now();
     for (int i = 0; i < 500; ++i) {
@@ -188,11 +188,11 @@ TEST_F(AConnection, LetsNoReplyOvertakeWaitingOnes)
     for (int i = 0; i < waiting; ++i) {
         ASSERT_TRUE(client.Send(PacketOf(BIG, 0, "")));
     }
-    // The loop handles one request of each connection for each time that it comes round.
+    // The loop handles one request of each connection in each round.
     for (int i = 0; i < waiting; ++i) {
         ASSERT_TRUE(IsServed(other));
     }
-    // One that is read makes room for a small one, but does not yet call the connection writable.
+    // Reading one reply makes room for a small one, but the loop does not yet see the connection as writable.
     ASSERT_TRUE(client.Receive(10s));
     ASSERT_TRUE(client.Send(PacketOf(ECHO, 0, "hello")));
     ASSERT_TRUE(IsServed(other));
@@ -208,7 +208,7 @@ TEST_F(AConnection, IsTheOnlyOneClosedWhenMoreThanOneMebibyteOfRepliesIsUnread)
 {
     const UnixClient other(m_path);
     const UnixClient client(m_path);
-    // What the kernel holds comes on top; twice as much is more than both.
+    // The kernel's buffer holds some more. Twice the limit exceeds both together.
     constexpr int requests = 2 * 1024 * 1024 / BIG_CONTENT;
     for (int i = 0; i < requests && client.Send(PacketOf(BIG, 0, "")); ++i) {
         ASSERT_TRUE(IsServed(other));
@@ -218,7 +218,7 @@ TEST_F(AConnection, IsTheOnlyOneClosedWhenMoreThanOneMebibyteOfRepliesIsUnread)
     EXPECT_TRUE(IsServed(other));
 }
 
-TEST_F(AConnection, TakesNoMoreRepliesOnceItIsDroppedAndOutlivesTheCallbackThatKeepsSending)
+TEST_F(AConnection, TakesNoRepliesOnceItIsDroppedAndSurvivesACallbackThatKeepsSending)
 {
     const UnixClient other(m_path);
     const UnixClient client(m_path);
@@ -254,7 +254,7 @@ TEST_F(AConnection, MayEndWhileRepliesAreUnderWay)
     EXPECT_TRUE(IsServed(other));
 }
 
-TEST_F(AConnection, GetsItsWaitingRepliesAfterItsPeerHasShutDownItsSending)
+TEST_F(AConnection, GetsItsWaitingRepliesAfterItsPeerShutsDownItsSending)
 {
     const UnixClient other(m_path);
     const UnixClient client(m_path);
@@ -264,7 +264,7 @@ TEST_F(AConnection, GetsItsWaitingRepliesAfterItsPeerHasShutDownItsSending)
     }
     client.ShutDownSending();
     for (int i = 0; i < requests + 1; ++i) {
-        ASSERT_TRUE(IsServed(other)); // the loop has come round to the end of what the peer sends
+        ASSERT_TRUE(IsServed(other)); // by the last of these rounds the loop has read the peer's end
     }
     for (int i = 0; i < requests; ++i) {
         const auto reply = client.Receive(10s);

@@ -1,4 +1,4 @@
-// The lock under which a service's name is taken, and what others may put in its place.
+// The lock that a server takes to claim a service's name, and other files at the lock's path.
 #include "support/eventually.h"
 #include "support/running_server.h"
 #include "support/service_environment.h"
@@ -31,7 +31,7 @@ bool Exists(const std::string& path)
     return ::lstat(path.c_str(), &status) == 0;
 }
 
-/// A lock on a file, held as by a process that does not serve.
+/// Holds a lock on a file, as a process that does not serve would.
 class Holder {
 public:
     explicit Holder(const std::string& path, int flags = O_RDONLY | O_CREAT)
@@ -91,7 +91,7 @@ const std::string TheLockOnAName::SOCKET = SocketPath(SERVICE);
 
 } // namespace
 
-TEST_F(TheLockOnAName, IsNotOnTheDirectoryThatAllMayOpen)
+TEST_F(TheLockOnAName, IsNotTakenOnTheDirectoryThatEveryUserMayOpen)
 {
     const Holder holder("/mnt/bolt", O_RDONLY | O_DIRECTORY);
     const RunningServer server(SERVICE, g_testProtocol);
@@ -112,7 +112,7 @@ TEST_F(TheLockOnAName, HeldByAProcessThatDoesNotServeDelaysTheService)
     EXPECT_FALSE(Exists(SOCKET));
 }
 
-TEST_F(TheLockOnAName, HeldByAProcessThatDoesNotServeDelaysNoEnd)
+TEST_F(TheLockOnAName, HeldByAProcessThatDoesNotServeDoesNotDelayTheEnd)
 {
     const Holder holder(LOCK);
     RunningServer server(SERVICE, g_testProtocol);
@@ -123,7 +123,7 @@ TEST_F(TheLockOnAName, HeldByAProcessThatDoesNotServeDelaysNoEnd)
     ASSERT_EQ(::unlink(LOCK), 0);
 }
 
-TEST_F(TheLockOnAName, HeldWhileALiveServerListensMakesTheRegistrationFail)
+TEST_F(TheLockOnAName, HeldByAnotherProcessDoesNotHideALiveServer)
 {
     const RunningServer server(SERVICE, g_testProtocol);
     ASSERT_TRUE(server.IsRegistered());
@@ -142,7 +142,7 @@ TEST_F(TheLockOnAName, LeftByAKilledServerIsUsedAgain)
     EXPECT_EQ(LogText().find("service["), std::string::npos) << LogText();
 }
 
-TEST_F(TheLockOnAName, RemovesALinkInItsPlaceAndNothingElse)
+TEST_F(TheLockOnAName, RemovesALinkInItsPlaceButNotTheTarget)
 {
     std::ofstream("/mnt/mine") << "mine";
     const Holder holder("/mnt/mine");
@@ -162,7 +162,7 @@ TEST_F(TheLockOnAName, RemovesAFifoInItsPlace)
     EXPECT_TRUE(IsServed()) << LogText();
 }
 
-TEST_F(TheLockOnAName, WaitsUntilADirectoryInItsPlaceIsRemoved)
+TEST_F(TheLockOnAName, WaitsForTheRemovalOfADirectoryInItsPlace)
 {
     ASSERT_EQ(::mkdir(LOCK, 0700), 0);
     const RunningServer server(SERVICE, g_testProtocol);
@@ -185,10 +185,10 @@ TEST_F(TheLockOnAName, RemovesAFileThatAnotherUserHoldsLocked)
     const RunningServer server(SERVICE, g_testProtocol);
     EXPECT_TRUE(IsServed()) << LogText();
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 1s)
-        << "it can be another user's server, which removes it itself";
+        << "it may belong to another user's server, which removes it itself";
 }
 
-TEST_F(TheLockOnAName, WaitsUntilAFileIsRemovedThatItMayNotRemove)
+TEST_F(TheLockOnAName, WaitsForTheRemovalOfAFileThatItMayNotRemove)
 {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "needs root, to become another user";

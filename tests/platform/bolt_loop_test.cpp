@@ -39,7 +39,7 @@ bool Exists(const std::string& path)
     return ::lstat(path.c_str(), &status) == 0;
 }
 
-/// What the program that runs the loop does afterwards: waits for a request to end. Returns 0 when it has one already.
+/// The step of the program after the loop: it waits for a request to end. Returns 0 if the request is pending already.
 int WaitForTerminationRequest(int result)
 {
     sigset_t signals;
@@ -78,7 +78,7 @@ bool AreAlike(const Dispositions& left, const Dispositions& right)
     return true;
 }
 
-/// Lets the process open no more than that many descriptors beyond those it has.
+/// Limits the process to that many more descriptors than it has.
 void AllowDescriptors(rlim_t more)
 {
     rlim_t open = 0;
@@ -167,7 +167,7 @@ TEST_F(TheLoop, RemovesItsSocketAtItsEnd)
     EXPECT_FALSE(Exists(m_path));
 }
 
-TEST_F(TheLoop, DoesNotTouchAtItsEndAnotherFileInItsSocketsPlace)
+TEST_F(TheLoop, LeavesAnotherFileInItsSocketsPlaceAtItsEnd)
 {
     RunningServer server(SERVICE, g_testProtocol);
     ASSERT_EQ(::unlink(m_path.c_str()), 0);
@@ -177,7 +177,7 @@ TEST_F(TheLoop, DoesNotTouchAtItsEndAnotherFileInItsSocketsPlace)
     EXPECT_TRUE(IsServed(UnixClient(m_path)));
 }
 
-TEST_F(TheLoop, ReturnsAfterItsTimeAndKeepsTheService)
+TEST_F(TheLoop, ReturnsAfterItsTimeLimitAndKeepsTheService)
 {
     std::thread([this] {
         bolt_event_mgr* mgr = bolt_event_mgr_new(0);
@@ -202,7 +202,7 @@ TEST_F(TheLoop, ReturnsAfterItsTimeAndKeepsTheService)
     }).join();
 }
 
-TEST_F(TheLoop, CannotBeRunOrGivenAServiceOnceItHasEnded)
+TEST_F(TheLoop, RefusesToRunOrToTakeAServiceOnceItHasEnded)
 {
     std::thread([] {
         bolt_event_mgr* mgr = bolt_event_mgr_new(0);
@@ -213,7 +213,7 @@ TEST_F(TheLoop, CannotBeRunOrGivenAServiceOnceItHasEnded)
     }).join();
 }
 
-TEST_F(TheLoop, LetsTheServiceStopAtItsEndAndNotAfterItsTime)
+TEST_F(TheLoop, StopsTheServiceAtItsEndButNotAfterItsTimeLimit)
 {
     static std::atomic<int> stops{0};
     static const bolt_server_ops ops{nullptr, [](bolt_server*, void*) { ++stops; }};
@@ -246,7 +246,7 @@ TEST_F(TheLoop, ServesSeveralServicesAtOnce)
     }).join();
 }
 
-TEST_F(TheLoop, HidesEveryDescriptorFromPrograms)
+TEST_F(TheLoop, LetsNoProgramInheritADescriptor)
 {
     const ServerProcess server(SERVICE, g_testProtocol, {RememberDescriptors, [](int result) { return result; }});
     ASSERT_TRUE(server.IsRegistered()) << LogText();
@@ -338,7 +338,7 @@ TEST_F(TheLoop, AdmitsNoMoreThanHalfOfTheDescriptorsWhenAllComeAtOnce)
             }));
             return served;
         };
-        // Some that are served, and then more than there is room for, which the loop finds waiting all at once.
+        // First some that are served. Then more than there is room for, all waiting when the loop looks.
         for (const int count : {10, 20}) {
             for (int i = 0; i < count; ++i) {
                 clients.emplace_back(m_path);

@@ -46,7 +46,7 @@ unsigned ModeOf(const std::string& path)
     return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0U;
 }
 
-/// A socket at the path whose server has ended.
+/// Makes a socket at the path, without a server.
 void LeaveDeadSocket(const std::string& path)
 {
     const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
@@ -66,7 +66,7 @@ protected:
     const std::string m_path = SocketPath(SERVICE);
 };
 
-/// Gives the process another user than root and the test's.
+/// Gives the process a user other than root and the test's.
 void BecomeNobody()
 {
     OpenLog();
@@ -80,7 +80,7 @@ struct Outcome {
     bool isSocketThere;
 };
 
-/// Registers with the given callbacks, on a thread whose signal mask may be changed, and ends what came of it.
+/// Registers with the callbacks and ends the service again. Runs on a thread of its own, whose signal mask may change.
 Outcome OutcomeOf(const bolt_server_ops& ops)
 {
     Outcome outcome{};
@@ -94,7 +94,7 @@ Outcome OutcomeOf(const bolt_server_ops& ops)
     return outcome;
 }
 
-/// Waits for the common signal, then tries to take the name. The winner serves until it is killed.
+/// Waits for the start signal, then tries to take the name. The winner serves until it is killed.
 [[noreturn]] void CompeteForName(int startLine, int results)
 {
     char word = 0;
@@ -214,7 +214,7 @@ TEST_F(Registering, FailsIfALiveServerIsTooBusyToAccept)
     ::unlink(m_path.c_str());
 }
 
-TEST_F(Registering, IsWonByExactlyOneOfTwentyThatStartAtTheSameMoment)
+TEST_F(Registering, IsWonByExactlyOneOfTwentyAtTheSameMoment)
 {
     // The winner of each round is killed and leaves its dead socket to the next.
     for (int round = 0; round < 10; ++round) {
@@ -223,7 +223,7 @@ TEST_F(Registering, IsWonByExactlyOneOfTwentyThatStartAtTheSameMoment)
     }
 }
 
-TEST_F(Registering, DoesNotTouchOtherFilesThanSockets)
+TEST_F(Registering, DoesNotTouchAFileThatIsNoSocket)
 {
     ASSERT_TRUE(Works(SERVICE));
     std::ofstream(m_path) << "mine";
@@ -272,7 +272,7 @@ TEST_F(Registering, FailsAndLeavesNothingWhenTheServiceDoesNotStart)
     EXPECT_TRUE(Works(SERVICE));
 }
 
-TEST_F(Registering, ReportsWhereTheServersUserMayMakeNoSocket)
+TEST_F(Registering, ReportsThatItsUserMayNotMakeALock)
 {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "needs root, to become another user";
@@ -306,7 +306,7 @@ TEST_F(Registering, ReportsAnotherKindOfFileInTheDirectorysPlace)
     ASSERT_EQ(::unlink("/mnt/bolt"), 0);
 }
 
-TEST_F(Registering, ServesRootIfTheServerIsAnotherUser)
+TEST_F(Registering, AsAnotherUserServesRoot)
 {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "needs root, to become another user";

@@ -26,7 +26,7 @@ void LimitLog(rlim_t size)
     ::setrlimit(RLIMIT_FSIZE, &limit);
 }
 
-/// Called when the log holds one record. Leaves room for four more and a half; the rest is refused as by a full disk.
+/// Called when the log holds one record. Limits its size to four and a half more, as a full disk would.
 void LeaveRoomForFourAndAHalf()
 {
     struct stat first {};
@@ -97,7 +97,7 @@ TEST_F(TheLog, ReportsOnceThatItsFileCannotBeOpenedAndGoesToStandardError)
     EXPECT_EQ(MessageOf(lines[2]), "two");
 }
 
-TEST_F(TheLog, HidesItsFileFromPrograms)
+TEST_F(TheLog, LetsNoProgramInheritItsFile)
 {
     EXPECT_EQ(InChildWithFile([&] {
                   LOG("x");
@@ -114,7 +114,7 @@ TEST_F(TheLog, HidesItsFileFromPrograms)
               0);
 }
 
-TEST_F(TheLog, EndsALineThatAFullDiskCutOffAndCountsLostRecordsOfAllProcesses)
+TEST_F(TheLog, CompletesALineThatAFullDiskCutOffAndCountsLostRecordsOfAllProcesses)
 {
     constexpr int records = 20;
     constexpr int childRecords = 3;
@@ -141,7 +141,7 @@ TEST_F(TheLog, EndsALineThatAFullDiskCutOffAndCountsLostRecordsOfAllProcesses)
     constexpr std::size_t whole = 5;
     ASSERT_EQ(lines.size(), whole + 4) << ReadFile(m_file);
     EXPECT_EQ(MessageOf(lines[whole - 1]), "record 14.");
-    EXPECT_EQ(Match(lines[whole], ".*there is room again.*").size(), 0U) << "joined to the record that was cut off";
+    EXPECT_EQ(Match(lines[whole], ".*there is room again.*").size(), 0U) << "it is joined to the cut-off record";
     EXPECT_EQ(MessageOf(lines[whole + 1]), std::to_string(records + childRecords - whole) +
                                                " earlier records are lost: no room for them, or nobody has read them.");
     EXPECT_EQ(MessageOf(lines[whole + 2]), "there is room again.");
@@ -151,7 +151,7 @@ TEST_F(TheLog, EndsALineThatAFullDiskCutOffAndCountsLostRecordsOfAllProcesses)
 TEST_F(TheLog, DoesNotWaitForAFifoWithoutAReader)
 {
     ASSERT_EQ(::mkfifo(m_file.c_str(), 0600), 0);
-    const int fifo = ::open(m_file.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC); // its content outlives the child
+    const int fifo = ::open(m_file.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC); // keeps the content when the child ends
     ASSERT_EQ(InChildWithFile([] {
                   for (int i = 0; i < 3000; ++i) {
                       LOG("record %d.", i);
@@ -163,7 +163,7 @@ TEST_F(TheLog, DoesNotWaitForAFifoWithoutAReader)
     ::close(fifo);
     ASSERT_GT(size, 0);
     text.resize(static_cast<std::size_t>(size));
-    EXPECT_EQ(text.back(), '\n') << "records are lost only as a whole";
+    EXPECT_EQ(text.back(), '\n') << "only whole records are lost";
     const auto lines = Lines(text);
     for (std::size_t i = 0; i < lines.size(); ++i) {
         ASSERT_EQ(MessageOf(lines[i]), "record " + std::to_string(i) + ".");
@@ -207,7 +207,7 @@ TEST_F(TheLog, OpensOneFileWhenManyThreadsLogFirst)
                   for (int fd = 3; fd < 64; ++fd) {
                       open += ::fcntl(fd, F_GETFL) >= 0 && (::fcntl(fd, F_GETFL) & O_APPEND) != 0 ? 1 : 0;
                   }
-                  // The file that stands for standard error here is the other one.
+                  // The second file is the one that replaces standard error here.
                   ::_exit(open == 2 ? 0 : 1);
               }),
               0);

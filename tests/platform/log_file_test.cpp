@@ -1,4 +1,4 @@
-// The files that ZQ_LOG_FILE may name (links, the standard streams, terminals) and those that it may not.
+// The files that ZQ_LOG_FILE may and may not name: links, the standard streams, terminals.
 #include "platform/log_fixture.h"
 #include "support/eventually.h"
 
@@ -19,7 +19,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-/// The number of threads that have not yet come to the opening of a file. Until it is 0, the others wait there.
+/// The number of threads that have not yet reached the opening of a file. The others wait there until it is 0.
 std::atomic<int> g_missingAtOpen{0};
 std::atomic<int> g_flagsOfOpen{0};
 
@@ -32,7 +32,7 @@ void MeetAtOpen(int flags)
 
 } // namespace
 
-// The linker replaces the log's "open" by these. It has two names, the second with file sizes of 64 bits.
+// The linker replaces the log's "open" by these functions. The second name is the one with file sizes of 64 bits.
 int RealOpen(const char* path, int flags, mode_t mode) __asm__("__real_open");
 int RealOpen64(const char* path, int flags, mode_t mode) __asm__("__real_open64");
 int MeetingOpen(const char* path, int flags, mode_t mode) __asm__("__wrap_open");
@@ -60,7 +60,7 @@ protected:
     void SetUp() override
     {
         if (m_master < 0) {
-            GTEST_SKIP() << "no terminal can be made";
+            GTEST_SKIP() << "a terminal cannot be created";
         }
         ASSERT_EQ(::grantpt(m_master), 0);
         ASSERT_EQ(::unlockpt(m_master), 0);
@@ -99,14 +99,14 @@ TEST_F(TheLog, ReportsOnceForAllThreadsThatItsFileCannotBeOpened)
               1);
 }
 
-TEST_F(TheLog, FollowsALinkThatNoOtherUserCanHaveMade)
+TEST_F(TheLog, FollowsALinkThatOnlyItsUserCanHaveMade)
 {
     ASSERT_EQ(::symlink((m_directory / "target").c_str(), m_file.c_str()), 0);
     ASSERT_EQ(InChildWithFile([] { LOG("followed"); }), 0);
     EXPECT_EQ(MessageOf(Lines(ReadFile(m_directory / "target")).at(0)), "followed");
 }
 
-TEST_F(TheLog, FollowsNoLinkWhereOthersMayMakeOne)
+TEST_F(TheLog, FollowsNoLinkWhereOtherUsersMayMakeOne)
 {
     ASSERT_EQ(::symlink((m_directory / "target").c_str(), m_file.c_str()), 0);
     for (const mode_t mode : {01777U, 0702U, 0770U}) {
@@ -114,7 +114,7 @@ TEST_F(TheLog, FollowsNoLinkWhereOthersMayMakeOne)
         ::unlink(m_standardError.c_str());
         ASSERT_EQ(InChildWithFile([] { LOG("not followed"); }), 0);
         ExpectComplaintOf(ELOOP);
-        EXPECT_NE(::access((m_directory / "target").c_str(), F_OK), 0) << "it is not made either";
+        EXPECT_NE(::access((m_directory / "target").c_str(), F_OK), 0) << "the target is not created either";
     }
 }
 
@@ -210,13 +210,13 @@ TEST_F(TheLog, GoesToAPipeThatIsNamedAsAFile)
     ::close(ends[1]);
 }
 
-TEST_F(TheLogOnATerminal, DoesNotMakeItTheTerminalOfTheProcess)
+TEST_F(TheLogOnATerminal, DoesNotBecomeTheControllingTerminal)
 {
     EXPECT_EQ(InChild([this] {
                   ::setsid();
                   ::setenv("ZQ_LOG_FILE", m_terminal.c_str(), 1);
                   LOG("written");
-                  if ((g_flagsOfOpen & O_NOCTTY) == 0) { // which not every kernel needs for writing
+                  if ((g_flagsOfOpen & O_NOCTTY) == 0) { // not every kernel needs the flag for writing
                       ::_exit(2);
                   }
                   ::_exit(::open("/dev/tty", O_RDWR | O_CLOEXEC) == -1 && errno == ENXIO ? 0 : 1);
@@ -238,6 +238,6 @@ TEST_F(TheLogOnATerminal, ThatIsHeldDoesNotWait)
                   }
               }),
               0)
-        << "the alarm has ended it";
+        << "it has waited until the alarm ended it";
     ::close(slave);
 }

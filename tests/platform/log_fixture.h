@@ -22,7 +22,7 @@ constexpr char TIME[] = "([0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2})
 /// The message of a record, which follows its columns.
 std::string MessageOf(const std::string& record);
 
-/// The log decides once in a process where it goes, so each test logs in a child of its own.
+/// A process decides once where its log goes, so each test logs in a child of its own.
 class TheLog : public ::testing::Test {
 protected:
     /// Runs the steps in a child whose standard error is a file. Returns the child's exit status.
@@ -31,7 +31,7 @@ protected:
     /// The same, with the log in a file.
     int InChildWithFile(const std::function<void()>& steps);
 
-    /// Standard error has one record and, before it, that the named file cannot be opened.
+    /// Expects two records on standard error: that the named file cannot be opened, and the test's own.
     void ExpectComplaintOf(int error) const;
 
     TemporaryDirectory m_directory;

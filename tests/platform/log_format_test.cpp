@@ -149,7 +149,7 @@ TEST(TheTimeOfALogRecord, IsTheUtcTimeOnEachDayOfFourCenturiesAndMore)
 
 TEST(TheTimeOfALogRecord, IsRightAtTheEdgesOfDaysAndYears)
 {
-    // 1972, 2000, 2100 and 2400: leap, leap, none, leap.
+    // 1972, 2000 and 2400 are leap years, 2100 is not.
     for (const std::int64_t newYear : {63072000LL, 946684800LL, 4102444800LL, 13569465600LL}) {
         if (newYear > INT32_MAX && !HAS_WIDE_CLOCK) {
             continue;
@@ -299,7 +299,7 @@ TEST(TheMessageOfALogRecord, AcceptsANullText)
 
 TEST(TheMessageOfALogRecord, IsTheFormatIfTheArgumentsCannotBeShown)
 {
-    // No character of any locale.
+    // Not a character in any locale.
     const wchar_t none[] = {static_cast<wchar_t>(0x7FFFFFFF), 0};
     EXPECT_NE(Format(Prefix::NONE, SomeHead(), "wide %ls\n", none).find(":88 wide %ls\\n\n"), std::string::npos);
 }

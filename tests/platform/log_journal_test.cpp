@@ -12,7 +12,7 @@
 
 namespace {
 
-/// Standard error is a socket that keeps the writes apart.
+/// Standard error is a socket, which keeps each write separate.
 class TheLogOnASocket : public TheLog {
 protected:
     TheLogOnASocket()
@@ -27,7 +27,7 @@ protected:
         ::close(m_ends[1]);
     }
 
-    /// The names by which JOURNAL_STREAM knows the socket, and another file of that device.
+    /// The values of JOURNAL_STREAM for the socket, and for another file of the same device.
     std::string Name(unsigned long long beside = 0) const
     {
         return std::to_string(m_status.st_dev) + ":" + std::to_string(m_status.st_ino + beside);
@@ -95,7 +95,7 @@ TEST_F(TheLogOnASocket, GivesTheJournalThePrioritiesOfAChildsRecordsToo)
     EXPECT_EQ(PrefixesOf(Written(Name(), logInChild)), (Prefixes{"<6>", "<3>", "<6>"}));
 }
 
-TEST_F(TheLogOnASocket, GivesTheJournalTheRecordOfALogThatCannotBeOpenedWithItsPriority)
+TEST_F(TheLogOnASocket, GivesTheJournalThePriorityOfTheRecordThatALogCannotBeOpened)
 {
     const auto logToNowhere = [] {
         ::setenv("ZQ_LOG_FILE", "/nowhere/to/be/found", 1);
@@ -112,7 +112,7 @@ TEST_F(TheLogOnASocket, WritesARecordForTheJournalInOnePieceOfFourKibibytesAtMos
     EXPECT_EQ(records[0].back(), '\n');
 }
 
-TEST_F(TheLogOnASocket, GivesNoPriorityIfJournalStreamNamesAnotherOrNothing)
+TEST_F(TheLogOnASocket, GivesNoPriorityUnlessJournalStreamNamesTheSocket)
 {
     const std::string name = Name();
     for (const std::string& other :

@@ -220,7 +220,7 @@ TEST_F(AMessageSentToADescriptor, IsDroppedWithoutWaitingWhenTheDescriptorIsFull
         ASSERT_LT(++sent, 1000000);
     }
     EXPECT_GT(sent, 0);
-    EXPECT_EQ(Read().size() % 72, 0U) << "what was written was written whole";
+    EXPECT_EQ(Read().size() % 72, 0U) << "each message is written whole";
 }
 
 TEST_F(AMessageSentToADescriptor, FailsForADescriptorThatIsNotOpen)

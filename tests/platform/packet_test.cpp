@@ -36,7 +36,7 @@ TEST(APacket, IsBrokenWhenItIsShorterThanAHeader)
 
 TEST(APacket, IsBrokenWhenItIsLongerThanSixtyFourKibibytes)
 {
-    // Apart from that, its length field of 16 bits would be right.
+    // Its length field has 16 bits, so it looks right.
     EXPECT_FALSE(IsSound(std::string(MAX_PACKET_SIZE + 8, '\0')));
     EXPECT_FALSE(IsSound(PacketOf(1, 0, std::string(MAX_PACKET_SIZE - 7, 'x'))));
 }

@@ -21,10 +21,10 @@ TEST(ALimitOfRecords, PassesOneInEachIntervalAndCountsTheOthers)
             leftOut += 1;
             return limit.MayWrite();
         }));
-        leftOut -= 1; // the last one has passed
+        leftOut -= 1; // the last one was written
         EXPECT_GT(leftOut, 0U);
         EXPECT_EQ(limit.Suppressed(), leftOut);
-        EXPECT_GE(std::chrono::steady_clock::now() - begin, 900ms) << "begin is a little after the record before";
+        EXPECT_GE(std::chrono::steady_clock::now() - begin, 900ms) << "the interval began a little before";
     }
 }
 

@@ -28,7 +28,7 @@ void SetLanguage(const std::map<std::string, std::string>& variables)
 constexpr int RECORDS = 400;
 constexpr int FORKS_EVERY = 50;
 
-/// Logs records of growing length and forks now and then; each child logs a record of its own. Ends the process when a
+/// Logs records of growing length and forks now and then. Each child logs a record of its own. Ends the process when a
 /// child fails.
 void LogAndFork(int thread)
 {
@@ -175,7 +175,7 @@ TEST_F(TheLog, ChoosesTheLanguageByTheFirstVariableThatIsSet)
     }
 }
 
-TEST_F(TheLog, LosesAndMixesNoRecordOfEightThreadsAndTheirChildren)
+TEST_F(TheLog, KeepsRecordsOfEightThreadsAndTheirChildrenWhole)
 {
     constexpr int threads = 8;
     ASSERT_EQ(InChildWithFile([] {

@@ -21,11 +21,11 @@ public:
     BundleBuilder& Mode(const std::string& mode);
     BundleBuilder& Requires(const std::string& name);
 
-    /// An item of the manifest. Items keep the order of these calls. With a content, the item's file is written too and
-    /// may be executed.
+    /// An item of the manifest. Items keep the order of these calls. With a content the item's file is written too, as
+    /// an executable file.
     BundleBuilder& Item(const std::string& name);
     BundleBuilder& Item(const std::string& name, const std::string& content);
-    /// An item of the manifest with an entry function; its file is a copy of another.
+    /// An item with an entry function. Its file is a copy of another.
     BundleBuilder& Library(const std::string& name, const std::string& entryFunc, const std::string& copyOf = "");
     /// An item whose file is a copy of another, such as a program.
     BundleBuilder& Copy(const std::string& name, const std::string& copyOf);
@@ -39,7 +39,7 @@ public:
     BundleBuilder& Manifest(const std::string& text);
     BundleBuilder& NoManifest();
 
-    /// Makes or overwrites the directory. Returns its path as a walk over the collection finds it.
+    /// Creates or overwrites the directory. Returns its path as a walk over the collection gives it.
     std::string Write() const;
 
 private:

@@ -7,17 +7,17 @@
 #include <cstddef>
 #include <cstdlib>
 
-// Linked into every program of the coverage build and into no other. The compiler's library writes the counters when a
-// process ends in order; this file writes them before all other ends and before an exec. See cmake/coverage.cmake.
+// Linked into every program of the coverage build only. The compiler's library writes the counters when a process ends
+// normally. This file writes them before every other end and before an exec. See cmake/coverage.cmake.
 
-// The compiler's. A second dump writes nothing until a reset has been called.
+// Functions of the compiler's library. After a dump, a further dump writes nothing until a reset.
 extern "C" void __gcov_dump();  // NOLINT(bugprone-reserved-identifier, cert-dcl37-c, cert-dcl51-cpp)
 extern "C" void __gcov_reset(); // NOLINT(bugprone-reserved-identifier, cert-dcl37-c, cert-dcl51-cpp)
 
 namespace {
 
-// A forked child has its parent's counts, which the parent writes itself. Registered before any other handler, so that
-// the child counts what the others run.
+// A forked child inherits its parent's counts, which the parent writes itself. So the child resets them. This handler
+// is registered before any other, so that the child counts the code of the others.
 __attribute__((constructor(101))) void CountInChildrenFromZero()
 {
     pthread_atfork(nullptr, nullptr, __gcov_reset);
@@ -58,7 +58,7 @@ void WrappedAbort()
     RealAbort();
 }
 
-// Variable arguments cannot be passed on, so they become an array. It returns when nothing could be executed.
+// Variable arguments cannot be passed on, so they become an array. Returns only when the exec fails.
 int WrappedExecl(const char* path, const char* first, ...)
 {
     constexpr std::size_t most = 16;

@@ -6,7 +6,7 @@
 #include <chrono>
 #include <ctime>
 
-/// The processor time that another process has used so far; no less than an hour where that cannot be told.
+/// The processor time that another process has used so far. An hour if it is unknown, so that upper bounds fail.
 inline std::chrono::nanoseconds CpuTimeOf(pid_t pid)
 {
     clockid_t clock{};

@@ -45,7 +45,7 @@ void Redirect(const char* path, int target)
     ::dup2(fd, target);
 }
 
-// Does nothing when it is not, or no longer, a child of this process.
+// Does nothing for a process that is not, or no longer, a child of this process.
 void Reap(pid_t pid)
 {
     while (::waitpid(pid, nullptr, 0) == -1 && errno == EINTR) {
@@ -143,7 +143,7 @@ void DaemonRunner::Start()
 void DaemonRunner::BecomeDaemon(char* const* arguments, char* const* environment) const
 {
     ::setpgid(0, 0);
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL); // even a killed test leaves no daemon behind
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL); // the daemon ends even when the test is killed
     const int null = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     ::dup2(null, STDIN_FILENO);
     Redirect((m_directory / "output").c_str(), STDOUT_FILENO);
@@ -226,7 +226,7 @@ std::string DaemonRunner::Errors() const
     return ReadFile(m_directory / "errors");
 }
 
-// Reads what has been added since the last call, whole lines only.
+// Reads the whole lines that were added since the last call.
 void DaemonRunner::ReadLog()
 {
     std::ifstream file(LogFile(), std::ios::binary);
@@ -344,7 +344,7 @@ std::multiset<std::string> DaemonRunner::Programs() const
     std::multiset<std::string> programs;
     for (const pid_t pid : Descendants()) {
         const std::string program = ProcessOf::Executable(pid);
-        if (!program.empty()) { // otherwise it has ended meanwhile
+        if (!program.empty()) { // an empty name: the process has ended meanwhile
             programs.insert(program);
         }
     }
@@ -358,7 +358,7 @@ void DaemonRunner::KillAll()
     }
     std::vector<pid_t> killed;
     Signal(SIGKILL);
-    // The next round finds processes that were being forked or executed during this one.
+    // The next round finds processes that fork or exec during this one.
     Eventually(PATIENCE, [this, &killed] {
         ::kill(-m_pid, SIGKILL); // the daemon is at least a zombie, so the group's number is still its own
         const std::vector<pid_t> left = Descendants();

@@ -38,7 +38,7 @@ struct ProcessEnd {
 /// system_test(...) in tests/system/CMakeLists.txt does both.
 ///
 /// The destructor kills the daemon and every process that descends from it: items, scripts, their children, orphans,
-/// and processes in other groups. Nothing here throws when the daemon misbehaves: the return values tell.
+/// and processes in other groups. Nothing here throws when the daemon misbehaves. The return values report it.
 class DaemonRunner {
 public:
     using Milliseconds = std::chrono::milliseconds;
@@ -59,12 +59,12 @@ public:
     /// Sets the file that the daemon logs to and that the functions below read. Empty: the daemon logs to standard
     /// error, and the functions below find nothing.
     void SetLogFile(const std::string& path) { m_logFile = path; }
-    /// Adds a variable to the daemon's environment, which has those of the test too.
+    /// Adds a variable to the daemon's environment. It inherits the others from the test.
     void SetEnvironment(const std::string& name, const std::string& value);
     /// Sets the whole command line after the program's name, in place of "-f" and the generated configuration.
     void SetArguments(std::vector<std::string> arguments);
-    /// Sets a function that the forked process calls just before it executes the daemon; only what is safe after a
-    /// fork.
+    /// Sets a function that the forked process calls just before the exec of the daemon. It may only do what is safe
+    /// after a fork.
     void SetPreparation(std::function<void()> preparation);
 
     /// Starts the daemon and returns at once. Main thread only. A second start needs the first daemon's end; the log
@@ -76,7 +76,7 @@ public:
     // While it runs, and after.
 
     pid_t Pid() const { return m_pid; }
-    /// Whether it has not ended yet; a zombie has.
+    /// Whether it has not ended yet. A zombie has ended.
     bool IsRunning();
     void Signal(int signal) const;
     /// Empty when it has not ended within that time.

@@ -17,7 +17,7 @@
 
 constexpr const char EVENT_FIFO[] = "/mnt/bolt/event.paas.kov";
 
-/// A listener of the event service: makes the FIFO and reads from it without waiting. Removes it at its end.
+/// A listener of the event service. The constructor makes the FIFO, the destructor removes it. Reads never wait.
 class EventFifo {
 public:
     EventFifo()
@@ -32,7 +32,7 @@ public:
     EventFifo& operator=(const EventFifo&) = delete;
     ~EventFifo() { std::remove(EVENT_FIFO); }
 
-    /// What has been written since the last call; empty when nothing has.
+    /// The bytes written since the last call, at most 4096; empty when there are none.
     std::string Received() const
     {
         std::array<char, 4096> data{};
@@ -40,7 +40,7 @@ public:
         return size > 0 ? std::string(data.data(), static_cast<std::size_t>(size)) : std::string();
     }
 
-    /// Writes until the FIFO takes nothing more.
+    /// Writes until the FIFO is full.
     void Fill() const
     {
         const std::string noise(4096, 'x');

@@ -6,7 +6,7 @@
 #include <chrono>
 #include <ctime>
 
-/// Checks the condition until it holds. False when the time is over first; the time is longer where programs are slow.
+/// Checks the condition until it holds. False when the time is over first. Slow programs get more time: see slowness.h.
 template <typename Condition> bool Eventually(std::chrono::milliseconds timeout, Condition condition)
 {
     const auto end = std::chrono::steady_clock::now() + timeout * SLOWNESS;

@@ -16,13 +16,13 @@ class Fault {
 public:
     static constexpr int ALWAYS = 1'000'000'000;
 
-    /// @param value for a call of the system, which returns -1, its errno; for a call of the platform its result (null,
-    /// if that is a pointer); for a call that throws the exception's code
+    /// @param value the errno of a system call, which returns -1; the result of a call of the platform (null if that is
+    /// a pointer); the code of the exception of a call that throws
     /// @param count how many times it fails
     /// @param after how many calls succeed before
     explicit Fault(Call call, int value, int count = ALWAYS, int after = 0);
 
-    /// Whether it has made a call fail.
+    /// Whether a call has failed by this object.
     bool HasStruck() const;
 
     ~Fault();

@@ -12,7 +12,7 @@ enum class Target { NOBODY, ONE_THREAD, ALL_BUT_ONE };
 
 std::atomic<Target> g_target{Target::NOBODY};
 std::atomic<pthread_t> g_thread;
-std::atomic<long> g_left{0}; // until the first that fails
+std::atomic<long> g_left{0}; // allocations before the first that fails
 std::atomic<bool> g_lastsForGood{false};
 std::atomic<long> g_failures{0};
 

@@ -5,7 +5,7 @@
 /// at a time.
 class AllocationFault {
 public:
-    /// Whose allocations are counted and fail.
+    /// The threads whose allocations are counted and fail.
     enum class Of { CALLER, OTHER_THREADS };
     enum class Lasting { ONCE, FOR_GOOD };
 

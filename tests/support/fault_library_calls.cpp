@@ -39,7 +39,7 @@ RealSending::~RealSending()
 std::vector<SentMessage> TakeSentMessages()
 {
     std::vector<SentMessage> taken = std::exchange(g_sentMessages, {});
-    g_sentMessages.reserve(16); // the next ones are kept without the heap, which a test may have made fail
+    g_sentMessages.reserve(16); // later messages need no heap, which a test may make fail
     return taken;
 }
 
@@ -58,15 +58,16 @@ FAILING_CALL(EVENT_NEW, "event_new", void*, nullptr,
              (base, fd, what, callback, argument), fd)
 FAILING_CALL(EVENT_ADD, "event_add", int, -1, (void* event, const timeval* timeout), (event, timeout), 0)
 
-// The state is a unique_ptr to a type that newer libraries keep private. A class with a destructor is passed by its
-// address, and it is the caller who destroys it.
+// The state is a unique_ptr to a type that is private in newer libraries. A class with a destructor is passed by
+// address, and the caller destroys it.
 #define START_THREAD_NAME "_ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE"
 void RealStartThread(std::thread* self, void* state, void (*depend)()) REAL(START_THREAD_NAME);
 void WrappedStartThread(std::thread* self, void* state, void (*depend)()) WRAPPED(START_THREAD_NAME);
 
 #define LAUNCH_NAME                                                                                                    \
     "_ZN4Poco7Process6launchERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEERKSt6vectorIS6_SaIS6_EE"
-// Later versions have options as well. Whichever the framework lacks is never called, and may be missing.
+// Later versions of the framework have an options parameter too. The version that the framework lacks is never called,
+// so its symbol may be missing.
 Poco::ProcessHandle RealLaunch(const std::string& command, const Poco::Process::Args& arguments) REAL(LAUNCH_NAME)
     __attribute__((weak));
 Poco::ProcessHandle WrappedLaunch(const std::string& command, const Poco::Process::Args& arguments)
@@ -126,7 +127,7 @@ Poco::ProcessHandle WrappedLaunchWith(const std::string& command, const Poco::Pr
 int WrappedWait(const Poco::ProcessHandle* self)
 {
     if (MustFail(Call::WAIT_FOR_PROCESS, static_cast<int>(self->id()))) {
-        RealWait(self); // the test leaves no dead child behind
+        RealWait(self); // reaps the child, so that the test leaves none behind
         throw Poco::SystemException("no wait", FaultValue(Call::WAIT_FOR_PROCESS));
     }
     return RealWait(self);
@@ -169,7 +170,7 @@ int WrappedAsyncSend(lumo_message* msg, bolt_connection* conn, int flags)
     return 0;
 }
 
-// Passed on for the one format in use, as its arguments cannot be.
+// Passes on the one format in use, because variable arguments cannot be passed on.
 int WrappedSprintfS(char* dest, std::size_t size, const char* format, ...)
 {
     if (MustFail(Call::SPRINTF_S, 0)) {

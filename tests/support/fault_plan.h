@@ -20,7 +20,7 @@ struct Plan {
 
 Plan& PlanOf(Call call);
 
-/// Makes this thread the one on which mutexes fail.
+/// Mutexes fail only on the thread that called this last.
 void LockFailsOnThisThread();
 
 /// Called by the functions that replace a call. Counts the call and runs the action that precedes it; the action gets

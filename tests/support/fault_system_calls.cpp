@@ -53,7 +53,7 @@ FAILING_CALL(WAITID, "waitid", int, -1, (idtype_t type, id_t id, siginfo_t* info
              (type, id, info, options), static_cast<int>(id))
 FAILING_CALL(WAITPID, "waitpid", pid_t, (FaultValue(Call::WAITPID) == 0 ? 0 : -1),
              (pid_t pid, int* status, int options), (pid, status, options), pid)
-// A call with a varying number of arguments passes on one that may be missing.
+// A variadic call always passes on its last argument, even if the caller gave none.
 FAILING_CALLS(OPEN, "open", int, -1, (const char* path, int flags, mode_t mode), (path, flags, mode), flags)
 FAILING_TIMED_CALLS(FCNTL, "fcntl", "__fcntl_time64", int, -1, (int fd, int command, void* value), (fd, command, value),
                     fd)
@@ -106,7 +106,7 @@ int RealClose(int fd) REAL("close");
 int WrappedClose(int fd) WRAPPED("close");
 int RealNanosleep(const timespec* time, timespec* left) REAL(TIMED("nanosleep", "__nanosleep64"));
 int WrappedNanosleep(const timespec* time, timespec* left) WRAPPED(TIMED("nanosleep", "__nanosleep64"));
-// The name that a source with file sizes of 64 bits calls, as this one is.
+// The name in sources with file sizes of 64 bits, such as this one.
 int RealStatfs(const char* path, struct statfs* status) REAL("statfs64");
 int WrappedStatfs(const char* path, struct statfs* status) WRAPPED("statfs64");
 int RealSignalMask(int how, const sigset_t* mask, sigset_t* before) REAL("pthread_sigmask");

@@ -17,7 +17,7 @@
     {                                                                                                                  \
         return FailsWithErrno(Call::call, argument) ? failure : Real##call arguments;                                  \
     }
-// The same for a call that has two names, the second with file sizes of 64 bits.
+// The same for a call with two names. The second is the one with file sizes of 64 bits.
 #define FAILING_CALLS(call, name, Result, failure, parameters, arguments, argument)                                    \
     FAILING_CALL(call, name, Result, failure, parameters, arguments, argument)                                         \
     Result Real64##call parameters REAL(name "64");                                                                    \
@@ -28,7 +28,7 @@
     }
 // NOLINTEND(bugprone-macro-parentheses)
 
-// On a 32-bit machine, a call that takes a time of 64 bits has one name only, the last.
+// On a 32-bit machine, a call that takes a time of 64 bits has only the last name.
 #ifdef TEST_TIME64_NAMES
 #define TIMED(name, timed) timed
 #define FAILING_TIMED_CALLS(call, name, timed, Result, failure, parameters, arguments, argument)                       \

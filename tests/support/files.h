@@ -7,7 +7,7 @@
 
 void WriteFile(const std::string& path, const std::string& content);
 void AppendFile(const std::string& path, const std::string& content);
-/// Writes a file that may be executed, in one step: readers find the old file or the whole new one.
+/// Writes an executable file in one step: readers find the old file or the whole new one.
 void WriteProgram(const std::string& path, const std::string& content);
 /// The file's content; empty when it does not exist.
 std::string ReadFile(const std::string& path);
@@ -15,7 +15,7 @@ std::string ReadFile(const std::string& path);
 bool Exists(const std::string& path);
 std::vector<std::string> Lines(const std::string& text);
 
-/// Every entry below a directory: its relative path, and its type, its mode and its content in one text.
+/// Every entry below a directory: maps its relative path to its type, mode and content in one text.
 using Tree = std::map<std::string, std::string>;
 Tree TreeOf(const std::string& path);
 

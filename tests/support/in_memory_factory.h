@@ -13,8 +13,8 @@
 #include <string>
 #include <utility>
 
-/// Makes bundles whose manifest is a text in memory, for tests of thousands of bundles and of faults that no directory
-/// has. A path without a text gives no bundle.
+/// Makes bundles whose manifest is a text in memory. Tests use it for thousands of bundles, and for faults that real
+/// directories cannot have. A path without a text gives no bundle.
 class InMemoryFactory : public SystemServer::BundleFactory {
 public:
     void Put(const std::string& path, const std::string& manifest)
@@ -30,7 +30,7 @@ public:
                       "\n" + more);
     }
 
-    /// Of all that was put.
+    /// The paths of all bundles.
     std::set<std::string> Paths() const
     {
         const std::lock_guard<std::mutex> lock(m_mutex);

@@ -7,7 +7,7 @@
 #include <set>
 #include <string>
 
-/// Those of the paths from which the manager has loaded a bundle.
+/// The paths among these from which the manager has loaded a bundle.
 template <class Paths> std::set<std::string> LoadedOf(SystemServer::BundleManager& manager, const Paths& paths)
 {
     std::set<std::string> loaded;
@@ -19,7 +19,7 @@ template <class Paths> std::set<std::string> LoadedOf(SystemServer::BundleManage
     return loaded;
 }
 
-/// The entries of a collection from which the manager has loaded a bundle. An entry that has gone is left out.
+/// The entries of a collection from which the manager has loaded a bundle. Removed entries are left out.
 inline std::set<std::string> LoadedIn(SystemServer::BundleManager& manager, const std::filesystem::path& collection)
 {
     std::set<std::string> entries;

@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-/// The records that this process and its forked children have written since the object was made. The program that links
-/// it logs to its own file without a name, which ends with the process.
+/// The records that this process and its forked children have written since the object was made. A program that links
+/// this file logs to an unnamed file of its own, which is gone when the process ends.
 ///
-/// A text matches a record's whole message. A result that fails shows the log.
+/// A text matches a record's whole message. A failing result shows the log.
 class LogCapture {
 public:
     LogCapture();

@@ -9,7 +9,7 @@ LogRecord::LogRecord(std::string text) : line(std::move(text))
     std::istringstream columns(line);
     std::string time;
     columns >> time >> level >> module >> flag >> pid >> thread >> source;
-    columns.get(); // the blank before the message, which may begin with blanks of its own
+    columns.get(); // skips the blank before the message, which may itself begin with blanks
     std::getline(columns, message);
 }
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-/// The groups of an extended regular expression that the whole text matches, the text itself first; empty where it does
-/// not match. The C library's expressions: the compiler finds fault with the standard C++ ones under the sanitizers.
+/// The groups of an extended regular expression that the whole text matches, the text itself first. Empty without a
+/// match. Uses the C library, because std::regex causes compiler warnings under the sanitizers.
 inline std::vector<std::string> Match(const std::string& text, const std::string& expression)
 {
     regex_t compiled{};

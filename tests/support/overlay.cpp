@@ -16,7 +16,7 @@ namespace {
 
 std::string MissingNamespace()
 {
-    static const std::string missing = EnterPrivateMnt(); // once a process
+    static const std::string missing = EnterPrivateMnt(); // once in each process
     return missing;
 }
 
@@ -82,7 +82,7 @@ std::string OverlayRoot::Mount()
     return {};
 }
 
-// From what is in the root so far.
+// Made from the current content of the root.
 std::string OverlayRoot::MakeLowerLayer() const
 {
     const std::string kind = m_kind.lower;
@@ -108,7 +108,7 @@ std::string OverlayRoot::MakeLowerLayer() const
 
 void OverlayRoot::DropInodes() const
 {
-    // What a change of a mount's options brings with it.
+    // A remount drops the cached inodes.
     if (::mount(nullptr, (m_directory + "/root").c_str(), nullptr, MS_REMOUNT, nullptr) != 0) {
         ADD_FAILURE() << "the overlay is not mounted anew: " << std::strerror(errno);
     }

@@ -4,7 +4,7 @@
 #include <ostream>
 #include <string>
 
-/// How an overlay is put together.
+/// The layers and options of an overlay.
 struct OverlayKind {
     const char* name;
     const char* lower; ///< the file system of the layer below: "same" as that of the layer above, tmpfs, ext4, squashfs
@@ -12,12 +12,12 @@ struct OverlayKind {
 };
 std::ostream& operator<<(std::ostream& stream, const OverlayKind& kind);
 
-/// The directory for temporary files of this process, turned into an overlay, as the root of a device is one: what is
-/// written before Mount() becomes the layer that is only read; what is written afterwards goes to a layer above it.
+/// Turns this process's directory for temporary files into an overlay, like the root of a device. Files that are
+/// written before Mount() become the read-only layer. Later writes go to a layer above it.
 ///
 ///     class OnAnOverlay : public OverlayRoot, public WatchingACollection   // first, so that TMPDIR is there in time
 ///
-/// In a mount namespace of this process. Before the first thread is started.
+/// The mounts are in a mount namespace of this process. Create it before the first thread starts.
 class OverlayRoot {
 public:
     explicit OverlayRoot(const OverlayKind& kind);
@@ -28,11 +28,11 @@ public:
     /// @return empty, or what is missing for such a mount
     std::string Mount();
 
-    /// Has the kernel drop the overlay's inodes from its cache, those in use aside.
+    /// Makes the kernel drop the overlay's cached inodes, except those in use.
     void DropInodes() const;
 
-    /// The same for everything on this machine, as it does by itself when memory runs short.
-    /// @return whether this process may
+    /// The same for all file systems of this machine, as the kernel itself does when memory runs short.
+    /// @return whether this process is allowed to
     static bool DropAllInodes();
 
 private:

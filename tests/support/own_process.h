@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <filesystem>
 
-/// What this process has: for tests of what is left behind.
+/// The resources of this process, for tests that nothing is left behind.
 namespace OwnProcess {
 
 inline int Descriptors()
@@ -29,7 +29,7 @@ inline int Threads()
     return count;
 }
 
-/// Running or dead and not waited for; none of them is taken.
+/// Whether any child runs or is not reaped yet. Reaps none of them.
 inline bool HasChildren()
 {
     siginfo_t info{};

@@ -31,7 +31,7 @@ std::string IdentityMap(unsigned id)
     return std::to_string(id) + ' ' + std::to_string(id) + " 1";
 }
 
-/// Gives the process all rights in a namespace of its own, under the same user.
+/// Gives the process all rights in a user namespace of its own. The user id stays the same.
 std::string EnterUserNamespace()
 {
     const unsigned user = ::geteuid();

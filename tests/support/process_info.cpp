@@ -43,17 +43,17 @@ std::vector<fs::path> Entries(const fs::path& directory)
     return entries;
 }
 
-// 0 where the text does not begin with a number.
+// 0 when the text does not begin with a number.
 int NumberIn(const std::string& text)
 {
     return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
 }
 
-// The sum of the first so many of: own time in user and system mode, then the same of the children.
+// The sum of the first "count" of these: own time in user mode and in system mode, then the same of the children.
 std::chrono::milliseconds TimesOf(pid_t pid, int count)
 {
     const std::string stat = ReadFile(ProcPath(pid, "stat"));
-    // The command's name, in parentheses, may hold anything.
+    // The command's name is in parentheses and may contain any character.
     std::istringstream fields(stat.substr(std::min(stat.rfind(')') + 1, stat.size())));
     std::string skipped;
     for (int i = 0; i < 11; ++i) {
@@ -66,14 +66,14 @@ std::chrono::milliseconds TimesOf(pid_t pid, int count)
     return std::chrono::milliseconds(ticks * 1000 / ::sysconf(_SC_CLK_TCK));
 }
 
-// For a program of another machine, which the kernel runs with an emulator under script/test --emulated, /proc shows
-// the emulator: its name, the path of the program, the program's arguments.
+// Under script/test --emulated the kernel runs programs with an emulator. Then /proc shows the emulator's name, the
+// path of the program, and the program's arguments.
 bool IsEmulated(const std::vector<std::string>& commandLine)
 {
     return commandLine.size() > 2 && fs::path(commandLine[0]).filename() == "arm-binfmt-P";
 }
 
-// The line of a file of /proc that begins so; empty when no line does.
+// The line of a /proc file that begins with the text; empty when there is none.
 std::string LineOf(const fs::path& path, const std::string& begin)
 {
     std::ifstream file(path);

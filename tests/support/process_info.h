@@ -8,12 +8,12 @@
 #include <string>
 #include <vector>
 
-/// What /proc says of any process.
+/// Facts from /proc about any process.
 namespace ProcessOf {
 
 std::vector<pid_t> All();
-bool IsAlive(pid_t pid); ///< there, and no zombie
-/// Its children that have ended and have not been waited for.
+bool IsAlive(pid_t pid); ///< true when it exists and is no zombie
+/// Its children that have ended and are not reaped yet.
 std::vector<pid_t> Zombies(pid_t parent);
 std::vector<std::string> CommandLine(pid_t pid);
 std::vector<std::string> Environment(pid_t pid);
@@ -23,7 +23,7 @@ std::map<int, std::string> Descriptors(pid_t pid);
 std::string Status(pid_t pid, const std::string& field);
 /// A line of "limits", such as that of "Max open files".
 std::string Limit(pid_t pid, const std::string& name);
-/// Processor time used so far, without and with that of the children it has waited for.
+/// The processor time used so far, without and with that of the children that it has reaped.
 std::chrono::milliseconds ProcessorTime(pid_t pid);
 std::chrono::milliseconds ProcessorTimeWithChildren(pid_t pid);
 std::vector<std::string> ThreadNames(pid_t pid);

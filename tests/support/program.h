@@ -8,17 +8,17 @@
 #include <string>
 #include <vector>
 
-/// A program that runs beside the test, its outputs kept.
+/// A program that runs beside the test. Its outputs are kept in files.
 class Program {
 public:
     /// Starts it. @param arguments the program's path first
     explicit Program(const std::vector<std::string>& arguments);
     Program(const Program&) = delete;
     Program& operator=(const Program&) = delete;
-    /// Kills it where it has not ended.
+    /// Kills it if it still runs.
     ~Program();
 
-    /// The exit status, or the negative signal; -1000 when it does not end within seconds.
+    /// Waits for its end. Returns the exit status, or the negative signal; -1000 when it does not end within seconds.
     int Wait();
 
     pid_t Pid() const { return m_pid; }

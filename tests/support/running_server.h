@@ -41,8 +41,10 @@ private:
 class ServerProcess {
 public:
     struct Steps {
-        std::function<void()> first = [] {};                              ///< before the event manager is made
-        std::function<int(int)> last = [](int result) { return result; }; ///< given the loop's result, the exit status
+        std::function<void()> first = [] {}; ///< before the event manager is made
+        std::function<int(int)> last = [](int result) {
+            return result;
+        }; ///< gets the loop's result, returns the exit status
     };
     ServerProcess(const std::string& service, const bolt_protocol_ops& protocol, const Steps& steps);
     ServerProcess(const std::string& service, const bolt_protocol_ops& protocol)
@@ -50,7 +52,7 @@ public:
     {}
     ServerProcess(const ServerProcess&) = delete;
     ServerProcess& operator=(const ServerProcess&) = delete;
-    /// Kills it where it has not been waited for.
+    /// Kills it unless it has been waited for.
     ~ServerProcess();
 
     bool IsRegistered() const { return m_isRegistered; }
@@ -58,7 +60,7 @@ public:
 
     void Signal(int number) const;
 
-    /// The exit status, or the negative signal; -1000 when it does not end within seconds.
+    /// Waits for its end. Returns the exit status, or the negative signal; -1000 when it does not end within seconds.
     int Wait();
 
 private:
@@ -66,26 +68,26 @@ private:
     bool m_isRegistered = false;
 };
 
-/// A protocol for tests: the method of a request, without the response flag, says what to do.
+/// A protocol for tests. The method of a request, without the response flag, selects the action.
 enum TestMethod : unsigned char {
     ECHO = 1,      ///< sends the request back, with status 200
     BIG = 2,       ///< replies with BIG_CONTENT bytes
     THROW = 3,     ///< throws
     FLOOD = 4,     ///< replies with BIG_CONTENT bytes until a reply is refused, then with an empty one
-    INSPECT = 5,   ///< replies with the number of descriptors, but those of before, that a program would inherit
-    THROW_INT = 6, ///< throws what is no exception
+    INSPECT = 5,   ///< replies with the number of new descriptors that a program would inherit
+    THROW_INT = 6, ///< throws an int
 };
 constexpr int BIG_CONTENT = 60000;
 extern const bolt_protocol_ops g_testProtocol;
 
-/// Contents that had no NUL behind them, connections that were announced, and what the last FLOOD met: how many replies
-/// were taken, and whether the one after the refused one was refused, too.
+/// The number of contents without a NUL behind them, the number of announced connections, and the result of the last
+/// FLOOD: how many replies were taken, and whether the reply after the refused one was refused too.
 int ContentsWithoutNul();
 int AnnouncedConnections();
 int RepliesTakenInFlood();
 bool IsRefusedAfterFlood();
 
-/// Remembers the descriptors that are open now, for INSPECT.
+/// Records the descriptors that are open now. INSPECT does not count them.
 void RememberDescriptors();
 
 #endif

@@ -17,7 +17,7 @@ namespace {
 
 std::string g_logFile;
 
-/// Lets each test begin with an empty log, also where all of them run in one process.
+/// Lets each test begin with an empty log, also when all of them run in one process.
 class EmptyLog : public ::testing::EmptyTestEventListener {
 public:
     void OnTestStart(const ::testing::TestInfo& /*test*/) override

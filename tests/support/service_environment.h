@@ -5,16 +5,16 @@
 
 /// The tests of the message service have a /mnt of their own and their log in a file.
 
-/// What has been logged in this test so far, by this process and its children.
+/// The log of this test so far, by this process and its children.
 std::string LogText();
 
-/// Has the log's file opened now, for a process that soon could not.
+/// Opens the log's file now, in a process that soon loses the right to open it.
 void OpenLog();
 
-/// How often a text stands in the log.
+/// How often a text occurs in the log.
 int CountInLog(const std::string& text);
 
-/// Where a service of that name has its socket.
+/// The path of the socket of the service with that name.
 std::string SocketPath(const std::string& service);
 
 #endif

@@ -12,7 +12,7 @@ void RunShell(const std::string& command);
 /// Runs a shell command and returns what it prints.
 std::string OutputOf(const std::string& command);
 
-/// Whether the machine has this program.
+/// Whether this program is installed.
 bool HasProgram(const std::string& name);
 
 #endif

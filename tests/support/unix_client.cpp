@@ -17,7 +17,7 @@ using Clock = std::chrono::steady_clock;
 /// Room for more than the service sends in one packet.
 constexpr std::size_t PACKET_ROOM = 128UL * 1024;
 
-/// Waits for a packet or for the connection's end. False when the time is over.
+/// Waits for a packet or for the connection's end. False when the time is over first.
 bool WaitReadable(int fd, Clock::time_point end)
 {
     for (;;) {

@@ -23,22 +23,22 @@ public:
     /// Sends one packet. False when the connection is closed or takes no packet for seconds.
     bool Send(std::string_view packet) const;
 
-    /// The same, with descriptors for the peer to keep.
+    /// The same, and passes descriptors to the peer.
     bool SendWithDescriptors(std::string_view packet, const std::vector<int>& descriptors) const;
 
     /// The same without waiting: false at once when the connection takes nothing more at the moment.
     bool SendWithoutWaiting(std::string_view packet) const;
 
-    /// Ends the sending; replies may still be received.
+    /// Shuts down the sending side. Replies can still be received.
     void ShutDownSending() const;
 
-    /// The next packet; empty when no packet comes in time or the peer has closed the connection.
+    /// Receives the next packet. Empty when none comes in time or the peer has closed the connection.
     std::optional<std::string> Receive(std::chrono::milliseconds timeout) const;
 
     /// Sends one packet and receives one.
     std::optional<std::string> Ask(std::string_view packet, std::chrono::milliseconds timeout) const;
 
-    /// Whether the peer closes the connection within that time. Discards what it has sent before.
+    /// Whether the peer closes the connection within that time. Discards the packets that come before.
     bool IsClosedByPeer(std::chrono::milliseconds timeout) const;
 
 private:

@@ -27,7 +27,7 @@ SleepyWatchers::~SleepyWatchers()
     g_whenMade = nullptr;
 }
 
-// The watcher's constructor, which the linker sends here. On ARM a constructor returns the object.
+// The linker redirects the watcher's constructor to this function. On ARM a constructor returns the object.
 void RealMaking(BundleDirWatcher* self, const std::string& path,
                 std::chrono::milliseconds interval) __asm__("__real_" WATCHER_MAKING);
 BundleDirWatcher* WrappedMaking(BundleDirWatcher* self, const std::string& path,

@@ -3,8 +3,8 @@
 
 #include <functional>
 
-/// While it lives, a directory watcher is made to look so seldom that it raises no event in the test, which raises its
-/// own; and something may be done when it has just been made.
+/// While it lives, a new directory watcher scans so seldom that it raises no event. The test raises its own events.
+/// An action can run right after a watcher is made.
 class SleepyWatchers {
 public:
     explicit SleepyWatchers(std::function<void()> whenMade = {});

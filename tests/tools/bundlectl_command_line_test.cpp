@@ -34,7 +34,7 @@ TEST(Bundlectl, NamesAnUnknownCommandAndASimilarOne)
     }
 }
 
-TEST(Bundlectl, NamesAllCommandsIfTheWordIsLikeNone)
+TEST(Bundlectl, NamesAllCommandsIfNoneIsSimilar)
 {
     for (const char* const word : {"conquer", "wd", "x", ""}) {
         const std::string errors = Control({word}).errors;
@@ -97,7 +97,7 @@ TEST(Bundlectl, HelpsOnStandardOutput)
     }
 }
 
-TEST(Bundlectl, SaysWhatToDoWhereAVerbIsNotInstalled)
+TEST(Bundlectl, SuggestsAnotherMachineForAVerbThatIsNotInstalled)
 {
     const TemporaryDirectory alone;
     std::filesystem::copy_file(BUNDLECTL, alone / "bundlectl");

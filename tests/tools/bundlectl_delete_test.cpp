@@ -29,8 +29,8 @@ using namespace std::chrono_literals;
 namespace {
 
 std::mutex g_mutex;
-std::string g_request;           // the last one, header and content; guarded by g_mutex
-std::function<void()> g_removal; // what a deletion does; set before the server runs
+std::string g_request;           // the last request, header and content; guarded by g_mutex
+std::function<void()> g_removal; // the effect of a deletion; set before the server runs
 
 void Remember(const lumo_message* msg, const void* content, int length)
 {
@@ -44,7 +44,7 @@ std::string LastRequest()
     return g_request;
 }
 
-/// Answers as the bundle's name says.
+/// Answers with the status that belongs to the bundle's name.
 void Answer(lumo_message* msg, bolt_connection* conn)
 {
     static const std::map<std::string, std::uint16_t> statuses{
@@ -81,7 +81,7 @@ Ended Control(const std::vector<std::string>& arguments)
     return RunToEnd(BUNDLECTL, arguments);
 }
 
-/// One line, on standard error, that names the bundle.
+/// Expects one line on standard error that names the bundle.
 void ExpectOneSentenceAbout(const std::string& bundle, const Ended& ended)
 {
     EXPECT_EQ(ended.output, "");
@@ -96,7 +96,7 @@ protected:
     RunningServer m_server{SERVICE_NAME, g_protocol};
 };
 
-/// A server that answers that it has deleted the bundle, whatever it has done to the directory.
+/// A server that reports a deletion as done, even if the directory is still there.
 class BundlectlDeleteAndTheDirectory : public BundlectlDelete {
 public:
     BundlectlDeleteAndTheDirectory() { collection.BundleIn("receiver").Name("radio").Write(); }
@@ -124,7 +124,7 @@ TEST_F(BundlectlDelete, SendsTheNameInAFieldOfZeros)
     EXPECT_EQ(LastRequest(), PacketOf(4, 0, content));
 }
 
-TEST_F(BundlectlDelete, SaysThatItCouldNotLookWhenItDoesNotKnowTheDirectory)
+TEST_F(BundlectlDelete, SaysThatItCannotCheckADirectoryThatItDoesNotKnow)
 {
     const Ended ended = Control({"delete", "gone"});
     EXPECT_EQ(ended.status, 0);
@@ -186,13 +186,14 @@ TEST_F(BundlectlDelete, EndsWithFiveWhenNoAnswerComesInTime)
 
 TEST_F(BundlectlDelete, TakesANameOfAnyBytes)
 {
-    EXPECT_EQ(Control({"delete", std::string(127, 'n'), "--timeout", "1"}).status, 5) << "asked, and not answered";
+    EXPECT_EQ(Control({"delete", std::string(127, 'n'), "--timeout", "1"}).status, 5)
+        << "the request is sent and not answered";
     EXPECT_EQ(LastRequest(), PacketOf(4, 0, std::string(127, 'n') + '\0'));
     EXPECT_EQ(Control({"delete", std::string(128, 'n')}).status, 2);
     ExpectOneSentenceAbout("a\\nb\\033", Control({"delete", "a\nb\x1B", "--timeout", "1"}));
 }
 
-TEST_F(BundlectlDeleteAndTheDirectory, SaysThatTheBundleIsDeletedWhenItHasGone)
+TEST_F(BundlectlDeleteAndTheDirectory, ReportsTheDeletionWhenTheDirectoryIsGone)
 {
     g_removal = [this] { Remove(); };
     EXPECT_EQ(Delete(), 0);
@@ -213,7 +214,7 @@ TEST_F(BundlectlDeleteAndTheDirectory, EndsWithOneAndNamesWhatIsLeft)
         std::filesystem::create_directories(collection / "receiver/data/lost\nfound");
     };
     std::filesystem::remove_all(collection / "receiver/bin");
-    EXPECT_EQ(Delete(), 0) << "another directory has come to its place";
+    EXPECT_EQ(Delete(), 0) << "another directory is in its place";
 
     collection.BundleIn("receiver").Name("radio").Write();
     g_removal = [this] { std::filesystem::remove(collection / "receiver/BundleManifest.ini"); };
@@ -231,14 +232,14 @@ TEST_F(BundlectlDeleteAndTheDirectory, DoesNotCountADirectoryThatHasReplacedIt)
     EXPECT_EQ(Delete(), 0) << ended.errors;
 }
 
-TEST_F(BundlectlDeleteAndTheDirectory, TakesOneOfTwoDirectoriesWithTheNameForTheBundles)
+TEST_F(BundlectlDeleteAndTheDirectory, ChecksOneOfTwoDirectoriesWithTheBundlesName)
 {
     collection.BundleIn("other").Name("radio").Write();
     g_removal = [this] { Remove(); };
     EXPECT_EQ(Delete(), 0) << ended.errors;
 }
 
-TEST_F(BundlectlDeleteAndTheDirectory, LooksForALinkWhereTheDirectoryIsALink)
+TEST_F(BundlectlDeleteAndTheDirectory, ChecksForALinkWhereTheDirectoryIsALink)
 {
     const CollectionBuilder elsewhere;
     elsewhere.BundleIn("receiver").Name("radio").Write();

@@ -55,7 +55,7 @@ std::string EventOf(const std::string& publisher, const std::string& event)
     return PacketOf(1, 0, record);
 }
 
-/// What the lines say behind the time.
+/// The text after the time in each line.
 std::vector<std::string> EventsIn(const std::string& output)
 {
     std::vector<std::string> events;
@@ -98,7 +98,7 @@ TEST_F(BundlectlEvents, PrintsALineForEachWithTheTimeInUtc)
     EXPECT_LE(::timegm(&utc), std::time(nullptr));
 }
 
-TEST_F(BundlectlEvents, PrintsEachAtOnceAndListensOn)
+TEST_F(BundlectlEvents, PrintsEachAtOnceAndKeepsListening)
 {
     Program program({BUNDLECTL, "events"});
     ASSERT_TRUE(Eventually(10s, IsHeard)) << program.Errors();
@@ -108,7 +108,7 @@ TEST_F(BundlectlEvents, PrintsEachAtOnceAndListensOn)
     }
 }
 
-TEST_F(BundlectlEvents, WaitsQuietlyForTheNextWhenAPublisherHasGone)
+TEST_F(BundlectlEvents, WaitsWithoutSpinningWhenAPublisherHasEnded)
 {
     const Program program({BUNDLECTL, "events"});
     ASSERT_TRUE(Eventually(10s, IsHeard)) << program.Errors();
@@ -229,7 +229,7 @@ TEST_F(BundlectlEvents, FindsAnEventAmongOtherBytes)
                                 "bundlectl: 9 byte(s) skipped that are no event.\n");
 }
 
-TEST_F(BundlectlEvents, ShowsNoControlCharactersAndNoMoreThanTheFields)
+TEST_F(BundlectlEvents, EscapesControlCharactersAndPrintsOnlyTheFields)
 {
     Program program({BUNDLECTL, "events", "--count", "2"});
     ASSERT_TRUE(Eventually(10s, IsHeard)) << program.Errors();

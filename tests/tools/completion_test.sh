@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# What the shells offer for a line that begins with "bundlectl".
+# The candidates that a shell offers for a line that begins with "bundlectl".
 #
 # usage: completion_test.sh COMPLETIONS BUNDLECTL bash|zsh|fish
 set -uo pipefail
@@ -25,7 +25,7 @@ touch "$scratch/file.log"
 mkdir "$scratch/folder"
 cd "$scratch" || exit 1
 
-# The last word of a line must be empty or begun. Each answers with a candidate a line, without its description.
+# Each function prints the candidates for a line, one a line, without descriptions. The line's last word is empty or incomplete.
 bash_offers() {
     # shellcheck source=/dev/null
     source "$completions/bundlectl.bash"
@@ -41,7 +41,7 @@ fish_offers() {
     fish --no-config -c "source $completions/bundlectl.fish; complete -C '$1'" | cut -f 1 | sed 's,/$,,'
 }
 
-# zsh completes only for a line editor: the test takes the place of what shows the candidates.
+# zsh completes only for a line editor, so the test replaces the function that shows candidates.
 zsh_offers() {
     zsh -f -c '
         setopt extended_glob
@@ -56,12 +56,12 @@ zsh_offers() {
     done
 }
 
-# offers LINE WORD...: these, and nothing else.
+# offers LINE WORD...: expects exactly these candidates.
 offers() {
     local line=$1 offered
     shift
     case $shell in
-        bash) offered=$(bash_offers "$line" 2> /dev/null) ;; # where nothing is typed, compopt complains
+        bash) offered=$(bash_offers "$line" 2> /dev/null) ;; # compopt complains outside of an interactive shell
         zsh) offered=$(zsh_offers "$line") ;;
         fish) offered=$(fish_offers "$line") ;;
     esac
@@ -85,7 +85,7 @@ offers "bundlectl why --collection bundles c" clock
 offers "bundlectl delete --collection bundles r" radio
 offers "bundlectl events --count "
 
-# Each verb and each option of its help is offered, and no other.
+# The shell offers exactly the verbs and options of the help.
 verbs=$("$bundlectl" --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z]*\) .*/\1/p')
 [ -n "$verbs" ] || { echo "the help lists no verb"; status=1; }
 mapfile -t words <<< "$verbs"

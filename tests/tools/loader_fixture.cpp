@@ -1,4 +1,4 @@
-// What the tests let the loader load.
+// The library that the loader loads in its tests.
 #include <cstdio>
 #include <cstdlib>
 

@@ -1,5 +1,5 @@
-// Runs a function of a dynamic library as a process of its own: the way in which a bundle's library becomes a child of
-// the bundle server. One of these stays in memory for each such item, so it does as little as it can.
+// Runs a function of a dynamic library in a process of its own. In process mode the bundle server runs it for each
+// library item. One of these stays in memory for each such item, so it does as little as possible.
 #include "tools/version.h"
 
 #include <dlfcn.h>
@@ -38,7 +38,7 @@ bool IsGiven(const char* argument)
     return argument != nullptr && *argument != '\0';
 }
 
-/// False when the arguments are not those of the usage.
+/// False when the arguments do not match the usage.
 bool Read(int argc, char** argv, Arguments& arguments)
 {
     for (int option = 0; (option = ::getopt(argc, argv, "f:e:h")) != -1;) {
@@ -56,7 +56,7 @@ bool Read(int argc, char** argv, Arguments& arguments)
             return false;
         }
     }
-    // An empty name would open this program itself.
+    // dlopen would open this program itself for an empty name.
     return optind == argc && IsGiven(arguments.library) && IsGiven(arguments.function);
 }
 
@@ -71,7 +71,7 @@ int NotLoaded(const Arguments& arguments)
 
 int Run(const Arguments& arguments)
 {
-    // Never closed: what the function leaves behind, threads and exit handlers, may still be in it.
+    // The library is never closed, because threads and exit handlers of the function may still run its code.
     void* library = ::dlopen(arguments.library, RTLD_LAZY);
     if (library == nullptr) {
         return NotLoaded(arguments);
@@ -83,7 +83,7 @@ int Run(const Arguments& arguments)
     return reinterpret_cast<int (*)()>(address)();
 }
 
-/// For what goes to standard output. Returns the exit status.
+/// Prints to standard output. Returns the exit status.
 int Tell(const char* text)
 {
     return std::fputs(text, stdout) >= 0 && std::fflush(stdout) == 0 ? 0 : EXIT_NOT_LOADED;

@@ -61,7 +61,7 @@ TEST_F(CancellingAnItem, WaitsUntilItsLibraryIsLoadedAndPreventsTheCall)
     MakeGated();
     activator->Start();
     ASSERT_TRUE(IsReached("reached"));
-    activator->Stop(); // the first cancellation of this process must not wait for the loader, whose lock is held
+    activator->Stop(); // must not wait for the dynamic loader, whose lock is held, to load the unwinder
     EXPECT_EQ(cancellations.Count(), 1);
     WriteFile(gate / "open", "");
     EXPECT_TRUE(ItemThreadsEnd());
@@ -72,7 +72,7 @@ TEST_F(CancellingAnItem, WaitsUntilItsLibraryIsLoadedAndPreventsTheCall)
     MakeWith("Succeed");
     activator->Start();
     EXPECT_TRUE(IsLogged("bundle[tuner] dyn lib[tunerd.so] activate done."))
-        << "the lock of the loader is never released";
+        << "the dynamic loader's lock is never released";
 }
 
 TEST_F(CancellingAnItem, IsPossibleInItsEntryFunctionAndNotInTheConstructor)
@@ -127,7 +127,7 @@ TEST_F(CancellingAnItem, FindsItsThread)
         library.OpenGate();
         EXPECT_TRUE(IsLogged("bundle[tuner] dyn lib[tunerd.so] activate done."));
         EXPECT_FALSE(Eventually(300ms, [threads] { return OwnProcess::Threads() < threads; }))
-            << "its handle may belong to another thread";
+            << "the handle may belong to another thread";
     });
     activator->Stop();
     EXPECT_EQ(cancellations.Count(), 1);

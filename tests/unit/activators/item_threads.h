@@ -21,14 +21,14 @@
 #include <thread>
 #include <vector>
 
-/// An activator whose handles can be seen.
+/// An activator that shows its handles.
 class SeenActivator : public SystemServer::BundleThreadActivator {
 public:
     using BundleThreadActivator::BundleThreadActivator;
     const std::vector<unsigned long>& ThreadIds() const { return m_threadIds; }
 };
 
-/// The test's own handle of a library that an item thread opens: it is the same file with the same variables.
+/// The test's own handle of a library that an item thread opens. Both share the library's variables.
 class ItemLibrary {
 public:
     explicit ItemLibrary(const std::string& path) : m_library(::dlopen(path.c_str(), RTLD_NOW)) {}
@@ -49,7 +49,7 @@ private:
     void* m_library;
 };
 
-/// A bundle whose items run on threads of this process. None of them is left when the test is over.
+/// A bundle whose items run on threads of this process. None of the threads survives the test.
 class ItemThreads : public ::testing::Test {
 public:
     static constexpr std::chrono::seconds PATIENCE{20};
@@ -104,7 +104,7 @@ public:
     const CallCounter cancellations{Call::CANCEL_THREAD};
 
 private:
-    /// The number of threads before any is started. A sanitizer adds one of its own with the first.
+    /// The number of threads before the test starts one. A sanitizer adds a thread of its own to the first.
     static int ThreadCountAtRest()
     {
         std::thread([] {}).join();

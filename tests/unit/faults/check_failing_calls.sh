@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Keeps the tables of docs/testing/failing-calls.md complete: every function outside of ARCHIVEs that their
-# objects call stands in the first column of a row, and every test that a row names is there. Names with an underscore in
-# front are the compiler's and the C++ library's, of which the tables speak as a whole.
+# Checks that the tables of docs/testing/failing-calls.md are complete. Every function that the objects of the ARCHIVEs call
+# and do not define must be in the first column of a row, and every test that a row names must exist. Names that begin with
+# an underscore belong to the compiler and the C++ library; the tables treat those as a whole.
 #
 # usage: check_failing_calls.sh NM DOCUMENT TESTS ARCHIVE...
 set -euo pipefail

@@ -41,7 +41,7 @@ namespace {
 
 class AFailingCallOfALaunch : public RunningItems {
 public:
-    /// Whether an item that is launched while the call fails runs, and no descriptor is left open.
+    /// Launches an item while the call fails. Returns whether it runs and no descriptor is left open.
     ::testing::AssertionResult Runs(Call call, int error, int count = Fault::ALWAYS)
     {
         const int descriptors = OwnProcess::Descriptors();
@@ -58,7 +58,8 @@ public:
             return log.Has("the item is running and nothing is left open");
         }
         activator->Stop();
-        return MonitorEnds() ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << "the monitor goes on";
+        return MonitorEnds() ? ::testing::AssertionSuccess()
+                             : ::testing::AssertionFailure() << "the monitor still runs";
     }
 };
 
@@ -81,7 +82,7 @@ public:
         watcher->itemModified += Poco::delegate(this, &AFailingCallOfTheWatcher::OnEvent);
     }
 
-    /// Whether it raises an addition that is made now.
+    /// Adds an entry. Returns whether the watcher raises it.
     bool SeesWhatComes()
     {
         const int before = events;
@@ -124,13 +125,13 @@ class AFailingCallForALimit : public RunningItems {};
 
 TEST_F(AFailingCallOfALaunch, DoesNotKeepTheItemFromRunning)
 {
-    EXPECT_TRUE(Runs(Call::CLOSE, EIO)); // the descriptor is closed all the same
+    EXPECT_TRUE(Runs(Call::CLOSE, EIO)); // the descriptor is closed even though the call fails
     EXPECT_TRUE(Runs(Call::PRCTL, EPERM));
     EXPECT_TRUE(Runs(Call::GETPGID, ESRCH, 1));
     EXPECT_TRUE(log.HasPart(" to pgid 0 failed errno "));
 }
 
-TEST_F(AFailingCallOfALaunch, EndsNoPauseThatASignalInterrupts)
+TEST_F(AFailingCallOfALaunch, DoesNotShortenAPauseWhenASignalInterruptsIt)
 {
     const auto before = Clock::now();
     EXPECT_TRUE(Runs(Call::NANOSLEEP, EINTR, 5));
@@ -170,17 +171,17 @@ TEST_F(AFailingCallOfAScript, RunsItWithoutANoticeOfItsFork)
         bundle.RunScript("install.sh");
         EXPECT_TRUE(fault.HasStruck());
     }
-    EXPECT_TRUE(Exists(mark)) << "not waited for";
+    EXPECT_TRUE(Exists(mark)) << "the script was not waited for";
     EXPECT_FALSE(OwnProcess::HasChildren());
 }
 
-TEST_F(AFailingCallOfAStorage, RegistersNoBundleWithoutAStatus)
+TEST_F(AFailingCallOfAStorage, DoesNotRegisterABundleWithoutAStatus)
 {
     const std::string path = collection.Bundle("media").Write();
     BundleManager manager(std::make_shared<BundleStorageDirFactory>());
     for (const int error : {EIO, EACCES}) {
         const Fault fault(Call::STAT, error,
-                          2); // the status of its directory, for which the framework asks then, and of its manifest
+                          2); // the framework then asks for the status of its directory and of its manifest
         EXPECT_THROW(manager.LoadBundle(path), Poco::FileNotFoundException);
     }
     EXPECT_TRUE(log.HasError("resource file[" + path + "/BundleManifest.ini] does not exist."));
@@ -188,7 +189,7 @@ TEST_F(AFailingCallOfAStorage, RegistersNoBundleWithoutAStatus)
     EXPECT_TRUE(manager.LoadBundle(path));
 }
 
-TEST_F(AFailingCallOfAStorage, IsToldWhereAnEntryOfTheCollectionCanNotBeLookedAt)
+TEST_F(AFailingCallOfAStorage, IsLoggedWhenAnEntryOfTheCollectionHasNoStatus)
 {
     const std::string path = collection.Bundle("media").Write();
     std::string directory = collection.Path();
@@ -209,7 +210,7 @@ TEST_F(AFailingCallOfAStorage, IsToldWhereAnEntryOfTheCollectionCanNotBeLookedAt
     EXPECT_EQ(LoadedIn(manager, collection.Path()).size(), 1U);
 }
 
-TEST_F(AFailingCallOfAStorage, IsToldWhereAScriptCanNotBeLookedAt)
+TEST_F(AFailingCallOfAStorage, IsLoggedWhenAScriptHasNoStatus)
 {
     const std::string mark = collection / "installed";
     const std::string path = collection.Bundle("media").Install("#!/bin/sh\ntouch " + mark + "\n").Write();
@@ -229,8 +230,8 @@ TEST_F(AFailingCallOfAStorage, IsToldWhereAScriptCanNotBeLookedAt)
     EXPECT_TRUE(Exists(mark));
 }
 
-// The bundles may or may not inherit the framework's descriptor then. The watching does not depend on it.
-TEST_F(AFailingCallOfTheWatcher, DoesNotKeepItFromBeingMade)
+// Items may then inherit the framework's descriptor. The watcher works either way.
+TEST_F(AFailingCallOfTheWatcher, DoesNotPreventItsCreation)
 {
     const int descriptors = OwnProcess::Descriptors();
     const std::vector<std::tuple<Call, int, bool>> calls{
@@ -257,7 +258,7 @@ TEST_F(AFailingCallOfTheWatcher, DoesNotKeepItFromBeingMade)
 
 TEST_F(AFailingCallOfTheWatcher, LeavesNothingWhenItsThreadCannotBeMade)
 {
-    std::thread([] {}).join(); // a sanitizer starts a thread of its own with the first
+    std::thread([] {}).join(); // a sanitizer adds a thread of its own to the first one
     const int descriptors = OwnProcess::Descriptors();
     const int threads = OwnProcess::Threads();
     {
@@ -284,7 +285,7 @@ TEST_F(AFailingCallOfTheWatcher, RaisesNothingWhileTheCollectionCannotBeRead)
     }
 }
 
-TEST_F(AFailingCallOfTheWatcher, TakesNoItemWithoutAStatusForRemoved)
+TEST_F(AFailingCallOfTheWatcher, DoesNotRaiseAnItemWithoutAStatusAsRemoved)
 {
     collection.Bundle("media").Write();
     Watch();
@@ -294,7 +295,7 @@ TEST_F(AFailingCallOfTheWatcher, TakesNoItemWithoutAStatusForRemoved)
     EXPECT_TRUE(SeesWhatComes());
 }
 
-TEST_F(AFailingCallOfTheWatcher, TellsAWithdrawnDirectoryByItsNumberAlone)
+TEST_F(AFailingCallOfTheWatcher, RecognisesAWithdrawnDirectoryByItsInodeNumber)
 {
     const std::string path = collection.Bundle("media").Write();
     Watch();
@@ -312,7 +313,7 @@ TEST_F(AFailingCallOfTheWatcher, TellsAWithdrawnDirectoryByItsNumberAlone)
     EXPECT_TRUE(Eventually(PATIENCE, [&] { return events == 2; })) << "removed and added";
 }
 
-TEST_F(AFailingCallOfAnItemThread, LeavesItNamelessAndRunning)
+TEST_F(AFailingCallOfAnItemThread, LeavesItRunningWithoutAName)
 {
     const auto activator = std::make_shared<SystemServer::BundleThreadActivator>(
         std::make_shared<Bundle>(std::make_shared<BundleStorageDir>(

@@ -30,11 +30,11 @@ using SystemServer::BundleStorageDirFactory;
 
 namespace {
 
-// Too long for a string without the heap, so that copying a name can fail too.
+// Too long for a string's internal buffer, so that copying a name can fail too.
 constexpr const char NAME[] = "a bundle whose name has no place in a small string";
 constexpr const char REQUIRED[] = "required by a bundle whose name is as long as that";
 
-/// One operation of the manager, each time with less memory than it needs.
+/// Operations of the manager, each with less memory than it needs.
 class WithoutMemoryTheManager : public RunningItems {
 public:
     WithoutMemoryTheManager() { SystemServer::BoundDescriptorLimit(); }
@@ -101,7 +101,7 @@ private:
     int m_descriptors = 0;
 };
 
-/// The work of the server's own threads, each time with less memory than it needs.
+/// The work of the server's own threads, with less memory than it needs.
 class WithoutMemoryAThread : public RunningItems {
 public:
     /// @param check gets whether a thread has run out of memory
@@ -171,7 +171,7 @@ TEST_F(WithoutMemoryTheManager, RegistersABundleWholeOrNotAtAll)
           });
 }
 
-TEST_F(WithoutMemoryTheManager, LeavesABundleUnresolvedThatItCannotResolve)
+TEST_F(WithoutMemoryTheManager, LeavesABundleInstalledThatItCannotResolve)
 {
     const std::string path = Builder().Requires(REQUIRED).Write();
     const std::string requiredPath = Builder(REQUIRED).Write();
@@ -186,7 +186,7 @@ TEST_F(WithoutMemoryTheManager, LeavesABundleUnresolvedThatItCannotResolve)
         [&](bool failed) {
             EXPECT_EQ(bundle->GetCurState(), failed ? Bundle::BUNDLE_INSTALLED : Bundle::BUNDLE_RESOLVED);
             if (failed) {
-                manager->ResolveBundle(bundle); // a mark that is left behind would be taken for a circle
+                manager->ResolveBundle(bundle); // a leftover mark would look like a circle
             }
             EXPECT_EQ(required->GetCurState(), Bundle::BUNDLE_RESOLVED);
         });
@@ -217,7 +217,7 @@ TEST_F(WithoutMemoryTheManager, LeavesNoChildOfABundleThatItCannotStart)
         });
 }
 
-TEST_F(WithoutMemoryTheManager, StartsTheThreadOfALibraryOrNone)
+TEST_F(WithoutMemoryTheManager, StartsTheThreadOfALibraryOrLeavesNone)
 {
     const std::string path =
         Builder().ThreadMode().Library("a library of some length.so", "Succeed", THREAD_ITEM).Write();
@@ -250,7 +250,7 @@ TEST_F(WithoutMemoryTheManager, LeavesABundleActiveThatItCannotStop)
               }
               EXPECT_TRUE(Eventually(PATIENCE, [] { return ProcessTable::Entries().empty(); }));
               EXPECT_TRUE(log.Has(std::string("normal stop ") + NAME + ".an item of some length..."));
-              EXPECT_FALSE(log.HasPart("relaunch")) << "killed and not marked";
+              EXPECT_FALSE(log.HasPart("relaunch")) << "it was killed without a mark";
               EXPECT_TRUE(ProcessTable::Marks().empty());
               log.Restart();
           });
@@ -290,7 +290,8 @@ TEST_F(WithoutMemoryTheManager, UpdatesABundlesManifestWholeOrNotAtAll)
         });
 }
 
-// The framework leaves a descriptor open. The server ends when its start-up runs out of memory, so no harm follows.
+// The framework leaves a descriptor open. That does no harm, because the server ends when its start-up runs out of
+// memory.
 TEST_F(WithoutMemoryTheManager, LoadsACollectionOrReportsThatItCannot)
 {
 #if defined(__SANITIZE_ADDRESS__)
@@ -307,7 +308,7 @@ TEST_F(WithoutMemoryTheManager, LoadsACollectionOrReportsThatItCannot)
           });
 }
 
-TEST_F(WithoutMemoryTheManager, UnloadsFailedBundlesOfAWalkAsFarAsItCan)
+TEST_F(WithoutMemoryTheManager, UnloadsAsManyFailedBundlesOfAWalkAsItCan)
 {
     Sweep(
         [&] {
@@ -336,7 +337,7 @@ TEST_F(WithoutMemoryAThread, RelaunchesADeadItemOnceItHasMemory)
         Sweep(
             [&] {
                 ProcessTable::EndAll();
-                WriteFile(outside / "shot", ""); // from its next start on it runs
+                WriteFile(outside / "shot", ""); // from its next start on the item keeps running
                 path = collection.Bundle(NAME).Item("an item of some length", ExitingAtTrigger(2)).Write();
                 if (!isKilled) {
                     std::filesystem::remove(outside / "shot");

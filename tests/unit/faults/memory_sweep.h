@@ -8,16 +8,16 @@
 #include <exception>
 #include <string>
 
-/// Repeats an operation: first its first allocation fails, then its second, and so on until no failure is reached. A
-/// first sweep lets a single allocation fail, a second one also all that follow.
+/// Repeats an operation. In the first round its first allocation fails, in the second round its second, and so on until
+/// no allocation fails. In a first sweep one allocation fails in each round, in a second sweep all later ones too.
 ///
 ///     SweepMemory([&] { Prepare(); }, [&] { operation(); }, [&] { EXPECT_TRUE(nothing is broken); });
 ///
-/// @param prepare runs before each round and check after it, both with all memory. Only the operation runs short of it.
-/// The operation may throw; check learns of it by RoundFailed.
+/// Prepare runs before each round and check after it. Allocations fail only in the operation, which may throw: see
+/// RoundFailed.
 class MemorySweep {
 public:
-    /// @param step by how many allocations a round goes further than the one before
+    /// @param step a round's failing allocation comes this many after that of the round before
     explicit MemorySweep(long step = 1) : m_step(step) {}
 
     template <class Prepare, class Operation, class Check>

@@ -47,7 +47,7 @@ public:
         EXPECT_EQ(server.End(), 0);
     }
 
-    /// Whether the connection of a new client is closed, with that record; with none when it is empty.
+    /// Whether the connection of a new client is closed and the record logged; no record when the text is empty.
     void CostsTheConnection(const std::string& record)
     {
         const UnixClient client(SOCKET);
@@ -80,7 +80,7 @@ TEST_F(AFailingCallOfTheLoop, LeavesNoEventManager)
     EXPECT_NE(bolt_event_mgr_new(0), nullptr);
 }
 
-TEST_F(AFailingCallOfTheLoop, EndsItAndTakesItsSocketAway)
+TEST_F(AFailingCallOfTheLoop, EndsItAndRemovesItsSocket)
 {
     bolt_event_mgr* const manager = bolt_event_mgr_new(0);
     ASSERT_EQ(RegisterService(SERVICE, manager, g_testProtocol), 0);
@@ -90,7 +90,7 @@ TEST_F(AFailingCallOfTheLoop, EndsItAndTakesItsSocketAway)
         EXPECT_EQ(bolt_event_mgr_run(manager, time), -1);
         EXPECT_TRUE(fault.HasStruck());
     }
-    EXPECT_TRUE(Exists(SOCKET)) << "it has not run and can still be run";
+    EXPECT_TRUE(Exists(SOCKET)) << "the loop has not run, and can still run";
     const Fault fault(Call::EVENT_BASE_DISPATCH, ENOMEM);
     EXPECT_EQ(bolt_event_mgr_run(manager, -1), -1);
     EXPECT_FALSE(Exists(SOCKET));
@@ -112,7 +112,7 @@ TEST_F(AFailingCallOfTheLoop, LosesNoSignal)
     ASSERT_TRUE(server.IsRegistered());
     const Fault read(Call::READ, EINTR, 2);
     const Fault raised(Call::RAISE, EAGAIN);
-    const Fault looked(Call::LSTAT, EIO); // the socket then stays, and the next server replaces it
+    const Fault looked(Call::LSTAT, EIO); // the socket file stays then, and the next server replaces it
     EXPECT_EQ(server.End(), 0);
     EXPECT_TRUE(read.HasStruck());
     EXPECT_TRUE(raised.HasStruck());
@@ -144,10 +144,10 @@ TEST_F(AFailingCallOfAConnection, LetsItWaitUntilThereAreDescriptors)
     // A pause of 100 ms follows each failure; the loop's clock is a coarse one.
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 250ms);
     EXPECT_TRUE(log.HasPart("a connection cannot be accepted: Too many open files."));
-    EXPECT_LT(log.CountPart("a connection cannot be accepted"), 3) << "no more than one a second";
+    EXPECT_LT(log.CountPart("a connection cannot be accepted"), 3) << "at most one record a second";
 }
 
-TEST_F(AFailingCallOfAConnection, LeavesNoWaitingServiceDeaf)
+TEST_F(AFailingCallOfAConnection, DoesNotStopTheServiceFromAccepting)
 {
     {
         const Fault accept(Call::ACCEPT, EMFILE, 1);
@@ -167,7 +167,7 @@ TEST_F(AFailingCallOfAConnection, RefusesAPeerWhoseUserIsUnknown)
     CostsTheConnection("is refused: only user");
 }
 
-TEST_F(AFailingCallOfAConnection, ClosesItWhenTheLoopDoesNotTakeIt)
+TEST_F(AFailingCallOfAConnection, ClosesItWhenTheLoopCannotAddIt)
 {
     {
         const Fault fault(Call::EVENT_NEW, ENOMEM, 1);
@@ -186,7 +186,7 @@ TEST_F(AFailingCallOfAConnection, ClosesItWhenNothingIsReceived)
     CostsTheConnection("");
 }
 
-TEST_F(AFailingCallOfAConnection, ClosesItWhenAReplyIsNotTaken)
+TEST_F(AFailingCallOfAConnection, ClosesItWhenAReplyCannotBeSent)
 {
     {
         const Fault fault(Call::SEND, EPIPE, 1, 1);
@@ -269,7 +269,7 @@ TEST_F(AFailingCallOfTheLog, LosesAtMostOneRecordAndCountsIt)
         const Fault fault(Call::WRITE, ENOSPC, 1);
         errno = EXDEV;
         write("without room");
-        EXPECT_EQ(errno, EXDEV) << "a record changes errno, which its caller logs next";
+        EXPECT_EQ(errno, EXDEV) << "a record changes errno, which the caller may log next";
     }
     write("with room");
     EXPECT_FALSE(log.Has("without room"));
@@ -279,5 +279,5 @@ TEST_F(AFailingCallOfTheLog, LosesAtMostOneRecordAndCountsIt)
         write("with half the room");
     }
     write("whole again");
-    EXPECT_TRUE(log.Has("whole again")) << "it is in the line of the record that was cut off";
+    EXPECT_TRUE(log.Has("whole again")) << "it is in the line of the cut-off record";
 }

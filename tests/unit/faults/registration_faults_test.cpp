@@ -25,7 +25,7 @@ void LeaveLock()
     ::close(fd);
 }
 
-/// A socket whose server has ended.
+/// Makes a socket without a server.
 void LeaveDeadSocket()
 {
     const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
@@ -67,7 +67,7 @@ public:
     ~AServiceThatWaitsForItsLock() override
     {
         m_server.reset();
-        EXPECT_FALSE(Exists(SOCKET)) << "it is removed at the end";
+        EXPECT_FALSE(Exists(SOCKET)) << "the server removes its socket at its end";
     }
 
     /// Whether a server is registered although it could not take the lock, and its loop runs.
@@ -213,7 +213,7 @@ TEST_F(AFailingCallAtTheRegistration, DoesNotMatterWhenTheLockedFileHasLeftItsPa
     {
         const NoPauses hurry;
         const BeforeEach locking(Call::FLOCK, [&rounds](int /*fd*/) {
-            if (++rounds <= 3) { // as when one holder releases it and another takes it at once
+            if (++rounds <= 3) { // as if one holder releases the lock and another takes it at once
                 ::unlink(LOCK.c_str());
                 LeaveLock();
             }
@@ -267,7 +267,7 @@ TEST_F(AServiceThatWaitsForItsLock, IsAbandonedWhenTheLoopDoesNotTakeItsSocket)
     ASSERT_TRUE(Begins());
     const Fault fault(Call::EVENT_ADD, ENOMEM, 1);
     EXPECT_TRUE(IsGivenUp());
-    EXPECT_FALSE(Exists(SOCKET)) << "clients would wait there forever";
+    EXPECT_FALSE(Exists(SOCKET)) << "clients would wait at this socket forever";
 }
 
 TEST_F(AServiceThatWaitsForItsLock, IsRetriedWithoutMemory)

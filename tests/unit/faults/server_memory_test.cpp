@@ -29,7 +29,7 @@ namespace {
 
 [[maybe_unused]] const auto* const g_privateMnt = ::testing::AddGlobalTestEnvironment(new PrivateMnt);
 
-// Too long for a string without the heap, so that copying a name can fail too.
+// Too long for a string's internal buffer, so that copying a name can fail too.
 constexpr const char NAME[] = "a bundle whose name has no place in a small string";
 
 /// A running server, a new one in each round. Its watcher raises no events; the tests raise them.
@@ -161,7 +161,7 @@ private:
     void Note(const char* what, const Poco::DirectoryWatcher::DirectoryEvent& /*event*/)
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        m_events.insert(what); // so short that only the set's entry needs memory
+        m_events.insert(what); // short, so that only the set's entry needs memory
     }
 
     std::mutex m_mutex;
@@ -185,7 +185,7 @@ TEST_F(WithoutMemoryTheServer, AnswersEachDeleteRequestOnce)
         },
         [&] { OpenServer::ProcessMsg(msg, &connection); },
         [&](const MemorySweep& sweep) {
-            EXPECT_FALSE(sweep.RoundFailed()) << "an exception leaves the handler";
+            EXPECT_FALSE(sweep.RoundFailed()) << "the handler has thrown";
             lumo_message_put(msg);
             const auto sent = TakeSentMessages();
             ASSERT_EQ(sent.size(), 1U);
@@ -254,7 +254,7 @@ TEST_F(WithoutMemoryTheServer, EndsItsStartWithAnExceptionAndStartsTheNextTime)
 #endif
     const NoPauses hurry;
     Builder().Write();
-    MemorySweep sweep(Scaled(29L, 1L)); // each round may wait a fifth of a second for the framework's part of a watcher
+    MemorySweep sweep(Scaled(29L, 1L)); // a round may wait a fifth of a second for the framework
     sweep.Run(
         AllocationFault::Of::CALLER, [&] { ReadConfig(ConfigFor(collection.Path())); },
         [&] { server->initialize(*server); },

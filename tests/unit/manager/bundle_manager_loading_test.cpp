@@ -134,7 +134,7 @@ TEST_F(LoadingAllBundles, WritesNothingForAnEmptyCollection)
     EXPECT_TRUE(log.Messages().empty());
 }
 
-TEST_F(LoadingAllBundles, TakesTheCollectionsPathWithATrailingSlash)
+TEST_F(LoadingAllBundles, AcceptsTheCollectionsPathWithATrailingSlash)
 {
     collection.Bundle("a").Write();
     std::string directory = collection.Path() + "/";
@@ -142,14 +142,14 @@ TEST_F(LoadingAllBundles, TakesTheCollectionsPathWithATrailingSlash)
     EXPECT_TRUE(manager.FindBundleByPath(collection / "a"));
 }
 
-TEST_F(LoadingAllBundles, KeepsTheFirstOfTwoWithOneName)
+TEST_F(LoadingAllBundles, KeepsTheFirstOfTwoWithTheSameName)
 {
     collection.BundleIn("one").Name("media").Install(Noting("one")).Write();
     collection.BundleIn("two").Name("media").Install(Noting("two")).Write();
     LoadAll();
     EXPECT_EQ(log.Count("load bundle[media] success."), 1);
     EXPECT_EQ(log.Count("bundle[media] already exists."), 1);
-    EXPECT_EQ(log.Count("load bundle done."), 2) << "a bundle that is refused is no failure here";
+    EXPECT_EQ(log.Count("load bundle done."), 2) << "a refused bundle does not count as a failure here";
     const std::string notes = Notes();
     EXPECT_TRUE(notes == "one\ntwo\n" || notes == "two\none\n") << notes;
     EXPECT_EQ(LoadedIn(manager, collection.Path()), std::set<std::string>{collection / notes.substr(0, 3)});

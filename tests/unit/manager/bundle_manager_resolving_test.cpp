@@ -37,7 +37,7 @@ TEST_F(ResolvingABundle, MovesItToResolved)
     EXPECT_EQ(log.Records().at(0).level, "INFO");
 }
 
-TEST_F(ResolvingABundle, TakesOneThatIsUninstalled)
+TEST_F(ResolvingABundle, AcceptsAnUninstalledOne)
 {
     const auto bundle = Put("a");
     bundle->SetCurState(Bundle::BUNDLE_UNINSTALLED);
@@ -140,7 +140,7 @@ TEST_F(ResolvingABundle, IsRefusedInACircleOfThree)
 
 TEST_F(ResolvingABundle, CanBeTriedAgainAfterEachKindOfFailure)
 {
-    // A mark that is left behind would be taken for a circle.
+    // A leftover mark would look like a circle.
     const auto a = Put("a", "b");
     const auto b = Put("b", "x");
     const std::string missing = "required bundle :[x] not found.";
@@ -161,7 +161,7 @@ TEST_F(ResolvingABundle, StartsNothingAndRunsNoScript)
     EXPECT_FALSE(log.HasPart("start bundle"));
 }
 
-TEST_F(ResolvingAllBundles, GoesInTheOrderOfTheNamesAndResolvesNoneTwice)
+TEST_F(ResolvingAllBundles, FollowsTheOrderOfTheNamesAndResolvesNoneTwice)
 {
     Put("c");
     Put("b");
@@ -203,7 +203,7 @@ TEST_F(ResolvingAllBundles, UnloadsACircleAsAWhole)
     EXPECT_EQ(Registered(), std::set<std::string>{"d"});
 }
 
-TEST_F(ResolvingAllBundles, FailsADependantWithTheTextOfWhatItRequires)
+TEST_F(ResolvingAllBundles, FailsADependantWithTheReasonOfItsRequirement)
 {
     const auto a = Put("a", "b");
     const auto b = Put("b", "x");

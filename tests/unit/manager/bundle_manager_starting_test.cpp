@@ -34,7 +34,7 @@ class StoppingABundle : public StartingABundle {
 public:
     ~StoppingABundle() override { Table::Forget(CHILD); }
 
-    /// Makes the stop of the activator throw: the bundle has a child that cannot be killed while the Fault lives.
+    /// Makes the stop of the activator throw. The bundle has a child that cannot be killed while the Fault lives.
     static void GiveAChild(const std::string& name) { Table::Record(CHILD, name); }
 
 private:
@@ -227,7 +227,7 @@ TEST_F(StartingAllBundles, UnloadsFailedBundlesAfterTheWalk)
     EXPECT_EQ(b->GetCurState(), Bundle::BUNDLE_RESOLVED);
 }
 
-TEST_F(StartingAllBundles, KeepsAFailedBundleThatALaterDependantHasStartedAfterAll)
+TEST_F(StartingAllBundles, KeepsAFailedBundleThatALaterDependantHasStarted)
 {
     // The first attempt fails. The dependant causes a second one, which succeeds, so the running bundle is not
     // unloaded.

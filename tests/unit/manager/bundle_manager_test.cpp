@@ -23,7 +23,7 @@ TEST_F(FindingABundle, ByNameFailsWithARecord)
     EXPECT_TRUE(log.HasError("bundle [media] not found."));
 }
 
-TEST_F(FindingABundle, ByPathTakesThePathExactly)
+TEST_F(FindingABundle, ByPathComparesThePathExactly)
 {
     const auto bundle = Load(collection.Bundle("media"));
     const std::string path = collection / "media";
@@ -79,12 +79,12 @@ TEST_F(TheManager, ThrowsWhenItsLockFails)
     EXPECT_EQ(manager.FindBundleByName("media"), bundle);
 }
 
-TEST_F(TheManager, WalksOverItsBundlesWhileTheyComeAndGo)
+TEST_F(TheManager, WalksOverItsBundlesWhileOthersAddAndRemoveThem)
 {
     for (const char* const name : {"a", "m", "z"}) {
         memory->PutBundle(name);
     }
-    memory->PutBundle("k", "missing"); // fails in each walk that finds it
+    memory->PutBundle("k", "missing"); // fails to load in each walk that finds it
     for (const char* const name : {"a", "m", "z"}) {
         memoryManager.LoadBundle(name);
     }

@@ -40,7 +40,7 @@ public:
         return "b" + std::string(5 - digits.size(), '0') + digits;
     }
 
-    /// The name of the first bundle of a chain that ends at the highest number, or at number 0.
+    /// Writes a chain that ends at the highest number, or at number 0. Returns the name of its first bundle.
     std::string Load(int length, bool isFirstNameFirst = true)
     {
         for (int i = 0; i < length; ++i) {
@@ -69,7 +69,7 @@ void* CallFunction(void* function)
     return nullptr;
 }
 
-/// Runs it on a thread with much less stack than the server's threads have by default.
+/// Runs the operation on a thread with much less stack than the server's threads have by default.
 void OnASmallStack(std::function<void()> function)
 {
     const std::size_t size = std::max(std::size_t{256} * 1024, static_cast<std::size_t>(PTHREAD_STACK_MIN));
@@ -98,7 +98,7 @@ TEST_F(TheLongestChain, CountsEachBundleOnTheLongestWayDown)
     EXPECT_EQ(From("e"), 5U);
 }
 
-TEST_F(TheLongestChain, EndsAtABundleThatIsNotThere)
+TEST_F(TheLongestChain, EndsAtAMissingBundle)
 {
     graph = {{"a", {"b"}}, {"b", {"x"}}};
     EXPECT_EQ(From("a"), 2U);
@@ -146,7 +146,7 @@ TEST_F(AChainOfBundles, IsUndoneOnASmallStackWhenItsLastBundleDoesNotStart)
     EXPECT_TRUE(log.InOrder({before, "bundle[" + first + "] state changing[Starting] -> [Resolved]"}));
 }
 
-TEST_F(AChainOfBundles, IsRefusedWhenItIsLongerAndKeepsWhatIsNot)
+TEST_F(AChainOfBundles, IsRefusedWhenItIsTooLongAndKeepsTheBundlesThatAreNot)
 {
     for (const bool isFirstNameFirst : {true, false}) {
         const std::string first = Load(LONGEST + 1, isFirstNameFirst);
@@ -160,7 +160,7 @@ TEST_F(AChainOfBundles, IsRefusedWhenItIsLongerAndKeepsWhatIsNot)
     }
 }
 
-TEST_F(AChainOfBundles, IsRefusedForABundleThatComesLaterThoughAllBelowItRuns)
+TEST_F(AChainOfBundles, IsRefusedForALaterBundleEvenIfAllItsRequirementsRun)
 {
     const std::string first = Load(LONGEST);
     memoryManager.ResolveBundle(memoryManager.FindBundleByName(first));

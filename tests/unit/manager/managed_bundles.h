@@ -21,7 +21,7 @@ public:
     using Bundle = SystemServer::Bundle;
     using BundlePtr = std::shared_ptr<Bundle>;
 
-    /// The text of the exception with which an operation refuses. Fails the test when it throws none or another one.
+    /// The text of the exception by which an operation refuses. Fails the test when it throws nothing or another class.
     template <class Operation> static std::string Refusal(const Operation& operation)
     {
         try {

@@ -49,7 +49,7 @@ public:
         return names;
     }
 
-    /// The text of the exception that refuses the manifest; empty when it throws none of that class.
+    /// The text of the exception that refuses the manifest; empty when none of that class is thrown.
     template <class Exception> static std::string Refusal(const std::string& text)
     {
         try {
@@ -165,7 +165,7 @@ TEST_F(ReadingAManifest, KeepsTheOrderAndTheDuplicatesOfDependencies)
     EXPECT_EQ(manifest->GetDependencies(), (Names{"z", "a", "z"}));
 }
 
-TEST_F(ReadingAManifest, FindsNoDependenciesInAnEmptyListOrWithoutOne)
+TEST_F(ReadingAManifest, FindsNoDependenciesInAnEmptyOrMissingList)
 {
     for (const char* const list : {"", "bundle_dependencies =\n", "bundle_dependencies = , ,,\n"}) {
         const From manifest(Global(list));
@@ -211,7 +211,7 @@ TEST_F(ReadingAManifest, TakesAnyIntegerForTheMode)
     EXPECT_TRUE(log.Has("bundle load mode ------> [-1]"));
 }
 
-TEST_F(ReadingAManifest, FindsKeysWhateverTheirCaseAndTakesTheLastOfTheSame)
+TEST_F(ReadingAManifest, IgnoresTheCaseOfKeysAndTakesTheLastOfTheSame)
 {
     const From manifest("; a comment\n[global]\nBUNDLE_NAME = first\n\n  ; another\nBundle_Load_Mode = 0\n"
                         "bundle_name =   second one \n");
@@ -281,13 +281,13 @@ TEST_F(ReadingAManifest, FailsOnAnItemNameOfFewerThanThreeCharacters)
     EXPECT_NO_THROW(Read(Global("[item]\nitem_name = app\n")));
 }
 
-TEST_F(ReadingAManifest, TakesAKeyBeforeTheFirstSectionForAnItem)
+TEST_F(ReadingAManifest, TreatsAKeyBeforeTheFirstSectionAsAnItem)
 {
     EXPECT_EQ(Refusal<Poco::NotFoundException>("colour = red\n" + Global()), "Not found: colour.item_name");
     EXPECT_TRUE(log.HasError(FAILED));
 }
 
-TEST_F(ReadingAManifest, TakesTheGlobalSectionInAnotherCaseForAnItemToo)
+TEST_F(ReadingAManifest, TreatsTheGlobalSectionInAnotherCaseAsAnItemToo)
 {
     EXPECT_EQ(Refusal<Poco::NotFoundException>("[Global]\nbundle_name = media\nbundle_load_mode = 0\n"),
               "Not found: Global.item_name");
@@ -301,7 +301,7 @@ TEST_F(ReadingAManifest, FailsWhenTheFileCannotBeReadToItsEnd)
     EXPECT_THROW(BundleManifest{stream}, Poco::ReadFileException);
 }
 
-TEST_F(ReadingAManifest, EndsWhenADirectoryHasTakenTheFilesPlace)
+TEST_F(ReadingAManifest, RefusesADirectoryInPlaceOfTheFile)
 {
     const TemporaryDirectory directory;
     Poco::FileInputStream stream(directory.Path().string(), std::ios::in);
@@ -333,7 +333,7 @@ TEST_F(ReadingAManifest, RefusesReferencesThatExpandBeyondTheLimit)
               "Bad data format: bundle manifest expands to more than 4194304 bytes");
 }
 
-TEST_F(ReadingAManifest, RefusesKeysThatExceedTheLimitWithTheirSectionsName)
+TEST_F(ReadingAManifest, RefusesKeysThatExceedTheLimitTogetherWithTheirSectionsName)
 {
     std::string text = Global() + "[" + std::string(10'000, 's') + "]\n";
     for (int i = 0; i < 500; ++i) {

@@ -31,7 +31,7 @@ TEST_F(RunningAScript, WritesNothingWithoutAScript)
     EXPECT_FALSE(Exists(path + "/script"));
 }
 
-TEST_F(RunningAScript, NotifiesTheObserverAfterItsEndAndNotWithoutAScript)
+TEST_F(RunningAScript, NotifiesTheObserverAfterItsEndButNotWithoutAScript)
 {
     const std::string mark = collection / "mark";
     collection.Bundle("media")
@@ -72,7 +72,7 @@ TEST_F(RunningAScript, KeepsTheStoragesRootUnchanged)
     EXPECT_TRUE(log.Has("run script[" + path + "//./script/install.sh] done."));
 }
 
-TEST_F(RunningAScript, MakesNoDifferenceBetweenSuccessAndFailure)
+TEST_F(RunningAScript, TreatsSuccessAndFailureAlike)
 {
     const auto bundle = BundleAt(collection.Bundle("media")
                                      .Install("#!/bin/sh\nexit 1\n")
@@ -87,7 +87,7 @@ TEST_F(RunningAScript, MakesNoDifferenceBetweenSuccessAndFailure)
     }
 }
 
-TEST_F(RunningAScript, RunsNothingThatMayNotBeExecuted)
+TEST_F(RunningAScript, RunsNoFileThatMayNotBeExecuted)
 {
     const std::string mark = collection / "mark";
     const auto bundle = BundleAt(collection.Bundle("media").Install("#!/bin/sh\ntouch " + mark + "\n").Write());
@@ -99,7 +99,7 @@ TEST_F(RunningAScript, RunsNothingThatMayNotBeExecuted)
                                                         "run script[" + ScriptPath("install.sh") + "] done."}));
 }
 
-TEST_F(RunningAScript, LeavesTheChoiceOfTheInterpreterToItsFirstLine)
+TEST_F(RunningAScript, UsesTheInterpreterInItsFirstLine)
 {
     const std::string mark = collection / "mark";
     const std::string interpreter = collection / "interpreter";
@@ -119,7 +119,7 @@ TEST_F(RunningAScript, GivesItTheServersDirectoryAndEnvironment)
     EXPECT_EQ(ReadFile(mark), "inherited " + std::filesystem::current_path().string() + "\n");
 }
 
-TEST_F(RunningAScript, PutsItIntoAProcessGroupOfItsOwn)
+TEST_F(RunningAScript, GivesItAProcessGroupOfItsOwn)
 {
     const std::string mark = collection / "mark";
     const std::string script = "#!/bin/sh\necho $$ $(cut -d' ' -f5 /proc/$$/stat) > " + mark + "\n";
@@ -133,7 +133,7 @@ TEST_F(RunningAScript, PutsItIntoAProcessGroupOfItsOwn)
     EXPECT_FALSE(log.HasPart("setpgid"));
 }
 
-TEST_F(RunningAScript, ContinuesInTheServersGroupWithoutItsOwn)
+TEST_F(RunningAScript, KeepsItInTheServersGroupWhenItsOwnCannotBeMade)
 {
     const std::string mark = collection / "mark";
     const std::string script = "#!/bin/sh\necho $$ $(cut -d' ' -f5 /proc/$$/stat) > " + mark + "\n";

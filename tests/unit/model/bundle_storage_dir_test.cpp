@@ -102,7 +102,7 @@ TEST(ThePathOfAResource, IsRefusedWhenItNamesADirectory)
     EXPECT_EQ(Refusal("bin/"), "Path must contain file");
 }
 
-TEST(ThePathOfAResource, CarriesTheFrameworksPrefixWhenShown)
+TEST(ThePathOfAResource, HasTheFrameworksPrefixInItsErrorText)
 {
     try {
         AbsPath("/data/bundles/b1", "");
@@ -126,7 +126,7 @@ TEST_F(OpeningAFile, OpensItAgainEachTime)
     EXPECT_EQ(Content("file"), "content");
 }
 
-TEST_F(OpeningAFile, GivesNothingForAFileThatIsNotThere)
+TEST_F(OpeningAFile, GivesNothingForAMissingFile)
 {
     EXPECT_EQ(storage.GetResourceFile("./bin/app"), nullptr);
     EXPECT_TRUE(log.HasError("resource file[" + directory.Path().string() + "/bin/app] does not exist."));
@@ -158,7 +158,7 @@ TEST_F(OpeningAFile, ThrowsWithoutThePermissionToRead)
     WriteFile(directory / "secret", "content");
     ASSERT_EQ(::chmod((directory / "secret").c_str(), 0), 0);
     ASSERT_EQ(::chmod(directory.Path().c_str(), 0755), 0);
-    const bool isRoot = ::geteuid() == 0; // who may read every file
+    const bool isRoot = ::geteuid() == 0; // root can read every file
     ASSERT_TRUE(!isRoot || ::seteuid(nobody) == 0);
     EXPECT_THROW(storage.GetResourceFile("secret"), Poco::FileException);
     ASSERT_TRUE(!isRoot || ::seteuid(0) == 0);

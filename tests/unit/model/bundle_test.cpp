@@ -222,10 +222,10 @@ TEST_F(ABundle, KnowsWhetherItsManifestIsOutdated)
     EXPECT_TRUE(bundle->IsManifestOutdated());
     EXPECT_THROW(bundle->Update(), Poco::DataFormatException);
     WriteFile(manifest, text + "\n");
-    EXPECT_FALSE(bundle->IsManifestOutdated()) << "written again with the content in force";
+    EXPECT_FALSE(bundle->IsManifestOutdated()) << "it was written again with the loaded content";
 }
 
-TEST_F(ABundle, TakesItsManifestForCurrentWhenThatCannotBeRead)
+TEST_F(ABundle, TreatsAnUnreadableManifestAsCurrent)
 {
     const std::string manifest = path + "/BundleManifest.ini";
     const auto bundle = BundleAt(path);

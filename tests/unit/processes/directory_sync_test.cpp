@@ -25,7 +25,7 @@ constexpr auto PATIENCE = 30s;
 
 class SyncingADirectory : public ::testing::Test {
 protected:
-    /// Whether the thread has ended and nothing is left of it.
+    /// Whether the thread has ended and left nothing behind.
     ::testing::AssertionResult NothingIsLeft() const
     {
         if (Eventually(PATIENCE, [this] { return OwnProcess::Threads() == threads; }) &&
@@ -40,7 +40,7 @@ protected:
     DirectorySync sync{directory.Path().string()};
     LogCapture log;
     const int threads = [] {
-        // A sanitizer starts a thread of its own with the first.
+        // A sanitizer adds a thread of its own to the first one.
         std::thread([] {}).join();
         return OwnProcess::Threads();
     }();
@@ -62,7 +62,7 @@ protected:
 
 } // namespace
 
-TEST_F(SyncingADirectory, WritesItOutBeforeItReturns)
+TEST_F(SyncingADirectory, WritesItToTheDiskBeforeItReturns)
 {
     std::string synced;
     const BeforeEach look(Call::FSYNC, [&synced](int fd) {
@@ -88,7 +88,7 @@ TEST_F(AFileSystemThatHangs, IsAwaitedNoLongerThanAsked)
     EXPECT_TRUE(log.HasInfo("bundle collection dir[" + directory.Path().string() + "] is not synced yet."));
 }
 
-TEST_F(AFileSystemThatHangs, CostsOneThreadAndOneDescriptorAndIsSyncedOnceMoreForAllLaterRequests)
+TEST_F(AFileSystemThatHangs, CostsOneThreadAndOneDescriptorAndOneMoreSyncForAllLaterRequests)
 {
     const CallCounter calls(Call::FSYNC);
     for (int i = 0; i < 20; ++i) {
@@ -139,7 +139,7 @@ TEST_F(SyncingADirectory, LogsAFailure)
     EXPECT_TRUE(NothingIsLeft());
     log.Restart();
     sync.Run(PATIENCE);
-    EXPECT_TRUE(log.Messages().empty()) << "it works again";
+    EXPECT_TRUE(log.Messages().empty()) << "the next sync works";
 }
 
 TEST_F(SyncingADirectory, WritesNothingForAFileSystemThatNeedsNoSync)

@@ -34,7 +34,7 @@ bool IsBlocked(int signal)
 
 class LaunchingInAnOwnGroup : public ::testing::Test {
 public:
-    /// Runs a shell command and gives what it has written to $1.
+    /// Runs a shell command. Returns what it has written to the file "$1".
     std::string OutputOf(const std::string& command) const
     {
         const GroupLeader child = LaunchInOwnGroup("/bin/sh", {"-c", command, "sh", directory / "output"});
@@ -94,7 +94,7 @@ TEST_F(LaunchingInAnOwnGroup, LogsWhyItCouldNotMoveTheChild)
 
 TEST_F(LaunchingInAnOwnGroup, IgnoresARefusalForAChildInItsGroup)
 {
-    // The child moves itself; only then the caller, who asks the same, is refused, as by one that is the command now.
+    // The child moves itself first. Then the caller's attempt is refused, as for a child that has executed its command.
     std::optional<Fault> refusal;
     const BeforeEach move(Call::SETPGID, [&refusal](int pid) {
         if (pid != 0) {
@@ -115,7 +115,7 @@ TEST_F(LaunchingInAnOwnGroup, ThrowsWithoutAChild)
         LaunchInOwnGroup("/bin/true", {});
     };
     EXPECT_THROW(attempt(), Poco::SystemException);
-    // The wish for an own group is not left behind for the next child of this thread.
+    // The request for an own group does not remain for the next child of this thread.
     const pid_t child = ::fork();
     if (child == 0) {
         ::_exit(::getpgrp() == ::getpid() ? 1 : 0);
@@ -141,6 +141,6 @@ TEST_F(LaunchingInAnOwnGroup, GivesTheChildTheSignalsOfTheStartOnAnyThread)
 
 TEST_F(LaunchingInAnOwnGroup, UnblocksThePipeSignalThatTheFrameworkHasBlocked)
 {
-    EXPECT_TRUE(IsBlocked(SIGPIPE)) << "then there is nothing to see here";
+    EXPECT_TRUE(IsBlocked(SIGPIPE)) << "otherwise this test shows nothing";
     EXPECT_EQ(BlockedInChild(), none);
 }

@@ -28,7 +28,7 @@ constexpr rlim_t GREATEST_LIMIT = 16384;
 
 class AnItemsProcess : public RunningItems {};
 
-/// A signal mask as /proc shows it.
+/// A signal mask in the form of /proc.
 std::string Shown(const sigset_t& mask)
 {
     unsigned long long bits = 0;
@@ -42,7 +42,7 @@ std::string Shown(const sigset_t& mask)
     return text.str();
 }
 
-/// The signal mask that this process was started with: the present one without the signal that the framework blocks.
+/// The signal mask that this process was started with: the current one without the signal that the framework blocks.
 std::string MaskAtStart()
 {
     sigset_t mask;
@@ -71,7 +71,7 @@ TEST_F(AnItemsProcess, HasNoDescriptorOfTheServers)
     const auto inheritable = InheritableDescriptors();
     const std::string path = collection.Bundle("media").Copy("one", PROBE_ITEM).Copy("two", PROBE_ITEM).Write();
     {
-        // The second is forked while the pipe of the first is open.
+        // The second item is forked while the pipe of the first is open.
         std::atomic<bool> isFirst{true};
         const BeforeEach release(Call::WRITE_BYTE, [&](int) {
             if (isFirst.exchange(false)) {
@@ -111,7 +111,7 @@ TEST_F(AnItemsProcess, HasTheSameSignalsAfterARelaunch)
     Launch(path + "/bin/probe");
     ASSERT_TRUE(IsLogged("media.probe relaunch done."));
     EXPECT_EQ(Reported("probe", "SigBlk"), std::vector<std::string>{MaskAtStart()});
-    EXPECT_TRUE(IsLogged("entering exit status proc....", 2)) << "the report is not a relaunched child's";
+    EXPECT_TRUE(IsLogged("entering exit status proc....", 2)) << "the report does not come from a relaunched child";
 }
 
 TEST_F(AnItemsProcess, DiesOfASignalThatItsLauncherBlocks)

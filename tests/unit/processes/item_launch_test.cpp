@@ -116,7 +116,7 @@ TEST_F(LaunchingAnItem, LetsTheChildWaitUntilItIsReleased)
     const BeforeEach release(Call::WRITE_BYTE, [this](int) {
         EXPECT_TRUE(IsLogged("wait for parent process ready..."));
         EXPECT_FALSE(Eventually(300ms, [this] { return log.HasPart("execute binary") || log.HasPart("fail"); }));
-        EXPECT_EQ(ProcessTable::Entries().size(), 1U) << "released before it is recorded";
+        EXPECT_EQ(ProcessTable::Entries().size(), 1U) << "the child was released before it was recorded";
         EXPECT_TRUE(ProcessTable::IsMonitorRunning());
     });
     Start(collection.Bundle("media").Item("mediad", Sleeper()));
@@ -125,7 +125,7 @@ TEST_F(LaunchingAnItem, LetsTheChildWaitUntilItIsReleased)
 
 TEST_F(LaunchingAnItem, SurvivesAChildThatDiesBeforeItIsReleased)
 {
-    // With the pipe's last reader gone a write would end this process by SIGPIPE, or fail for ever.
+    // When the pipe's last reader is gone, a write would end this process by SIGPIPE, or fail forever.
     sigset_t pipeSignal;
     ::sigemptyset(&pipeSignal);
     ::sigaddset(&pipeSignal, SIGPIPE);
@@ -136,7 +136,8 @@ TEST_F(LaunchingAnItem, SurvivesAChildThatDiesBeforeItIsReleased)
             if (victim == 0) {
                 victim = PidOf("media.mediad");
                 ::kill(victim, SIGKILL);
-                EXPECT_TRUE(Eventually(PATIENCE, [&victim] { return ::kill(victim, 0) == -1; })) << "not reaped";
+                EXPECT_TRUE(Eventually(PATIENCE, [&victim] { return ::kill(victim, 0) == -1; }))
+                    << "the child is not reaped";
             }
         });
         Start(collection.Bundle("media").Item("mediad", Sleeper()));
@@ -152,7 +153,7 @@ TEST_F(LaunchingAnItem, EndsAChildWhoseServerIsGone)
 {
     const std::string mark = outside / "mark";
     const std::string path = collection.Bundle("media").Item("mediad", "#!/bin/sh\ntouch " + mark + "\n").Write();
-    ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0); // the orphan comes to this process
+    ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0); // this process becomes the orphan's parent
     const pid_t server = ::fork();
     if (server == 0) {
         const BeforeEach release(Call::WRITE_BYTE, [](int) { ::_exit(0); });

@@ -12,7 +12,7 @@
 #include <atomic>
 #include <cstring>
 
-/// Holds the process monitor before its next call of one kind, once, until it is released.
+/// Stops the process monitor once, before its next call of one kind, until Release.
 class MonitorHeld {
 public:
     explicit MonitorHeld(Call call) : m_beforeCall(call, [this](int) { HoldOnce(); }) {}
@@ -47,7 +47,7 @@ private:
 
     std::atomic<bool> m_hasArrived{false};
     std::atomic<bool> m_isReleased{false};
-    const BeforeEach m_beforeCall; // the last member: its end waits for a monitor that is held
+    const BeforeEach m_beforeCall; // the last member, because its destructor waits for a held monitor
 };
 
 #endif

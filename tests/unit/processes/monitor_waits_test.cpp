@@ -60,7 +60,7 @@ TEST_F(TheMonitor, NeverReapsAScriptThatEndsBeforeItsCallerWaits)
     const SystemServer::Bundle bundle(std::make_shared<SystemServer::BundleStorageDir>(
         collection.Bundle("scripted").Install("#!/bin/sh\nexit 0\n").Write()));
     const BeforeEach move(Call::SETPGID, [this](int pid) {
-        if (pid != 0) { // the caller moves its child
+        if (pid != 0) { // a call by the parent
             siginfo_t info{};
             ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
             EXPECT_FALSE(Eventually(300ms, [this] { return log.HasPart("non-bundle process"); }));
@@ -91,9 +91,9 @@ TEST_F(TheMonitor, EndsForGoodWhenAWaitFails)
     ProcessTable::EndAllWithoutMonitor();
 }
 
-TEST_F(TheMonitor, EndsForGoodWhenNoChildIsLeftToWaitFor)
+TEST_F(TheMonitor, EndsForGoodWithoutAChildToWaitFor)
 {
-    // A failure of the kernel itself: the test reaps the item, and the server has no other child.
+    // The kernel itself reports the failure: the test reaps the item, and the server has no other child.
     std::atomic<bool> isStolen{false};
     {
         const std::string path = collection.Bundle("media").Item("mediad", Sleeper()).Write() + "/bin/mediad";
@@ -125,7 +125,7 @@ TEST_F(TheMonitor, RetriesAWaitThatASignalInterrupts)
 TEST_F(TheMonitor, ContinuesAfterAChildThatWasReapedElsewhere)
 {
     {
-        const Fault fault(Call::WAITPID, 0, 1); // in spite of errno
+        const Fault fault(Call::WAITPID, 0, 1); // it finds no ended child
         LaunchMediad(Exiting(0));
     }
     ASSERT_TRUE(MonitorEnds());
@@ -135,7 +135,7 @@ TEST_F(TheMonitor, ContinuesAfterAChildThatWasReapedElsewhere)
 
 TEST_F(TheMonitor, WaitsForTheServersGroupWhenThatOfTheLowestPidIsUnknown)
 {
-    const Fault fault(Call::GETPGID, ESRCH, 1, 1); // the launch asks first
+    const Fault fault(Call::GETPGID, ESRCH, 1, 1); // the first call is the launch's
     const int pid = LaunchMediad(Exiting(0));
     ASSERT_TRUE(MonitorEnds());
     EXPECT_TRUE(log.HasInfo("Failed to get pgid of [" + std::to_string(pid) + "] "));
@@ -144,11 +144,11 @@ TEST_F(TheMonitor, WaitsForTheServersGroupWhenThatOfTheLowestPidIsUnknown)
                      Named(pid) + " normal termination, exit status: 0."}));
 }
 
-TEST_F(TheMonitor, StarvesNoItemForOneThatCrashesAtOnceEachTime)
+TEST_F(TheMonitor, HandlesOtherItemsBesideOneThatAlwaysCrashesAtOnce)
 {
     const std::string path = collection.Bundle("media").Item("looper", Exiting(2)).Item("steady", Sleeper()).Write();
     Launch(path + "/bin/looper");
-    ASSERT_TRUE(IsLogged("media.looper relaunch done.", 2)); // from now on it is the monitor's own child
+    ASSERT_TRUE(IsLogged("media.looper relaunch done.", 2)); // from now on the monitor itself has forked it
     Launch(path + "/bin/steady");
     const int victim = PidOf("media.steady");
     const auto before = Clock::now();
@@ -157,7 +157,7 @@ TEST_F(TheMonitor, StarvesNoItemForOneThatCrashesAtOnceEachTime)
     EXPECT_LT(Clock::now() - before, 15s);
 }
 
-TEST_F(TheMonitor, StarvesNoItemForOneThatIsKilledEachTime)
+TEST_F(TheMonitor, HandlesOtherItemsBesideOneThatIsAlwaysKilled)
 {
     const std::string path =
         collection.Bundle("media").Item("looper", "#!/bin/sh\nkill -9 $$\n").Item("ended", Sleeper()).Write();

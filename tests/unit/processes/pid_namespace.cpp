@@ -31,7 +31,7 @@ bool WriteLastPid(int pid)
 [[noreturn]] void RunAsFirstProcess(const std::function<void()>& body)
 {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    ::setpgid(0, 0); // the group outside has no number in this namespace
+    ::setpgid(0, 0); // the outer group has no number in this namespace
     if (!WriteLastPid(::getpid())) {
         ::_exit(NOT_POSSIBLE);
     }
@@ -52,7 +52,7 @@ int StatusOf(pid_t child)
     if (::unshare(CLONE_NEWPID) == -1 && ::unshare(CLONE_NEWUSER | CLONE_NEWPID) == -1) {
         ::_exit(NOT_POSSIBLE);
     }
-    const pid_t first = ::fork(); // only a child is in the namespace
+    const pid_t first = ::fork(); // only a child enters the namespace
     if (first == 0) {
         RunAsFirstProcess(body);
     }

@@ -1,4 +1,4 @@
-// The locks of the table of children: each test is a schedule in which a missing lock would show.
+// The locks of the table of children. Each test forces a schedule in which a missing lock would show.
 
 #include "unit/processes/running_items.h"
 
@@ -25,7 +25,7 @@ namespace {
 
 class TheLocksOfTheMonitor : public RunningItems {
 public:
-    /// Long enough for the monitor to do what it must not do.
+    /// Long enough for the monitor to act if no lock stops it.
     static constexpr auto A_WHILE = 300ms;
 };
 
@@ -69,7 +69,7 @@ TEST_F(TheLocksOfTheMonitor, DelayADeathUntilAStopHasMarkedAll)
     const CallCounter kills(Call::KILL);
     bool isSeen = false;
     {
-        const Fault makesLocksSeen(Call::LOCK_MUTEX, 0, 1, 1'000'000); // without making one fail
+        const Fault makesLocksSeen(Call::LOCK_MUTEX, 0, 1, 1'000'000); // the Fault counts, but none fails
         const BeforeEach lock(Call::LOCK_MUTEX, [&](int) {
             if (kills.Count() == 1 && !std::exchange(isSeen, true)) { // before the lock for the second kill
                 siginfo_t info{};

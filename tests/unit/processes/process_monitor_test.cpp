@@ -123,7 +123,7 @@ TEST_F(TheMonitor, OnlyLogsAStoppedItem)
     ProcessTable::Remove(1'000'000'000);
 }
 
-TEST_F(TheMonitor, DropsTheMarkOfAnItemThatHadEndedBeforeItWasKilled)
+TEST_F(TheMonitor, DropsTheMarkOfAnItemThatEndedBeforeItWasKilled)
 {
     MonitorHeld beforeItsWait(Call::WAITID);
     const auto activator = Start(collection.Bundle("media").Item("mediad", ExitingAtTrigger(0)));

@@ -24,7 +24,7 @@ namespace {
 
 using TheMonitorDeathTest = TheMonitor;
 
-/// The statuses by which an item asks for its relaunch: a list of the test's own.
+/// The statuses by which an item asks for its relaunch. The test has its own list.
 bool AsksForRelaunch(int status)
 {
     switch (status) {
@@ -49,7 +49,7 @@ TEST_F(TheMonitor, RelaunchesForExactlyTheStatusesThatAskForIt)
 {
     const int pid = 1'000'000'000;
     ProcessTable::Add(pid, {"media", "media.mediad", "/nowhere", "mediad", ""});
-    const Fault fault(Call::FORK, EAGAIN); // an attempt is enough
+    const Fault fault(Call::FORK, EAGAIN); // the attempt is enough to see
     for (int status = 0; status <= 255; ++status) {
         log.Restart();
         bool isRelaunched = false;
@@ -130,7 +130,7 @@ TEST_F(TheMonitor, RelaunchesAShellScriptThatDoesNotExist)
     EXPECT_TRUE(log.HasPart("normal termination, exit status: 2."));
 }
 
-TEST_F(TheMonitor, RelaunchesAnItemThatHadAskedForItBeforeItWasKilled)
+TEST_F(TheMonitor, RelaunchesAnItemThatAskedForItBeforeItWasKilled)
 {
     MonitorHeld beforeItsWait(Call::WAITID);
     const auto activator = Start(collection.Bundle("media").Item("mediad", ExitingAtTrigger(6)));

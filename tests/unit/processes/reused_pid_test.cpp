@@ -1,4 +1,4 @@
-// A dead child in the table: the kernel has freed its number, so another child may get it.
+// A dead child that is still in the table. The kernel has freed its number, so another child may get it.
 
 #include "unit/processes/monitor_held.h"
 #include "unit/processes/pid_namespace.h"
@@ -89,13 +89,13 @@ TEST_F(ANumberUsedAgain, BeforeTheDeathIsHandledDoesNotMixThemUp)
     });
 }
 
-TEST_F(ANumberUsedAgain, IsNotKilledByAStopThatHasMetTheDeadChild)
+TEST_F(ANumberUsedAgain, IsNotKilledByAStopThatFoundTheDeadChild)
 {
     PidNamespace::Run([this] {
         const ActivatorPtr media = Start(collection.Bundle("media").Item("mediad", Sleeper()));
         const int pid = PidOf("media.mediad");
         MonitorHeld inThePauseOfTheRelaunch(
-            Call::NANOSLEEP); // it holds the lock of the marks, for which the stop waits
+            Call::NANOSLEEP); // the monitor holds the lock of the marks, and the stop waits for it
         ASSERT_EQ(::kill(pid, SIGTERM), 0);
         ASSERT_TRUE(inThePauseOfTheRelaunch.HasArrived());
         std::string refusal;
@@ -139,7 +139,7 @@ TEST_F(ANumberUsedAgain, IsStoppedForGoodAfterAStopOfTheDeadChild)
     });
 }
 
-TEST_F(ANumberUsedAgain, IsNoFailedWaitWhenTheFirstOwnerWasReapedElsewhere)
+TEST_F(ANumberUsedAgain, CausesNoFailedWaitWhenTheFirstChildWasReapedElsewhere)
 {
     PidNamespace::Run([this] {
         MonitorHeld beforeItsWait(Call::WAITID);

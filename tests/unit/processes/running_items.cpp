@@ -57,7 +57,8 @@ void ProcessTable::KillAndMarkAll()
 
 bool ProcessTable::EndAll()
 {
-    // Slows the monitor where it holds no lock, so that it lets the marks through while it relaunches without a break.
+    // Slows the monitor while it holds no lock. Otherwise a monitor that relaunches without a pause keeps the marks'
+    // lock.
     const BeforeEach wait(Call::WAITID, [](int) { std::this_thread::sleep_for(std::chrono::milliseconds(20)); });
     return Eventually(RunningItems::PATIENCE, [] {
         // A relaunch finds a program that exits at once and is not relaunched.
@@ -148,7 +149,7 @@ bool RunningItems::MonitorEnds() const
 std::vector<std::string> RunningItems::ProbeReport(const std::string& name) const
 {
     const std::string path = outside / name;
-    EXPECT_TRUE(Eventually(PATIENCE, [&] { return Exists(path); })) << "the probe has not run";
+    EXPECT_TRUE(Eventually(PATIENCE, [&] { return Exists(path); })) << "the probe item has not run";
     std::istringstream text(ReadFile(path));
     std::vector<std::string> lines;
     for (std::string line; std::getline(text, line);) {

@@ -30,7 +30,7 @@ public:
     static void Add(int pid, const ProcessInfo& info);
     static void Remove(int pid);
 
-    /// Ends the monitor and all items, also those that are relaunched forever. False when it does not succeed.
+    /// Ends the monitor and all items, also those that are always relaunched. False when that fails.
     static bool EndAll();
 
     /// The same when the monitor has ended for good.
@@ -64,7 +64,7 @@ public:
     std::string ExitingAtTrigger(int status) const;
     void PullTrigger() const;
 
-    /// The text of the exception with which the operation refuses; empty when it throws none.
+    /// The text of the exception by which the operation refuses; empty when it throws nothing.
     template <class Operation> static std::string Refusal(const Operation& operation)
     {
         try {
@@ -76,16 +76,16 @@ public:
         return "";
     }
 
-    /// The pid under which an item is recorded, the newest of several; 0 when there is none.
+    /// The pid of an item in the table, the newest if there are several; 0 when there is none.
     static int PidOf(const std::string& processName);
 
-    /// Waits for the record.
+    /// Waits until the record has been written that many times.
     bool IsLogged(const std::string& message, int times = 1) const;
     bool MonitorEnds() const;
 
     /// The lines that the probe of that name has written. Waits for them.
     std::vector<std::string> ProbeReport(const std::string& name) const;
-    /// The values of the lines that begin with the word.
+    /// The rest of each line that begins with the word.
     std::vector<std::string> Reported(const std::string& name, const std::string& word) const;
 
     CollectionBuilder collection;

@@ -20,8 +20,8 @@ namespace {
 
 constexpr std::chrono::seconds PATIENCE{30};
 
-/// How many there are when the process has made no more than one that has ended: with the first one that is made, the
-/// thread sanitizer and an emulator make theirs.
+/// The number of threads after one thread has been started and has ended. With the first start, the thread sanitizer
+/// and an emulator add threads of their own.
 int ThreadsAtRest()
 {
     std::thread([] {}).join();
@@ -44,7 +44,7 @@ bool IsPending(int signal)
 
 } // namespace
 
-TEST(TheSignalsOfAStartUp, AreLeftAsTheyAreInAnyProcessButTheFirst)
+TEST(TheSignalsOfAStartUp, AreUnchangedInAnyProcessExceptProcessOne)
 {
     const int threads = OwnProcess::Threads();
     StartUpSignals signals;
@@ -55,7 +55,7 @@ TEST(TheSignalsOfAStartUp, AreLeftAsTheyAreInAnyProcessButTheFirst)
     signals.LeaveToLoop();
 }
 
-TEST(TheSignalsOfAStartUp, EndProcessOneAlsoWhenItSendsThemItself)
+TEST(TheSignalsOfAStartUp, EndProcessOneEvenIfItSendsThemToItself)
 {
     for (const int signal : {SIGINT, SIGTERM, SIGQUIT}) {
         const std::optional<int> status = PidNamespace::ExitStatusOf([signal] {
@@ -64,13 +64,13 @@ TEST(TheSignalsOfAStartUp, EndProcessOneAlsoWhenItSendsThemItself)
             ::pause();
         });
         if (!status) {
-            GTEST_SKIP() << "no process namespace can be made";
+            GTEST_SKIP() << "a process namespace cannot be made";
         }
         EXPECT_EQ(*status, 128 + signal);
     }
 }
 
-TEST(TheSignalsOfAStartUp, WaitForTheLoopOnceTheyAreLeftToIt)
+TEST(TheSignalsOfAStartUp, StayPendingForTheLoopOnceTheyAreLeftToIt)
 {
     PidNamespace::Run([] {
         const int threads = ThreadsAtRest();
@@ -86,7 +86,7 @@ TEST(TheSignalsOfAStartUp, WaitForTheLoopOnceTheyAreLeftToIt)
     });
 }
 
-TEST(TheSignalsOfAStartUp, AreNoLongerTakenWhenItHasFailed)
+TEST(TheSignalsOfAStartUp, AreNoLongerHandledAfterItHasFailed)
 {
     PidNamespace::Run([] {
         const int threads = ThreadsAtRest();

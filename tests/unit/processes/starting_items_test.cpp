@@ -35,7 +35,7 @@ TEST_F(StartingItems, NeedsNothingForABundleWithoutItems)
     EXPECT_FALSE(ProcessTable::IsMonitorRunning());
 }
 
-TEST_F(StartingItems, RunsABinaryWithItsBareNameForArgumentZero)
+TEST_F(StartingItems, RunsABinaryWithItsBareNameAsArgumentZero)
 {
     Start(collection.Bundle("media").Copy("probe", PROBE_ITEM));
     EXPECT_EQ(Reported("probe", "arg"), std::vector<std::string>{"probe"});
@@ -100,7 +100,7 @@ TEST_F(StartingItems, LogsItsStepsInOrder)
     const std::string released = "wait for parent process ready done pgid is [" + std::to_string(::getpgrp()) + "].";
     EXPECT_TRUE(log.InOrder(
         {"wait for parent process ready...", released, "execute binary[" + path + "].excute command:{mediad}"}));
-    EXPECT_TRUE(log.InOrder({releasing, released})) << "executed before it was recorded";
+    EXPECT_TRUE(log.InOrder({releasing, released})) << "it was executed before it was recorded";
     for (const LogRecord& record : log.Records()) {
         if (record.message == released || record.message == "wait for parent process ready...") {
             EXPECT_EQ(std::to_string(record.pid), pid);
@@ -122,7 +122,7 @@ TEST_F(StartingItems, RecordsWhatARelaunchNeeds)
     EXPECT_EQ(info.entryFunc, "");
 }
 
-TEST_F(StartingItems, TakesASecondForEachAndMovesAllIntoTheServersGroup)
+TEST_F(StartingItems, TakesASecondForEachItemAndMovesAllIntoTheServersGroup)
 {
     const auto before = Clock::now();
     Start(collection.Bundle("media").Copy("one", PROBE_ITEM).Copy("two", PROBE_ITEM).Copy("three", PROBE_ITEM));
@@ -137,7 +137,7 @@ TEST_F(StartingItems, TakesASecondForEachAndMovesAllIntoTheServersGroup)
     EXPECT_FALSE(log.HasPart("setpgid"));
 }
 
-TEST_F(StartingItems, PausesItsWholeSecondThoughSignalsCome)
+TEST_F(StartingItems, PausesItsWholeSecondDespiteSignals)
 {
     struct sigaction ignoring {};
     ignoring.sa_handler = [](int) {};

@@ -28,7 +28,7 @@ TEST_F(StoppingItems, KillsThemAllWithoutARelaunch)
     activator->Stop();
     std::vector<std::string> records{"bundle[media] item[one] pid[" + one + "]",
                                      "bundle[media] item[two] pid[" + two + "]"};
-    if (std::stoi(one) > std::stoi(two)) { // pids start again at the lowest number when all have been used
+    if (std::stoi(one) > std::stoi(two)) { // the kernel's pids have wrapped around
         std::swap(records[0], records[1]);
     }
     EXPECT_TRUE(log.InOrder(records));
@@ -37,7 +37,7 @@ TEST_F(StoppingItems, KillsThemAllWithoutARelaunch)
     for (const std::string& name : {"media.one[" + one + "]", "media.two[" + two + "]"}) {
         EXPECT_TRUE(
             log.InOrder({name + " abnormal termination, signal: 9.", name + " abnormal termination, signal: 9."}))
-            << "in the log and in the language log";
+            << "it must be in the log and in the language log";
     }
     EXPECT_TRUE(log.HasInfo("normal stop media.one..."));
     EXPECT_TRUE(log.HasInfo("normal stop media.two..."));

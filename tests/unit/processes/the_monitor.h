@@ -16,7 +16,7 @@ public:
     /// The beginning of the records on "media.mediad".
     static std::string Named(int pid) { return "media.mediad[" + std::to_string(pid) + "]"; }
 
-    /// Launches media.mediad and returns its pid, also when it has ended meanwhile.
+    /// Launches media.mediad. Returns its pid, even if it has ended meanwhile.
     int LaunchMediad(const std::string& content)
     {
         const std::string path = collection.Bundle("media").Item("mediad", content).Write();

@@ -21,7 +21,7 @@ TEST_F(AnAddedItem, IsLoadedResolvedAndStarted)
     log.Restart();
     const auto before = Clock::now();
     RaiseAdded(path);
-    EXPECT_GE(Clock::now() - before, 1s) << "a copy may still be under way";
+    EXPECT_GE(Clock::now() - before, 1s) << "the handler must wait, because a copy may still be incomplete";
     EXPECT_TRUE(log.InOrder(
         {"dir item add event happen.", "add a new bundle dir.", "load bundle from [" + path + "]...",
          "load bundle[media] success.", "load bundle[media] done.", "resolve bundle[media]...",
@@ -81,7 +81,7 @@ TEST_F(AnAddedItem, IsUnloadedAgainWhenItCannotBeResolved)
                              "run script[" + ScriptPath("media", "uninstall.sh") + "]..."}));
     EXPECT_FALSE(log.Has("resolve bundle done."));
     for (const LogRecord& record : log.Records()) {
-        EXPECT_EQ(record.level, "INFO") << "a record of its own: " << record.message;
+        EXPECT_EQ(record.level, "INFO") << "there is another record: " << record.message;
     }
     EXPECT_EQ(Notes(), "uninstall\n");
     RaiseRemoved(path);
@@ -110,7 +110,7 @@ TEST_F(AnAddedItem, LeavesTheServerRunningWhenItsUnloadingThrowsToo)
     EXPECT_TRUE(log.HasError("failed bundle[media] is not unloaded :unheard of"));
 }
 
-TEST_F(AnAddedItem, IsRestartedAndNotLoadedASecondTime)
+TEST_F(AnAddedItem, IsRestartedInsteadOfLoadedASecondTime)
 {
     // Start-up may have loaded half of a copy. When the copy is complete, the bundle is restarted.
     const std::string path = collection.Bundle("media").Install(Noting("install")).Write();
@@ -196,7 +196,7 @@ TEST_F(AModifiedItem, PausesBetweenStopAndStart)
     ASSERT_TRUE(Eventually(PATIENCE, [this] { return log.Has("stop bundle done."); }));
     const auto stopped = Clock::now();
     ASSERT_TRUE(Eventually(PATIENCE, [this] { return log.Count("start bundle[media]...") == 2; }));
-    EXPECT_GE(Clock::now() - stopped, 900ms) << "the stop was seen a moment after it was logged";
+    EXPECT_GE(Clock::now() - stopped, 900ms) << "the test sees the stop a little after the record";
     event.join();
 }
 

@@ -52,7 +52,7 @@ TEST_F(TheCommandLine, ShowsHelpAndEndsWithStatusZero)
 {
     for (const char* const option : {"--help", "-h"}) {
         const auto askForHelp = [option] {
-            ::dup2(STDERR_FILENO, STDOUT_FILENO); // what is matched is the standard error
+            ::dup2(STDERR_FILENO, STDOUT_FILENO); // the death test matches standard error
             OpenServer asked;
             asked.init({"/usr/sbin/bundle_server", option});
             ::_exit(1);
@@ -63,7 +63,7 @@ TEST_F(TheCommandLine, ShowsHelpAndEndsWithStatusZero)
     EXPECT_TRUE(log.Messages().empty());
 }
 
-TEST_F(TheCommandLine, LoadsAFileThatStandsBeforeHelp)
+TEST_F(TheCommandLine, LoadsAFileThatPrecedesTheHelpOption)
 {
     const auto askForHelp = [this] {
         ::dup2(STDERR_FILENO, STDOUT_FILENO);
@@ -109,7 +109,7 @@ TEST_F(TheCommandLine, FailsForAFileThatCannotBeLoaded)
     EXPECT_EQ(log.Messages(), Messages{"load config from [" + (outside / "nowhere.ini") + "]..."});
 }
 
-TEST_F(TheCommandLine, TakesAFileOfAnotherFormat)
+TEST_F(TheCommandLine, AcceptsAFileOfAnotherFormat)
 {
     const std::string config = outside / "server.json";
     WriteFile(config, R"({"global": {"bundle_collection_dir": ")" + collection.Path() + "\"}}");

@@ -52,7 +52,7 @@ TEST_F(ADeleteRequest, IsRefusedWithTooShortAContent)
     EXPECT_FALSE(log.HasPart("event"));
 }
 
-TEST_F(ADeleteRequest, TakesALongerContent)
+TEST_F(ADeleteRequest, AcceptsALongerContent)
 {
     collection.Bundle("media").Write();
     StartUp();
@@ -73,7 +73,7 @@ TEST_F(ADeleteRequest, FindsNoBundleThatIsNotRegistered)
     EXPECT_EQ(Delete(""), 404);
 }
 
-TEST_F(ADeleteRequest, TakesANameWithoutANulToTheEndOfTheContent)
+TEST_F(ADeleteRequest, ReadsANameWithoutANulToTheEndOfTheContent)
 {
     StartUp();
     log.Restart();
@@ -112,7 +112,7 @@ TEST_F(ADeleteRequest, StopsUnloadsRemovesAndPublishes)
     EXPECT_EQ(fifo.Received(), "");
 }
 
-TEST_F(ADeleteRequest, IsAnsweredWhenTheRemovalIsWrittenOut)
+TEST_F(ADeleteRequest, IsAnsweredWhenTheRemovalIsOnTheDisk)
 {
     const std::string path = collection.Bundle("media").Write();
     StartUp();
@@ -129,7 +129,7 @@ TEST_F(ADeleteRequest, IsAnsweredWhenTheRemovalIsWrittenOut)
     EXPECT_EQ(synced, 1);
 }
 
-TEST_F(ADeleteRequest, IsAnsweredAfterASecondWhenTheRemovalIsNotWrittenOutByThen)
+TEST_F(ADeleteRequest, IsAnsweredAfterASecondEvenIfTheRemovalIsNotOnTheDisk)
 {
     collection.Bundle("media").Write();
     StartUp();
@@ -143,7 +143,7 @@ TEST_F(ADeleteRequest, IsAnsweredAfterASecondWhenTheRemovalIsNotWrittenOutByThen
     hangs = false;
 }
 
-TEST_F(ADeleteRequest, SucceedsThoughTheRemovalCannotBeWrittenOut)
+TEST_F(ADeleteRequest, SucceedsEvenIfTheRemovalCannotBeSynced)
 {
     collection.Bundle("media").Write();
     StartUp();
@@ -165,7 +165,7 @@ TEST_F(ADeleteRequest, IsAnsweredBeforeItsEventIsPublished)
             repliesBefore += sent.size();
         });
         const Reply reply = Ask(4, 0, NameField("media"));
-        EXPECT_EQ(reply.count, 0) << "a second reply";
+        EXPECT_EQ(reply.count, 0) << "there is a second reply";
     }
     EXPECT_EQ(repliesBefore, 1U);
 }
@@ -241,7 +241,7 @@ TEST_F(ADeleteRequest, FailsWhenTheRemovalCannotBeWaitedFor)
     EXPECT_FALSE(log.HasPart("success to rm"));
 }
 
-TEST_F(ADeleteRequest, SucceedsThoughTheRemovalHasNoGroupOfItsOwn)
+TEST_F(ADeleteRequest, SucceedsEvenIfTheRemovalHasNoGroupOfItsOwn)
 {
     collection.Bundle("media").Write();
     StartUp();
@@ -270,7 +270,7 @@ TEST_F(ADeleteRequest, IsAnsweredWithFailureAfterAnyException)
     EXPECT_TRUE(log.HasError("request fail.exception info: [unheard of]."));
 }
 
-TEST_F(ADeleteRequest, LeavesTheLaterRemovalEventWithNothingToFind)
+TEST_F(ADeleteRequest, LeavesNoBundleForTheLaterRemovalEvent)
 {
     const std::string path = collection.Bundle("media").Write();
     StartUp();

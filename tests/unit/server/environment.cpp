@@ -1,4 +1,4 @@
 #include "support/private_mnt.h"
 
-// The tests have a private /mnt, for the event service and the service's socket.
+// Gives the tests a private /mnt for the event service and the service's socket.
 [[maybe_unused]] static const auto* const g_privateMnt = ::testing::AddGlobalTestEnvironment(new PrivateMnt);

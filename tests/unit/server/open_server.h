@@ -67,7 +67,7 @@ public:
         server->initialize(*server);
     }
 
-    /// Calls a handler as the watcher does, on another thread.
+    /// Calls a handler on another thread, as the watcher does.
     void Raise(void (OpenServer::*handler)(const DirectoryEvent&), const std::string& path,
                DirectoryWatcher::DirectoryEventType type)
     {

@@ -28,7 +28,7 @@ public:
     void Listen() { m_listener.emplace(); }
     std::string Received() const { return m_listener->Received(); }
 
-    /// The texts of the log, all of them errors of the shared header.
+    /// The texts of the log. Each must be an error record of the shared header.
     std::vector<std::string> Errors() const
     {
         for (const LogRecord& record : log.Records()) {
@@ -154,8 +154,8 @@ TEST_F(PublishingAnEvent, NeverWaitsForAListenerThatHasFallenBehind)
 {
     Listen();
     for (int i = 0; i < 2000; ++i) {
-        SystemServer::PublishDeleteMsg(); // more than a FIFO holds
+        SystemServer::PublishDeleteMsg(); // publishes more than a FIFO holds
     }
-    EXPECT_TRUE(log.Messages().empty()) << "an event that is not taken is no error";
+    EXPECT_TRUE(log.Messages().empty()) << "a dropped event is not an error";
     EXPECT_FALSE(Received().empty());
 }

@@ -42,7 +42,7 @@ TEST_F(TheService, IsNotRunWithoutAnEventManager)
     EXPECT_EQ(registrations.Count(), 0);
 }
 
-TEST_F(TheService, IsNotRunUnregistered)
+TEST_F(TheService, IsNotRunWithoutItsRegistration)
 {
     server.emplace();
     const CallCounter loops(Call::BOLT_EVENT_MGR_RUN);
@@ -56,7 +56,7 @@ TEST_F(TheService, IsNotRunUnregistered)
     EXPECT_EQ(loops.Count(), 0);
 }
 
-TEST_F(TheService, LeavesTheServerWaitingForATerminationWhenItCannotRun)
+TEST_F(TheService, LeavesTheServerRunningWhenItCannotRun)
 {
     server.emplace();
     sigset_t before;

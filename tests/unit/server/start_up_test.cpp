@@ -108,7 +108,7 @@ TEST_F(StartingTheServer, FailsWhenTheWatchersEventsCannotBeSubscribed)
     ReadConfig(ConfigFor(collection.Path()));
     try {
         server->initialize(*server);
-        FAIL() << "subscribed without a lock";
+        FAIL() << "it was subscribed without a lock";
     } catch (const Poco::SystemException& e) {
         EXPECT_EQ(e.message(), "cannot lock mutex");
     }
