@@ -1,5 +1,5 @@
-"""The benchmarks. Each is a function that takes the programs and whether to be quick. It returns a list of rows, which
-compare the server's figures with the floor's, and for some benchmarks a plot."""
+"""The benchmarks. Each is a function of the programs and of whether to be quick. It returns a list of rows that compare
+the server's figures with the floor's, and for some benchmarks a plot."""
 
 import fcntl
 import os
@@ -154,7 +154,7 @@ def hot_add(programs, quick):
 
 
 def start_up(programs, quick):
-    """From the exec of the server to the first statement of the last of n items. The pauses take n - 1 s of it."""
+    """From the exec of the server to the first statement of the last of n items. The pauses take n - 1 s of this time."""
     rows = []
     for count, repetitions in ((1, 3), (3, 1)) if quick else ((1, 40), (10, 5), (50, 1)):
         beyond = {"server": [], "floor": []}
@@ -169,7 +169,7 @@ def start_up(programs, quick):
                     last = items(reports, count, count + 20)[-1][0]
                     taken = last - process.stamps()[0]
                 reports.close()
-                if count > 1 or repetition > 0:  # the first finds cold caches
+                if count > 1 or repetition > 0:  # the first run has cold caches
                     beyond[side].append(taken - (count - 1) * NANO)
         limit = 6 if count == 1 else 6 + 0.5 * count
         rows.append(row(f"{count} item{'s' if count > 1 else ''}: beyond the {count - 1} s of pauses", "ms",
@@ -205,7 +205,7 @@ class ShortenedLog(threading.Thread):
 
 
 def request(programs, quick):
-    """A request to delete an unknown bundle: the round trip as a client sees it, and how many there are in a second."""
+    """A request to delete an unknown bundle: the round trip for a client, and the number of round trips in a second."""
     requests, rounds, seconds = (500, 2, 2) if quick else (5000, 10, 60)
     floor_socket = os.path.join(RUN, "request-floor.socket")
     rows = []
@@ -222,7 +222,7 @@ def request(programs, quick):
                 for side, (process, socket) in sides.items():
                     begin = time.monotonic()
                     taken = ask(programs, socket, clients, requests)
-                    if turn > 0:  # the first warms up
+                    if turn > 0:  # the first turn warms up
                         times[side].extend(taken)
                         rates[side].append(len(taken) / (time.monotonic() - begin))
                     os.truncate(process.log, 0)
@@ -275,7 +275,7 @@ def load(programs, quick):
 
 
 def peak_memory(command):
-    """The most memory that a program has used before it writes: in KiB. Its output does not fit into the pipe, so it
+    """The most memory that a program has used before it writes, in KiB. Its output does not fit into the pipe, so it
     waits there to be looked at."""
     with subprocess.Popen(command, stdout=subprocess.PIPE) as child:
         fcntl.fcntl(child.stdout, fcntl.F_SETPIPE_SZ, 4096)
@@ -289,7 +289,7 @@ def peak_memory(command):
 
 
 def status(programs, quick):
-    """What bundlectl status takes for 200 bundles: the whole run of the program, and its memory."""
+    """The cost of bundlectl status for 200 bundles: the time of the whole run, and its memory."""
     count, turns = 200, 3 if quick else 30
     taken = []
     with server(programs, "status", write_collection("status", count)) as process:

@@ -1,4 +1,4 @@
-"""What the benchmarks share: bundles, the daemon and its floors as processes, items' reports, figures.
+"""Shared code of the benchmarks: bundles, the daemon and its floors as processes, items' reports, figures.
 
 Everything runs in private namespaces, which script/bench has made. /mnt is an empty tmpfs. This process is the first of
 its process namespace, so it can kill everything that a benchmark leaves.
@@ -23,7 +23,7 @@ MILLI = 1_000_000
 
 
 class Programs:
-    """Where the build has put the programs."""
+    """The paths of the built programs."""
 
     def __init__(self, build):
         self.server = os.path.join(build, "system_server/bundle_server_module/bundle_server")
@@ -35,7 +35,7 @@ class Programs:
 
 
 class Missed(Exception):
-    """Something that a benchmark waited for did not come, or was wrong."""
+    """Something that a benchmark waited for did not happen, or was wrong."""
 
 
 def percentile(values, percent):
@@ -50,7 +50,7 @@ def summary(values):
 
 
 def row(what, unit, values, floor=None, scale=1, target=""):
-    """One line of a table; the values in units of scale nanoseconds."""
+    """One line of a table. The values are in units of scale nanoseconds."""
     line = {"what": what, "unit": unit, "target": target, "server": summary([value / scale for value in values])}
     if floor is not None:
         line["floor"] = summary([value / scale for value in floor])
@@ -95,7 +95,7 @@ def collection_of_items(name, count, item):
 
 
 class Reports:
-    """The FIFO by which items report their start."""
+    """The FIFO to which items report their start."""
 
     SIZE = 16
 
@@ -134,7 +134,7 @@ class Process:
         self.pid = self.popen.pid
 
     def stamps(self):
-        """The time of the exec: by the monotonic clock and by the clock of the log."""
+        """The time of the exec, by the monotonic clock and by the log's clock."""
         until(lambda: os.path.exists(self._stamp) and os.path.getsize(self._stamp) > 0, 10, "the start")
         with open(self._stamp, encoding="ascii") as file:
             return tuple(int(part) for part in file.read().split())
@@ -174,7 +174,7 @@ class Process:
                     if os.getsid(int(entry)) == self.pid:
                         os.kill(int(entry), signal.SIGKILL)
                         left = True
-        # This process is the first of its namespace, so it has to reap what the server has left.
+        # This process is the first of its namespace, so it must reap the processes that the server has left.
         with contextlib.suppress(ChildProcessError):
             while os.waitpid(-1, os.WNOHANG)[0] != 0:
                 pass

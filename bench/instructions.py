@@ -1,4 +1,4 @@
-"""Counts by callgrind the instructions of work that must not grow. Unlike times, they do not depend on the load."""
+"""Counts with callgrind the instructions of work that must not get slower. Unlike times, they do not depend on the load."""
 
 import json
 import os
@@ -43,7 +43,7 @@ def measure(programs):
 
 
 def check(programs, keep):
-    """Compares the figures with those in the tree, or keeps them there. Returns the exit status."""
+    """Compares the figures with those in the tree, or stores them there. Returns the exit status."""
     found = measure(programs)
     if keep:
         with open(KEPT, "w", encoding="ascii") as file:

@@ -44,7 +44,7 @@ def ratio(value, floor):
 
 
 def table(result):
-    """Leaves out empty columns."""
+    """The table without its empty columns."""
     rows = [cells(line) for line in result["rows"]]
     kept = [i for i in range(len(HEAD)) if i == 0 or any(texts[i] for texts in rows)]
     return [[HEAD[i] for i in kept]] + [[texts[i] for i in kept] for texts in rows]
@@ -77,7 +77,7 @@ def output_of(*command):
 
 
 def machine():
-    """The machine that the figures were taken on, as rows of a table."""
+    """The machine of the figures, as rows of a table."""
     model = "not known"
     with open("/proc/cpuinfo", encoding="ascii", errors="replace") as file:
         match = re.search(r"^model name\s*:\s*(.*)", file.read(), re.M)
@@ -131,7 +131,7 @@ def row_of(figures, name, what):
 
 
 def summarized(page, figures):
-    """The page, each row of its table that names a row of the figures with what stands there."""
+    """The page. Each row of its table that names a row of the figures gets the values from there."""
     def line(match):
         label, name, what = match.groups()
         found = row_of(figures, name, what)
@@ -144,7 +144,7 @@ def summarized(page, figures):
 
 
 def write_documents(page, figures, results):
-    """Puts the tables into the figures, the plots beside them, and what the page shows of them into the page."""
+    """Writes the tables into the page of figures, the plots beside it, and the main figures into the page."""
     plots = {}
     for name, result in results.items():
         if "plot" in result:

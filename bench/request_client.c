@@ -2,7 +2,7 @@
 // request.
 //
 //     bench_request_client SOCKET CLIENTS COUNT       each client makes COUNT requests
-//     bench_request_client SOCKET CLIENTS SECONDSs    each client makes requests for that many seconds
+//     bench_request_client SOCKET CLIENTS SECONDSs    each client makes requests for SECONDS seconds ("5s")
 //
 // Standard output gets the round trips in nanoseconds, as 64-bit numbers of the machine. A reply that takes ten
 // seconds, or a status other than 404, ends it with status 1.
@@ -108,7 +108,7 @@ int main(int argc, char** argv)
     for (int i = 0; i < clients; ++i) {
         all[i].fd = Connect(argv[1]);
         all[i].limit = timed ? (size_t)amount * requestsASecond : (size_t)amount;
-        all[i].times = calloc(all[i].limit, sizeof *all[i].times); // only what is used is ever backed by memory
+        all[i].times = calloc(all[i].limit, sizeof *all[i].times); // unused pages take no memory
         if (all[i].times == NULL) {
             Fail("calloc");
         }

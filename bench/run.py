@@ -48,7 +48,7 @@ def run(names, programs, quick):
 
 def main():
     given = arguments()
-    # Only as the first process of a namespace may it kill all others, and only then is /mnt private.
+    # It kills all other processes and uses /mnt, which is safe only as the first process of its own namespaces.
     if os.getpid() != 1:
         sys.exit("bench: run script/bench, which makes the namespaces")
     os.makedirs(RUN, exist_ok=True)

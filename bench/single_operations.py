@@ -1,5 +1,5 @@
-"""The benchmarks of single operations, each in a program that does nothing else: a log record, a scan, what the server
-does inside its process."""
+"""The benchmarks of single operations, each in a program that does nothing else: a log record, a scan, the server's work
+inside its process."""
 
 import json
 import os
@@ -67,7 +67,7 @@ def scan(programs, quick):
             continue
         bundles = int(columns[0])
         rows.append(row(f"{bundles:,} bundles: a scan", "µs", [float(columns[1])], [float(columns[2])], 1, "1.5 x"))
-        rows[-1]["server"]["count"] = None  # the program prints the medians of its rounds alone
+        rows[-1]["server"]["count"] = None  # the program prints only the medians of its rounds
         for side in series:
             series[side].append((bundles, rows[-1][side]["median"]))
     if not rows:
@@ -94,7 +94,7 @@ def in_process(programs, quick):
             rows.append(row(name.replace("/real_time", "").replace(":", " "), "µs", values, None, 1000))
             kind, _, size = name.partition("/")
             if size.isdigit() and kind != "ManifestParsing":
-                # A look-up is plotted as it is, a walk over all bundles by the bundle.
+                # The plot shows the whole time of a look-up, and the time per bundle of a walk over all bundles.
                 each = int(size) if kind.startswith("Resolve") else 1
                 series.setdefault(kind, []).append((int(size), rows[-1]["server"]["median"] / each))
     return {"rows": rows, "note": "Five repetitions. ResolveChain: each bundle requires the next; ResolveWide: every "

@@ -1,4 +1,4 @@
-// Records the time and executes another program. So the time is that of the exec, without the caller's work before it.
+// Records the time and executes another program. So it is the time of the exec, without the caller's earlier work.
 //
 //     bench_stamp FILE PROGRAM [ARGUMENT...]
 //

@@ -1,9 +1,9 @@
 # Counts which lines and branches run, for script/test --coverage.
 #
-# The counters are kept in memory and written when a process ends in order. What a process has run before an exec, an
-# _exit or an abort would be lost, and that is all that a child of the server ever runs: coverage_flush.cpp stands in for
-# these calls. What a process has run that is killed is lost. Every process adds its counters to the same files, each of
-# which the compiler's library locks meanwhile; threads count atomically.
+# The counters are in memory. The compiler's library writes them when a process ends normally. An exec, an _exit or an abort
+# would lose them, and every child of the server ends in one of these ways, so coverage_flush.cpp replaces these calls. The
+# counters of a killed process are lost. All processes add their counters to the same files, which the compiler's library
+# locks meanwhile. Threads count atomically.
 option(BUNDLE_SERVER_COVERAGE "Count the lines and branches that run (gcc only)" OFF)
 if(NOT BUNDLE_SERVER_COVERAGE)
     return()
@@ -16,8 +16,8 @@ add_library(coverage_flush STATIC ${CMAKE_SOURCE_DIR}/tests/support/coverage_flu
 set_target_properties(coverage_flush PROPERTIES POSITION_INDEPENDENT_CODE ON)
 target_link_libraries(coverage_flush PRIVATE project_warnings)
 
-# From here on, for all.
+# For all targets from here on.
 link_libraries(coverage_flush)
 add_compile_options(--coverage -fprofile-update=atomic)
-# The compiler's library comes last on the command line and calls one of them itself: what it needs must be there before.
+# The compiler's library comes last on the command line and calls one of them itself, so the linker needs it before.
 add_link_options(--coverage LINKER:--wrap=execl,--wrap=_exit,--wrap=abort,--undefined=__wrap_abort)

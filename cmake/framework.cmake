@@ -1,5 +1,5 @@
-# Finds the framework, POCO, and refuses one that the server cannot be built with: here, with a sentence that names the way
-# out, and not in the middle of a build.
+# Finds the framework, POCO, and refuses one that the server cannot be built with. So the build does not fail halfway, and
+# the message names the way out.
 set(FRAMEWORK_LEAST_VERSION 1.9)
 set(FRAMEWORK_COMPONENTS Foundation Util XML JSON)
 
@@ -20,7 +20,7 @@ if(Poco_VERSION VERSION_LESS FRAMEWORK_LEAST_VERSION)
     )
 endif()
 
-# Not among what a build of the framework says of itself.
+# The framework's own configuration does not tell this.
 include(CheckCXXSourceCompiles)
 set(CMAKE_REQUIRED_LIBRARIES Poco::Foundation)
 check_cxx_source_compiles(
@@ -30,7 +30,7 @@ check_cxx_source_compiles(
 )
 unset(CMAKE_REQUIRED_LIBRARIES)
 if(NOT BUNDLE_SERVER_FRAMEWORK_WATCHES)
-    unset(BUNDLE_SERVER_FRAMEWORK_WATCHES CACHE) # asked again when another one is there
+    unset(BUNDLE_SERVER_FRAMEWORK_WATCHES CACHE) # checked again when another framework is there
     message(
         FATAL_ERROR
         "POCO ${Poco_VERSION} in ${Poco_DIR} has no DirectoryWatcher, with which the server follows its collection: it was "

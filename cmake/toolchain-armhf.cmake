@@ -1,4 +1,4 @@
-# Cross-compiling for 32-bit ARM with a hardware FPU and glibc. An integrator's own compiler and sysroot:
+# Cross-compiles for 32-bit ARM with a hardware FPU and glibc. To use an integrator's own compiler and sysroot:
 #   -DBUNDLE_SERVER_CROSS=arm-vendor-linux-gnueabihf- -DBUNDLE_SERVER_SYSROOT=/path/to/sysroot
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
@@ -8,7 +8,7 @@ set(BUNDLE_SERVER_SYSROOT
     ${CMAKE_CURRENT_LIST_DIR}/../build/sysroot-armhf
     CACHE PATH "The root directory of the device, with headers; the default is what script/install-dependencies --arm makes"
 )
-# The compiler's checks run this file again in projects of their own, which do not see this one's cache.
+# CMake's compiler checks run this file again in projects of their own, which do not see this project's cache.
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES BUNDLE_SERVER_CROSS BUNDLE_SERVER_SYSROOT)
 if(NOT IS_DIRECTORY ${BUNDLE_SERVER_SYSROOT}/usr/include)
     message(
@@ -22,7 +22,7 @@ get_filename_component(CMAKE_SYSROOT ${BUNDLE_SERVER_SYSROOT} REALPATH)
 set(CMAKE_C_COMPILER ${BUNDLE_SERVER_CROSS}gcc)
 set(CMAKE_CXX_COMPILER ${BUNDLE_SERVER_CROSS}g++)
 
-# Programs are the building machine's, everything else is the device's.
+# Programs come from the building machine, everything else from the device.
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)

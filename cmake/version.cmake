@@ -1,11 +1,11 @@
-# Run at each build: writes the source that holds TOOL_VERSION, and leaves it alone when nothing has changed.
+# Run at each build. Writes the source file with TOOL_VERSION, but only if it has changed.
 #
 # usage: cmake -DSOURCE=DIR -DOUTPUT=FILE -DVERSION=V -DFRAMEWORK=TEXT [-DCOMMIT=HASH] -P version.cmake
 cmake_minimum_required(VERSION 3.22)
 
-# The first twelve digits of the commit that the sources are, "+changes" where they are not quite it.
+# The first twelve digits of the sources' commit, with "+changes" if the sources differ from it.
 function(find_commit variable)
-    # "git archive" has written it into this file; in a work tree there is a place holder instead.
+    # "git archive" writes the commit into this file. In a work tree the file has a placeholder.
     file(STRINGS "${SOURCE}/cmake/commit" archived LIMIT_COUNT 1)
     if(archived MATCHES "^[0-9a-f]+$")
         string(SUBSTRING "${archived}" 0 12 commit)
@@ -13,7 +13,7 @@ function(find_commit variable)
         return()
     endif()
     set(${variable} unknown PARENT_SCOPE)
-    # Asked for the way up to the top as well: the sources may lie somewhere below another project's work tree.
+    # Also asks for the path from the work tree's top, because the sources may be below another project's work tree.
     execute_process(
         COMMAND git -C "${SOURCE}" rev-parse --show-cdup --short=12 HEAD
         OUTPUT_VARIABLE said

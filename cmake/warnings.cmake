@@ -1,7 +1,7 @@
-# What every target of the project is compiled with. Linked privately, so that it reaches nobody else's code.
+# The warnings for every target of the project. Linked privately, so that they do not apply to other projects' code.
 #
-# Another compiler, or another level of optimisation, sees other warnings: they must not keep anybody from building who
-# only wants to use the project. The presets, with which it is developed, make them errors.
+# Another compiler, or another optimisation level, gives other warnings. They must not stop users who only build the
+# project. The presets, which developers use, turn them into errors.
 option(BUNDLE_SERVER_WERROR "Let no warning pass: each is an error" OFF)
 add_library(project_warnings INTERFACE)
 target_compile_options(
@@ -24,7 +24,7 @@ target_compile_options(
               -Woverloaded-virtual
               -Wextra-semi>
 )
-# gcc itself says that instrumented code leads this warning astray. The builds without sanitizers have it.
+# By gcc's manual this warning has false positives in instrumented code. The builds without sanitizers have it.
 if(BUNDLE_SERVER_SANITIZE AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     target_compile_options(project_warnings INTERFACE -Wno-maybe-uninitialized)
 endif()

@@ -1,4 +1,4 @@
-// The least that loading a collection can cost. Reads the directory; for each bundle it asks for the directory's
+// The lowest possible cost of loading a collection. Reads the directory. For each bundle it asks for the directory's
 // status, reads and parses the manifest line by line, and writes as many log records as the server does.
 //
 //     floor_load LOG COLLECTION

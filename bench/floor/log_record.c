@@ -1,4 +1,4 @@
-// The least that a log record from several threads at once can cost: one snprintf and one write each.
+// The lowest possible cost of log records from several threads at once: one snprintf and one write each.
 //
 //     floor_log_record THREADS COUNT                  COUNT records a thread, to the file that ZQ_LOG_FILE names
 //

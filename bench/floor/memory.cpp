@@ -1,5 +1,4 @@
-// The least memory that a daemon of this framework holds: a ServerApplication with a directory watcher and nothing
-// else.
+// The lowest possible memory of a daemon of this framework: a ServerApplication with only a directory watcher.
 //
 //     floor_memory DIRECTORY
 #include <Poco/DirectoryWatcher.h>

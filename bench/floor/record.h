@@ -6,8 +6,8 @@
 #include <time.h>
 #include <unistd.h>
 
-/// The least that a log record can cost: the columns of the server's log with the time in plain seconds, one snprintf,
-/// one write.
+/// The lowest possible cost of a log record: the columns of the server's log with the time in plain seconds, one
+/// snprintf, one write.
 static inline void WriteRecord(int log, pid_t thread, int line, const char* text)
 {
     struct timespec now;

@@ -1,5 +1,5 @@
-// The least that answering requests can cost: an epoll loop over SOCK_SEQPACKET that writes the same four log records
-// and sends the header back with the status 404.
+// The lowest possible cost of answering requests: an epoll loop over SOCK_SEQPACKET that writes the same four log
+// records and sends the header back with the status 404.
 //
 //     floor_request LOG SOCKET
 #define _GNU_SOURCE

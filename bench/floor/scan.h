@@ -5,8 +5,8 @@
 extern "C" {
 #endif
 
-/// The least that a scan can cost: lists a directory and asks for the status of each subdirectory, its manifest, "bin"
-/// and "script". Returns a sum of the results, so that the compiler removes no call.
+/// The lowest possible cost of a scan: lists a directory and asks for the status of each subdirectory, its manifest,
+/// "bin" and "script". Returns a sum of the results, so that the compiler removes no call.
 long long floor_scan(const char* path);
 
 #ifdef __cplusplus

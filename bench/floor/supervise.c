@@ -1,5 +1,6 @@
-// The least that supervising children can cost. Starts COUNT items one after the other and relaunches each that dies. A
-// launch is a pipe for the ready byte, a fork, the child's group, the server's log records, and the pause of a second.
+// The lowest possible cost of supervising children. Starts COUNT items one after the other and relaunches each that
+// dies. A launch is a pipe for the ready byte, a fork, the child's group, the server's log records, and the pause of a
+// second.
 //
 //     floor_supervise LOG COUNT ITEM
 //

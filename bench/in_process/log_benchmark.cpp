@@ -1,4 +1,5 @@
-// A record of the host platform's log. It goes to /dev/null, so that mostly its formatting is measured.
+// The cost of a record of the host platform's log. It goes to /dev/null, so the figure is mostly that of its
+// formatting.
 #include <zq_log.h>
 
 #include <benchmark/benchmark.h>

@@ -1,4 +1,4 @@
-// What the server's own code costs inside one process. It writes no log, reads no file and launches nothing.
+// The cost of the server's own code inside one process. It writes no log, reads no file and launches nothing.
 #include "bundle_manager.h"
 #include "bundle_manifest.h"
 #include "bundle_server.h"
@@ -39,7 +39,7 @@ std::string ManifestText(const std::string& name, const std::string& dependencie
     return text;
 }
 
-/// A manager with that many loaded bundles. dependenciesOf says which bundles one requires.
+/// A manager with that many loaded bundles. dependenciesOf gives the requirements of each.
 std::unique_ptr<BundleManager> LoadedManager(std::int64_t count,
                                              const std::function<std::string(std::int64_t)>& dependenciesOf)
 {
@@ -126,7 +126,7 @@ void ResolveWide(benchmark::State& state)
 }
 BENCHMARK(ResolveWide)->RangeMultiplier(10)->Range(10, 10000)->Unit(benchmark::kMicrosecond);
 
-/// Makes the function accessible that the event loop calls.
+/// Makes the function that the event loop calls accessible.
 class Dispatcher : public BundleServer {
 public:
     using BundleServer::ProcessMsg;

@@ -1,4 +1,4 @@
-// A platform that does nothing. So a benchmark measures the server's own work, without the log and the sockets.
+// A platform that does nothing, so that a benchmark measures the server's own work without the log and the sockets.
 #include <bolt.h>
 #include <lumo.h>
 #include <sprintf_s.h>

@@ -1,4 +1,4 @@
-// Prints what one scan costs, for collections of several sizes in which nothing changes.
+// Prints the cost of one scan for collections of several sizes in which nothing changes.
 //
 //     bench_scan [DIRECTORY]    makes its collections below DIRECTORY; the default is the temporary directory
 
@@ -77,13 +77,13 @@ void MeasureCollection(const fs::path& place, int bundles)
 {
     const Collection collection(place, bundles);
     CollectionScan scan(collection.path + "/");
-    scan.Find(); // takes what is there as known
+    scan.Find(); // the first scan learns the entries
     const int rounds = std::clamp(200'000 / bundles, 20, 2'000);
     std::vector<double> scans;
     std::vector<double> floors;
     bool isQuiet = true;
     long long seen = 0;
-    for (int i = 0; i < rounds; ++i) { // by turns, so that both see the same load
+    for (int i = 0; i < rounds; ++i) { // alternating, so that both run under the same load
         scans.push_back(Measure([&] { isQuiet = scan.Find().empty() && isQuiet; }));
         floors.push_back(Measure([&] { seen += floor_scan(collection.path.c_str()); }));
     }

@@ -1,4 +1,4 @@
-"""Finds what is broken in Markdown pages: prints a line for each finding, ends with status 1 when there are any.
+"""Finds faults in Markdown pages. Prints a line for each finding, and ends with status 1 when there are any.
 
 usage: check_documents.py ROOT PAGE...
 
@@ -22,14 +22,14 @@ BROKEN = [
     (re.compile(r"\|\s*:?-{3,}:?\s*\|"), "a table inside running text"),
     (re.compile(r"```"), "a code fence inside running text"),
 ]
-# A bundle has a folder "script" too; what is in there ends in ".sh", which no script of ours does.
+# A bundle has a folder "script" too. Its files end in ".sh", and no script of this project does.
 SCRIPT = re.compile(r"(?<![\w/.])(script/(?:parts/)?[\w-]+|\.ci/run)(?![\w./])((?: +[^\s`|;&()]+)*)")
 TEST_NAME = re.compile(r"[A-Z][A-Za-z]+\.[A-Z][A-Za-z]+")
 SHELL = {"sh", "bash", "text", ""}
 
 
 def slug(heading):
-    """The anchor that a heading gets on the usual hosts."""
+    """The anchor of a heading on the usual hosts of Git projects."""
     return re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-")
 
 
@@ -50,7 +50,7 @@ def text_of(inline):
 
 @functools.lru_cache(maxsize=None)
 def help_of(script):
-    """What a script says of its options; empty when it has no --help."""
+    """The help text of a script; empty when it has no --help."""
     if "--help" not in script.read_text():
         return ""
     result = subprocess.run([script, "--help"], capture_output=True, text=True, timeout=60, check=False)

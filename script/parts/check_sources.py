@@ -1,4 +1,4 @@
-"""Finds sources that hold too much: prints a line for each finding, ends with status 1 when there are any.
+"""Finds sources that are too large. Prints a line for each finding, and ends with status 1 when there are any.
 
 usage: check_sources.py ROOT FOLDER...
 
@@ -47,7 +47,7 @@ def long_functions(sources):
 
 
 def included_units(files, files_by_name):
-    """The units that a unit's files include. A name is looked for beside the file first."""
+    """The units that a unit's files include. Searches a name beside the file first."""
     for file in files:
         for name in INCLUDE.findall(file.read_text()):
             same_name = files_by_name.get(pathlib.PurePath(name).name, [])
