@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -35,15 +36,17 @@ struct EntryEnd {
 /// Writes an archive whose bytes depend on nothing but the files: no times, no owners, no names of this machine.
 class Writer {
 public:
-    explicit Writer(const std::string& file) : m_file(file)
+    /// @param hasPlainNames all are ASCII. Others are written as bytes, as in the file system: what they mean depends
+    /// on a locale otherwise. Each member then has a word about that, of which tar warns.
+    Writer(const std::string& file, bool hasPlainNames) : m_file(file)
     {
         ::archive_write_set_format_pax_restricted(m_archive.get());
         ::archive_write_add_filter_gzip(m_archive.get());
         // Without the time and the name that the head of a gzip file may have.
         Require(::archive_write_set_options(m_archive.get(), "gzip:!timestamp,gzip:compression-level=9"));
-        // Names are bytes, as in the file system. Otherwise what they mean depends on the locale, and some mean
-        // nothing.
-        Require(::archive_write_set_options(m_archive.get(), "pax:hdrcharset=BINARY"));
+        if (!hasPlainNames) {
+            Require(::archive_write_set_options(m_archive.get(), "pax:hdrcharset=BINARY"));
+        }
         Require(::archive_write_open_filename(m_archive.get(), file.c_str()));
     }
 
@@ -166,7 +169,8 @@ Shipped Pack(const std::string& directory, const std::string& file, const std::s
         shipped.signature = Sign(shipped.text, keyFile);
     }
     UnfinishedFile unfinished(file + ".part");
-    Writer writer(unfinished.Path());
+    const bool isPlain = std::all_of(shipped.text.begin(), shipped.text.end(), [](char c) { return (c & 0x80) == 0; });
+    Writer writer(unfinished.Path(), isPlain);
     writer.AddText(CONTENTS_FILE, shipped.text);
     if (!shipped.signature.empty()) {
         writer.AddText(SIGNATURE_FILE, shipped.signature);
