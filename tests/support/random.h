@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <optional>
 #include <random>
 #include <string>
 
@@ -10,6 +11,9 @@
 /// numbers are the same again, but not the order in which processes run.
 class Random {
 public:
+    /// @param seed of a test that shall do the same in each run
+    explicit Random(std::optional<unsigned> seed = std::nullopt) : m_seed(TakeSeed(seed)) {}
+
     unsigned Seed() const { return m_seed; }
 
     /// From 0 to one less than the limit.
@@ -22,13 +26,15 @@ public:
     std::mt19937& Engine() { return m_engine; }
 
 private:
-    static unsigned TakeSeed()
+    static unsigned TakeSeed(std::optional<unsigned> standard)
     {
         const char* const seed = std::getenv("BUNDLE_SERVER_TEST_SEED");
-        return seed != nullptr ? static_cast<unsigned>(std::stoul(seed)) : std::random_device()();
+        return seed != nullptr ? static_cast<unsigned>(std::stoul(seed))
+               : standard      ? *standard
+                               : std::random_device()();
     }
 
-    const unsigned m_seed = TakeSeed();
+    const unsigned m_seed;
     std::mt19937 m_engine{m_seed};
 };
 

@@ -65,14 +65,17 @@ void SetManifest(BundleHistory& bundle, const Fact& fact)
     bundle.manifestRead = fact.time;
     bundle.mode = fact.manifest->mode;
     bundle.required = fact.manifest->required;
-    // What is known of an item is kept: its process may run on.
+    // What is known of an item is kept: its process may run on. One that was taken out and comes back is another.
     std::vector<ItemHistory> items;
     for (const std::string& name : fact.manifest->items) {
-        items.push_back(std::move(ItemOf(bundle, name)));
+        ItemHistory& known = ItemOf(bundle, name);
+        items.push_back(known.isInManifest || known.pid != 0 ? std::move(known) : ItemHistory());
         items.back().name = name;
+        items.back().isInManifest = true;
     }
     for (ItemHistory& item : bundle.items) {
         if (item.pid != 0 && !item.name.empty()) {
+            item.isInManifest = false;
             items.push_back(std::move(item));
         }
     }

@@ -50,6 +50,7 @@ struct ItemHistory {
     int executeError = 0;      ///< errno of the last execution that failed
     std::string failure;       ///< thread mode: the record of its failure
     bool hasEnded = false;     ///< thread mode: its function has returned
+    bool isInManifest = true;  ///< false: an update has taken it out, and its process may not have ended yet
     std::string launchLine;
     std::deque<ItemEnd> ends;                       ///< the latest last
     std::map<std::string, std::uint64_t> endCounts; ///< of all ends, by "SIGSEGV" or "status 3"

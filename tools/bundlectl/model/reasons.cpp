@@ -82,7 +82,7 @@ void Inquiry::AddServer()
 {
     if (!m_snapshot.installation.server) {
         Add("server-down", "No bundle server runs.", "no server runs", "systemctl start bundle-server");
-    } else if (m_snapshot.server == nullptr) {
+    } else if (m_snapshot.server == nullptr || m_bundle.state == BundleState::UNKNOWN) {
         Add("log-unknown", "The log does not tell what the server has done with it.", "the log does not tell");
     }
 }
@@ -138,6 +138,9 @@ void Inquiry::AddState()
             m_reasons.push_back(ReasonOfVerdict(*m_bundle.declared));
         }
         return;
+    }
+    if (m_bundle.state == BundleState::UNKNOWN) {
+        return; // the log has lost it
     }
     AddStarting();
     if (m_reasons.size() == before) {
@@ -206,7 +209,7 @@ void Inquiry::AddHotStart()
 
 void Inquiry::AddStarting()
 {
-    const bool isStartUp = !m_snapshot.server->ready;
+    const bool isStartUp = m_snapshot.server->isWhole && !m_snapshot.server->ready;
     const bool isRecent = m_bundle.since && m_snapshot.taken - *m_bundle.since < PATIENCE;
     if (m_bundle.state == BundleState::STARTING || m_bundle.state == BundleState::STOPPING) {
         const std::string what = m_bundle.state == BundleState::STARTING ? "started" : "stopped";

@@ -37,6 +37,7 @@ private:
     void TakeState();
     bool HasChanged() const;
     void AddItems();
+    void AddDeclared(const DeclaredItem& item);
     void Fill(ItemStatus& item) const;
     void FindProcessesOf(ItemStatus& item) const;
     void FindThreadOf(ItemStatus& item) const;
@@ -89,20 +90,34 @@ bool Assembly::HasChanged() const
     return known > clockIsSet && m_bundle.declared->changed > known + settling;
 }
 
+// Those of the running server where the log tells its manifest, which may have changed since. Of a log whose beginning
+// is lost the items that it happens to mention are not all.
 void Assembly::AddItems()
 {
-    // Those of the running server where they are known: the manifest may have changed since.
-    if (m_bundle.history != nullptr && !m_bundle.history->items.empty()) {
-        for (const ItemHistory& item : m_bundle.history->items) {
-            m_bundle.items.emplace_back();
-            m_bundle.items.back().name = item.name;
-            m_bundle.items.back().history = &item;
+    const BundleHistory* const history = m_bundle.history;
+    if (history != nullptr) {
+        for (const ItemHistory& item : history->items) {
+            if (item.isInManifest || item.pid != 0) {
+                m_bundle.items.emplace_back();
+                m_bundle.items.back().name = item.name;
+                m_bundle.items.back().history = &item;
+            }
         }
-    } else if (m_bundle.declared != nullptr) {
+    }
+    if (m_bundle.declared != nullptr && (history == nullptr || !history->manifestRead)) {
         for (const DeclaredItem& item : m_bundle.declared->items) {
-            m_bundle.items.emplace_back();
-            m_bundle.items.back().name = item.name;
+            AddDeclared(item);
         }
+    }
+}
+
+void Assembly::AddDeclared(const DeclaredItem& item)
+{
+    auto& items = m_bundle.items;
+    if (std::none_of(items.begin(), items.end(),
+                     [&item](const ItemStatus& known) { return known.name == item.name; })) {
+        items.emplace_back();
+        items.back().name = item.name;
     }
 }
 
@@ -178,10 +193,17 @@ bool IsDeclaredTwin(const DeclaredBundle& declared)
     return declared.verdict == Verdict::DUPLICATE;
 }
 
-/// What the server calls a directory, in the log.
+/// The directory of a bundle of the log. Where the log has lost the bundle's path, it is found by the name.
 const DeclaredBundle* DeclaredAt(const Snapshot& snapshot, const BundleHistory& bundle)
 {
-    return snapshot.collection.FindByPath(bundle.path);
+    if (!bundle.path.empty()) {
+        return snapshot.collection.FindByPath(bundle.path);
+    }
+    const auto& all = snapshot.collection.bundles;
+    const auto found = std::find_if(all.begin(), all.end(), [&bundle](const DeclaredBundle& declared) {
+        return declared.name == bundle.name && !IsDeclaredTwin(declared);
+    });
+    return found == all.end() ? nullptr : &*found;
 }
 
 /// Appends the bundles that the server's log knows, without those that were deleted or taken away.
