@@ -84,6 +84,8 @@ constexpr Verb VERBS[] = {
     {"graph", Program::AUTHOR, "Show which bundles require which, and in which order they start",
      "bundlectl graph bundles\nbundlectl graph bundles --reverse base\nbundlectl graph bundles --format=svg > "
      "bundles.svg"},
+    {"try", Program::AUTHOR, "Run bundles under the real server, apart from this machine's",
+     "bundlectl try radio\nbundlectl try radio media\nbundlectl try radio --for 10s --expect active"},
     {"pack", Program::AUTHOR, "Pack a bundle into an archive that put takes, and sign it",
      "bundlectl pack radio -o radio-2.tar.gz\nbundlectl pack radio -o radio-2.tar.gz --key vendor.key"},
     {"keygen", Program::AUTHOR, "Make a pair of keys, for signing and for checking signatures",

@@ -8,6 +8,7 @@ Action DefineNew(Arguments& arguments);
 Action DefineLint(Arguments& arguments);
 Action DefinePlan(Arguments& arguments);
 Action DefineGraph(Arguments& arguments);
+Action DefineTry(Arguments& arguments);
 Action DefinePack(Arguments& arguments);
 Action DefineKeygen(Arguments& arguments);
 
