@@ -1,6 +1,7 @@
 // What is packed, signed and compared.
 #include "put/bundle_archive.h"
 #include "put/contents.h"
+#include "put/hash.h"
 #include "put/key.h"
 
 #include "support/collection_builder.h"
@@ -133,6 +134,27 @@ TEST_F(Shipping, UnpacksWhatWasPacked)
     EXPECT_EQ(fs::read_symlink(File("target/bin/tuner")), "tunerd");
     EXPECT_TRUE(fs::is_directory(File("target/data/empty")));
     EXPECT_EQ(Put::Differences(File("target"), shipped.contents), std::vector<std::string>{});
+}
+
+TEST_F(Shipping, HashesMuchInSeveralThreads)
+{
+    // More than what one thread does alone.
+    constexpr std::size_t size = std::size_t{3} * 1024 * 1024;
+    for (const char c : {'a', 'b', 'c', 'd'}) {
+        WriteFile(File("radio/bin/") + c, std::string(size, c));
+    }
+    const Put::Contents contents = Put::ReadContents(File("radio"));
+    for (const Put::Entry& entry : contents.entries) {
+        if (entry.kind == Put::Entry::FILE) {
+            const Put::HashedFile alone = Put::HashFile(File("radio/") + entry.path);
+            EXPECT_EQ(entry.hash, alone.hash) << entry.path;
+            EXPECT_EQ(entry.size, alone.size) << entry.path;
+        }
+    }
+    fs::permissions(File("radio/bin/c"), fs::perms::none);
+    if (::access(File("radio/bin/c").c_str(), R_OK) != 0) {
+        EXPECT_THROW(Put::ReadContents(File("radio")), Refusal);
+    }
 }
 
 TEST_F(Shipping, TakesNamesOfAnyScript)

@@ -1,6 +1,6 @@
 #include "contents.h"
 
-#include "hash.h"
+#include "hash_files.h"
 #include "model/files.h"
 #include "printable.h"
 
@@ -149,6 +149,7 @@ public:
     {
         Enter("", 0);
         std::sort(m_contents.entries.begin(), m_contents.entries.end(), ByPath);
+        HashFiles(m_root, m_contents.entries);
         return std::move(m_contents);
     }
 
@@ -198,9 +199,7 @@ void Walk::Take(const std::string& path, int depth)
         if ((status.st_mode & (S_ISUID | S_ISGID)) != 0) {
             Refuse(path, "is setuid or setgid. The server runs items with its own rights, so remove that: chmod ug-s.");
         }
-        const HashedFile hashed = HashFile(file);
-        entry.size = hashed.size;
-        entry.hash = hashed.hash;
+        entry.size = static_cast<std::uint64_t>(status.st_size);
     } else if (S_ISDIR(status.st_mode)) {
         entry.kind = Entry::DIRECTORY;
     } else {
