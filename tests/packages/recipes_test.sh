@@ -62,6 +62,11 @@ for option in $(grep -hoE -e '-DBUNDLE_SERVER_[A-Z]+' "$recipe" "$buildroot/pack
     grep -q "^${option#-D}:" "$build/CMakeCache.txt" || fail "this project has no option $option"
 done
 
+# --- Both: the libraries of put come with put alone.
+grep -q '^PACKAGECONFIG\[put\] = "-DBUNDLE_SERVER_PUT=ON,-DBUNDLE_SERVER_PUT=OFF,elfutils libarchive libsodium"$' "$recipe" ||
+    fail "the recipe does not name the libraries of put"
+! grep '^DEPENDS' "$recipe" | grep -qE 'libarchive|libsodium|elfutils' || fail "the recipe always needs the libraries of put"
+
 # --- Buildroot: make can read the package, which finds the sources and the licence.
 cat > "$work/Makefile" <<END
 BR2_EXTERNAL_BUNDLE_SERVER_PATH = $buildroot
@@ -69,13 +74,16 @@ BR2_PACKAGE_BUNDLE_SERVER_HOST_PLATFORM = y
 qstrip = \$(strip \$(subst ",,\$(1)))
 include \$(BR2_EXTERNAL_BUNDLE_SERVER_PATH)/external.mk
 say:
-	@echo '\$(BUNDLE_SERVER_SITE)|\$(BUNDLE_SERVER_LICENSE_FILES)|\$(strip \$(BUNDLE_SERVER_CONF_OPTS))|\$(BUNDLE_SERVER_VERSION)'
+	@echo '\$(BUNDLE_SERVER_SITE)|\$(BUNDLE_SERVER_LICENSE_FILES)|\$(strip \$(BUNDLE_SERVER_CONF_OPTS))|\$(BUNDLE_SERVER_VERSION)|\$(strip \$(BUNDLE_SERVER_DEPENDENCIES))'
 END
 said=$(make --no-print-directory -f "$work/Makefile" say 2> "$work/errors") ||
     fail "make does not read the package: $(cat "$work/errors")"
-IFS='|' read -r site licence options version <<< "$said"
+IFS='|' read -r site licence options version dependencies <<< "$said"
 [ -f "$site/CMakeLists.txt" ] || fail "the sources are not in $site"
 [ -f "$site/$licence" ] || fail "the licence is not in $site/$licence"
+[[ $options == *-DBUNDLE_SERVER_PUT=OFF* && $dependencies != *libarchive* ]] || fail "without put: $options, $dependencies"
+with_put=$(make --no-print-directory -f "$work/Makefile" BR2_PACKAGE_BUNDLE_SERVER_PUT=y say)
+[[ $with_put == *-DBUNDLE_SERVER_PUT=ON*elfutils*libarchive*libsodium* ]] || fail "with put: $with_put"
 [[ $options == *"-DBUNDLE_SERVER_INIT=sysv"*"-DBUNDLE_SERVER_PLATFORM=host"* ]] || fail "its options are $options"
 grep -q "^CMAKE_PROJECT_VERSION:STATIC=$version\$" "$build/CMakeCache.txt" || fail "its version $version is not the project's"
 grep -qF "PV = \"$version+git\"" "$recipe" || fail "the recipe's version is not $version"

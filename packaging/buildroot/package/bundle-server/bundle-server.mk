@@ -15,6 +15,7 @@ BUNDLE_SERVER_DEPENDENCIES = host-pkgconf cli11 poco
 
 BUNDLE_SERVER_CONF_OPTS = \
 	-DBUNDLE_SERVER_TESTS=OFF \
+	-DBUNDLE_SERVER_AUTHOR=OFF \
 	-DBUNDLE_SERVER_INIT=$(if $(BR2_INIT_SYSTEMD),systemd,sysv) \
 	$(call qstrip,$(BR2_PACKAGE_BUNDLE_SERVER_CONF_OPTS))
 
@@ -23,6 +24,13 @@ BUNDLE_SERVER_DEPENDENCIES += libevent safeclib
 BUNDLE_SERVER_CONF_OPTS += -DBUNDLE_SERVER_PLATFORM=host
 else
 BUNDLE_SERVER_CONF_OPTS += -DBUNDLE_SERVER_PLATFORM=device
+endif
+
+ifeq ($(BR2_PACKAGE_BUNDLE_SERVER_PUT),y)
+BUNDLE_SERVER_DEPENDENCIES += elfutils libarchive libsodium
+BUNDLE_SERVER_CONF_OPTS += -DBUNDLE_SERVER_PUT=ON
+else
+BUNDLE_SERVER_CONF_OPTS += -DBUNDLE_SERVER_PUT=OFF
 endif
 
 # The init script goes by the name that the start-up of busybox and sysvinit looks for.

@@ -18,13 +18,16 @@ DEPENDS = "poco cli11"
 
 # The device's own libraries behind the four headers of platform/include: "device" in PACKAGECONFIG instead of "host",
 # and what they are and where they lie in EXTRA_OECMAKE (docs/device.md).
-PACKAGECONFIG ??= "host"
+# "put" builds the verbs that install, update and verify bundles: put, rollback, versions, verify, remove.
+PACKAGECONFIG ??= "host put"
 PACKAGECONFIG[host] = "-DBUNDLE_SERVER_PLATFORM=host,,libevent safec,,,device"
 PACKAGECONFIG[device] = "-DBUNDLE_SERVER_PLATFORM=device,,,,,host"
+PACKAGECONFIG[put] = "-DBUNDLE_SERVER_PUT=ON,-DBUNDLE_SERVER_PUT=OFF,elfutils libarchive libsodium"
 
 EXTRA_OECMAKE = " \
     -DCMAKE_BUILD_TYPE=MinSizeRel \
     -DBUNDLE_SERVER_TESTS=OFF \
+    -DBUNDLE_SERVER_AUTHOR=OFF \
     -DBUNDLE_SERVER_INIT='${@bb.utils.contains('DISTRO_FEATURES', 'systemd', 'systemd', 'sysv', d)}' \
 "
 
