@@ -11,11 +11,13 @@ namespace Common {
 /// the device find each other here.
 constexpr const char SERVICE_DIRECTORY[] = "/mnt/bolt";
 
-/// Makes the service directory, with mode 0755, where it is missing. One that exists keeps its mode. False, with errno,
-/// when it is missing and cannot be made, or is no directory.
+/// Makes the service directory, with mode 0755, if it is missing. An existing one keeps its mode and its owner. Its
+/// parent must exist. Any thread; several processes may do so at the same time.
+/// @return false, with errno set, when it is missing and cannot be made, or is no directory (ENOTDIR)
 inline bool MakeServiceDirectory()
 {
-    // Everybody may look; each socket says who may connect. Set again because the umask may have removed bits.
+    // Every user may list it. The mode of each socket decides who may connect. Set again because the umask may have
+    // removed bits.
     constexpr mode_t mode = 0755;
     if (::mkdir(SERVICE_DIRECTORY, mode) == 0) {
         return ::chmod(SERVICE_DIRECTORY, mode) == 0;

@@ -44,7 +44,7 @@ void Connection::OnWritable(evutil_socket_t /*fd*/, short /*what*/, void* connec
     }
 }
 
-/// One packet for each time that the loop comes round, so that a busy peer does not keep the others waiting.
+/// One packet in each round of the loop, so that a busy peer does not delay the others.
 void Connection::Receive()
 {
     auto& buffer = m_loop.ReceiveBuffer();
@@ -52,7 +52,7 @@ void Connection::Receive()
     if (size < 0 && (errno == EAGAIN || errno == EINTR)) {
         return;
     }
-    // An empty packet cannot be told from the peer's end; either closes the connection without a word.
+    // An empty packet looks like the peer's end. Either closes the connection without a record.
     if (size == 0) {
         EndAfterReplies();
         return;
@@ -82,7 +82,7 @@ void Connection::Handle(const void* packet, std::size_t size)
     }
 }
 
-/// A peer that has only shut down its own sending still gets the replies that it has asked for.
+/// A peer that has only shut down its sending still gets the pending replies.
 void Connection::EndAfterReplies()
 {
     if (m_queue.IsEmpty()) {

@@ -26,19 +26,20 @@ public:
     ConnectionOwner& operator=(const ConnectionOwner&) = delete;
     virtual ~ConnectionOwner() = default;
 
-    /// Hands a message to the service, which may drop the connection meanwhile. False when the service threw.
+    /// Passes a message to the service, which may send on the connection or drop it meanwhile. The message stays the
+    /// caller's. False when the service threw; the caller then drops the connection.
     virtual bool Deliver(Message& msg, Connection& connection) = 0;
 
-    /// Destroys a connection, which makes this its last call.
+    /// Destroys the connection. It must not touch itself after this call.
     virtual void Forget(ConnectionPlace connection) = 0;
 
-    /// Logs why a connection is dropped; a record now and then, however many there are.
-    /// @param what the connection did, why it is dropped for that
+    /// Logs why a connection is dropped. At most one record a second, which counts those left out.
+    /// @param what the end of the sentence "a peer ..."; why the reason, in words
     virtual void LogDrop(const char* what, const char* why) = 0;
 };
 
-/// One peer of a service. A peer that breaks the rules is dropped: nothing more is sent to it, and the connection is
-/// destroyed when the loop comes round to it, never under a callback that still uses it. The loop's thread only.
+/// One peer of a service. A peer that breaks the rules is dropped: nothing more is sent to it. The loop destroys the
+/// connection in its next round, never under a callback that still uses it. The loop's thread only.
 class Connection final : public bolt_connection {
 public:
     /// @param loop and owner outlive the connection
@@ -48,17 +49,20 @@ public:
     Connection& operator=(const Connection&) = delete;
     ~Connection() = default;
 
-    /// Begins to read, once the connection has its place in its owner's list. False when the loop refuses.
+    /// Begins to read. Called once, when the connection has its place in its owner's list.
+    /// @return false when the loop does not take it; the owner then destroys the connection
     bool Begin(ConnectionPlace place);
 
-    /// Sends at once, or keeps a copy and sends that when the peer reads. Drops a peer that lets too much pile up.
-    /// Never blocks. False when the connection is dropped, now or before.
+    /// Sends at once, or keeps a copy and sends that when the peer reads. Never blocks. Drops a peer that leaves more
+    /// than 1 MiB unread, with a record. False when the connection is dropped, now or before.
+    /// @param msg stays the caller's; its header gets the content's length
     bool Send(Message& msg);
 
-    /// Lets the connection go at the loop's next turn. What is queued is not sent. May be called again.
+    /// Ends the connection in the loop's next round. Queued packets are not sent. A second call does nothing.
     void Drop();
 
 private:
+    /// LATER: the peer's buffer is full. FAILED: the peer is gone, or the reason is logged.
     enum class Sending { DONE, LATER, FAILED };
 
     static void OnReadable(evutil_socket_t fd, short what, void* connection) noexcept;

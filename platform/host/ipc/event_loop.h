@@ -8,17 +8,18 @@
 
 namespace HostPlatform {
 
-/// The event library's loop, and what everything on it shares. Only the loop's thread uses it. Outlives all that stands
-/// on it.
+/// The event library's loop, and what everything on it shares. Only the loop's thread uses it, and the library takes no
+/// lock. It must outlive every event, timer and connection on it.
 class EventLoop {
 public:
-    /// Makes the library's loop. False, with the reason in the log, on failure.
+    /// Makes the library's loop; its warnings go to the log from now on. False, with the reason in the log, on failure.
     bool Open();
 
     /// Only after Open has succeeded.
     event_base& Base() { return *m_base; }
 
-    /// Where every connection receives: one packet is handled before the next is read, so one buffer is enough for all.
+    /// The buffer of all connections: each packet is handled before the next is read. Its content is valid until the
+    /// callback returns.
     std::array<unsigned char, MAX_PACKET_SIZE>& ReceiveBuffer() { return m_receiveBuffer; }
 
 private:

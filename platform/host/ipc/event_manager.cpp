@@ -45,7 +45,7 @@ bool EventManager::Open()
 
 bool EventManager::WatchSignals()
 {
-    // Blocked and read from a descriptor, not handled: children would inherit the change of a disposition.
+    // The signals are blocked and read from a descriptor. With a handler, children would inherit a changed disposition.
     const sigset_t signals = EndingSignals();
     errno = ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     if (errno != 0) {
@@ -105,7 +105,7 @@ bool EventManager::Run(int milliseconds)
     return ran;
 }
 
-// Without time left, a run handles what is there.
+// With a limit of 0 a run handles only what is ready.
 bool EventManager::EndIn(int milliseconds)
 {
     if (milliseconds == 0) {
@@ -131,8 +131,8 @@ void EventManager::End()
     }
     m_services.clear();
     if (m_endIsAsked) {
-        // The signal has been taken out of the queue, yet the program waits for one when the loop has returned: it
-        // finds this, which stays pending on this thread. SIGTERM, because a debugged program does not wait for SIGINT.
+        // The loop has consumed the signal, but the program waits for one when the loop has returned. It finds this
+        // one, which stays pending on this thread. SIGTERM, because a debugged program does not wait for SIGINT.
         static_cast<void>(std::raise(SIGTERM));
     }
 }

@@ -17,22 +17,25 @@ struct bolt_event_mgr {};
 
 namespace HostPlatform {
 
-/// The event loop, the services on it and the signals that end it. One thread's: that which has made it.
+/// The event loop, the services on it and the signals that end it. Only the thread that has made it uses it.
 class EventManager final : public bolt_event_mgr {
 public:
-    /// Blocks SIGINT, SIGTERM and SIGQUIT on the calling thread for good. Empty, with the reason in the log, on
-    /// failure.
+    /// Blocks SIGINT, SIGTERM and SIGQUIT on the calling thread for good, also when it fails. Threads that are started
+    /// before keep their mask, and such a signal may end the process there.
+    /// @return empty, with the reason in the log, on failure
     /// @throws std::bad_alloc
     static std::unique_ptr<EventManager> Make();
 
-    /// Registers a service and lets it start. False, with the reason in the log, when that fails.
-    /// @param ops outlive the manager
+    /// Registers a service and calls its start callback. False, with the reason in the log, when that fails; nothing is
+    /// then left of it. False without a record after the loop has ended.
+    /// @param ops not owned, outlives the manager, as arg does; null: no callbacks
     /// @throws std::bad_alloc
     bool Register(const char* service, const bolt_server_ops* ops, void* arg);
 
-    /// Runs until a signal ends the loop and all services with it, or until the time is over, after which the services
-    /// stand as before. False when the loop fails or has ended before.
-    /// @param milliseconds negative: no limit
+    /// Runs until a signal ends the loop and its services, or until the time is over, which ends nothing. After a
+    /// signal a SIGTERM is pending on this thread, for a program that waits for one.
+    /// @param milliseconds negative: no limit; 0: handles what is ready
+    /// @return false when the loop fails, which ends it too, or has ended before
     bool Run(int milliseconds);
 
 private:

@@ -8,18 +8,20 @@
 
 namespace HostPlatform {
 
-/// Frees what the event library has made.
+/// Frees objects of the event library. Null never comes here.
 struct EventFree {
     void operator()(event* watched) const { event_free(watched); }
     void operator()(event_base* base) const { event_base_free(base); }
 };
 
-/// Owns an event of the loop; takes it out of the loop when it is destroyed, which comes before the loop's own end.
+/// Owns an event of the loop. Its destruction takes the event out of the loop, so it must come before the loop's own.
 using EventOwner = std::unique_ptr<event, EventFree>;
 using EventBaseOwner = std::unique_ptr<event_base, EventFree>;
 
-/// An event that is not in the loop yet: event_add puts it there.
-/// @param argument not owned; handed to the callback
+/// An event that is not in the loop yet: event_add puts it there. The callback runs on the loop's thread and must not
+/// throw, because the library is C.
+/// @param fd not owned; the event goes before it is closed
+/// @param argument not owned; passed to the callback
 /// @throws std::bad_alloc
 inline EventOwner NewEvent(event_base& base, int fd, short what, event_callback_fn callback, void* argument)
 {

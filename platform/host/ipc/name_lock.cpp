@@ -15,8 +15,8 @@ namespace {
 
 constexpr mode_t MODE = 0600;
 
-/// Whether it can be this user's lock: a file that no other user may open. A hard link to another file of this user
-/// that others may open is no lock.
+/// Whether the file can be this user's lock: no other user may open it. A hard link to a file of this user that others
+/// may open is no lock.
 bool IsOwn(const struct stat& status)
 {
     return S_ISREG(status.st_mode) && status.st_uid == ::geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
@@ -28,8 +28,8 @@ NameLock::NameLock(const std::string& service)
     : m_path(std::string(Common::SERVICE_DIRECTORY) + "/." + service + ".lock")
 {}
 
-// Given up explicitly: a child between fork and exec has the descriptor too, and closing ours alone would leave the
-// lock with it.
+// The lock is given up explicitly. A child between fork and exec has the descriptor too, and would keep the lock if
+// this process only closed its own.
 NameLock::~NameLock()
 {
     if (m_isTaken) {
@@ -56,7 +56,7 @@ NameLock::Attempt NameLock::Try(Foreign foreign)
             m_obstacle = "is locked by another process";
             return Attempt::BUSY;
         }
-        // A holder removes the file before it gives up the lock: what has been locked may have gone from the path.
+        // A holder removes the file before it gives up the lock, so the locked file may be gone from the path.
         if (IsAtItsPath()) {
             m_isTaken = true;
             return Attempt::TAKEN;
@@ -93,7 +93,7 @@ NameLock::Opening NameLock::OpenExisting(Foreign foreign)
     return isOwn ? Opening::OPEN : Opening::CHANGED;
 }
 
-/// The name is the server's own: what others put there is removed where that is possible.
+/// The name belongs to the server, so it removes files of other users there if it can.
 NameLock::Opening NameLock::RemoveForeign()
 {
     if (::unlink(m_path.c_str()) == 0 || errno == ENOENT) {

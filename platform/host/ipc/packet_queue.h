@@ -7,24 +7,24 @@
 
 namespace HostPlatform {
 
-/// Packets that wait for their peer to read. They stand one behind the other as they go over the wire, so they cost as
-/// much memory as they hold. With the messages themselves in the queue, a peer that asks in big packets and reads none
-/// of the small answers would make the server keep the big ones. An empty queue has no heap. Used by one thread at a
-/// time.
+/// Packets that wait for their peer to read. The queue stores their bytes one behind the other, so they cost only the
+/// memory of the replies. A queue of messages would keep the big requests of a peer that reads none of its small
+/// replies. An empty queue has no heap. Used by one thread at a time.
 class PacketQueue {
 public:
     bool IsEmpty() const { return m_begin == m_bytes.size(); }
 
-    /// Whether the packet may wait beside those that do: 1 MiB in all.
+    /// Whether a packet of size bytes fits: all that wait may have 1 MiB. Append itself does not check it.
     bool HasRoomFor(std::size_t size) const;
 
-    /// @param packet a sound one, for it is found again by its length field
-    /// @throws std::bad_alloc the queue is as it was
+    /// Appends a copy.
+    /// @param packet must be sound, because its length field shows where it ends
+    /// @throws std::bad_alloc the queue is unchanged
     void Append(std::string_view packet);
 
-    /// The packet that has waited longest; valid until the next change. The queue is not empty.
+    /// The packet that has waited longest; valid until the next change. The queue must not be empty.
     std::string_view First() const;
-    /// The queue is not empty.
+    /// Frees the memory when it was the last one. The queue must not be empty.
     void RemoveFirst();
 
     /// Removes all packets and frees their memory.

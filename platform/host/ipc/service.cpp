@@ -81,7 +81,7 @@ bool Service::BeginToAccept()
     return true;
 }
 
-/// A lock whose holder does not serve must not cost the service: the loop asks for it again as long as it runs.
+/// A process that holds the lock without serving must not prevent the service. The loop tries again as long as it runs.
 bool Service::BeginToTry()
 {
     if (!m_tryAgain.Open(m_loop.Base(), OnTryAgain, this) || !m_tryAgain.Start(TRY_INTERVAL)) {
@@ -168,7 +168,7 @@ void Service::OnPauseOver(evutil_socket_t /*fd*/, short /*what*/, void* service)
     self.AcceptAgain();
 }
 
-/// If the loop does not take the listener back it is asked again later: the service must not stop accepting for good.
+/// If the loop does not take the listener back, it is asked again later. The service must not stop accepting for good.
 void Service::AcceptAgain()
 {
     if (event_add(m_acceptable.get(), nullptr) != 0) {
@@ -176,7 +176,7 @@ void Service::AcceptAgain()
     }
 }
 
-/// Without a timer that ends it there is no pause.
+/// Pauses only if a timer is there to end the pause.
 void Service::PauseAccepting()
 {
     if (m_pause.Start(std::chrono::milliseconds(100))) {
@@ -184,7 +184,7 @@ void Service::PauseAccepting()
     }
 }
 
-/// A few for each time that the loop comes round, so that a rush of new peers does not keep the old ones waiting.
+/// A few in each round of the loop, so that a rush of new peers does not delay the old ones.
 void Service::AcceptSome()
 {
     if (m_connections.size() >= m_mostConnections) {
@@ -204,7 +204,7 @@ void Service::AcceptSome()
     }
 }
 
-/// The waiting peer keeps the listener readable, so a loop that went on would spin.
+/// The waiting peer keeps the listener readable, so the loop would spin.
 void Service::WaitForAnEnd()
 {
     event_del(m_acceptable.get());
@@ -229,8 +229,8 @@ void Service::HandleAcceptFailure(int error)
     if (error == EAGAIN || error == EINTR || error == ECONNABORTED) {
         return;
     }
-    // Out of descriptors, most likely: others than the connections have taken them. The waiting peer keeps the listener
-    // readable, so a loop that went on would spin.
+    // Most likely the process is out of descriptors. The waiting peer keeps the listener readable, so the loop would
+    // spin.
     PauseAccepting();
     if (m_exhaustions.MayWrite()) {
         HOST_LOG_ERROR("service[%s]: a connection cannot be accepted: %s. Those that wait are tried again; "

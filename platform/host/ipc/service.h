@@ -21,21 +21,23 @@ namespace HostPlatform {
 /// exception of the service's callbacks is logged and costs the connection, never the loop.
 class Service final : public bolt_server, private ConnectionOwner {
 public:
-    /// Takes nothing yet.
-    /// @param loop outlives the service, and so do ops and arg, which are not owned
+    /// Claims nothing yet.
+    /// @param loop outlives the service, as do ops and arg, which are not owned
+    /// @param ops null: no callbacks
     /// @throws std::bad_alloc
     Service(EventLoop& loop, const char* service, const bolt_server_ops* ops, void* arg);
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
     ~Service() override = default;
 
-    /// Takes the name, lets the service start and begins to accept. While a process that does not serve holds the lock
-    /// on the name, this is done later, by the loop. False, with the reason in the log, when a step fails; nothing is
-    /// then left behind.
+    /// Claims the name, begins to accept and calls the start callback. Waits up to a second for the lock on the name.
+    /// If a process that does not serve holds it longer, the service starts unreachable and the loop tries again each
+    /// second.
+    /// @return false, with the reason in the log, when a step fails; the caller then destroys the service
     /// @throws std::bad_alloc
     bool Start();
 
-    /// Lets the service stop, closes its connections and takes its socket away.
+    /// Calls the stop callback, closes the connections and removes the socket. Queued replies are lost.
     void Stop();
 
 private:

@@ -23,7 +23,7 @@ namespace {
 /// The server's own user and group.
 constexpr mode_t SOCKET_MODE = 0660;
 
-/// How long to wait for another server that starts at the same moment.
+/// The wait for another server that starts at the same moment: a second.
 constexpr int MOST_TRIES = 100;
 constexpr timespec PAUSE{0, 10'000'000};
 
@@ -88,7 +88,7 @@ bool NobodyAnswers(const std::string& service, const std::string& path)
     return true;
 }
 
-/// Makes the path free if a dead server's socket stands there.
+/// Removes the socket of a dead server at the path. False, with the reason in the log, when the path is not free then.
 bool ClearPath(const std::string& service, const std::string& path)
 {
     struct stat status {};
@@ -128,8 +128,8 @@ ServiceSocket::Listening ServiceSocket::Listen(const std::string& service, Patie
                        SERVICE_DIRECTORY, std::strerror(errno), static_cast<unsigned>(::geteuid()));
         return Listening::FAILED;
     }
-    // Held from the first look at the path until the socket listens: of two servers that start at the same moment, the
-    // later one finds the other's socket alive.
+    // Held from the first check of the path until the socket listens. So of two servers that start at the same moment
+    // the later one finds the other's live socket.
     NameLock lock(service);
     switch (patience == Patience::A_SECOND ? TakeWithPatience(lock) : lock.Try(NameLock::Foreign::REMOVE)) {
     case NameLock::Attempt::TAKEN:
@@ -181,7 +181,7 @@ void ServiceSocket::Remove()
     if (!m_fd.IsOpen()) {
         return;
     }
-    // Before the socket is closed: as long as it lives no other server replaces it, and no other file is given its
+    // Before the socket is closed. While it is open, no other server replaces it and no other file gets its inode
     // number.
     struct stat status {};
     if (::lstat(m_path.c_str(), &status) == 0 && status.st_dev == m_device && status.st_ino == m_inode) {

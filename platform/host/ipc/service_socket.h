@@ -23,14 +23,15 @@ public:
     /// How long to wait for the lock.
     enum class Patience { A_SECOND, NONE };
 
-    /// Takes the name and listens. What a dead server left there is replaced. FAILED, with the reason in the log, when
-    /// the name is no file name, a live server holds it, or the system refuses.
-    /// @throws std::bad_alloc
+    /// Claims the name and listens; the user and group of this process may connect. Replaces the socket of a dead
+    /// server, but no other file. FAILED, with the reason in the log, when the name is no file name, a live server
+    /// holds it, or the system refuses.
+    /// @throws std::bad_alloc the socket may already listen; Remove it
     Listening Listen(const std::string& service, Patience patience);
-    /// In words for the log, after LATER.
+    /// What keeps the lock busy, in words for the log; set by LATER.
     const std::string& Obstacle() const { return m_obstacle; }
 
-    /// Takes the socket away, if what stands at its path is still this one, and closes it.
+    /// Closes the socket. Removes its file first, unless another file has taken its place. May be called again.
     void Remove();
 
     /// The descriptor, still owned by this; -1 when it does not listen.

@@ -8,22 +8,23 @@
 
 namespace HostPlatform {
 
-/// Calls back from the event loop when a time is over. The kernel measures it, and the loop watches a descriptor: a
-/// time handed to the event library would be misread on a 32-bit machine where the library was built with times of 32
-/// bits.
+/// Calls back from the event loop when a time is over. The kernel measures the time, and the loop watches a descriptor.
+/// A 32-bit event library may have times of 32 bits and would misread a time of ours. The loop's thread only.
 class Timer {
 public:
-    /// Called before the rest; may be called again.
-    /// @param callback on the loop's thread; it stops the timer or starts it anew, else it is called again at once
+    /// Called before the other operations. A second call begins anew, with the timer stopped.
+    /// @param callback runs on the loop's thread and must stop the timer or start it again, otherwise it is called at
+    /// once
     /// @return false with errno when there is no descriptor, or the loop does not take it
     /// @throws std::bad_alloc
     bool Open(event_base& base, event_callback_fn callback, void* argument);
 
-    /// @param time at least one nanosecond
-    /// @return false with errno
+    /// Replaces a time that is already running.
+    /// @param time of the monotonic clock, at least one nanosecond
+    /// @return false, with errno set, when the timer is not open or the kernel refuses
     bool Start(std::chrono::nanoseconds time);
 
-    /// Keeps the callback away until the next start.
+    /// Prevents the callback until the next start, also when the time is already over.
     void Stop();
 
     /// Takes the timer out of the loop. It can be opened again.

@@ -24,8 +24,8 @@ namespace {
 constexpr int PATIENCE_MS = 1000;
 constexpr mode_t FILE_MODE = 0640;
 
-/// Writes to a pipe. In a child that is about to execute, SIGPIPE has its default effect: a log whose reader has gone
-/// would kill every child before its exec.
+/// Writes to a pipe without SIGPIPE. In a child before its exec that signal has its default effect, so a log without a
+/// reader would kill every child.
 ssize_t WriteToPipe(int fd, const char* record, std::size_t length)
 {
     sigset_t pipeSignal;
@@ -96,8 +96,8 @@ bool WriteAfterOpenLine(int fd, LogHealth& health, const char* record, std::size
     return written == static_cast<ssize_t>(length) + 1;
 }
 
-/// Whether a link at that path can only have been put there by root or by this process's user, as /dev/stderr and links
-/// in /var/log. Elsewhere it may be anybody's and lead to any file that the server may write to.
+/// Whether only root or this process's user can have put a link at that path, as with /dev/stderr and links in
+/// /var/log. Elsewhere any user may have made it, and it may lead to any file that the server may write to.
 bool MayFollowLink(const char* path)
 {
     std::array<char, PATH_MAX> directory{'.'};
@@ -113,8 +113,8 @@ bool MayFollowLink(const char* path)
            (status.st_uid == 0 || status.st_uid == ::geteuid());
 }
 
-/// Whether it is the stream that the system's service manager has given to the process: JOURNAL_STREAM names it by
-/// device and inode. The variable may be inherited while standard error is another stream.
+/// Whether it is the stream that the system's service manager has given to the process. JOURNAL_STREAM names it by
+/// device and inode. A process may inherit the variable although its standard error is another stream.
 bool IsJournal(const struct stat& status)
 {
     const char* const stream = std::getenv("JOURNAL_STREAM");
@@ -143,7 +143,7 @@ LogDestination LogDestination::Open(const char* path)
     if (fd < 0) {
         return {};
     }
-    // Asked again: another file may have come to its place meanwhile.
+    // Asked again, because another file may have taken its place meanwhile.
     return {fd, ::fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode) ? PIPE : PLAIN};
 }
 
@@ -182,10 +182,10 @@ bool WriteToLog(LogDestination destination, LogHealth& health, const char* recor
     if (written < 0) {
         return false;
     }
-    if (health.readerHasStopped) { // read first: all processes share the cache line, and write it seldom
+    if (health.readerHasStopped) { // read first, so that the processes seldom write the cache line that they share
         health.readerHasStopped = false;
     }
-    // The rest is not sent after it, because another process's record may stand between.
+    // The rest is not sent, because another process's record may already follow.
     if (written < static_cast<ssize_t>(length)) {
         health.lastLineIsOpen = written > 0;
         return false;

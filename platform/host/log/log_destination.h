@@ -6,21 +6,24 @@
 
 namespace HostPlatform {
 
-/// Where records go, in the size of one atomic number. A value: it does not close its descriptor when it goes.
+/// Where records go, in the size of one atomic number. A plain value: its destruction does not close the descriptor.
 class LogDestination {
 public:
     enum Kind { PLAIN, PIPE, SOCKET, JOURNAL }; ///< JOURNAL: a socket at whose other end the system's journal reads
 
+    /// An undecided one.
     constexpr LogDestination() = default;
+    /// @param fd an open descriptor, which Close closes
     LogDestination(int fd, Kind kind) : m_packed((fd << KIND_BITS) | kind) {}
 
-    /// The end of a file, made where it is missing; or a FIFO, which is opened for reading too: its reader may come
-    /// later, and come and go. A link is followed only in a directory that others may not write to. Undecided, with
-    /// errno set, when it cannot be opened.
+    /// Opens a file for appending and creates it, with mode 0640, if it is missing. A FIFO is opened for reading too,
+    /// so that its reader may come later, and come and go. A link is followed only in a directory that belongs to this
+    /// user or root and that others may not write to. Never waits.
+    /// @return undecided, with errno set, when it cannot be opened
     static LogDestination Open(const char* path);
 
-    /// A pipe is opened anew: other holders of it must go on waiting for its reader. The environment variable
-    /// JOURNAL_STREAM names the journal's socket. Always decided.
+    /// Standard error. A pipe is opened again, so that only the log's descriptor does not block. The environment
+    /// variable JOURNAL_STREAM names the journal's socket. Always decided.
     static LogDestination StandardError();
 
     /// False for a value that no destination was given to; the other operations then make no sense.
@@ -38,21 +41,22 @@ private:
     int m_packed = UNDECIDED;
 };
 
-/// The state of the destination, as all processes that write to it know it. Any thread and process.
+/// The state of the destination, shared by all processes that write to it. Any thread and process; no lock.
 struct LogHealth {
     std::atomic<unsigned> lost{0};             ///< records whose loss is not logged yet
     std::atomic<bool> lastLineIsOpen{false};   ///< a full disk has cut a record off
-    std::atomic<bool> readerHasStopped{false}; ///< a wait for it has been in vain
+    std::atomic<bool> readerHasStopped{false}; ///< a wait for the reader was in vain
 };
 
-/// The same in memory that the children of later forks share. Never freed.
+/// A new one in memory that this process shares with children of later forks. Never freed.
 /// @return null when such memory is unavailable
 LogHealth* NewSharedHealth();
 
-/// Writes one record. Waits for room in a pipe or a socket whose reader lags behind: a second at most, and not again
-/// until there has been some. Takes no lock and no heap and raises no SIGPIPE, so it may be called between fork and
-/// exec.
-/// @return false when the record has not been written whole
+/// Writes one record. Waits at most a second for room in a pipe or socket with a slow reader, and not again until there
+/// was room. Takes no lock and no heap and raises no SIGPIPE, so it may be called between fork and exec. May change
+/// errno.
+/// @param destination must be decided
+/// @return false when the record is not written whole; the next record then begins in a new line
 bool WriteToLog(LogDestination destination, LogHealth& health, const char* record, std::size_t length);
 
 } // namespace HostPlatform

@@ -16,8 +16,8 @@ namespace {
 /// A file name beyond this is cut: the columns always leave room for a message.
 constexpr std::size_t FILE_LIMIT = 1024;
 
-/// True for every text with a control character, and for some without: those with a byte C2. Eight bytes at a time, for
-/// this runs over each message and nearly all are clean.
+/// True for every text with a control character, and for some without: those with a byte C2. Eight bytes at
+/// a time, because this runs over each message and nearly all are clean.
 bool MayHoldControl(const char* text, std::size_t length)
 {
     constexpr std::uint64_t ones = 0x0101010101010101U;

@@ -5,16 +5,18 @@
 
 namespace HostPlatform {
 
-/// Keeps records that others can cause at will from filling the disk: of each kind one in an interval, with the number
-/// of those suppressed since the one before. Used by one thread at a time.
+/// Limits records that others can cause at will, so that they do not fill the disk. One object for each kind of record:
+/// it allows one in an interval and counts those in between. Used by one thread at a time.
 class RecordLimit {
 public:
+    /// @param interval of the monotonic clock; the first record is allowed at once
     explicit RecordLimit(std::chrono::seconds interval = std::chrono::seconds(1)) : m_interval(interval) {}
 
-    /// Whether a record may be written now. Counts it as suppressed otherwise.
+    /// Whether a record may be written now; then the next interval begins. Otherwise counts it as suppressed.
     bool MayWrite();
 
-    /// How many were suppressed between the last record that MayWrite allowed and the one before it.
+    /// The number suppressed between the last allowed record and the one before it. Ask after MayWrite has returned
+    /// true.
     unsigned Suppressed() const { return m_suppressed; }
 
 private:

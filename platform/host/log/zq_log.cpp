@@ -103,7 +103,7 @@ void DecideDestination()
         return;
     }
     const LogDestination file = LogDestination::Open(path);
-    // A number, for strerror may take a lock.
+    // As a number, because strerror may take a lock.
     const int error = errno;
     if (file.IsDecided()) {
         Decide(file);
