@@ -1,8 +1,8 @@
-# Run at installation, after a script that has set the directories, INIT and PACKAGING.
+# Runs at the installation, after a script that sets the directories, INIT and PACKAGING.
 
 cmake_policy(VERSION 3.22)
 
-# The full path of a directory. Below /usr the system's own /etc and /var are meant, as everywhere.
+# The full path of a directory. With the prefix /usr, /etc and /var are those of the system, as is usual.
 function(full_path variable directory)
     if(IS_ABSOLUTE "${directory}")
         set(path "${directory}")
@@ -22,11 +22,11 @@ full_path(LOADER_DIRECTORY "${LIBEXECDIR}/bundle-server")
 set(COLLECTION "${VAR}/lib/bundle-server/bundles")
 set(LOG_DIRECTORY "${VAR}/log/bundle-server")
 
-# Two installations from one build may run at once.
+# Two installations from one build may run at the same time.
 string(RANDOM LENGTH 12 installation)
 set(SCRATCH "${SCRATCH}/${installation}")
 
-# install_configured(SOURCE DESTINATION NAME TYPE): a file of service/, with the paths filled in.
+# install_configured(SOURCE DESTINATION NAME TYPE): installs a file of service/ with the paths filled in.
 function(install_configured source destination name type)
     set(made "${SCRATCH}/${destination}/${name}")
     configure_file("${PACKAGING}/service/${source}" "${made}" @ONLY)

@@ -1,4 +1,4 @@
-# Completion of bundlectl for bash. bundlectl itself knows what fits.
+# Completion of bundlectl for bash. bundlectl itself gives the candidates.
 _bundlectl() {
     local word=${COMP_WORDS[COMP_CWORD]} line
     [ "$word" != = ] || word=

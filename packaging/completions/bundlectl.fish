@@ -1,4 +1,4 @@
-# Completion of bundlectl for fish. bundlectl itself knows what fits.
+# Completion of bundlectl for fish. bundlectl itself gives the candidates.
 function __bundlectl_complete
     set -l words (commandline -opc)
     set -l word (commandline -ct)

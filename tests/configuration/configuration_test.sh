@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Tests of the project's configuration, one a name. Nothing is built.
+# Tests of the project's configuration, each with a name. Nothing is built.
 #
 # usage: configuration_test.sh TEST SOURCE_DIR SCRATCH_DIR CMAKE POCO_DIR [-DVARIABLE=VALUE...]
 set -euo pipefail
@@ -27,14 +27,15 @@ expect_message() {
     tr -s ' \n' ' ' < "$scratch/output" | grep -qF -- "$1" || fail "the message lacks: $1"
 }
 
-# make_framework VERSION: the machine's framework with another version number. The standard input is its description.
+# make_framework VERSION: makes a copy of the machine's framework with another version number. Standard input is added to
+# its configuration.
 make_framework() {
     mkdir "$scratch/framework"
     { echo "include([[$framework/PocoConfig.cmake]])"; cat; } > "$scratch/framework/PocoConfig.cmake"
     printf 'set(PACKAGE_VERSION %s)\nset(PACKAGE_VERSION_COMPATIBLE TRUE)\n' "$1" > "$scratch/framework/PocoConfigVersion.cmake"
 }
 
-# How many of the project's own sources are compiled with the option.
+# compiled_with OPTION: the number of the project's own sources that are compiled with it.
 compiled_with() {
     grep -c -- "\"command\": .* $1 .*system_server" "$scratch/build/compile_commands.json" || true
 }
@@ -48,8 +49,8 @@ case $test in
         ! configure "-DPoco_DIR=$scratch/framework" || fail "it is configured"
         expect_message "POCO 1.11.0 in $scratch/framework has no DirectoryWatcher"
         expect_message "Build it without that definition, or name another with -DPoco_DIR=DIR"
-        # No result is kept: the same build directory can be configured once the framework has changed.
-        "$cmake" "-DPoco_DIR=$framework" "$scratch/build" > "$scratch/output" 2>&1 || fail "it is refused still"
+        # The refusal is not cached: the same build directory can be configured once the framework has changed.
+        "$cmake" "-DPoco_DIR=$framework" "$scratch/build" > "$scratch/output" 2>&1 || fail "it is still refused"
         ;;
     OldFramework)
         make_framework 1.8.1 < /dev/null
@@ -66,19 +67,19 @@ case $test in
     Warnings)
         configure || fail "it cannot be configured"
         [ "$(compiled_with -Wconversion)" -gt 0 ] || fail "no source is compiled with warnings"
-        [ "$(compiled_with -Werror)" -eq 0 ] || fail "warnings are errors for those who only build"
+        [ "$(compiled_with -Werror)" -eq 0 ] || fail "warnings are errors in a plain build"
         for preset in dev release device; do
             configure --preset $preset || fail "the preset $preset cannot be configured"
             [ "$(compiled_with -Wconversion)" -eq "$(compiled_with -Werror)" ] ||
-                fail "in the preset $preset warnings are no errors"
+                fail "warnings are not errors in the preset $preset"
         done
         ;;
     Standard)
         configure || fail "it cannot be configured"
-        [ "$(compiled_with -std=c++17)" -gt 0 ] || fail "without a choice it is not C++17"
+        [ "$(compiled_with -std=c++17)" -gt 0 ] || fail "the default is not C++17"
         configure -DCMAKE_CXX_STANDARD=20 || fail "C++20 cannot be chosen"
-        [ "$(compiled_with '-std=c++2[0a]')" -gt 0 ] || fail "what is chosen has no effect"
-        ! configure -DCMAKE_CXX_STANDARD=14 || fail "a standard that is too old is taken"
+        [ "$(compiled_with '-std=c++2[0a]')" -gt 0 ] || fail "the chosen standard has no effect"
+        ! configure -DCMAKE_CXX_STANDARD=14 || fail "a standard that is too old is accepted"
         expect_message "CMAKE_CXX_STANDARD is 14, and the sources are C++17: give 17, 20 or 23."
         ;;
     *) fail "no such test: $test" ;;

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The commit that "--version" names is that of the sources, wherever they come from, or it is unknown.
+# "--version" names the commit of the sources in every case, or says that it is unknown.
 #
 # usage: version_test.sh SOURCE_DIR SCRATCH_DIR CMAKE
 set -euo pipefail
@@ -8,7 +8,7 @@ source=$1
 scratch=$2
 cmake=$3
 
-command -v git > /dev/null || { echo "skipped: there is no git"; exit 77; }
+command -v git > /dev/null || { echo "skipped: git is not installed"; exit 77; }
 export GIT_CONFIG_GLOBAL=/dev/null GIT_CONFIG_NOSYSTEM=1
 export GIT_AUTHOR_NAME=test GIT_AUTHOR_EMAIL=test@example.invalid
 export GIT_COMMITTER_NAME=test GIT_COMMITTER_EMAIL=test@example.invalid
@@ -18,7 +18,7 @@ fail() {
     exit 1
 }
 
-# version_of DIR [-DVARIABLE=VALUE...]: the text for these sources.
+# version_of DIR [-DVARIABLE=VALUE...]: the version text for the sources in DIR.
 version_of() {
     local directory=$1
     shift
@@ -27,7 +27,7 @@ version_of() {
     sed -n 's/^const char TOOL_VERSION\[\] = "\(.*\)";$/\1/p' "$scratch/version.cpp"
 }
 
-# expect DIR TEXT [-DVARIABLE=VALUE...]
+# expect DIR TEXT [-DVARIABLE=VALUE...]: checks the commit in that text.
 expect() {
     local said
     said=$(version_of "$1" "${@:3}")
@@ -53,13 +53,13 @@ mkdir "$scratch/archive"
 git -C "$tree" archive HEAD | tar -C "$scratch/archive" -xf -
 expect "$scratch/archive" "${commit:0:12}"
 
-# Copied without git's directory, below another project's work tree.
+# A copy without the directory .git, below another project's work tree.
 mkdir -p "$tree/vendor/cmake"
 cp "$source/cmake/commit" "$tree/vendor/cmake/"
 expect "$tree/vendor" unknown
 expect "$tree/vendor" 0123abc -DCOMMIT=0123abc
 
-# Nothing is compiled again when nothing has changed.
+# Without a change nothing is compiled again.
 before=$(stat -c %y "$scratch/version.cpp")
 expect "$tree/vendor" 0123abc -DCOMMIT=0123abc
 [ "$(stat -c %y "$scratch/version.cpp")" = "$before" ] || fail "the source is written again without a change"

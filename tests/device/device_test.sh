@@ -32,7 +32,7 @@ build() {
     "$cmake" --build "$scratch/server" --target bundle_server > "$scratch/output" 2>&1 || fail "it cannot be built"
 }
 
-# The names of the libraries that the daemon asks the loader for.
+# The names of the libraries that the daemon is linked with.
 needed() {
     readelf --dynamic "$scratch/server/system_server/bundle_server_module/bundle_server" |
         sed -nE 's/.*\(NEEDED\).*\[(.*)\]/\1/p'
@@ -66,7 +66,7 @@ case $test in
             expect_message "lib$name, the functions of $name.h (-DBUNDLE_SERVER_${name^^}_LIBRARY=FILE)"
         done
         expect_message -DBUNDLE_SERVER_DEVICE_DIR=DIR
-        # And no other.
+        # Only the missing ones are named.
         build_stubs
         rm "$scratch/stub/lib/liblumo.so"
         ! configure "-DBUNDLE_SERVER_DEVICE_DIR=$scratch/stub/lib" || fail "it is configured without one of them"
@@ -80,11 +80,11 @@ case $test in
         mv "$scratch/stub/lib/liblumo.so" "$scratch/stub/lib/libmessages.so"
         configure "-DBUNDLE_SERVER_DEVICE_DIR=$scratch/stub" "-DBUNDLE_SERVER_LUMO_LIBRARY=$scratch/stub/lib/libmessages.so" ||
             fail "it cannot be configured"
-        ! configure "-DBUNDLE_SERVER_LUMO_LIBRARY=$scratch/nowhere.so" || fail "it takes a file that is not there"
+        ! configure "-DBUNDLE_SERVER_LUMO_LIBRARY=$scratch/nowhere.so" || fail "it accepts a missing file"
         expect_message "$scratch/nowhere.so, the functions of lumo.h (BUNDLE_SERVER_LUMO_LIBRARY names it)"
         ;;
     IsNotConfusedWithAnother)
-        ! configure -DBUNDLE_SERVER_PLATFORM=devise || fail "it takes a platform that is not there"
+        ! configure -DBUNDLE_SERVER_PLATFORM=devise || fail "it accepts an unknown platform"
         expect_message 'BUNDLE_SERVER_PLATFORM is "host" or "device", not "devise".'
         ;;
     *) fail "no such test: $test" ;;

@@ -1,19 +1,19 @@
 #!/usr/bin/env bash
-# Walks through the README as a newcomer would: runs its commands in their order and waits for each record and each line
-# of output that it shows. So the README is true.
+# Walks through the README as a new user would. Runs its commands in their order and waits for each record and each line of
+# output that it shows.
 #
 # usage: walk.sh                     runs exactly the commands of the README
-#        walk.sh BUILD_DIR RUN_DIR   runs what is built in BUILD_DIR, in a separate directory, beside a live server
+#        walk.sh BUILD_DIR RUN_DIR   runs the programs of BUILD_DIR, in a separate directory, beside a live server
 #
-# As root it takes a private mount namespace, so that its services are not those of the machine.
+# As root it makes a private mount namespace, so that it does not use the machine's services.
 #
-# The words after the language say what a fenced block of the README is:
+# The words after the language give the kind of a fenced block of the README:
 #   sh walk          commands that end
 #   sh walk server   the server, in its own terminal
 #   sh walk events   the listener, in its own terminal
 #   text log         messages of the server's log, in this order; others may stand between them
-#   text output      what the last commands have printed
-#   text events      what the listener has printed
+#   text output      the output of the last commands
+#   text events      the output of the listener
 # "<!-- walk: Ctrl-C -->" is that key in the server's terminal. In a block, "…" stands for anything, and a number of three
 # digits or more for any number.
 set -uo pipefail
@@ -25,7 +25,7 @@ if [ "$(id -u)" -eq 0 ] && [ -z "${WALK_IN_NAMESPACE:-}" ]; then
     exec unshare --mount --propagation private bash -c 'mount -t tmpfs none /mnt && exec "$0" "$@"' "$0" "$@"
 fi
 if [ "$(id -u)" -ne 0 ] && { [ ! -w /mnt/bolt ] || [ -S /mnt/bolt/bundlesvr.paas.kov ]; }; then
-    echo "skipped: without root it needs /mnt/bolt for itself"
+    echo "skipped: without root it needs an unused /mnt/bolt"
     exit 77
 fi
 
@@ -38,7 +38,7 @@ if [ $# -eq 2 ]; then
     build=$1
     run=$2
     own_arguments=(--build-dir "$build" --run-dir "$run")
-    # Any free port.
+    # Chooses a free port.
     port=$(((RANDOM % 10000) + 20000))
     while (exec 3<> "/dev/tcp/127.0.0.1/$port") 2> /dev/null; do
         port=$((port + 1))
@@ -54,7 +54,7 @@ unset ZQ_LOG_FILE
 step="nothing yet"
 server=
 listener=
-seen=0 # lines of the log that have been passed
+seen=0 # lines of the log that have been matched
 
 fail() {
     echo "FAILED at \"$step\": $*"
@@ -106,8 +106,8 @@ commands() {
     printf '%s\n' "$text" > "$notes/commands"
 }
 
-# Runs a command that stays, as in its own terminal: in the background of a script it would ignore the keyboard's signals.
-# Leaves its process in $stayed.
+# Runs a command that does not end, as in a terminal of its own. Started in the background of a script it would ignore the
+# keyboard's signals. Sets $stayed to its process.
 stay() {
     commands
     sed -i '1s/^/exec /' "$notes/commands"
@@ -118,7 +118,7 @@ stay() {
 do_server() {
     stay "$notes/server.output" "$log"
     server=$stayed
-    # It may have to build first.
+    # The command may first have to build.
     local tries
     for ((tries = 0; tries < 6000; ++tries)); do
         [ ! -s "$log" ] || return 0
@@ -135,7 +135,7 @@ do_events() {
         [ ! -p /mnt/bolt/event.paas.kov ] || return 0
         sleep 0.1
     done
-    fail "nobody listens: $(cat "$notes/events.errors")"
+    fail "bundlectl does not listen: $(cat "$notes/events.errors")"
 }
 
 do_commands() {
@@ -149,7 +149,7 @@ do_log() {
     local line
     while IFS= read -r line; do
         step="log: $line"
-        seen=$(await_line "$log" "$seen" "$line") || fail "this record does not come"
+        seen=$(await_line "$log" "$seen" "$line") || fail "this record is missing"
     done
 }
 

@@ -30,7 +30,7 @@ public:
     }
     EventFifo(const EventFifo&) = delete;
     EventFifo& operator=(const EventFifo&) = delete;
-    ~EventFifo() { std::remove(EVENT_FIFO); }
+    ~EventFifo() { static_cast<void>(std::remove(EVENT_FIFO)); }
 
     /// The bytes written since the last call, at most 4096; empty when there are none.
     std::string Received() const

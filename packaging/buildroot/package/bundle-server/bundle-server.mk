@@ -4,8 +4,8 @@
 #
 ################################################################################
 
-# The sources are those that this tree is part of. To have them fetched instead, give a version and a site, and add a
-# bundle-server.hash with the sums of what you have fetched and looked at.
+# The sources are the tree that this file is part of. To fetch them instead, set a version and a site, and add a
+# bundle-server.hash with the checksums of the fetched and reviewed files.
 BUNDLE_SERVER_VERSION = 0.1.0
 BUNDLE_SERVER_SITE = $(BR2_EXTERNAL_BUNDLE_SERVER_PATH)/../..
 BUNDLE_SERVER_SITE_METHOD = local
@@ -33,7 +33,7 @@ else
 BUNDLE_SERVER_CONF_OPTS += -DBUNDLE_SERVER_PUT=OFF
 endif
 
-# The init script goes by the name that the start-up of busybox and sysvinit looks for.
+# Renames the init script to the form that the start-up of busybox and sysvinit expects.
 define BUNDLE_SERVER_INSTALL_INIT_SYSV
 	mv $(TARGET_DIR)/etc/init.d/bundle-server $(TARGET_DIR)/etc/init.d/S90bundle-server
 endef

@@ -3,7 +3,7 @@ SECTION = "base"
 LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=f579c0e0087e07dde6c3f590358b889a"
 
-# Where the sources are kept is yours to say, for instance in local.conf:
+# Set the place of the sources, for instance in local.conf:
 #   BUNDLE_SERVER_GIT = "git://git.example.org/bundle-server;protocol=https;branch=main"
 #   SRCREV:pn-bundle-server = "the commit that you have tested"
 BUNDLE_SERVER_GIT ?= ""
@@ -16,8 +16,8 @@ inherit cmake pkgconfig systemd update-rc.d
 
 DEPENDS = "poco cli11"
 
-# The device's own libraries behind the four headers of platform/include: "device" in PACKAGECONFIG instead of "host",
-# and what they are and where they lie in EXTRA_OECMAKE (docs/device.md).
+# To use the device's own libraries for the four headers of platform/include, set "device" in PACKAGECONFIG instead of "host",
+# and name the libraries and their place in EXTRA_OECMAKE (docs/device.md).
 # "put" builds the verbs that install, update and verify bundles: put, rollback, versions, verify, remove.
 PACKAGECONFIG ??= "host put"
 PACKAGECONFIG[host] = "-DBUNDLE_SERVER_PLATFORM=host,,libevent safec,,,device"
@@ -35,7 +35,7 @@ SYSTEMD_SERVICE:${PN} = "bundle-server.service"
 INITSCRIPT_NAME = "bundle-server"
 INITSCRIPT_PARAMS = "defaults 90 10"
 
-# Shell completions are for who logs in on the device. The library is for other programs, and is of use without the server.
+# Shell completions are for users who log in on the device. Other programs use the library, also without the server.
 PACKAGES =+ "${PN}-completions libbundle-client"
 FILES:libbundle-client = " \
     ${libdir}/libbundle-client.so.0 \
@@ -83,13 +83,13 @@ CONFFILES:${PN} = " \
     ${sysconfdir}/default/bundle-server \
     ${sysconfdir}/logrotate.d/bundle-server \
 "
-# What the timers and the crontab run.
+# The programs that the timers and the crontab run.
 RRECOMMENDS:${PN} = "logrotate"
 
 do_install:append() {
-    # /var/log is in memory on most devices: who starts the server makes its directory.
+    # /var/log is in memory on most devices, so the unit or the init script makes the log's directory.
     rm -rf ${D}${localstatedir}/log
-    # The units lie where this distribution looks for units.
+    # The directory of units depends on the distribution.
     if [ -d ${D}${prefix}/lib/systemd/system ] && [ "${prefix}/lib/systemd/system" != "${systemd_system_unitdir}" ]; then
         install -d ${D}${systemd_system_unitdir}
         mv ${D}${prefix}/lib/systemd/system/* ${D}${systemd_system_unitdir}/
