@@ -281,6 +281,10 @@ Contents ParseContents(std::string_view text)
     if (!std::is_sorted(contents.entries.begin(), contents.entries.end(), ByPath)) {
         throw Refusal("the list of contents is not in order.");
     }
+    // Each list has one form, so that no byte of what is signed goes unread.
+    if (contents.Text() != text) {
+        throw Refusal("the list of contents is not written as bundlectl pack writes it.");
+    }
     return contents;
 }
 

@@ -1,6 +1,7 @@
 #ifndef BUNDLECTL_PUT_CONTENTS_H
 #define BUNDLECTL_PUT_CONTENTS_H
 
+#include "put/entry.h"
 #include "put/refusal.h"
 
 #include <cstdint>
@@ -16,18 +17,6 @@ constexpr const char CONTENTS_FILE[] = "BundleContents";
 constexpr const char SIGNATURE_FILE[] = "BundleContents.sig";
 /// What put writes into the root of a bundle that it installs.
 constexpr const char VERSION_FILE[] = ".bundlectl";
-
-/// A file, a directory or a link of a bundle.
-struct Entry {
-    enum Kind : char { FILE = 'f', DIRECTORY = 'd', LINK = 'l' };
-
-    Kind kind = FILE;
-    unsigned mode = 0;      ///< permissions; 0 of a link
-    std::uint64_t size = 0; ///< of a file
-    std::string hash;       ///< of a file: SHA-256, in hexadecimal digits
-    std::string target;     ///< of a link
-    std::string path;       ///< from the bundle's root
-};
 
 /// What a bundle consists of. A list that was read leads nowhere outside of the bundle: each path is relative and
 /// stands below directories of the list, and so does what links lead to.

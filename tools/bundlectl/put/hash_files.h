@@ -1,7 +1,7 @@
 #ifndef BUNDLECTL_PUT_HASH_FILES_H
 #define BUNDLECTL_PUT_HASH_FILES_H
 
-#include "put/contents.h"
+#include "put/entry.h"
 
 #include <string>
 #include <vector>
