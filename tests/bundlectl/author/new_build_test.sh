@@ -1,10 +1,14 @@
 #!/bin/sh
 # The projects of new bundles are built as they come, lint finds nothing in them, and their scripts may run twice.
-# Usage: new_build_test.sh BUNDLECTL. The long form builds one of each kind, for 32-bit ARM as well.
+# Usage: new_build_test.sh PROGRAM...: bundlectl, bundlectl-author, the server and its loader. The long form builds one
+# of each kind, for 32-bit ARM as well.
 set -eu
-bundlectl=$1
 place=$(mktemp -d)
 trap 'rm -rf "$place"' EXIT
+# In one directory they find each other, as they do where they are installed.
+mkdir "$place/programs"
+cp "$@" "$place/programs"
+bundlectl=$place/programs/bundlectl
 
 fail() {
     cat "$place"/*.log
@@ -38,21 +42,33 @@ scripts_may_run_twice() {
     done
 }
 
+# The project's own test, which runs the bundle under the real server.
+passes() {
+    ctest --preset native > "$place/ctest.log" 2>&1 || fail "${PWD##*/} does not pass its test"
+    grep -q '^100% tests passed, 0 tests failed out of 1$' "$place/ctest.log" || fail "${PWD##*/} has no test"
+}
+
 new a-script --lang sh --requires base,net
 build native
 scripts_may_run_twice
+passes
 echo "bundle_lode_mode = 0" >> bundle/BundleManifest.ini
 ! cmake --build --preset native > "$place/build.log" 2>&1 || fail "what lint finds does not fail the build"
 grep -q key-unknown "$place/build.log" || fail "the build fails otherwise"
 
 new a-program
 build native
-[ -z "${BUNDLE_SERVER_LONG_TESTS:-}" ] && exit
+if [ -z "${BUNDLE_SERVER_LONG_TESTS:-}" ]; then
+    exit
+fi
 
+passes
 new a-library --lang so
 build native
+passes
 new a-thread --mode thread
 build native
+passes
 if ! command -v arm-linux-gnueabihf-g++ > "$place/found.log"; then
     echo "nothing is built for 32-bit ARM: arm-linux-gnueabihf-g++ is missing"
     exit 77
