@@ -12,6 +12,7 @@ import subprocess
 import threading
 import time
 
+import bundlectl_verbs
 from harness import (MILLI, NANO, RUN, SOCKET, Missed, Reports, activity_of, collection_of_items,
                      fresh_directory, last_record, memory_of, numbers, row, running, server, server_command, until,
                      write_bundle)
@@ -309,4 +310,4 @@ def status(programs, quick):
 
 ALL = {"relaunch": relaunch, "storm": storm, "memory": memory, "idle": idle, "hot-add": hot_add, "start-up": start_up,
        "request": request, "load": load, "scan": scan, "log-record": log_record, "status": status,
-       "in-process": in_process}
+       "authors": bundlectl_verbs.authors, "verify": bundlectl_verbs.verify, "in-process": in_process}
