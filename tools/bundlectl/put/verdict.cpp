@@ -136,7 +136,6 @@ Outcome Verdict::Wait(const Awaited& awaited, std::chrono::milliseconds patience
     const bool isJournal = m_installation.log.kind == Model::LogLocation::JOURNAL;
     const std::chrono::milliseconds pause(isJournal ? 1000 : 100);
     const Clock::time_point end = Clock::now() + patience;
-    const std::string directory = m_installation.collection + "/" + awaited.directory;
     Model::Time since = m_since;
     constexpr Clock::time_point NEVER = Clock::time_point::max();
     Clock::time_point ripe = NEVER;
@@ -152,7 +151,7 @@ Outcome Verdict::Wait(const Awaited& awaited, std::chrono::milliseconds patience
         if (watch.IsHeldByDeadItem() && now < end) {
             since = Model::Now();
             ripe = NEVER;
-            if (::utimensat(AT_FDCWD, directory.c_str(), nullptr, 0) == 0) {
+            if (::utimensat(AT_FDCWD, (m_installation.collection + "/" + awaited.directory).c_str(), nullptr, 0) == 0) {
                 continue;
             }
         }
