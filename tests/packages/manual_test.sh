@@ -43,7 +43,7 @@ same "options of the loader" "$(options_of_page dyn_lib_process_loader.8)" "$("$
 same "exit statuses of the loader" "$(items_of_section dyn_lib_process_loader.8 'EXIT STATUS')" \
     "$("$loader" -h | sed -n '/^exit status/,$p' | grep -oE '[0-9]+')"
 
-commands=$("$bundlectl" --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z]*\) .*/\1/p')
+commands=$("$bundlectl" --help | sed -n '/^Commands:/,/^$/s/^  \([a-z]*\) .*/\1/p')
 same "commands of bundlectl" "$(cat "$man"/bundlectl*.1 | sed -n 's/^\.It Cm \([a-z]*\).*/\1/p')" "$commands"
 same "options of bundlectl" "$(for page in "$man"/bundlectl*.1; do options_of_page "${page##*/}"; done)" \
     "$(for command in "" $commands; do "$bundlectl" ${command:+"$command"} --help; done | options_of_help)"

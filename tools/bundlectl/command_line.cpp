@@ -4,12 +4,9 @@
 #include "exit_status.h"
 #include "other_program.h"
 #include "printable.h"
+#include "reading.h"
 #include "suggestion.h"
 #include "tools/version.h"
-
-// The only source that includes the library which reads command lines: each further one would hold a part of it once
-// more, and bundlectl must fit small devices.
-#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <csignal>
@@ -60,66 +57,50 @@ int TellUnknown(std::string_view word)
     return EXIT_USAGE;
 }
 
-void AddTo(CLI::App& part, const DeclaredArgument& declared)
+int TellProgram()
 {
-    const Argument& argument = declared.argument;
-    if (declared.isFlag) {
-        part.add_flag_callback(
-            argument.names, [&declared] { declared.take(""); }, argument.description);
-        return;
+    Arguments arguments;
+    std::string text = "Controls the bundle server of this machine.\nUsage: bundlectl COMMAND [OPTIONS]\n";
+    text += TellArguments(arguments) + HelpLine("--version", "print the version and exit") + "\nCommands:\n";
+    for (const Verb& verb : VERBS) {
+        text += HelpLine(verb.name, verb.description);
     }
-    const auto take = [&declared](const CLI::results_t& values) {
-        std::for_each(values.begin(), values.end(), declared.take);
-        return true;
-    };
-    CLI::Option& option = *part.add_option(argument.names, take, argument.description);
-    option.required(argument.isRequired);
-    if (declared.isList) {
-        option.expected(1, CLI::detail::expected_max_vector_size)->allow_extra_args();
-    }
-    if (*argument.type != '\0') {
-        option.type_name(argument.type);
-    }
-    if (!argument.standard.empty()) {
-        option.default_str(argument.standard);
-    }
-    if (argument.check) {
-        option.check(argument.check);
-    }
-    if (*argument.without != '\0') {
-        option.excludes(part.get_option(argument.without));
-    }
+    std::cout << text << "\n" << TellStatuses() << std::endl;
+    return EXIT_DONE;
 }
 
-/// What one verb needs while the command line is read.
-struct Part {
-    Arguments arguments;
-    Action action;
-};
-
-int Read(const Commands& commands, const Verb* verb, int argc, const char* const* argv)
+int RunVerb(const Commands& commands, const Verb& verb, const std::vector<std::string>& words)
 {
-    CLI::App program("Controls the bundle server of this machine.", "bundlectl");
-    program.require_subcommand(1);
-    program.set_version_flag("--version", std::string("bundlectl ") + TOOL_VERSION, "print the version and exit");
-    program.footer(TellStatuses());
-    Part part;
-    for (const Verb& listed : VERBS) {
-        CLI::App& section = *program.add_subcommand(listed.name, listed.description);
-        if (&listed == verb) {
-            part.action = commands.Find(verb->name)(part.arguments);
-            section.footer(TellExamples(verb->examples));
-            for (const DeclaredArgument& declared : part.arguments.All()) {
-                AddTo(section, declared);
-            }
-        }
+    Arguments arguments;
+    const Action action = commands.Find(verb.name)(arguments);
+    const Reading reading = ReadWords(arguments, words);
+    if (reading.wantsHelp) {
+        std::cout << verb.description << "\nUsage: bundlectl " << verb.name << " " << UsageOf(arguments) << "\n"
+                  << TellArguments(arguments) << "\n"
+                  << TellExamples(verb.examples) << std::endl;
+        return EXIT_DONE;
     }
-    try {
-        program.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return program.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
+    if (!reading.fault.empty()) {
+        std::cerr << "bundlectl " << verb.name << ": " << reading.fault << ". bundlectl " << verb.name
+                  << " --help tells more.\n";
+        return EXIT_USAGE;
     }
-    return part.action ? part.action() : EXIT_USAGE;
+    return action();
+}
+
+/// What stands in the place of a verb and is none.
+int TakeOwnOption(std::string_view word)
+{
+    if (word == "--version") {
+        std::cout << "bundlectl " << TOOL_VERSION << std::endl;
+        return EXIT_DONE;
+    }
+    if (word == "--help" || word == "-h") {
+        return TellProgram();
+    }
+    std::cerr << "bundlectl: " << (word == "-" ? "a command is missing" : "there is no option " + Printable(word))
+              << ". bundlectl --help tells more.\n";
+    return EXIT_USAGE;
 }
 
 int Run(const Commands& commands, int argc, char** argv)
@@ -135,7 +116,7 @@ int Run(const Commands& commands, int argc, char** argv)
     if (verb != nullptr && verb->program != commands.program) {
         return RunOtherProgram(verb->program, argv);
     }
-    return Read(commands, verb, argc, argv);
+    return verb != nullptr ? RunVerb(commands, *verb, {argv + 2, argv + argc}) : TakeOwnOption(word);
 }
 
 // The framework's library blocks it when it is loaded; this program ends like any other when a pipe's reader ends.

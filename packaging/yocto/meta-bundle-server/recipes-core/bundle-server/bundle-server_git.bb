@@ -14,7 +14,7 @@ S = "${WORKDIR}/git"
 
 inherit cmake pkgconfig systemd update-rc.d
 
-DEPENDS = "poco cli11"
+DEPENDS = "poco"
 
 # To use the device's own libraries for the four headers of platform/include, set "device" in PACKAGECONFIG instead of "host",
 # and name the libraries and their place in EXTRA_OECMAKE (docs/device.md).
