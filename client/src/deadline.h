@@ -8,7 +8,7 @@
 
 namespace BundleClient {
 
-/// The moment at which a time limit is over, by the monotonic clock.
+/// The moment at which a time limit is over, by the monotonic clock. Only reads the clock, so any thread may use it.
 class Deadline {
 public:
     /// @param limit in milliseconds, from now on; negative: never
@@ -16,7 +16,7 @@ public:
 
     bool IsOver() const { return m_end != NEVER && Now() >= m_end; }
 
-    /// What is left as poll wants it, rounded up so that poll does not return too early; -1: no limit.
+    /// The rest in the form of poll: milliseconds, rounded up so that poll does not return too early; -1: no limit.
     int ForPoll() const
     {
         if (m_end == NEVER) {
@@ -26,7 +26,7 @@ public:
         return static_cast<int>((left + NANOSECONDS_PER_MILLISECOND - 1) / NANOSECONDS_PER_MILLISECOND);
     }
 
-    /// What is left as a socket option, where zero means no limit.
+    /// The rest in the form of a socket option, where zero means no limit. When the time is over: the shortest limit.
     timeval ForSocket() const
     {
         if (m_end == NEVER) {

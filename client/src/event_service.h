@@ -13,8 +13,9 @@
 
 namespace BundleClient {
 
-/// Opens the event service without waiting for anything. A link in its place is not followed, and nothing but a FIFO is
-/// taken: who may write to the directory must not choose what is read and written.
+/// Opens the event service without waiting. Follows no link and accepts only a FIFO, so that a user who may write to
+/// the directory cannot choose which file is read or written.
+/// @param fifo receives the descriptor, close-on-exec; on failure it may hold one that is not a FIFO
 /// @param access O_WRONLY, which fails without a reader, or O_RDWR
 /// @return BUNDLE_CLIENT_OK, BUNDLE_CLIENT_NOT_A_FIFO, or BUNDLE_CLIENT_SYSTEM with errno set
 inline int OpenEventService(Common::UniqueFd& fifo, int access)

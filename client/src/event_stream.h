@@ -18,22 +18,22 @@ static_assert(sizeof(EventMessage) == 72, "an event has no padding");
 /// An event without names, its header filled in.
 EventMessage EmptyEvent();
 
-/// Cuts events out of the bytes of the FIFO. What is written at once arrives in one piece, but a FIFO does not keep
-/// apart what two programs have written: after bytes that are no event, the next event is found by its header.
+/// Extracts events from the bytes of the FIFO. An event is written at once and arrives in one piece, but a FIFO does
+/// not separate the bytes of two programs. After bytes that are no event, the next event is found by its header.
 class EventStream {
 public:
-    /// How many bytes to read at once: whole events, so that what other readers of the FIFO get is whole as well.
+    /// How many bytes to read at once: whole events, so that other readers of the FIFO also get whole events.
     static constexpr std::size_t READ_SIZE = 56 * sizeof(EventMessage);
 
-    /// Room for so many bytes. Only when Next has found no event.
+    /// Room for READ_SIZE bytes. Only after Next has found no event.
     char* Room() { return m_bytes + m_size; }
-    /// Tells how many of them have been filled.
+    /// @param size how many of them have been filled
     void Added(std::size_t size) { m_size += size; }
 
-    /// Takes the next event out. False when there is none in full.
+    /// Removes the next event from the stream. False when no complete one is there.
     bool Next(SystemServer::EventRecord& record);
 
-    /// Called when the FIFO is empty: what is left is then no beginning of an event.
+    /// Called when the FIFO is empty. The remaining bytes then are not the beginning of an event, and are skipped.
     void DropRest() { Skip(m_size); }
 
     /// The number of bytes since the last call that were no event.

@@ -5,8 +5,8 @@
 
 namespace BundleClient {
 
-/// Keeps pthread_cancel away while it lives: without exceptions, a thread that is cancelled would run no destructor and
-/// leave its descriptors open.
+/// Disables pthread_cancel for this thread while it lives. The library is built without exceptions, so a cancelled
+/// thread would run no destructor and leave its descriptors open.
 class NoCancellation {
 public:
     NoCancellation() { ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_before); }

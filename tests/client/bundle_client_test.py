@@ -233,7 +233,7 @@ class Publishing(Test):
         self.assertEqual(os.read(fifo, 1000), event_of(b"tuner", b"station.found"))
         os.close(fifo)
 
-    def test_tells_that_nobody_listens(self):
+    def test_reports_that_no_program_listens(self):
         self.assertFalse(bundle_client.publish("tuner", "event"))
         bundle_client.Listener().close()
         self.assertTrue(stat.S_ISFIFO(os.stat(EVENTS).st_mode))

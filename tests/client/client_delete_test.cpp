@@ -155,7 +155,7 @@ TEST(AClientThatDeletes, TellsWhyNoServerIsReached)
     EXPECT_EQ(errno, ECONNREFUSED) << "the socket of a server that has ended";
 }
 
-TEST(AClientThatDeletes, JudgesHostileAnswers)
+TEST(AClientThatDeletes, ReturnsACodeForEachHostileAnswer)
 {
     constexpr unsigned char response = 0x80;
     const std::string longest(65528, 'c');
@@ -261,7 +261,7 @@ TEST(AClientThatDeletes, IsNotEndedBySignals)
     EXPECT_GT(Interruptions::Count(), 50);
 }
 
-TEST(AClientThatDeletes, LeavesNoDescriptorOpenHoweverItEnds)
+TEST(AClientThatDeletes, LeavesNoDescriptorOpenAfterAnyEnd)
 {
     const std::map<int, std::string> before = OpenDescriptors();
     const std::vector<FakeService::Peer> peers{

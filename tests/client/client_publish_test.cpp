@@ -37,7 +37,7 @@ TEST_F(AClientThatPublishes, WritesTheRecordOfTheWire)
     EXPECT_EQ(bytes.substr(0, static_cast<std::size_t>(size)), EventOf("tuner", "station.found"));
 }
 
-TEST_F(AClientThatPublishes, TellsThatNobodyListens)
+TEST_F(AClientThatPublishes, ReportsThatNoProgramListens)
 {
     EXPECT_EQ(bundle_client_publish("tuner", "event"), BUNDLE_CLIENT_UNHEARD) << "there is no event service";
     Listen();

@@ -37,7 +37,7 @@ TEST(AClientThatAsks, WaitsForTheServersQueueAsLongAsItsLimit)
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
 }
 
-TEST(AClientThatAsks, ReturnsTheStatusWhateverItIs)
+TEST(AClientThatAsks, ReturnsAnyStatus)
 {
     std::string request;
     unsigned status = 0;

@@ -43,7 +43,7 @@ public:
 
 } // namespace
 
-TEST_F(TheClientLibraryWithTheServer, DeletesABundleAndHearsOfIt)
+TEST_F(TheClientLibraryWithTheServer, DeletesABundleAndReceivesTheEvent)
 {
     collection.Bundle("radio").Copy("radiod", TEST_SLEEPER).Write();
     ASSERT_TRUE(daemon.StartServing());

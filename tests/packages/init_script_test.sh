@@ -82,7 +82,7 @@ server=$(cat "$root/run/bundle-server.pid")
 ! cron check-supervision || fail "a server without a monitor is taken for a sound one"
 grep -q "daemon.err bundle-server: The server, process $server, has items and no monitor" "$root/var/log/messages" ||
     fail "no message says that nothing is supervised: $(cat "$root/var/log/messages")"
-[ "$(cat "$root/run/bundle-server.pid")" = "$server" ] || fail "the service was restarted unasked"
+[ "$(cat "$root/run/bundle-server.pid")" = "$server" ] || fail "the service was restarted without being configured to"
 echo 'BUNDLE_SERVER_RESTART_UNSUPERVISED="yes"' >> "$root/etc/default/bundle-server"
 ! cron check-supervision || fail "a server without a monitor is taken for a sound one"
 [ "$(cat "$root/run/bundle-server.pid")" != "$server" ] || fail "the service is not restarted"

@@ -72,7 +72,7 @@ observe() {
     lose_monitor
     await has_found "The server, process $server, has items and no monitor.* Items: $(running bin/away.sh)(sh)" ||
         fail "no message says that nothing is supervised: $(chroot "$root" journalctl --unit=bundle-server-check)"
-    ! another_than "$server" || fail "the service was restarted unasked"
+    ! another_than "$server" || fail "the service was restarted without being configured to"
     ! check 2> /dev/null || fail "the check succeeds for a server that supervises nothing"
 
     echo "BUNDLE_SERVER_RESTART_UNSUPERVISED=yes" >> "$root/etc/default/bundle-server"

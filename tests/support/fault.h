@@ -35,7 +35,7 @@ private:
 };
 
 /// While it lives, an action runs before each call. The action gets the call's first argument, if that is a number (a
-/// descriptor, a pid). Then the call goes on, unless the action throws, which only calls of the framework may. The
+/// descriptor, a pid). Then the call continues, unless the action throws, which only calls of the framework may. The
 /// destructor waits for actions that run on other threads.
 class BeforeEach {
 public:

@@ -104,7 +104,7 @@ TEST_F(AServerThatIsProcessOne, HasNoSignalThreadOnceItServes)
     }
 }
 
-TEST_F(AServerThatIsProcessOne, TellsWhyItDoesNotStart)
+TEST_F(AServerThatIsProcessOne, ReportsWhyItDoesNotStart)
 {
     daemon.Configure("global.bundle_collection_dir", "");
     daemon.Start();

@@ -22,12 +22,12 @@ void ExpectVersionLine(const char* program, const std::string& name)
 
 } // namespace
 
-TEST(Bundlectl, TellsItsVersion)
+TEST(Bundlectl, PrintsItsVersion)
 {
     ExpectVersionLine(BUNDLECTL, "bundlectl");
 }
 
-TEST(TheLoader, TellsItsVersion)
+TEST(TheLoader, PrintsItsVersion)
 {
     ExpectVersionLine(LOADER, "dyn_lib_process_loader");
 }

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-/// What is to come about for each of some bundles.
+/// A condition that each of some bundles must meet.
 struct BundleCondition {
     enum Kind { ACTIVE, GONE, ITEM };
 
@@ -17,11 +17,13 @@ struct BundleCondition {
     Model::Choice choice;
     std::chrono::seconds timeout{};
 
+    /// Sets kind and item from the argument of --for: "active", "gone" or "item:NAME". False for any other text.
     bool WaitsFor(const std::string& text);
 };
 
-/// Waits until it has come about. Says on standard error what is missing when the time is over. Returns the exit
-/// status.
+/// Waits until all bundles meet the condition and a server runs. Checks five times a second. When the time is over, it
+/// says on standard error what is missing.
+/// @return EXIT_DONE, EXIT_UNREACHABLE without a server, or EXIT_TIMED_OUT
 int WaitForBundles(const BundleCondition& condition);
 
 #endif

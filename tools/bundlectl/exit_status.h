@@ -1,7 +1,7 @@
 #ifndef BUNDLECTL_EXIT_STATUS_H
 #define BUNDLECTL_EXIT_STATUS_H
 
-/// What bundlectl tells the shell, all verbs alike.
+/// The exit statuses of bundlectl, the same for all verbs. Scripts depend on the numbers.
 enum ExitStatus : int {
     EXIT_DONE = 0,
     EXIT_FAILED = 1,
@@ -16,7 +16,7 @@ struct ExitStatusMeaning {
     const char* meaning;
 };
 
-/// For the end of each help text. The manual page has the same numbers.
+/// The list at the end of each help text. A test compares the manual page with it.
 constexpr ExitStatusMeaning EXIT_STATUSES[] = {
     {EXIT_DONE, "good"},
     {EXIT_FAILED, "failed, not healthy, a finding or a change"},

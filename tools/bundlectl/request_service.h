@@ -10,13 +10,14 @@
 #include <limits>
 #include <string>
 
-/// Where the server's request service is found.
+/// The path of the server's request socket. It exists only while a server serves, or after a server was killed.
 inline std::string ServicePath()
 {
     return std::string(Common::SERVICE_DIRECTORY) + '/' + SystemServer::BundleService::SERVICE_NAME;
 }
 
-/// A time limit as libbundle-client takes it, rounded up; 0 when the time is over.
+/// The time until end in the form of libbundle-client: milliseconds, rounded up so that a call does not end too early.
+/// @return 0 when the time is over; never negative, which would mean no limit
 inline int MillisecondsUntil(std::chrono::steady_clock::time_point end)
 {
     using std::chrono::milliseconds;

@@ -7,20 +7,21 @@
 #include <functional>
 #include <string_view>
 
-/// The program that has a verb's code. Users call bundlectl, which hands the command line on.
+/// The program that has a verb's code. Users call bundlectl, which executes that program with the same command line.
 enum class Program {
     BUNDLECTL,
-    ANALYSIS, ///< what is drawn and written from a log, which may be another machine's
-    PUT,      ///< what changes a collection: it takes libraries that the server does not need
-    AUTHOR,   ///< what authors of bundles need, on their own machines
+    ANALYSIS, ///< draws and writes pages from a log, which may come from another machine
+    PUT,      ///< changes a collection; needs libraries that the server does not need
+    AUTHOR,   ///< for authors of bundles, on their own machines
 };
 
 struct ProgramPlace {
     Program program;
     const char* file;   ///< in the directory of the server's helpers
-    const char* advice; ///< what to do where it is not installed
+    const char* advice; ///< what to do when it is not installed
 };
 
+/// One entry for each Program.
 constexpr ProgramPlace PROGRAMS[] = {
     {Program::BUNDLECTL, "bundlectl", "install the package bundlectl"},
     {Program::ANALYSIS, "bundlectl-analysis", "fetch the log, and look at it on another machine with --log FILE"},
@@ -98,13 +99,13 @@ using Action = std::function<int()>;
 /// Adds a verb's arguments. Returns what to do with them.
 using Definition = Action (*)(Arguments& arguments);
 
-/// A verb that this program carries out.
+/// A verb whose code is in this program.
 struct Command {
     std::string_view name;
     Definition define;
 };
 
-/// The verbs of one program. Holds references only.
+/// The verbs of one program. The array must outlive it.
 struct Commands {
     Program program;
     const Command* first;
@@ -112,6 +113,7 @@ struct Commands {
 
     const Command* begin() const { return first; }
     const Command* end() const { return first + count; }
+    /// Null when this program does not have the verb.
     Definition Find(std::string_view name) const;
 };
 

@@ -45,7 +45,7 @@ private:
 struct LogHealth {
     std::atomic<unsigned> lost{0};             ///< records whose loss is not logged yet
     std::atomic<bool> lastLineIsOpen{false};   ///< a full disk has cut a record off
-    std::atomic<bool> readerHasStopped{false}; ///< a wait for the reader was in vain
+    std::atomic<bool> readerHasStopped{false}; ///< a wait for the reader has timed out
 };
 
 /// A new one in memory that this process shares with children of later forks. Never freed.

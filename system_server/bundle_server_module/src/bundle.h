@@ -102,7 +102,7 @@ private:
 };
 
 /// The name under which other bundles and the requests know it: the manifest's, and so another one after an Update that
-/// has changed it. A copy, which needs memory: a record about the want of it uses the manifest's own.
+/// has changed it. A copy, which needs memory: a record that memory is short uses the manifest's own.
 inline std::string NameOf(const Bundle& bundle)
 {
     return bundle.GetManifest()->GetBundleName();

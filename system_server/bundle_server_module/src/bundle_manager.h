@@ -29,7 +29,7 @@ public:
     };
 
     explicit BundleManager(std::shared_ptr<BundleFactory> bundleFactory);
-    /// Lets go of the bundles and does nothing to them: what runs goes on.
+    /// Releases the bundles and does nothing to them: their items keep running.
     virtual ~BundleManager();
     BundleManager(const BundleManager&) = delete;
     BundleManager& operator=(const BundleManager&) = delete;
@@ -67,7 +67,7 @@ public:
 
     /// Starts the bundles it requires, then the bundle itself.
     /// @throws Poco::Exception it is not Resolved (nothing has changed), or its start failed: it is Resolved again,
-    /// what was started before the failure goes on
+    /// bundles that were started before the failure keep running
     void StartBundle(std::shared_ptr<Bundle> bundle);
 
     /// Stops the bundle, not those that require it.

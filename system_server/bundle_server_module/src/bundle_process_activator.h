@@ -41,7 +41,7 @@ public:
 
     /// Starts nothing.
     explicit BundleProcessActivator(std::shared_ptr<Bundle> bundle);
-    /// Stops nothing: the children go on under the monitor.
+    /// Stops nothing: the children keep running under the monitor.
     ~BundleProcessActivator() override;
 
     /// Launches the items in the manifest's order, which takes at least a second each.

@@ -22,8 +22,8 @@ public:
     /// @param watcher not owned. Its thread is joined before the follower is destroyed
     void SetWatcher(BundleDirWatcher& watcher) { m_watcher = &watcher; }
 
-    /// Lets the handlers go on, with this manager from now on; without one they do nothing. Only the first call counts.
-    /// The main thread.
+    /// Lets the handlers continue, with this manager from now on; without one they do nothing. Only the first call
+    /// counts. The main thread.
     void OpenGate(std::shared_ptr<BundleManager> manager);
 
     /// Loads, resolves and starts the bundle of a directory a second later, when a copy of it may have ended. Passes

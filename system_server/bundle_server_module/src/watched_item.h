@@ -51,11 +51,11 @@ public:
     /// Marks the item's current state as known, unless another directory has come to its place.
     void Accept(const Place& place, Fingerprinter& fingerprinter);
 
-    /// A directory is to be raised as added once more, when it has come to rest.
+    /// Requests that a directory is raised as added once more, when nothing in it changes any more.
     void RetryAdd();
 
-    /// The item is to be raised as modified although its state is known. False when the last modification was raised
-    /// for that reason, and nothing else has changed since. Passed over while it is withdrawn.
+    /// Requests that the item is raised as modified although its state is known. False when the last modification was
+    /// raised for that reason, and nothing else has changed since. Passed over while it is withdrawn.
     bool RaiseOnceMore();
 
     /// From now on nothing is raised of this very directory but its end.

@@ -1,4 +1,4 @@
-// Updates of a bundle, and changes that are made while a handler is at work.
+// Updates of a bundle, and changes that are made while a handler runs.
 
 #include "system/hot_plug/hot_plug.h"
 

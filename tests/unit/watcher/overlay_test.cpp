@@ -225,7 +225,7 @@ TEST_P(ABundleOnAnOverlay, IsModifiedOnceWhenAFileWithSeveralLinksIsOverwritten)
     EXPECT_EQ(EventsOfDropping(), Events{});
 }
 
-TEST_P(ABundleOnAnOverlay, IsModifiedOnceByEachChangeThoughItsInodesAreDropped)
+TEST_P(ABundleOnAnOverlay, IsModifiedOnceByEachChangeEvenIfItsInodesAreDropped)
 {
     if (IsSkipped()) {
         return;
@@ -343,7 +343,7 @@ protected:
     ADirectoryOnAnOverlay() : OnAnOverlay(GetParam()) {}
 };
 
-TEST_P(ADirectoryOnAnOverlay, IsToldFromItsCopyWhereNumbersAreKept)
+TEST_P(ADirectoryOnAnOverlay, IsDistinguishedFromItsCopyWhereNumbersAreKept)
 {
     if (IsSkipped()) {
         return;

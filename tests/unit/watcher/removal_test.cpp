@@ -34,7 +34,7 @@ TEST_F(ARemovalAtWork, RaisesNothingHoweverLongItTakes)
     EXPECT_EQ(WithoutSteps(EventsOfSteps(steps)), Events{"removed radio"});
 }
 
-TEST_F(ARemovalAtWork, IsAChangeOnceTheWholeTreeHasStoodStill)
+TEST_F(ARemovalAtWork, IsAChangeOnceTheWholeTreeStopsChanging)
 {
     for (const char* const name : {"bin/scand", "script/install.sh", "BundleManifest.ini"}) {
         EXPECT_EQ(EventsOfSteps({Removing(name), Appending(), Appending(), Appending()}), After(4, {"modified radio"}))

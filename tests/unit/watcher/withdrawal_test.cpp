@@ -80,7 +80,7 @@ TEST_F(Withdrawing, EndsWhenAnotherDirectoryTakesItsPlaceAtAnyTime)
     }
 }
 
-TEST_F(Withdrawing, EndsWithTheRemovalThoughTheSameLinkIsMadeAgainAtOnce)
+TEST_F(Withdrawing, EndsWithTheRemovalEvenIfTheSameLinkIsMadeAgainAtOnce)
 {
     fs::rename(In("radio"), Aside("radio"));
     recorder.PassScans(2);

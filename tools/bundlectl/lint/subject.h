@@ -19,7 +19,7 @@ struct SubjectItem {
     int line = 0;              ///< of its name in the manifest
 };
 
-/// A bundle that is looked at.
+/// A bundle that is checked.
 struct Subject {
     std::string path;         ///< its directory, without a "/" at the end
     std::string manifestFile; ///< the manifest's path
@@ -31,7 +31,7 @@ struct Subject {
     std::vector<SubjectItem> items; ///< in the order in which the server launches them
 };
 
-/// What the rules of a subject are given.
+/// The input of the rules of a subject, and the report for their findings.
 struct Check {
     const Subject& bundle;
     const Sysroot& sysroot;
@@ -43,7 +43,7 @@ struct Check {
     }
 };
 
-/// Each adds what it finds. The tables of their rules follow.
+/// Each adds its findings to the report. The tables of their rules follow.
 void CheckManifest(const Check& check);
 void CheckItems(const Check& check);
 void CheckElf(const Check& check, const SubjectItem& item, const ElfFacts& elf);
@@ -53,10 +53,11 @@ void CheckFiles(const Check& check);
 
 /// The interpreter that a script names in its first line; empty: it names none.
 std::string InterpreterOf(const std::string& head);
-/// Adds a finding when the interpreter is not in the file system that the bundle is to run in.
+/// Adds a finding when the interpreter is missing in the file system in which the bundle will run.
 void CheckInterpreterOf(const Check& check, const std::string& file, const std::string& interpreter);
 
-/// Takes the manifest as the server does, and says why it is not taken.
+/// Reads the manifest with the server's own code. If the server would refuse it, adds the reason to the report and
+/// leaves isRead false.
 Subject ReadSubject(const std::string& path, Report& report);
 
 using Rules = std::vector<const Rule*>;

@@ -9,7 +9,9 @@
 
 namespace Model {
 
-/// What is wrong, the errors first. Looks, and changes nothing.
+/// Searches the installation for faults. Only reads; what this user may not read gives no finding.
+/// @param proc of the machine, or a copy of it in tests
+/// @return the errors first
 std::vector<Finding> FindingsOf(const Snapshot& snapshot, const std::vector<BundleStatus>& bundles,
                                 const MachinePlaces& places, const Proc& proc);
 

@@ -8,7 +8,8 @@
 
 namespace Model {
 
-/// What the checks look at, and where they put what they find.
+/// The input of the checks, and their findings. All references are to objects of the caller, who reads the findings
+/// afterwards.
 struct Examination {
     const Snapshot& snapshot;
     const std::vector<BundleStatus>& bundles;
@@ -16,6 +17,7 @@ struct Examination {
     const Proc& proc;
     std::vector<Finding> findings{};
 
+    /// @param kind static, for programs; the other texts are sentences for people
     void Error(const char* kind, std::string what, std::string why, std::string remedy)
     {
         findings.push_back({kind, true, std::move(what), std::move(why), std::move(remedy)});
@@ -26,10 +28,10 @@ struct Examination {
     }
 };
 
-/// The files: configuration, collection, loader, log, disk, service files.
+/// Examines the files: configuration, collection, loader, log, disk, service files.
 void ExamineFiles(Examination& examination);
 
-/// What runs: server, socket, monitor, items, clock.
+/// Examines what runs: server, socket, monitor, items, clock.
 void ExamineProcesses(Examination& examination);
 
 } // namespace Model

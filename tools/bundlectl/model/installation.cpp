@@ -55,7 +55,7 @@ template <class Condition> void Keep(std::vector<ServerProcess>& servers, const 
                   servers.end());
 }
 
-// Of several the one that serves is meant, for that is the one that bundlectl can talk to.
+// Of several servers this is the one that serves, because bundlectl can talk to that one only.
 std::optional<ServerProcess> ChooseServer(std::vector<ServerProcess> servers, const Choice& choice,
                                           std::vector<std::string>& notes)
 {

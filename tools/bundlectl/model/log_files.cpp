@@ -138,7 +138,7 @@ private:
     }
 
     // A clock that was set back leaves late records before early ones, which halving may have jumped over: so a stretch
-    // before the place must be early throughout. One piece more, for a record may begin in one and end in the next.
+    // before the place must be early throughout. One piece more, because a record may begin in one and end in the next.
     std::uint64_t EarlierPieces(std::uint64_t piece)
     {
         constexpr std::uint64_t stretch = 16;
@@ -197,7 +197,7 @@ std::size_t LastStartIn(std::string_view text, pid_t server)
 std::optional<std::uint64_t> StartInPlainFile(const std::string& path, pid_t server)
 {
     Pieces pieces(path);
-    // Each piece is searched with what follows it, for the record may lie across the end.
+    // Each piece is searched together with the beginning of the next, because the record may lie across the end.
     constexpr std::uint64_t step = PIECE - 8192;
     for (std::uint64_t number = pieces.Size() / step + 1; number > 0; --number) {
         const std::uint64_t offset = (number - 1) * step;

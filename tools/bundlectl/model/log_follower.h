@@ -10,10 +10,12 @@
 
 namespace Model {
 
-/// A log file that is still written to, also across its rotation: by renaming it, and by copying and truncating it.
-/// Reading never waits: 0 means that there is nothing new yet, so ask again a moment later.
+/// Reads a log file that is still written to. Follows both forms of rotation: renaming the log, and copying and
+/// truncating it, with the copy at PATH.1. Records that a rotation has lost are noted, not shown. Reading never waits:
+/// 0 means that there is nothing new yet, so ask again a moment later. Used by one thread at a time.
 class LogFollower : public LogSource {
 public:
+    /// @param path need not exist yet; then reading begins at the start of the new file
     /// @param offset where to begin; END: with what is written from now on
     static constexpr std::uint64_t END = ~std::uint64_t{0};
     explicit LogFollower(std::string path, std::uint64_t offset = END);
@@ -21,7 +23,7 @@ public:
     std::size_t Read(char* buffer, std::size_t size) override;
 
 private:
-    /// The bytes just before the place that has been reached. After a truncation others stand there.
+    /// The bytes just before the place that has been reached. After a truncation the file has others there, or none.
     struct Mark {
         std::array<char, 128> bytes{};
         std::size_t size = 0;

@@ -34,7 +34,8 @@ private:
     std::vector<std::string> m_troubles;
 };
 
-/// An open file or pipe from where it stands. @param name of it, for what is said of it
+/// Reads an open file or pipe from its current position.
+/// @param name the file's name in messages
 std::unique_ptr<LogSource> ReadDescriptor(Common::UniqueFd fd, std::string name);
 
 /// A file from an offset on; one whose name ends in ".gz" is inflated, and the offset counts what comes out of it.

@@ -13,7 +13,7 @@
 
 namespace Model {
 
-/// A process as /proc/PID/stat has it, which everybody may read.
+/// A process by its /proc/PID/stat, which every user may read.
 struct ProcessStat {
     pid_t pid = 0;
     std::string name; ///< of its main thread, at most 15 bytes; not escaped
@@ -28,13 +28,14 @@ struct ProcessStat {
     bool IsAlive() const { return state != 'Z' && state != 'X' && state != '?'; }
 };
 
-/// What /proc says. The root is another directory in tests.
+/// Reads /proc. Every call reads anew, so two calls may see different processes. Tests give another directory as root.
 class Proc {
 public:
     explicit Proc(std::string root = "/proc") : m_root(std::move(root)) {}
 
     /// All processes, zombies too, in the order of their numbers.
     std::vector<ProcessStat> Processes() const;
+    /// Empty when there is no such process.
     std::optional<ProcessStat> Stat(pid_t pid) const;
     /// Of a process: its threads' names and times.
     std::vector<ProcessStat> Threads(pid_t pid) const;

@@ -9,11 +9,13 @@
 
 namespace Model {
 
-/// The sockets of this machine that somebody can reach: TCP that listens, UDP that is bound, Unix with a path. By what
-/// a descriptor leads to ("socket:[1234]"), as "tcp 0.0.0.0:80", "udp [::]:53", "unix /run/x".
+/// The sockets of this machine that other programs can reach: listening TCP, bound UDP, Unix with a path. Maps the
+/// target of a descriptor ("socket:[1234]") to a name such as "tcp 0.0.0.0:80", "udp [::]:53" or "unix /run/x". Read
+/// once, by the constructor.
 class Sockets {
 public:
-    /// @param pid in whose network namespace to look
+    /// @param proc must outlive this
+    /// @param pid a process of the network namespace to read; empty if that is not allowed
     Sockets(const Proc& proc, pid_t pid);
 
     /// Those of a process, each once. Empty too when its descriptors may not be read.

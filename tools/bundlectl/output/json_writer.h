@@ -14,11 +14,13 @@ namespace Output {
 /// The version of the schema that all output follows: tools/bundlectl/schema/bundlectl-1.json.
 constexpr const char JSON_SCHEMA[] = "bundlectl-1";
 
-/// Puts a JSON text together, member by member. The caller pairs Begin and End. Texts become valid UTF-8.
+/// Builds a JSON text, member by member. The caller pairs each Begin with an End, and each Key with a value: neither is
+/// checked. Bytes that are no UTF-8 become U+FFFD. Each operation returns the writer itself.
 class JsonWriter {
 public:
     JsonWriter& BeginObject() { return Begin('{'); }
     JsonWriter& BeginArray() { return Begin('['); }
+    /// Ends the innermost object or array. A line end follows the outermost.
     JsonWriter& End();
     /// Names the next value.
     JsonWriter& Key(const char* name);
@@ -31,17 +33,20 @@ public:
     {
         return Plain(std::to_string(number));
     }
+    /// In UTC, as a text.
     JsonWriter& Value(Model::Time time);
     /// As seconds, with a fraction.
     JsonWriter& Value(Model::Microseconds span);
     JsonWriter& Null() { return Plain("null"); }
 
+    /// Null when there is none.
     template <class Type> JsonWriter& Value(const std::optional<Type>& value) { return value ? Value(*value) : Null(); }
     template <class Type> JsonWriter& Member(const char* name, const Type& value) { return Key(name).Value(value); }
 
-    /// Begins the object that every verb's output is: the schema, the verb, the time.
+    /// Begins the object that is the output of every verb: the schema, the verb, the time. End ends it.
     JsonWriter& BeginOutput(const char* verb, Model::Time taken);
 
+    /// Complete after the last End.
     const std::string& Text() const { return m_text; }
 
 private:

@@ -8,8 +8,8 @@
 
 namespace Output {
 
-/// A table for people: columns as wide as they need be, two blanks between them. The last column takes what is left
-/// and, on a terminal, is cut to it.
+/// A table for people: columns as wide as necessary, with two blanks between them. On a terminal, the last column gets
+/// the rest of the line and is cut to it. When that leaves too little, the widest other column is narrowed first.
 class Table {
 public:
     struct Cell {
@@ -22,6 +22,7 @@ public:
 
     explicit Table(std::vector<std::string> heads) : m_heads(std::move(heads)) {}
 
+    /// @param row no more cells than there are heads
     void Add(std::vector<Cell> row) { m_rows.push_back(std::move(row)); }
 
     /// The lines, with their ends. Columns in which every row is empty are left out.

@@ -8,7 +8,7 @@
 
 namespace Put {
 
-/// SHA-256 of what is added to it.
+/// SHA-256 of the bytes that are added to it. Used by one thread at a time.
 class Hash {
 public:
     Hash();
@@ -16,8 +16,9 @@ public:
     Hash(const Hash&) = delete;
     Hash& operator=(const Hash&) = delete;
 
+    /// The bytes are not kept.
     void Add(const void* data, std::size_t size);
-    /// In hexadecimal digits. Nothing is to be added afterwards.
+    /// The hash in hexadecimal digits. Nothing may be added afterwards.
     std::string Finish();
 
 private:
@@ -30,9 +31,11 @@ struct HashedFile {
     std::string hash;
 };
 
-/// Reads a file to its end. @throws Refusal when it cannot be read
+/// Reads a file to its end.
+/// @throws Refusal the file cannot be read
 HashedFile HashFile(const std::string& path);
 
+/// Two lower-case digits for each byte.
 std::string HexOf(const unsigned char* data, std::size_t size);
 
 } // namespace Put

@@ -54,7 +54,7 @@ int Installer::Put()
 {
     m_report.verb = "put";
     ReadSource();
-    // Made under a name that no bundle's directory has, for the bundle's own name stands in what is unpacked.
+    // Made under a name that no bundle's directory has, because only the unpacked manifest has the bundle's own name.
     const std::string staged = m_store.Path() + "/unpacked";
     const Scratch scratch(staged);
     if (::mkdir(staged.c_str(), 0755) != 0 || ::chmod(staged.c_str(), 0755) != 0) {

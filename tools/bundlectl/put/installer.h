@@ -24,7 +24,8 @@ struct InstallOptions {
     bool force = false; ///< although lint finds errors
 };
 
-/// Gets one version of a bundle into the collection, and out again when it does not run there.
+/// Brings one version of a bundle into the collection, and goes back to the former one when it does not run there. For
+/// one installation only.
 class Installer {
 public:
     Installer(const Store& store, const InstallOptions& options) : m_store(store), m_options(options) {}

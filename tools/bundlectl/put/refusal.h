@@ -5,7 +5,7 @@
 
 namespace Put {
 
-/// Why something is refused, in a sentence for people.
+/// A verb refuses to go on. The text is a sentence for people, which names the object and, where possible, the way out.
 class Refusal : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

@@ -9,7 +9,9 @@
 
 namespace Put {
 
-/// Runs a verb and tells what it refuses. Returns the exit status.
+/// Runs a verb. Reports a Refusal, or a lock that another program holds for too long. Other exceptions leave it.
+/// @param json the report as JSON on standard output, otherwise as a sentence
+/// @return the verb's exit status, or EXIT_FAILED or EXIT_TIMED_OUT after a report
 template <class Verb> int Guarded(const char* verb, const std::string& bundle, bool json, const Verb& run)
 {
     Report report;
