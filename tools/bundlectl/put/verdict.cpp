@@ -166,8 +166,7 @@ Outcome Verdict::Wait(const Awaited& awaited, std::chrono::milliseconds patience
         }
         if (ripe == NEVER && now >= end) {
             return {Outcome::NO_VERDICT,
-                    "It has not become Active in time. A script can hold the server: bundlectl why "
-                    "tells which."};
+                    "It has not become Active in time. A script can hold the server: bundlectl why tells which."};
         }
         std::this_thread::sleep_for(pause);
     }
