@@ -2,10 +2,15 @@
 
 ::testing::AssertionResult FollowsSchema(const std::string& text)
 {
+    return FollowsSchema(text, JSON_SCHEMA);
+}
+
+::testing::AssertionResult FollowsSchema(const std::string& text, const std::string& schema)
+{
     const TemporaryDirectory directory;
     WriteFile(directory / "output", text);
     const Ended checked =
-        RunToEnd("/bin/sh", {"-c", "exec python3 " VALIDATOR " " JSON_SCHEMA " < " + (directory / "output")});
+        RunToEnd("/bin/sh", {"-c", "exec python3 " VALIDATOR " " + schema + " < " + (directory / "output")});
     if (checked.status == 0) {
         return ::testing::AssertionSuccess();
     }

@@ -18,6 +18,8 @@ public:
 
 /// Whether each line of a text follows the schema of what bundlectl prints for programs.
 ::testing::AssertionResult FollowsSchema(const std::string& text);
+/// The same for a schema of its own, whose path is given.
+::testing::AssertionResult FollowsSchema(const std::string& text, const std::string& schema);
 
 /// Fails unless the text has the part; the failure shows both.
 ::testing::AssertionResult Tells(const Ended& ended, const std::string& part);
