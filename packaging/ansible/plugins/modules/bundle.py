@@ -101,6 +101,11 @@ version:
   description: The number of the version in force, where it has one.
   returned: when known
   type: int
+drift:
+  description: In diff mode, where the installed bundle differs from what was shipped, as C(bundlectl verify) tells it.
+  returned: in diff mode, when there is such a difference
+  type: list
+  elements: str
 plan:
   description: In check mode, what the server will do, as C(bundlectl plan) tells it where that is installed.
   returned: in check mode, when something would change
@@ -117,8 +122,10 @@ import configparser
 import hashlib
 import json
 import os
+import shutil
 import stat
 import tarfile
+import tempfile
 
 from ansible.module_utils.basic import AnsibleModule
 
@@ -176,6 +183,24 @@ def contents_of_archive(archive):
             else:
                 contents[path] = "special file"
     return contents
+
+
+def unpack(archive, directory):
+    """What plan needs of an archive: its folders and plain files. Whatever leads out of the directory is left out."""
+    with tarfile.open(archive) as opened:
+        for member in opened:
+            path = os.path.normpath(member.name)
+            if os.path.isabs(path) or path.split(os.sep)[0] == os.pardir:
+                continue
+            path = os.path.join(directory, path)
+            if member.isdir() and not os.path.isdir(path):
+                os.makedirs(path)
+            elif member.isreg():
+                if not os.path.isdir(os.path.dirname(path)):
+                    os.makedirs(os.path.dirname(path))
+                with open(path, "wb") as stream:
+                    shutil.copyfileobj(opened.extractfile(member), stream)
+                os.chmod(path, member.mode & 0o777)
 
 
 def name_in(manifest):
@@ -258,15 +283,31 @@ class Bundle(object):
         if status != 0:
             self.module.fail_json(msg=said.get("text", "status %d" % status), **self.result)
 
-    def show(self, before, after):
-        """In diff mode, the files that differ."""
+    def verify(self, arguments):
+        """What bundlectl verify says for programs. Nothing when it says nothing."""
+        command = [self.parameters["bundlectl"], "verify", "--json"]
+        _status, output, _errors = self.module.run_command(command + arguments, expand_user_and_vars=False)
+        try:
+            return json.loads(output)
+        except ValueError:
+            return {}
+
+    def show(self, before, after, installed):
+        """In diff mode, the files that differ, and where the installed bundle is not what was shipped."""
         paths = sorted(path for path in set(before) | set(after) if before.get(path) != after.get(path))
-        self.result["diff"] = {
+        self.result["diff"] = [{
             "before": "".join("%s %s\n" % (path, before[path]) for path in paths if path in before),
             "after": "".join("%s %s\n" % (path, after[path]) for path in paths if path in after),
             "before_header": "installed",
             "after_header": "to be installed",
-        }
+        }]
+        # A bundle that was not packed has no list to compare it with.
+        if not self.module._diff or not installed or not os.path.exists(os.path.join(installed[0], OWN_FILES[0])):
+            return
+        drift = self.verify([installed[0]]).get("details", [])
+        if drift:
+            self.result["drift"] = drift
+            self.result["diff"].append({"prepared": "installed, and not as shipped:\n%s\n" % "\n".join(drift)})
 
     def plan(self, *change):
         """What the server will do, where the verb is installed."""
@@ -274,6 +315,20 @@ class Bundle(object):
         status, output, _errors = self.module.run_command(command, expand_user_and_vars=False)
         if status in (0, 1):
             self.result["plan"] = output.splitlines()
+
+    def plan_source(self, change, source, name):
+        """The plan for a source. It must be a directory, of the name that it will have in the collection."""
+        scratch = tempfile.mkdtemp(dir=self.module.tmpdir)
+        try:
+            directory = os.path.join(scratch, name)
+            if os.path.isdir(source):
+                os.symlink(os.path.abspath(source), directory)
+            else:
+                os.mkdir(directory)
+                unpack(source, directory)
+            self.plan(change, directory)
+        finally:
+            shutil.rmtree(scratch)
 
     def present(self):
         source = self.parameters["src"]
@@ -294,22 +349,34 @@ class Bundle(object):
             if path in wanted or os.sep not in path and what != "directory" or path.split(os.sep)[0] in SHIPPED_FOLDERS
         }
         self.result["changed"] = found != wanted
-        self.show(found, wanted)
+        self.show(found, wanted, installed)
         if not self.result["changed"]:
             return
         if self.module.check_mode:
-            self.plan(*(["update", source] if installed else ["add", source]))
+            self.require_signature(source)
+            # The base name: put refuses a name with a slash.
+            directory = os.path.basename(installed[0] if installed else name) or "bundle"
+            self.plan_source("update" if installed else "add", source, directory)
             return
         arguments = ["--soak", self.parameters["soak"], "--keep", str(self.parameters["keep"])]
         if self.parameters["key"]:
             arguments += ["--key", self.parameters["key"]]
         self.take(*self.control("put", arguments + [source]))
 
+    def require_signature(self, source):
+        """As put does it, which is not run in check mode."""
+        if not self.parameters["key"]:
+            return
+        said = self.verify(["--key", self.parameters["key"], source])
+        if said.get("outcome") != "good":
+            self.result["changed"] = False
+            self.module.fail_json(msg=said.get("text", "%s cannot be verified" % source), **self.result)
+
     def absent(self):
         name = self.parameters["name"]
         installed = self.directories(name)
         self.result["changed"] = bool(installed)
-        self.show(contents_of_directory(installed[0]) if installed else {}, {})
+        self.show(contents_of_directory(installed[0]) if installed else {}, {}, installed)
         if not installed:
             return
         if self.module.check_mode:
@@ -322,9 +389,9 @@ class Bundle(object):
         said, status = self.control("versions", arguments)
         if status != 0:
             self.take(said, status)
-        before = said.get("version")
+        in_force = [version["number"] for version in said.get("versions", []) if version["in_force"]]
         wanted = self.parameters["version"]
-        if wanted is not None and before == wanted:
+        if wanted is not None and wanted in in_force:
             self.result["version"] = wanted
             return
         self.result["changed"] = True
