@@ -157,7 +157,8 @@ std::string Heading(const Report& report)
 std::string ReportPage(const Report& report)
 {
     std::string page = HEAD + Heading(report) + FindingsSection(report) + StatusSection(report);
-    page += Element("h2", "Who requires whom") + Element("div", DependencyGraph(report.bundles), Class("wide"));
+    const std::string graph = DependencyGraph(report.bundles);
+    page += graph.empty() ? "" : Element("h2", "Who requires whom") + Element("div", graph, Class("wide"));
     page += TimelineSection(report) + ErrorsSection(report) + VersionsSection(report);
     for (const std::string& note : report.snapshot.notes) {
         page += Element("p", Markup(note), Class("faint"));
