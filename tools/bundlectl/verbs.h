@@ -87,6 +87,9 @@ constexpr Verb VERBS[] = {
      "bundles.svg"},
     {"try", Program::AUTHOR, "Run bundles under the real server, apart from this machine's",
      "bundlectl try radio\nbundlectl try radio media\nbundlectl try radio --for 10s --expect active"},
+    {"drill", Program::AUTHOR, "Do harm to a bundle that runs, and tell whether it comes back as promised",
+     "bundlectl drill radio\nbundlectl drill radio --only signal:SEGV status exchange\n"
+     "bundlectl drill radio --junit drill.xml"},
     {"pack", Program::AUTHOR, "Pack a bundle into an archive that put takes, and sign it",
      "bundlectl pack radio -o radio-2.tar.gz\nbundlectl pack radio -o radio-2.tar.gz --key vendor.key"},
     {"keygen", Program::AUTHOR, "Make a pair of keys, for signing and for checking signatures",

@@ -9,6 +9,7 @@ Action DefineLint(Arguments& arguments);
 Action DefinePlan(Arguments& arguments);
 Action DefineGraph(Arguments& arguments);
 Action DefineTry(Arguments& arguments);
+Action DefineDrill(Arguments& arguments);
 Action DefinePack(Arguments& arguments);
 Action DefineKeygen(Arguments& arguments);
 

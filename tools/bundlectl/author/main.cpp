@@ -7,8 +7,8 @@
 namespace {
 
 constexpr Command COMMANDS[] = {
-    {"new", DefineNew}, {"lint", DefineLint}, {"plan", DefinePlan},     {"graph", DefineGraph},
-    {"try", DefineTry}, {"pack", DefinePack}, {"keygen", DefineKeygen},
+    {"new", DefineNew}, {"lint", DefineLint},   {"plan", DefinePlan}, {"graph", DefineGraph},
+    {"try", DefineTry}, {"drill", DefineDrill}, {"pack", DefinePack}, {"keygen", DefineKeygen},
 };
 static_assert(DefinesItsVerbs(Program::AUTHOR, COMMANDS), "the table of verbs has others, or another order");
 

@@ -1,0 +1,114 @@
+#ifndef BUNDLECTL_AUTHOR_DRILL_H
+#define BUNDLECTL_AUTHOR_DRILL_H
+
+#include "drill_census.h"
+#include "drill_exercises.h"
+#include "drilled_bundle.h"
+
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Trials {
+
+/// What has come of an exercise.
+struct DrillResult {
+    enum Outcome { PASSED, FAILED, LEFT_OUT };
+
+    std::string item; ///< empty: the whole bundle
+    std::string name; ///< of the exercise
+    Outcome outcome = PASSED;
+    std::string text; ///< what happened, in sentences
+    Model::Microseconds took{};
+    std::optional<Model::Microseconds> relaunch; ///< from the item's end to its next launch
+    std::vector<std::string> processesLeft;      ///< "sleep (process 31)"
+    std::size_t descriptorsLeft = 0;
+    std::vector<std::string> filesDamaged;
+
+    void Pass(const std::string& what) { text += (text.empty() ? "" : " ") + what; }
+    void Fail(const std::string& what)
+    {
+        outcome = FAILED;
+        Pass(what);
+    }
+    void LeaveOut(const std::string& why)
+    {
+        outcome = LEFT_OUT;
+        Pass(why);
+    }
+};
+
+/// Does harm to a bundle that runs, and looks whether the server and the bundle do what is promised.
+class Drill {
+public:
+    using Milliseconds = std::chrono::milliseconds;
+
+    struct Settings {
+        std::vector<Exercise> exercises;
+        std::string item;  ///< the only one that is drilled; empty: all
+        std::string check; ///< a command that fails when the bundle's data are damaged; empty: none
+        Milliseconds patience{10'000};
+        Milliseconds settle{500}; ///< how long an item must stay up
+    };
+    using Sink = std::function<void(const DrillResult&)>;
+
+    /// @param sink called with each result as it comes
+    Drill(DrilledBundle& bundle, Settings settings, Sink sink);
+
+    /// @throws DrillEnded
+    void Run();
+
+private:
+    using Moment = DrilledBundle::Moment;
+    using Item = DrilledBundle::Item;
+    using Body = std::function<void(DrillResult&)>;
+
+    /// What there was before an exercise.
+    struct Before {
+        std::vector<Stray> strays;
+        std::size_t serversDescriptors = 0;
+        std::map<std::string, std::uintmax_t> files;
+    };
+
+    void Do(const Exercise& exercise, const std::string& item, const Body& body);
+    void DoToItems(const Exercise& exercise);
+    bool MakeUp();
+    Before TakeBefore() const;
+    void Examine(const Before& before, DrillResult& result);
+    bool DataAreGood() const;
+
+    // drill_items.cpp
+    /// How an item has ended since then, in words.
+    std::string EndAfter(const std::string& name, Model::Time time);
+    void LeaveAlone(const std::string& name, DrillResult& result);
+    void EndItem(const Exercise& exercise, const std::string& name, DrillResult& result);
+    /// @return the new process; 0: it does not run
+    pid_t ExpectRelaunch(const Item& before, const Model::ItemEnd& end, DrillResult& result);
+    void ExpectRest(const Item& before, const Model::ItemEnd& end, DrillResult& result);
+    void CompareDescriptors(pid_t pid, std::size_t before, DrillResult& result);
+
+    // drill_surroundings.cpp
+    void SlowUpdate(DrillResult& result);
+    void SlowInstallation(DrillResult& result);
+    void RemoveLibraries(const Exercise& exercise);
+    void RemoveLibrary(const std::string& library, DrillResult& result);
+    void ExchangeBundle(DrillResult& result);
+    void FillLog(DrillResult& result);
+    /// @param isBack whether the killed item runs again
+    void KillOneMeanwhile(const std::string& when, const std::function<bool(const Moment&, const Item&)>& isBack,
+                          DrillResult& result);
+
+    DrilledBundle& m_bundle;
+    const Settings m_settings;
+    const Sink m_sink;
+};
+
+/// Where the server's log lies in a drill: a file system of its own, so small that it can be filled.
+void MountDrillLog(const std::string& directory);
+
+} // namespace Trials
+
+#endif
