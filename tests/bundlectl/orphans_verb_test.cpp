@@ -82,3 +82,21 @@ TEST_F(OrphansVerb, EndsThemWithTermAndThoseThatIgnoreItWithKill)
     EXPECT_TRUE(Tells(ended, "\"fate\":\"KILL\""));
     EXPECT_EQ(Orphans().status, 0);
 }
+
+TEST_F(OrphansVerb, LeavesAloneWhatAServerOfAnotherContainerHasLeft)
+{
+    collection.Bundle("radio").Copy("tuner", TEST_SLEEPER).Write();
+    const std::string tuner = collection / "radio/./bin/tuner";
+    Program container(
+        {"/usr/bin/unshare", "--mount", "/bin/sh", "-c",
+         "mount -t tmpfs none /mnt && setsid --fork sh -c 'echo $$ > " + Note("pid") + "; exec " + tuner + "'"});
+    ASSERT_EQ(container.Wait(), 0) << container.Errors();
+    ASSERT_TRUE(Eventually(std::chrono::seconds(20), [this] { return !ReadFile(Note("pid")).empty(); }));
+    const pid_t pid = std::stoi(ReadFile(Note("pid")));
+    ASSERT_TRUE(Eventually(std::chrono::seconds(20), [&] {
+        return ReadFile("/proc/" + std::to_string(pid) + "/cmdline").substr(0, tuner.size()) == tuner;
+    }));
+    EXPECT_TRUE(Tells(Orphans({"--end"}), "No process of a former server is left."));
+    EXPECT_TRUE(IsAlive(pid));
+    ::kill(pid, SIGKILL);
+}

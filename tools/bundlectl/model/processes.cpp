@@ -270,6 +270,9 @@ void Search::FindWithoutParent(const ProcessStat& process)
             return;
         }
     }
+    if (!IsOfOurMounts(m_sources.proc, process.pid).value_or(true)) {
+        return; // a server of a container has left it, and bundlectl tells so in there
+    }
     const bool isOurs = m_sources.server != nullptr && process.startTicks >= m_sources.server->stat.startTicks;
     found.role = isOurs ? ProcessRole::ESCAPED : ProcessRole::LEFT_OVER;
     const auto [place, isNew] = m_found.emplace(process.pid, found);

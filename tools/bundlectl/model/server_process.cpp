@@ -77,22 +77,6 @@ std::set<std::string> ServiceSockets(const Proc& proc)
     return sockets;
 }
 
-/// Whether the process sees the file systems that we see. One that a service manager has given a namespace of its own,
-/// to take something from it, still shares the directory of services with us; one in a container does not.
-std::optional<bool> IsOfOurMounts(const Proc& proc, pid_t pid)
-{
-    const auto ours = ReadLink(proc.Root() + "/self/ns/mnt");
-    const auto its = proc.Link(pid, "ns/mnt");
-    if (!ours || !its) {
-        return std::nullopt;
-    }
-    struct stat here {};
-    struct stat there {};
-    return *ours == *its || (::stat(Common::SERVICE_DIRECTORY, &here) == 0 &&
-                             ::stat((proc.Path(pid, "root") + Common::SERVICE_DIRECTORY).c_str(), &there) == 0 &&
-                             here.st_dev == there.st_dev && here.st_ino == there.st_ino);
-}
-
 void ReadSurroundings(const Proc& proc, const std::set<std::string>& serviceSockets, ServerProcess& server)
 {
     const pid_t pid = server.stat.pid;
@@ -123,16 +107,33 @@ void ReadSurroundings(const Proc& proc, const std::set<std::string>& serviceSock
     });
 }
 
+/// Whether it is a child that has not executed its item yet: until then it has its server's command line. When its
+/// server has ended, what tells is its group, whose leader that server was.
+bool IsChildOfServer(const ServerProcess& server, const std::set<pid_t>& servers, const std::set<pid_t>& alive)
+{
+    return servers.count(server.stat.parent) != 0 ||
+           (server.stat.group != server.stat.pid && alive.count(server.stat.group) == 0);
+}
+
+/// What has been read of a process that has ended meanwhile is of no process, or of another one.
+bool HasEndedMeanwhile(const Proc& proc, const ServerProcess& server)
+{
+    const auto now = proc.Stat(server.stat.pid);
+    return !now || !now->IsAlive() || now->startTicks != server.stat.startTicks;
+}
+
 } // namespace
 
 std::vector<ServerProcess> FindServers(const Proc& proc)
 {
     std::vector<ServerProcess> servers;
     std::set<pid_t> numbers;
+    std::set<pid_t> alive;
     for (ProcessStat& stat : proc.Processes()) {
         if (!stat.IsAlive()) {
             continue;
         }
+        alive.insert(stat.pid);
         std::vector<std::string> words =
             WithoutEmulator(proc.CommandLine(stat.pid).value_or(std::vector<std::string>()));
         if (IsServerProgram(words)) {
@@ -143,19 +144,35 @@ std::vector<ServerProcess> FindServers(const Proc& proc)
             servers.push_back(std::move(server));
         }
     }
-    // A child has its server's command line until it executes its item.
-    servers.erase(
-        std::remove_if(servers.begin(), servers.end(),
-                       [&numbers](const ServerProcess& server) { return numbers.count(server.stat.parent) != 0; }),
-        servers.end());
     if (servers.empty()) {
         return servers;
     }
     const std::set<std::string> serviceSockets = ServiceSockets(proc);
+    std::vector<ServerProcess> found;
     for (ServerProcess& server : servers) {
+        if (IsChildOfServer(server, numbers, alive)) {
+            continue;
+        }
         ReadSurroundings(proc, serviceSockets, server);
+        if (!HasEndedMeanwhile(proc, server)) {
+            found.push_back(std::move(server));
+        }
     }
-    return servers;
+    return found;
+}
+
+std::optional<bool> IsOfOurMounts(const Proc& proc, pid_t pid)
+{
+    const auto ours = ReadLink(proc.Root() + "/self/ns/mnt");
+    const auto its = proc.Link(pid, "ns/mnt");
+    if (!ours || !its) {
+        return std::nullopt;
+    }
+    struct stat here {};
+    struct stat there {};
+    return *ours == *its || (::stat(Common::SERVICE_DIRECTORY, &here) == 0 &&
+                             ::stat((proc.Path(pid, "root") + Common::SERVICE_DIRECTORY).c_str(), &there) == 0 &&
+                             here.st_dev == there.st_dev && here.st_ino == there.st_ino);
 }
 
 } // namespace Model

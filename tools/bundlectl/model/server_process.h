@@ -29,6 +29,11 @@ struct ServerProcess {
 /// numbers.
 std::vector<ServerProcess> FindServers(const Proc& proc);
 
+/// Whether the process sees the file systems that we see. One that a service manager has given a namespace of its own,
+/// to take something from it, still shares the directory of services with us; one in a container does not. Empty: that
+/// may not be read, or the process has ended.
+std::optional<bool> IsOfOurMounts(const Proc& proc, pid_t pid);
+
 /// The socket of the request service.
 constexpr const char SERVICE_SOCKET[] = "/mnt/bolt/bundlesvr.paas.kov";
 
