@@ -43,8 +43,12 @@ bool IsUnloadable(const Bundle& bundle)
 /// How many bundles may require each other in a row. More are a mistake, or made to keep the server busy.
 constexpr std::size_t LONGEST_CHAIN = 10'000;
 
-void RequireShortChain(const std::string& name, DependencyChains& chains)
+void RequireShortChain(const Bundle& bundle, DependencyChains& chains)
 {
+    if (bundle.GetManifest()->GetDependencies().empty()) {
+        return;
+    }
+    const std::string name = NameOf(bundle);
     const std::size_t length = chains.LengthFrom(name);
     if (length > LONGEST_CHAIN) {
         throw Poco::InvalidArgumentException("bundle[" + name + "] begins a dependency chain of " +
@@ -233,7 +237,7 @@ void BundleManager::Resolve(const std::shared_ptr<Bundle>& bundle, DependencyCha
     if (IsResolved(*bundle)) {
         Refuse("bundle[", NameOf(*bundle), "] already resolved can not be resolved twice.");
     }
-    RequireShortChain(NameOf(*bundle), chains);
+    RequireShortChain(*bundle, chains);
     WaitingBundles<ResolvingMark> waiting;
     for (std::shared_ptr<Bundle> next = bundle; next; next = ResolveBundleDependencies(waiting)) {
         waiting.Push(next, m_resolvingBundleSet, next);

@@ -7,7 +7,7 @@ namespace SystemServer {
 
 /// A bundle on the way down.
 struct DependencyChains::Link {
-    std::string name;
+    std::size_t& length; ///< where it is kept
     Dependencies dependencies;
     std::size_t next = 0;    ///< the dependency to look at
     std::size_t longest = 0; ///< below this bundle, as far as is known
@@ -15,16 +15,13 @@ struct DependencyChains::Link {
 
 DependencyChains::DependencyChains(Find find) : m_find(std::move(find)) {}
 
-DependencyChains::Link DependencyChains::LinkOf(const std::string& name) const
-{
-    return {name, m_find(name)};
-}
-
 std::size_t DependencyChains::LengthFrom(const std::string& name)
 {
     std::vector<Link> chain;
-    if (m_lengths.try_emplace(name, 0).second) {
-        chain.push_back(LinkOf(name));
+    const auto [first, isFirstNew] = m_lengths.try_emplace(name, 0);
+    const std::size_t& found = first->second; // stays valid, unlike the iterator
+    if (isFirstNew) {
+        chain.push_back({first->second, m_find(name)});
     }
     while (!chain.empty()) {
         Link& link = chain.back();
@@ -32,20 +29,20 @@ std::size_t DependencyChains::LengthFrom(const std::string& name)
             const std::string& required = (*link.dependencies)[link.next++];
             const auto [known, isNew] = m_lengths.try_emplace(required, 0);
             if (isNew) {
-                chain.push_back(LinkOf(required));
+                chain.push_back({known->second, m_find(required)});
             } else {
                 link.longest = std::max(link.longest, known->second);
             }
             continue;
         }
         const std::size_t length = link.dependencies ? link.longest + 1 : 0;
-        m_lengths[link.name] = length;
+        link.length = length;
         chain.pop_back();
         if (!chain.empty()) {
             chain.back().longest = std::max(chain.back().longest, length);
         }
     }
-    return m_lengths[name];
+    return found;
 }
 
 } // namespace SystemServer

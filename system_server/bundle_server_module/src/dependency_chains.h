@@ -3,9 +3,9 @@
 
 #include <cstddef>
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace SystemServer {
@@ -29,10 +29,8 @@ public:
 private:
     struct Link;
 
-    Link LinkOf(const std::string& name) const;
-
     const Find m_find;
-    std::map<std::string, std::size_t> m_lengths; // 0: not known yet, or not there
+    std::unordered_map<std::string, std::size_t> m_lengths; // 0: not known yet, or not there
 };
 
 } // namespace SystemServer
