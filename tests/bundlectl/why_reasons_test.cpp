@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -38,7 +39,20 @@ public:
     }
 
     /// From now on the server does nothing, and what the test does to files and processes stays as it is.
-    void HaltServer() const { daemon.Signal(SIGSTOP); }
+    void HaltServer() const
+    {
+        daemon.Signal(SIGSTOP);
+        EXPECT_TRUE(Eventually(std::chrono::seconds(20), [this] { return AreThreadsHalted(); }));
+    }
+
+    /// A thread that runs on another processor stops a moment after the signal.
+    bool AreThreadsHalted() const
+    {
+        const std::filesystem::directory_iterator tasks("/proc/" + std::to_string(daemon.Pid()) + "/task");
+        return std::all_of(begin(tasks), end(tasks), [](const std::filesystem::directory_entry& task) {
+            return Has(ReadFile(task.path() / "status"), "State:\tT");
+        });
+    }
 
     /// A thread of the server that has written a record with one of the texts stays there.
     void HoldAfter(const std::vector<std::string>& texts)
