@@ -297,7 +297,8 @@ void TimelineBuilder::TakeScript(const Fact& fact)
     }
 }
 
-// A bundle is started after those that it requires, so one pass in the order of the ends of their starts is enough.
+// A bundle is started after those that it requires, so one pass in the order of the ends of their starts is enough. The
+// first start counts: after an update a bundle may require one that was started later, and the chain would be a circle.
 void TimelineBuilder::FindChain()
 {
     struct Sum {
@@ -307,6 +308,9 @@ void TimelineBuilder::FindChain()
     std::map<std::string, Sum> sums;
     std::string longest;
     for (const std::string& name : m_started) {
+        if (sums.count(name) != 0) {
+            continue;
+        }
         const TimelineBundle& bundle = BundleOf(name);
         Sum sum;
         for (const std::string& required : bundle.required) {
