@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # A machine with a read-only root and the files of packaging/read-only-root. It boots and serves. Bundles of the image run,
-# can be deleted and stay deleted. Others can be added. The log is in the journal.
+# can be deleted and stay deleted. Others can be added. The log is in the journal, and no unit fails.
 #
 # usage: systemd_read_only_test.sh PACKAGES
 set -uo pipefail
@@ -20,6 +20,10 @@ prepare() {
     mkdir -p "$root"/{mnt/bolt,data,$image}
     cp /lib/systemd/system/systemd-tmpfiles-setup.service "$units/"
     ln -s ../systemd-tmpfiles-setup.service "$units/sysinit.target.wants/"
+    mkdir -p "$root/etc/systemd/system/bundle-server-check.timer.d" "$root/etc/systemd/system/bundle-server-logrotate.timer.d"
+    printf '[Timer]\nOnCalendar=\nOnCalendar=*:*:0/4\nAccuracySec=1ms\n' |
+        tee "$root/etc/systemd/system/bundle-server-check.timer.d/often.conf" \
+            > "$root/etc/systemd/system/bundle-server-logrotate.timer.d/often.conf"
     put_bundle radio
     put_bundle clock
     mv "$root/$bundles"/{radio,clock} "$root/$image/"
@@ -28,6 +32,11 @@ prepare() {
     # A writable partition.
     mount -t tmpfs none "$root/data"
     mount -o remount,ro "$root"
+}
+
+# has_run UNIT: whether it has come to an end, with what result ever.
+has_run() {
+    [ -n "$(manager show --property=ExecMainExitTimestamp --value "$1")" ] || manager is-failed --quiet "$1"
 }
 
 observe() {
@@ -58,8 +67,11 @@ observe() {
     [ ! -e "$root/$bundles/radio" ] || fail "the deleted bundle is back"
     said=$(chroot "$root" journalctl --unit=bundle-server --since="@$started" --output=cat)
     [[ $said == *"load bundle[clock] success"* ]] || fail "the journal has no log: $said"
-    said=$(manager list-units --state=failed --no-legend '*.mount' bundle-server.service)
+    await has_run bundle-server-check || fail "the check has not run"
+    said=$(manager list-units --state=failed --no-legend '*.mount' 'bundle-server*.service')
     [ -z "$said" ] || fail "units have failed: $said"
+    said=$(manager show --property=SubState --value bundle-server-recorder)
+    [ "$said" = dead ] || fail "the recorder, which has no place to write to, is in the state \"$said\""
     echo "served from a read-only root; a deletion and an addition survive a restart"
 }
 
