@@ -129,7 +129,7 @@ TEST_F(ACollectionThatGoesAway, IsFollowedAfterItHasBeenRemovedAndMadeAgain)
     fs::create_directory(place);
     EXPECT_EQ(EventsOfReturn(), (Events{"removed radio", "removed tuner"}));
     placed.Forget();
-    MakeBundle(place + "/alarm");
+    fs::rename(MakeBundle(Aside("alarm")), place + "/alarm");
     placed.PassScans(4);
     EXPECT_EQ(placed.Noted(), Events{"added alarm"});
 }
