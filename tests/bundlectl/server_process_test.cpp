@@ -48,10 +48,9 @@ TEST_F(TheServersOfAMachine, AreAllThatRun)
     EXPECT_EQ(Found(), (std::vector<pid_t>{300, 400}));
 }
 
-TEST_F(TheServersOfAMachine, IncludeOneThatHasNotMadeAGroupYet)
+TEST_F(TheServersOfAMachine, IncludeOneInTheGroupOfAShellThatHasEnded)
 {
-    Add(200, 1, 200, "/bin/sh");
-    AddServer(300, 200, 200);
+    AddServer(300, 1, 200);
     EXPECT_EQ(Found(), std::vector<pid_t>{300});
 }
 
@@ -60,10 +59,4 @@ TEST_F(TheServersOfAMachine, AreWithoutAChildThatHasNotExecutedItsItem)
     AddServer(300, 1, 300);
     AddServer(310, 300, 300);
     EXPECT_EQ(Found(), std::vector<pid_t>{300});
-}
-
-TEST_F(TheServersOfAMachine, AreWithoutSuchAChildWhoseServerHasEnded)
-{
-    AddServer(310, 1, 300);
-    EXPECT_EQ(Found(), std::vector<pid_t>{});
 }

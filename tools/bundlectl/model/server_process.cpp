@@ -107,14 +107,6 @@ void ReadSurroundings(const Proc& proc, const std::set<std::string>& serviceSock
     });
 }
 
-/// Whether it is a child that has not executed its item yet: until then it has its server's command line. When its
-/// server has ended, what tells is its group, whose leader that server was.
-bool IsChildOfServer(const ServerProcess& server, const std::set<pid_t>& servers, const std::set<pid_t>& alive)
-{
-    return servers.count(server.stat.parent) != 0 ||
-           (server.stat.group != server.stat.pid && alive.count(server.stat.group) == 0);
-}
-
 /// What has been read of a process that has ended meanwhile is of no process, or of another one.
 bool HasEndedMeanwhile(const Proc& proc, const ServerProcess& server)
 {
@@ -128,12 +120,10 @@ std::vector<ServerProcess> FindServers(const Proc& proc)
 {
     std::vector<ServerProcess> servers;
     std::set<pid_t> numbers;
-    std::set<pid_t> alive;
     for (ProcessStat& stat : proc.Processes()) {
         if (!stat.IsAlive()) {
             continue;
         }
-        alive.insert(stat.pid);
         std::vector<std::string> words =
             WithoutEmulator(proc.CommandLine(stat.pid).value_or(std::vector<std::string>()));
         if (IsServerProgram(words)) {
@@ -150,8 +140,8 @@ std::vector<ServerProcess> FindServers(const Proc& proc)
     const std::set<std::string> serviceSockets = ServiceSockets(proc);
     std::vector<ServerProcess> found;
     for (ServerProcess& server : servers) {
-        if (IsChildOfServer(server, numbers, alive)) {
-            continue;
+        if (numbers.count(server.stat.parent) != 0) {
+            continue; // a child has its server's command line until it executes its item
         }
         ReadSurroundings(proc, serviceSockets, server);
         if (!HasEndedMeanwhile(proc, server)) {
