@@ -3,7 +3,7 @@
 #
 # A test defines prepare, which completes the root before the machine starts, and observe, which looks at the running
 # machine from outside. Then it calls on_machine. The machine's /var/log survives it in $notes/log. A test may also define
-# look_back: then observe shuts the machine down, and look_back reads that log.
+# look_back, which reads that log: then the machine is shut down after observe.
 # shellcheck shell=bash disable=SC2154 # root is made by fresh_root
 
 # shellcheck disable=SC2034 # for the test
@@ -46,7 +46,7 @@ start_machine() {
     ) > "$notes/console" 2>&1 &
     machine=$!
     local tries
-    for ((tries = 0; tries < 1600; ++tries)); do
+    for ((tries = 0; tries < 5400; ++tries)); do
         [ ! -e "$notes/result" ] || break
         kill -0 "$machine" 2> /dev/null || break
         sleep 0.1
@@ -114,6 +114,8 @@ on_machine() {
         (observe) > "$IN_MACHINE/said" 2>&1
         echo $? > "$IN_MACHINE/result.new"
         mv "$IN_MACHINE/result.new" "$IN_MACHINE/result"
+        # The end of the machine ends these commands too, so nothing comes after it.
+        ! declare -F look_back > /dev/null || manager --no-block poweroff
     ) &
     cd "$root" || exit 1
     # systemd must be the first process of its machine. It treats the machine as a container.

@@ -102,7 +102,6 @@ observe() {
     manager start bundle-server || fail "it cannot be started again"
     await all_run || fail "the items do not run"
     echo "$(running sbin/bundle_server) $(wc -l < "$root/$record")" > "$IN_MACHINE/before"
-    manager --no-block poweroff
 }
 
 look_back() {
