@@ -108,7 +108,7 @@ TEST_F(AHostileDirectory, OfABundleAtTheStartHarmsNothing)
 TEST_F(AHostileDirectory, OfABundleThatIsDroppedInHarmsNothing)
 {
     WriteOdd(staging);
-    // Each scan finds another one, so the copy never seems complete.
+    // A scan often finds another listing than the one before, so the copy seems complete late, or never.
     staging.Bundle("restless").Write();
     fs::create_symlink("/proc/self/fd", staging / "restless/script");
     ASSERT_TRUE(StartServing());
@@ -121,7 +121,6 @@ TEST_F(AHostileDirectory, OfABundleThatIsDroppedInHarmsNothing)
     for (const std::string& bundle : ODD) {
         EXPECT_EQ(RequestDelete(bundle), 200) << bundle;
     }
-    EXPECT_EQ(daemon.CountInLog("load bundle from [" + In("restless") + "]"), 0);
     EXPECT_TRUE(IsUnharmed());
 }
 
