@@ -25,7 +25,7 @@ new() {
 
 # build PRESET
 build() {
-    cmake --preset "$1" -DBUNDLECTL="$bundlectl" -DTRY_TIME=2s > "$place/configure.log" 2>&1 || fail "configure, $1"
+    cmake --preset "$1" -DBUNDLECTL="$bundlectl" -DTRY_TIME=5s > "$place/configure.log" 2>&1 || fail "configure, $1"
     cmake --build --preset "$1" > "$place/build.log" 2>&1 || fail "build, $1"
     ! grep 'warning:' "$place/build.log" || fail "a warning"
     grep -q '^1 bundle: 0 errors, 0 warnings.$' "$place/build.log" || fail "lint has not been asked"

@@ -138,14 +138,18 @@ void KillGroup()
     ::kill(0, SIGTERM);
 }
 
+/// In a process of its own: a sibling may kill the item, and then nothing would continue the server.
 void StopServer()
 {
-    if (IsFirstRun("stopped")) {
-        const pid_t server = Server();
-        ::kill(server, SIGSTOP);
-        Pause(300);
-        ::kill(server, SIGCONT);
-        Note("stopped", "continued");
+    const pid_t server = Server();
+    if (::fork() == 0) {
+        if (IsFirstRun("stopped")) {
+            ::kill(server, SIGSTOP);
+            Pause(300);
+            ::kill(server, SIGCONT);
+            Note("stopped", "continued");
+        }
+        ::_exit(0);
     }
 }
 
