@@ -67,7 +67,7 @@ TEST_F(Status, ShowsWhatTheItemsOfABundleUse)
     const Ended ended = Run({"status", "radio"});
     EXPECT_EQ(ended.status, 0);
     EXPECT_TRUE(Tells(ended, std::to_string(second)));
-    EXPECT_TRUE(Tells(ended, " KiB"));
+    EXPECT_TRUE(Tells(ended, "iB "));
     EXPECT_TRUE(Tells(ended, "SIGUSR1 "));
 }
 

@@ -30,6 +30,9 @@ public:
     CollectionBuilder bundles;
     TemporaryDirectory notes;
 
+protected:
+    void SetUp() override;
+
 private:
     static std::string NewMark();
 
