@@ -7,9 +7,9 @@
 
 namespace SystemServer {
 
-/// A shared_ptr that one thread replaces while others read it. Each standard has a way of its own for this: C++20
-/// deprecates that of C++17, which has nothing else. Empty until something is stored. No operation throws or blocks for
-/// long; an object that is replaced goes with its last reader.
+/// A shared_ptr that one thread replaces while others read it. C++17 and C++20 each have their own way to do this, and
+/// C++20 deprecates the older one. Empty until something is stored. No operation throws or blocks for long. The last
+/// reader of a replaced object destroys it.
 template <typename T> class AtomicSharedPtr {
 public:
 #ifdef __cpp_lib_atomic_shared_ptr

@@ -60,7 +60,7 @@ std::shared_ptr<BundleManifest> Bundle::ReadManifest() const
     return std::make_shared<BundleManifest>(*stream);
 }
 
-// Always with "/", also where the root path ends in one: the texts of the log have it so.
+// Always adds "/", even if the root path ends in one: the log's texts contain it.
 std::string Bundle::PathBelowRoot(const std::string& relativePath) const
 {
     return m_storage->GetRootPath() + "/" + relativePath;
@@ -78,7 +78,7 @@ std::string Bundle::ScriptPath(const std::string& scriptName) const
 
 bool Bundle::IsManifestOutdated() const
 {
-    // Looked at first, because the storage logs what is not there.
+    // Checked first, because the storage logs a missing file.
     struct stat status {};
     const std::string path = PathBelowRoot(BUNDLE_MANIFEST_FILE);
     if (stat(path.c_str(), &status) == -1 || !S_ISREG(status.st_mode)) {

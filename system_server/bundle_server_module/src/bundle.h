@@ -14,8 +14,8 @@
 
 namespace SystemServer {
 
-/// One bundle directory as the server knows it: its files, its manifest, its state. Which changes of state make sense
-/// is the manager's business, which makes them under its lock; reading the state or the manifest is safe on any thread.
+/// One bundle directory as the server knows it: its files, its manifest, its state. The manager decides which changes
+/// of state make sense, and makes them under its lock. Any thread may read the state and the manifest.
 class Bundle {
 public:
     /// Powers of two, so that a set of states fits one integer.
@@ -42,11 +42,10 @@ public:
     static const std::string BUNDLE_ACTIVE_STATE_STR;
     static const std::unordered_map<BUNDLE_STATE_E, std::string> m_bundleStateStrMap;
 
-    /// Told of each script that has run, when it has ended, on the thread that ran it: which bundle's it was. Must not
-    /// throw.
+    /// Called with the bundle after each script has ended, on the thread that ran the script. Must not throw.
     using ScriptObserver = std::function<void(const Bundle& bundle)>;
 
-    /// Reads the manifest through the storage, which is the bundle's for its whole life.
+    /// Reads the manifest through the storage. The bundle keeps the storage for its whole life.
     /// @param scriptObserver may be empty
     /// @throws Poco::FileNotFoundException there is no manifest; the storage's log record says why
     /// @throws what the storage and BundleManifest throw
@@ -57,7 +56,7 @@ public:
 
     BUNDLE_STATE_E GetCurState() const { return m_curState; }
 
-    /// Logs the change, one to the same state too, and makes it.
+    /// Logs the change and makes it. A change to the same state is logged too.
     /// @throws std::out_of_range state is none of the six; nothing has changed
     void SetCurState(BUNDLE_STATE_E state)
     {
@@ -68,26 +67,26 @@ public:
         m_curState = state;
     }
 
-    /// The manifest in force, never null. A holder keeps it whole across an Update.
+    /// The manifest in force, never null. It stays valid for its holder after an Update.
     std::shared_ptr<BundleManifest> GetManifest() const { return m_manifest.Load(); }
 
-    /// Whether the manifest's file has another content than the manifest in force. False when it cannot be read. Any
-    /// thread.
+    /// Whether the content of the manifest's file differs from the manifest in force. False when the file cannot be
+    /// read. Any thread.
     bool IsManifestOutdated() const;
 
     std::shared_ptr<BundleStorage> GetStorage() const { return m_storage; }
 
-    /// The path of an item in "bin" and of a script in "script". Whether there is one is not asked. Any thread, an item
-    /// thread that still runs when the process ends included.
+    /// The path of an item in "bin" and of a script in "script". Does not check that the file exists. Any thread,
+    /// including an item thread that still runs when the process ends.
     std::string ItemPath(const std::string& itemName) const;
     std::string ScriptPath(const std::string& scriptName) const;
 
-    /// Runs one script of the bundle's "./script/" directory, if it is there, as a child in a process group of its own
-    /// and waits for it, without a limit of time. Whether it succeeds makes no difference. Any thread.
+    /// Runs one script of the bundle's "./script/" directory, if it exists, as a child in a process group of its own,
+    /// and waits for it without a time limit. The script's success makes no difference. Any thread.
     void RunScript(const std::string& scriptName) const;
 
-    /// Takes in the manifest as it is now, then runs "update.sh": what that script does to the manifest is left for the
-    /// next update. The state stays, and nothing is restarted.
+    /// Reads the manifest as it is now, then runs "update.sh". Changes that the script makes to the manifest wait for
+    /// the next update. The state stays, and nothing is restarted.
     /// @throws as the constructor; the old manifest stays in force and "update.sh" has not run
     void Update();
 
@@ -101,8 +100,8 @@ private:
     const ScriptObserver m_scriptObserver;
 };
 
-/// The name under which other bundles and the requests know it: the manifest's, and so another one after an Update that
-/// has changed it. A copy, which needs memory: a record that memory is short uses the manifest's own.
+/// The name under which other bundles and the requests know the bundle. It is the manifest's name, so an Update can
+/// change it. The copy needs memory, so an out-of-memory record uses the manifest's own string.
 inline std::string NameOf(const Bundle& bundle)
 {
     return bundle.GetManifest()->GetBundleName();

@@ -8,7 +8,7 @@
 
 namespace SystemServer {
 
-/// Starts and stops a bundle's items. Made once per bundle and used for every start and stop, which the manager calls
+/// Starts and stops a bundle's items. Made once per bundle and used for every start and stop. The manager calls these
 /// under its lock. Destroying it stops nothing.
 class BundleActivator {
 public:
@@ -16,10 +16,10 @@ public:
     BundleActivator(const BundleActivator&) = delete;
     BundleActivator& operator=(const BundleActivator&) = delete;
 
-    /// @throws Poco::Exception an item cannot be started; those before it stay started
+    /// @throws Poco::Exception an item cannot be started; the items before it stay started
     virtual void Start() = 0;
 
-    /// @throws Poco::Exception an item cannot be stopped; those after it stay as they are
+    /// @throws Poco::Exception an item cannot be stopped; the items after it stay as they are
     virtual void Stop() = 0;
 
 protected:

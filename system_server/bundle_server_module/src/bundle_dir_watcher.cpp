@@ -21,8 +21,8 @@ using Common::UniqueFd;
 
 namespace {
 
-/// A change younger than this may be half of one: an editor empties a file before it writes it. It is also several
-/// times the tick of the kernel's clock, within which a second change could look like the first.
+/// A younger change may be incomplete: an editor empties a file before it writes it. The value is several ticks of the
+/// kernel's clock. Two changes within one tick can look the same.
 constexpr std::chrono::milliseconds SETTLING_TIME(50);
 
 std::string DirectoryPrefix(const std::string& path)
@@ -43,7 +43,7 @@ BundleDirWatcher::BundleDirWatcher(const std::string& path, std::chrono::millise
     : DirectoryWatcher(RequireVisible(path), DW_ITEM_ADDED | DW_ITEM_REMOVED | DW_ITEM_MODIFIED, 1),
       m_prefix(DirectoryPrefix(path)), m_interval(interval)
 {
-    const TerminationSignalsBlocked blocked; // for both threads: the framework's blocks them only once it has begun
+    const TerminationSignalsBlocked blocked; // for both threads; the framework's own code blocks them later
     std::vector<UniqueFd> detached = DetachInotify(othersDescriptors);
     stop(); // the framework's thread
     StartIdleThread(*this);
@@ -65,12 +65,13 @@ void BundleDirWatcher::Follow(Clock::time_point firstScan)
 {
     prctl(PR_SET_NAME, "bundle_watcher");
     for (auto next = firstScan; WaitUntil(next);) {
-        // From now on, not from when this scan was due: what stands still for a scan stands still for that long.
+        // Counted from now, not from when this scan was due: an item at rest between two scans is at rest for the whole
+        // interval.
         next = Clock::now() + m_interval;
         try {
             RaiseChanges();
             m_scan.CountNames();
-        } catch (const std::exception& e) { // out of memory; what has not been raised is found again
+        } catch (const std::exception& e) { // out of memory; a later scan finds the changes that were not raised
             BUNDLE_ERROR("bundle collection dir[%s] can not be followed: %s. The next look at it tries again.",
                          m_prefix.c_str(), ReasonOf(e).c_str());
         }
@@ -83,7 +84,7 @@ void BundleDirWatcher::RaiseChanges()
         if (!LetSettle(change)) {
             return;
         }
-        const Poco::File item(m_prefix + change.name); // made before the change counts as raised: this may fail
+        const Poco::File item(m_prefix + change.name); // before the change counts as raised, because this may fail
         if (!m_scan.Take(change)) {
             continue;
         }
@@ -141,7 +142,7 @@ BundleDirWatcher::Withdrawal::~Withdrawal()
 {
     try {
         m_scan.EndWithdrawal(m_path, m_hasBegun);
-    } catch (const std::bad_alloc&) { // once the removal has begun; the next scan finds out what has become of it
+    } catch (const std::bad_alloc&) { // the removal has begun; the next scan finds its result
     }
 }
 

@@ -13,65 +13,62 @@
 
 namespace SystemServer {
 
-/// Follows the collection directory by looking at it, which works on every file system: what the framework's own
-/// watcher is told by the kernel leaves out directories that are renamed in or out, and every change below an item. It
-/// raises the framework's three events, one at a time on a thread of its own:
+/// Follows the collection directory by scanning it, which works on every file system. The framework's own watcher uses
+/// the kernel's notifications. These miss directories that are renamed in or out, and every change below an item. This
+/// class raises the framework's three events, one at a time, on a thread of its own:
 ///
-/// - added: an item has come. A directory counts as having come once it is complete: at once when it was moved in, and
-///   when nothing in it has changed for one scan when it is being copied or unpacked in place.
+/// - added: an item has come. A directory is raised once it is complete. One that was moved in is complete at once. One
+///   that is copied or unpacked in place is complete when nothing in it has changed for one scan.
 /// - removed: an item has gone. Raised before the additions of the same scan, so that a rename is seen as both.
 /// - modified: in a directory the manifest has changed, or a name was added, replaced or removed in the directory
-///   itself, in its "bin" or in its "script"; a plain file has changed. Once a scan, however much has changed. Other
-///   folders of a directory are the running items' own.
+///   itself, in its "bin" or in its "script"; a plain file has changed. At most once a scan for each item. Other
+///   folders of a directory belong to the running items.
 ///
-/// Additions and modifications are raised in the order in which they were made, so that what is required may be
-/// installed just before what requires it.
+/// Additions and modifications are raised in the order in which they were made. So a required bundle may be installed
+/// just before the bundle that requires it.
 ///
-/// While the collection cannot be read nothing is raised; what is there afterwards is compared with what was there
-/// before.
+/// While the collection cannot be read, nothing is raised. The first scan after that compares with the state before.
 ///
-/// No lock is held while an event is raised. What a handler throws is logged and goes no further. All operations may be
-/// called from any thread, a handler included. Each path is an item's, as the events have it; unknown paths are passed
-/// over.
+/// No lock is held while an event is raised. An exception of a handler is logged and goes no further. All operations
+/// may be called from any thread, also from a handler. Each path is an item's path as the events give it. Unknown paths
+/// are ignored.
 class BundleDirWatcher : public Poco::DirectoryWatcher {
 public:
-    /// Takes what is there as known and starts the thread; the first scan follows one interval later.
+    /// Marks the current items as known and starts the thread. The first scan follows one interval later.
     /// @throws Poco::Exception path is no directory, or the framework's watcher cannot be made
     explicit BundleDirWatcher(const std::string& path, std::chrono::milliseconds interval = std::chrono::seconds(1));
 
-    /// Waits for a handler that runs, and for nothing else. No event is raised any more when it returns. Not called by
-    /// a handler.
+    /// Waits only for a running handler. After it returns, no event is raised. A handler must not call it.
     ~BundleDirWatcher() override;
 
     BundleDirWatcher(const BundleDirWatcher&) = delete;
     BundleDirWatcher& operator=(const BundleDirWatcher&) = delete;
 
-    /// Marks an item's current state as seen; no event follows. For the author of a change, and for a handler before it
-    /// reads the item. A directory that has been replaced by another is no such change: it is raised as modified all
-    /// the same.
+    /// Marks an item's current state as seen; no event follows. For code that has made a change itself, and for a
+    /// handler before it reads the item. A directory that has replaced another one is still raised as modified.
     /// @throws std::bad_alloc the changes are raised
     void AcceptChanges(const std::string& path) { m_scan.AcceptChanges(path); }
 
-    /// Raises an item as modified although its changes are accepted, because it is not as it was taken in. An item that
-    /// is being removed is passed over. Throws nothing.
-    /// @return false when the last modification was raised for that reason, and nothing else has changed since: an item
-    /// that changes each time it is taken in would be raised again and again
+    /// Raises an item as modified although its changes are accepted, because it differs from what the handler has read.
+    /// Ignores an item that is being removed. Throws nothing.
+    /// @return false when the last modification was raised for that reason, and nothing else has changed since.
+    /// Otherwise an item that changes each time it is read would be raised again and again
     bool RaiseOnceMore(const std::string& path) { return m_scan.RaiseOnceMore(path); }
 
-    /// Raises a directory as added once more, when it has come to rest. For a directory with a change that its handler
-    /// could not use: it may have been mended. Plain files are passed over. Throws nothing.
+    /// Raises a directory as added once more, when nothing in it changes any more. For a directory that its handler
+    /// could not use before and that may have been repaired since. Ignores plain files. Throws nothing.
     void RetryAdd(const std::string& path) { m_scan.RetryAdd(path); }
 
-    /// Raises a removal again at the next scan; after ten times in a row once a minute, and no more when the directory
-    /// is back. For the handler of a removal that could not deal with it. Other calls do nothing. Throws nothing.
+    /// Raises a removal again at the next scan. After ten times in a row, raises it once a minute. Stops when the
+    /// directory is back. For a handler whose removal has failed; other calls do nothing. Throws nothing.
     void RetryRemoval(const std::string& path) { m_scan.RetryRemoval(path); }
 
     /// Whether the directory under that path is one that has been withdrawn.
     bool IsWithdrawn(const std::string& path) { return m_scan.IsWithdrawn(path); }
 
-    /// Keeps a directory that its owner is about to remove from being raised, by anything but its end: half of it would
-    /// look like a change. When the removal has begun, this holds until the directory has gone or another one has come
-    /// to its place, also when that is long after the life of the object.
+    /// Hides the changes of a directory that its owner is about to remove: a partial removal would look like a change.
+    /// Only the end of the directory is raised. Once the removal has begun, this lasts until the directory has gone or
+    /// another one has taken its place, even long after the object is destroyed.
     class Withdrawal {
     public:
         /// @param watcher outlives the object
@@ -105,7 +102,7 @@ private:
 
     const std::string m_prefix; // of an item's path, ending in "/"
     const std::chrono::milliseconds m_interval;
-    std::promise<void> m_stop; // ends a wait that begins later, too
+    std::promise<void> m_stop; // also ends a wait that begins later
     const std::future<void> m_stopRequested = m_stop.get_future();
     CollectionScan m_scan{m_prefix};
     std::thread m_thread; // touched by the constructor and the destructor only

@@ -24,7 +24,7 @@ BundleStorageDirFactory::~BundleStorageDirFactory() = default;
 std::shared_ptr<Bundle> BundleStorageDirFactory::CreateBundle(const std::string& bundleStoragePath)
 {
     const std::optional<mode_t> type = FileType(bundleStoragePath);
-    // What is missing or cannot be looked at, the framework's test names by an exception.
+    // If the entry is missing or cannot be examined, the framework's test throws an exception that says so.
     if (type ? !S_ISDIR(*type) : !Poco::File(bundleStoragePath).isDirectory()) {
         BUNDLE_ERROR("BundleStoragePath[%s] is not a directory.", bundleStoragePath.c_str());
         return nullptr;

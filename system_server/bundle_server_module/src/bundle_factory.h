@@ -16,12 +16,12 @@ public:
     BundleFactory(const BundleFactory&) = delete;
     BundleFactory& operator=(const BundleFactory&) = delete;
 
-    /// @return the bundle in the Installed state; empty when there is none at that path, the log says why
+    /// @return the bundle in the Installed state; empty when the path has no bundle, the log says why
     /// @throws what the Bundle constructor throws
     virtual std::shared_ptr<Bundle> CreateBundle(const std::string& bundleStoragePath) = 0;
 };
 
-/// Makes bundles of plain directories. Runs no script: installing is the manager's business.
+/// Makes bundles of plain directories. Runs no script: the manager installs bundles.
 class BundleStorageDirFactory : public BundleFactory {
 public:
     /// @param scriptObserver of all bundles that it makes; may be empty

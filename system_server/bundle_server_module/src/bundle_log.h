@@ -19,8 +19,8 @@ constexpr int LANGUAGE_LOG_MODULE = 5;
 constexpr int LOG_LEVEL_INFO = 1;
 constexpr int LOG_LEVEL_ERROR = 3;
 
-/// The reason that a record gives of an exception. Throws nothing: it is called where something else has failed, which
-/// may have been an allocation.
+/// An exception as the reason in a record. Throws nothing: it is called after a failure, which may have been an
+/// allocation.
 inline std::string ReasonOf(const std::exception& e) noexcept
 {
     try {
@@ -40,7 +40,7 @@ inline std::string ReasonOf(const std::exception& e) noexcept
 
 namespace SystemServer {
 
-/// Goes before the error record of a step that failed, which names the object but not the cause. Throws nothing.
+/// Logs the cause of a failed step. The step's own error record follows and names only the object. Throws nothing.
 inline void LogReason(const std::exception& e) noexcept
 {
     BUNDLE_INFO("exception info: [%s].", ReasonOf(e).c_str());

@@ -40,7 +40,7 @@ bool IsUnloadable(const Bundle& bundle)
     return (bundle.GetCurState() & runningStates) == 0;
 }
 
-/// How many bundles may require each other in a row. More are a mistake, or made to keep the server busy.
+/// The longest permitted chain of bundles that require each other. A longer one is a mistake or an attack.
 constexpr std::size_t LONGEST_CHAIN = 10'000;
 
 void RequireShortChain(const Bundle& bundle, DependencyChains& chains)
@@ -76,8 +76,8 @@ BundleManager::BundleManager(std::shared_ptr<BundleFactory> bundleFactory) : m_b
 
 BundleManager::~BundleManager() = default;
 
-// Visits the bundles in ascending name order, each under the lock. Nothing is held from one to the next, so bundles
-// that come and go meanwhile, by other threads or by the visit itself, do no harm.
+// Visits the bundles in ascending name order, each under the lock. No lock or iterator is held between two bundles, so
+// other threads and the visit itself may add and remove bundles.
 template <class Visit> void BundleManager::ForEachBundle(const Visit& visit)
 {
     std::string last;
@@ -245,8 +245,8 @@ void BundleManager::Resolve(const std::shared_ptr<Bundle>& bundle, DependencyCha
     }
 }
 
-// Resolves the last of the bundles, and those before it, up to the first that requires another one which is not
-// resolved yet. Returns that one; null when all are resolved.
+// Resolves the bundles from the last to the first. Stops at a bundle that requires an unresolved bundle, and returns
+// that required bundle. Null when all are resolved.
 std::shared_ptr<Bundle> BundleManager::ResolveBundleDependencies(WaitingBundles<ResolvingMark>& waiting)
 {
     for (;;) {
@@ -322,8 +322,8 @@ void BundleManager::StartBundle(std::shared_ptr<Bundle> bundle)
     }
 }
 
-// Starts the last of the bundles, and those before it, up to the first that requires another one which does not run
-// yet. Returns that one; null when all run.
+// Starts the bundles from the last to the first. Stops at a bundle that requires a bundle which does not run yet, and
+// returns that required bundle. Null when all run.
 std::shared_ptr<Bundle> BundleManager::StartBundleDependencies(WaitingBundles<StateRollback>& waiting)
 {
     for (;;) {

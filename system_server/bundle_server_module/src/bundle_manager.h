@@ -18,9 +18,9 @@ class ResolvingMark;
 class StateRollback;
 template <class Undo> class WaitingBundles;
 
-/// Every bundle that the server knows, and what is done with them. All operations may be called from any thread; each
-/// lifecycle operation holds one recursive mutex for its whole length, scripts and launches included, so a slow script
-/// keeps every other operation waiting. The operations over all bundles hold it for one bundle at a time.
+/// The registry of all bundles, and the operations on them. Any thread may call them. Each lifecycle operation holds
+/// one recursive mutex for its whole length, scripts and launches included. So a slow script makes every other
+/// operation wait. The operations over all bundles hold the mutex for one bundle at a time.
 class BundleManager {
 public:
     struct BUNDLE_INFO_S {
@@ -34,13 +34,13 @@ public:
     BundleManager(const BundleManager&) = delete;
     BundleManager& operator=(const BundleManager&) = delete;
 
-    /// Loads every directory of the collection. One that fails with a Poco::Exception is logged and passed over.
+    /// Loads every directory of the collection. A directory that fails with a Poco::Exception is logged and skipped.
     /// @throws Poco::Exception the collection cannot be read
     /// @throws std::out_of_range a manifest has an item name of fewer than three characters; the rest is not loaded
     void LoadAllBundles(std::string& dir);
 
-    /// Creates, installs and registers the bundle in one directory. "install.sh" runs before the name is checked, so a
-    /// bundle that is refused as a duplicate or for its load mode has been installed all the same.
+    /// Creates, installs and registers the bundle in one directory. "install.sh" runs before the name and the load mode
+    /// are checked. So a bundle that is then refused has been installed all the same.
     /// @param path kept as given: FindBundleByPath compares it byte by byte
     /// @return shared with the registry; empty when refused, the log says why
     /// @throws what BundleFactory::CreateBundle throws; nothing is registered and no script has run
@@ -50,11 +50,11 @@ public:
     /// @throws Poco::InvalidArgumentException it is Starting, Stopping, Active or not registered; nothing has changed
     void UnloadBundle(std::shared_ptr<Bundle> bundle);
 
-    /// Stops what is Active and unloads everything in name order.
+    /// Stops the Active bundles and unloads all bundles, in name order.
     /// @throws what StopBundle and UnloadBundle throw; the bundles after that one stay
     void UnloadAllBundles();
 
-    /// Resolves every bundle that is not, required bundles first. Those that fail are unloaded at the end.
+    /// Resolves every unresolved bundle, required bundles first. Bundles that fail are unloaded at the end.
     void ResolveAllBundles();
 
     /// Resolves the bundles that it requires, depth first, then the bundle itself.
@@ -62,7 +62,7 @@ public:
     /// of a circle, or begins a chain of more than 10,000 bundles that require each other; its state is unchanged
     void ResolveBundle(std::shared_ptr<Bundle> bundle);
 
-    /// Starts every Resolved bundle, required bundles first. Those that fail are unloaded at the end.
+    /// Starts every Resolved bundle, required bundles first. Bundles that fail are unloaded at the end.
     void StartAllBundles();
 
     /// Starts the bundles it requires, then the bundle itself.
@@ -104,12 +104,12 @@ private:
     std::recursive_mutex m_mutex;                           // recursive: the operations use one another
 };
 
-/// Collects the bundles that fail while all are walked over and unloads them when the walk is done: the registry is not
-/// changed under the walk's feet, and a dependant that fails after its requirement finds it still there.
+/// Collects the bundles that fail during a walk over all bundles, and unloads them after the walk. So the registry does
+/// not change during the walk, and a dependant that fails after its requirement still finds it.
 class BundleFailProcessor {
 public:
     explicit BundleFailProcessor(BundleManager* bundleManager) : m_bundleManager(bundleManager) {}
-    /// A bundle that another thread or a later dependant has meanwhile started or unloaded is left as it is.
+    /// Skips a bundle that another thread or a later dependant has meanwhile started or unloaded.
     ~BundleFailProcessor();
     BundleFailProcessor(const BundleFailProcessor&) = delete;
     BundleFailProcessor& operator=(const BundleFailProcessor&) = delete;

@@ -30,8 +30,8 @@ namespace {
                                     std::to_string(BundleManifest::MAX_EXPANDED_SIZE) + " bytes");
 }
 
-// The INI reader keeps every key with the name of its section before it: one long name and many short keys, a file of
-// some hundred kilobytes, would come to gigabytes.
+// The INI reader stores each key together with its section's name. A file of some hundred kilobytes with one long
+// section name and many short keys would take gigabytes of memory.
 void RequireBoundedKeys(const std::string& text)
 {
     std::size_t section = 0;
@@ -40,7 +40,7 @@ void RequireBoundedKeys(const std::string& text)
         const std::size_t end = std::min(text.find('\n', begin), text.size());
         const std::size_t first = std::min(text.find_first_not_of(" \t\v\f\r", begin), end);
         if (first < end && text[first] == '[') {
-            section = end - first; // a key may follow in the same line: never counted too short
+            section = end - first; // a key may follow in the same line, so the count is never too low
             kept += section;
         } else if (first < end && text[first] != ';') {
             kept += section + (end - first);
@@ -52,7 +52,7 @@ void RequireBoundedKeys(const std::string& text)
     }
 }
 
-// Reads to the end, or to the first chunk that takes is not to be followed by another.
+// Reads to the end, or until takes refuses further chunks.
 template <class Take> void ReadChunks(std::istream& stream, const Take& take)
 {
     std::array<char, 4096> chunk;
@@ -66,7 +66,8 @@ template <class Take> void ReadChunks(std::istream& stream, const Take& take)
     }
 }
 
-// The INI reader reads until the end of the file and takes an error for more to come: it would never return.
+// The INI reader reads until the end of the file. It does not check for errors, so a read error would make it loop
+// forever.
 std::string ReadWhole(std::istream& stream)
 {
     std::string text;
@@ -82,8 +83,8 @@ std::string ReadWhole(std::istream& stream)
     return text;
 }
 
-/// References nest ten deep, and each may stand many times in its value: a few lines can stand for more text than any
-/// memory holds. What has been read, references included, is therefore counted.
+/// References nest ten deep, and a value may repeat each many times. So a few lines can expand to more text than fits
+/// into memory. This class counts all text that was read, references included.
 class BoundedIniConfiguration : public Poco::Util::IniFileConfiguration {
 public:
     explicit BoundedIniConfiguration(std::istream& stream) : IniFileConfiguration(stream) {}
@@ -129,7 +130,7 @@ void BundleManifest::Parse()
     Poco::Util::AbstractConfiguration::Keys sections;
     m_config->keys(sections);
     for (const std::string& section : sections) {
-        // Byte for byte, unlike the look-up of keys: "[Global]" gives the global keys and is an item section as well.
+        // Compared byte for byte, unlike keys: "[Global]" gives the global keys and is also an item section.
         if (section != GLOBAL_SECTION_NAME) {
             ParseLoadItem(section);
         }
@@ -166,8 +167,8 @@ void BundleManifest::ParseLoadItem(const std::string& section)
     BUNDLE_INFO("bundle item name ------> [%s]", item.itemName.c_str());
     const ItemKind kind = KindOf(item.itemName);
     if (kind == ItemKind::TOO_SHORT) {
-        // This is no Poco::Exception, so it does not concern this bundle alone when the whole collection is loaded: it
-        // ends the start.
+        // Not a Poco::Exception, so it ends the server's start when the whole collection is loaded, instead of failing
+        // this bundle alone.
         throw std::out_of_range("item name[" + item.itemName + "] is shorter than three characters");
     }
     if (kind == ItemKind::LIBRARY) {

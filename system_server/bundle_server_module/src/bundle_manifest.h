@@ -13,12 +13,12 @@
 
 namespace SystemServer {
 
-/// What a bundle says of itself in "BundleManifest.ini". Immutable: a changed file is taken in as a new manifest, so a
-/// holder of a shared pointer reads it from any thread without a lock.
+/// A bundle's description, read from "BundleManifest.ini". Immutable: a changed file becomes a new manifest. So a
+/// holder of a shared pointer reads it on any thread without a lock.
 class BundleManifest {
 public:
-    /// How the bundle's items are run. The fixed type lets a manifest carry any integer: a mode that is neither of the
-    /// two is refused when the bundle asks for its activator.
+    /// How the bundle's items are run. The fixed type holds any integer. Any other mode is refused when the bundle's
+    /// activator is made.
     enum LoadModeType : int { PROCESS_LOAD_MODE = 0, THREAD_LOAD_MODE = 1 };
 
     /// One item, as its section describes it.
@@ -27,12 +27,12 @@ public:
         std::string entryFunc; ///< entered when a ".so" item is run; empty for any other item
     };
 
-    /// A longer manifest is refused: it is held in memory whole, and one that never ends (a device, a file that still
-    /// grows) would be read with the manager's lock held.
+    /// A longer manifest is refused: the whole manifest is held in memory. It is read under the manager's lock, and a
+    /// device or a growing file might never end.
     static constexpr std::size_t MAX_SIZE = std::size_t{1024} * 1024;
 
-    /// And one whose keys, each with its section's name, or whose values, with their references expanded, come to more
-    /// than this.
+    /// The limit for all keys together, each with its section's name, and for all values together, with references
+    /// expanded. A manifest beyond it is refused.
     static constexpr std::size_t MAX_EXPANDED_SIZE = 4 * MAX_SIZE;
 
     /// Reads and checks the whole stream and logs a summary.
@@ -44,19 +44,19 @@ public:
     BundleManifest(const BundleManifest&) = delete;
     BundleManifest& operator=(const BundleManifest&) = delete;
 
-    /// What the accessors return belongs to the manifest and never changes.
+    /// The manifest owns what the accessors return. It never changes.
     const std::string& GetBundleName() const { return m_bundleName; }
     /// Any integer, see above.
     LoadModeType GetLoadMode() const { return m_loadMode; }
 
-    /// In the order in which they are written, duplicates included.
+    /// In the order of the file, duplicates included.
     const std::vector<std::string>& GetDependencies() const { return m_dependencies; }
 
     /// Sorted by the names of their sections without regard to case, which is the order the INI reader keeps.
     const std::vector<LoadItem>& GetLoadItems() const { return m_loadItems; }
 
-    /// Whether the stream has the content that this manifest was read from. Of a longer one than a manifest may be, no
-    /// more is read than it takes to see that.
+    /// Whether the stream has the content that this manifest was read from. Stops reading once the stream is longer
+    /// than a manifest may be.
     /// @throws Poco::ReadFileException the stream cannot be read
     bool WasReadFrom(std::istream& stream) const;
 

@@ -42,8 +42,8 @@ LaunchNumbers& BundleProcessActivator::m_launches = *new LaunchNumbers;
 
 namespace {
 
-// The configuration is taken at the first launch of a library, which a manager's thread makes while the application
-// lives, and then kept: the monitor relaunches until the process is gone, when the application no longer is.
+// The configuration is read at the first launch of a library and then kept. A manager's thread makes that launch while
+// the application lives. The monitor relaunches until the process ends, also after the application is destroyed.
 std::string LoaderPath()
 {
     using Configuration = Poco::AutoPtr<Poco::Util::LayeredConfiguration>;
@@ -54,8 +54,8 @@ std::string LoaderPath()
 
 } // namespace
 
-/// A forked child that has not been released yet. Unless it is kept, nothing is left of it: no process, no record. Made
-/// and destroyed under m_forkMutex.
+/// A forked child that has not been released yet. Unless it is kept, the destructor removes its process and its record.
+/// Made and destroyed under m_forkMutex.
 class BundleProcessActivator::Child {
 public:
     explicit Child(int child) : pid(child) {}
@@ -111,8 +111,8 @@ void BundleProcessActivator::Stop()
         BUNDLE_ERROR("bundle process already exit.");
         return;
     }
-    // From the first kill to the last mark: the monitor, which reaps under the same mutex, finds every child that was
-    // killed here marked.
+    // Held from the first kill to the last mark. The monitor reaps under the same mutex, so it sees the mark of every
+    // child that was killed here.
     const std::lock_guard<std::mutex> marks(m_ignorePidSetMutex);
     for (const LaunchedChild& child : children) {
         if (!KillAndMark(child)) {
@@ -136,10 +136,10 @@ std::vector<BundleProcessActivator::LaunchedChild> BundleProcessActivator::FindC
     return children;
 }
 
-// A child that has been reaped since it was found cannot be killed: its number is free, or another process has it.
+// A child that was reaped after it was found must not be killed: its pid is free, or another process has it.
 bool BundleProcessActivator::KillAndMark(const LaunchedChild& child)
 {
-    const auto [mark, isNew] = m_ignorePidSet.insert(child.pid); // needs memory, so before the kill that it belongs to
+    const auto [mark, isNew] = m_ignorePidSet.insert(child.pid); // needs memory, so it comes before the kill
     const std::lock_guard<std::mutex> forks(m_forkMutex);
     const bool isStillItself = m_launches.NumberOf(child.pid) == child.launch && !m_launches.IsReaped(child.pid);
     if (isStillItself && kill(child.pid, SIGKILL) == 0) {
@@ -175,20 +175,20 @@ void BundleProcessActivator::Launch(ProcessInfo& info)
     std::this_thread::sleep_for(std::chrono::seconds(1));
 }
 
-// The lowest pid's group is asked for before the new child is moved: for the first child that is still the server's own
-// group, so every later one is led into it, and the monitor can wait for that single group. When the lowest pid is the
-// dead child that is being relaunched, it has no group any more. The new child then stays in the group in which it was
-// forked, which is the same.
+// Reads the lowest pid's group before the new child moves. For the first child that is the server's own group. Every
+// later child joins that group, so the monitor can wait for a single group. A dead child that is being relaunched may
+// have the lowest pid and has no group any more. The new child then stays in the group in which it was forked, which is
+// the same.
 void BundleProcessActivator::JoinServerGroup(int pid)
 {
     const pid_t group = m_pidMap.empty() ? 0 : GroupOf(m_pidMap.begin()->first);
     if (setpgid(pid, group) == -1) {
-        // The record shows 0 in place of the group, as it always has.
+        // The record has always shown 0 in place of the group.
         BUNDLE_ERROR("setpgid pid %d to pgid %d failed errno %s ", pid, 0, std::strerror(errno));
     }
 }
 
-// The group of a child that has been reaped is not asked for: its number may be that of a process in another group.
+// Does not read the group of a child that has been reaped: its pid may now belong to a process in another group.
 pid_t BundleProcessActivator::GroupOf(int pid)
 {
     return m_launches.IsReaped(pid) ? -1 : getpgid(pid);

@@ -20,10 +20,10 @@ namespace SystemServer {
 class ChildWait;
 class ItemLaunch;
 
-/// Runs a bundle's items as child processes of the server, all of them in the server's process group. One monitor
-/// thread, started by the first launch, reaps them and relaunches those whose end calls for it. The bookkeeping is
-/// shared by all activators and never destroyed: the detached monitor uses it until the process is gone. Locks, in the
-/// order in which they may nest: m_ignorePidSetMutex, m_forkMutex, m_pidMapMutex.
+/// Runs a bundle's items as child processes of the server, all of them in the server's process group. The first launch
+/// starts the one monitor thread. It reaps the children and relaunches them if their exit status or signal requires it.
+/// All activators share the tables. These are never destroyed, because the detached monitor uses them until the process
+/// ends. Locks, in the order in which they may nest: m_ignorePidSetMutex, m_forkMutex, m_pidMapMutex.
 class BundleProcessActivator : public BundleActivator {
 public:
     /// One launched item.
@@ -35,7 +35,7 @@ public:
         std::string entryFunc; ///< for ".so" items
     };
 
-    /// The loader program's file name, and the directory in which it is looked for unless the configuration names one.
+    /// The loader program's file name, and its default directory. The configuration can name another directory.
     static const std::string& DYN_LIB_PROCESS_LOADER;
     static const std::string& DEFAULT_PATH_TO_LOADER;
 
@@ -49,24 +49,26 @@ public:
     void Start() override;
 
     /// Kills the bundle's children and marks them, so that the monitor does not relaunch them. Does not wait for their
-    /// end and keeps them in the table: the monitor reaps and forgets them.
-    /// @throws Poco::InvalidArgumentException a child cannot be killed, for example one that has been reaped and is
-    /// being relaunched this second; the children after it are left as they are
+    /// end and keeps them in the table: the monitor reaps them and removes their records.
+    /// @throws Poco::InvalidArgumentException a child cannot be killed, for example because the monitor has reaped it
+    /// and is relaunching it; the children after it stay as they are
     void Stop() override EXCLUDES(m_ignorePidSetMutex, m_forkMutex, m_pidMapMutex);
 
     /// Creates one child, records it, lets it become the item, and pauses for a second. Any thread.
-    /// @throws Poco::InvalidArgumentException no pipe, no process or no monitor thread; nothing is left of the child
+    /// @throws Poco::InvalidArgumentException the pipe, the process or the monitor thread cannot be created; no child
+    /// remains
     static void Launch(ProcessInfo& info) EXCLUDES(m_forkMutex, m_pidMapMutex);
 
 protected:
-    /// The monitor's thread. Ends when the last child is gone, or for good, with the flag left set, when a wait fails.
-    /// A relaunch that cannot fork throws out of it and ends the server, which its own supervisor then starts again.
+    /// The monitor's thread. Ends when the last child is gone. Also ends when a wait fails; the flag then stays set, so
+    /// no other monitor starts. A relaunch that cannot fork throws out of this function and ends the server. The
+    /// server's own supervisor then starts it again.
     static void Monitor();
 
-    /// Relaunches a child that has exited with a status that asks for it. The monitor's thread only.
+    /// Relaunches a child if its exit status requires it. Called on the monitor's thread only.
     static void ExitStatusProc(int pid, int status);
 
-    /// Does what a death calls for by its wait status. The monitor's thread only.
+    /// Handles a child's death according to its wait status. Called on the monitor's thread only.
     static void HandleExit(int pid, int status);
 
     /// Every child whose end has not been handled yet, by pid.
@@ -77,8 +79,8 @@ protected:
     static std::mutex m_ignorePidSetMutex ACQUIRED_BEFORE(m_forkMutex, m_pidMapMutex);
     /// Set under m_pidMapMutex, read on any thread.
     static std::atomic<bool> m_isMonitorRunning;
-    /// Held from a child's fork until it is in m_pidMap, and while a child is reaped or killed: what the bookkeeping
-    /// knows of a pid is true of the process that has it.
+    /// Held from a child's fork until its record is in m_pidMap, and while a child is reaped or killed. So a pid in the
+    /// tables always means the process that has this pid.
     static std::mutex m_forkMutex ACQUIRED_BEFORE(m_pidMapMutex);
 
 private:
@@ -86,7 +88,7 @@ private:
         int pid;
         unsigned long launch; ///< its number
     };
-    /// A child that has been reaped, with what was known under its number before.
+    /// A child that has been reaped, with its former record.
     struct Death {
         int pid = 0;
         int status = 0;
@@ -115,8 +117,8 @@ private:
 
     /// The launches of the children in m_pidMap.
     static LaunchNumbers& m_launches GUARDED_BY(m_forkMutex);
-    /// The child whose end is being handled: its record in m_pidMap may be another launch's by now. The monitor's
-    /// thread only.
+    /// The child whose end is being handled. Its pid in m_pidMap may already belong to another launch. Used on the
+    /// monitor's thread only.
     static Death& m_death;
 };
 

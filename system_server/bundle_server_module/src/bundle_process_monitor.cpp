@@ -21,7 +21,7 @@ BundleProcessActivator::Death& BundleProcessActivator::m_death = *new Death;
 
 namespace {
 
-/// The exit codes by which a program asks to be run again; any other, 0 and 1 included, lets it rest.
+/// The exit codes after which a program is run again. After any other code, 0 and 1 included, it is not.
 constexpr std::array<int, 9> RELAUNCH_STATUSES{2, 6, 7, 8, 10, 11, 15, 31, 255};
 
 bool CallsForRelaunch(int status)
@@ -48,7 +48,7 @@ void BundleProcessActivator::Monitor()
         BUNDLE_INFO("BundleProcessActivator monitor pgid [%d] ", target.shown);
         if (!hasDied) {
             BUNDLE_ERROR("waitpid fail, errno is %d.", error);
-            return; // the flag stays set: from now on nothing is supervised, which only a restart of the server mends
+            return; // the flag stays set: nothing is supervised until the server is restarted
         }
         if (!m_death.isItem) {
             BUNDLE_INFO("non-bundle process[%d] exit.", m_death.pid);
@@ -56,7 +56,7 @@ void BundleProcessActivator::Monitor()
         }
         HandleExit(m_death.pid, m_death.status);
         if (ForgetDeadAndTellWhetherLast()) {
-            return; // not by way of the flag, which a launch may have set again for a monitor of its own
+            return; // does not test the flag: a launch may have set it again for a new monitor
         }
     }
 }
@@ -88,9 +88,9 @@ std::vector<int> BundleProcessActivator::KnownPids()
     return pids;
 }
 
-// The next death goes to m_death. False, with errno set, when the wait has failed. A death that another wait in this
-// process has taken, a library's perhaps, is lost, and the number may be a living child's by now: neither is a failure.
-// The same number lost twice in a row is one.
+// Stores the next death in m_death. False, with errno set, when the wait has failed. Another wait in this process, for
+// example in a library, may take a death away. Its pid may already belong to a living child. Neither is a failure, but
+// losing the same pid twice in a row is.
 bool BundleProcessActivator::ReapNext(ChildWait& deaths, pid_t group)
 {
     int lost = 0;
@@ -110,8 +110,8 @@ bool BundleProcessActivator::ReapNext(ChildWait& deaths, pid_t group)
     }
 }
 
-// Once it is reaped, the child's number may be another's. So what is known under the number is taken aside before, its
-// mark is taken away with it, and meanwhile no child is forked and no bundle stopped.
+// After the reaping, another child may get the pid. So the child's record is copied and its mark removed before.
+// Meanwhile no child is forked and no bundle is stopped.
 int BundleProcessActivator::Reap(int pid)
 {
     const std::lock_guard<std::mutex> marks(m_ignorePidSetMutex);
@@ -176,7 +176,7 @@ void BundleProcessActivator::HandleSignal(int pid, int signal)
             BUNDLE_INFO("normal stop %s...", name);
             return;
         }
-        // Whatever the signal: an item rests when its bundle is stopped.
+        // After any signal, an item is relaunched unless its bundle was stopped.
         BUNDLE_INFO("relaunch %s...", name);
         Launch(info);
         BUNDLE_INFO("%s relaunch done.", name);
@@ -188,8 +188,8 @@ void BundleProcessActivator::ExitStatusProc(int pid, int status)
     BUNDLE_INFO("entering exit status proc....");
     ProcessInfo info = InfoOf(pid);
     const char* const name = info.processName.c_str();
-    // The marks of Stop do not matter here: a child that Stop has killed dies of the signal. One that has exited just
-    // before asks for its relaunch and gets it.
+    // The marks of Stop do not matter here, because a child that Stop has killed dies of the signal. A child that has
+    // exited just before is relaunched.
     if (CallsForRelaunch(status)) {
         BUNDLE_INFO("%s[%d] exit status [%d] need relaunch and now %s is relaunching ...", name, pid, status, name);
         RetryOnBadAlloc(pid, [&] { Launch(info); });

@@ -41,8 +41,8 @@ BundleRemoval::BundleRemoval(BundleDirWatcher& watcher, std::string collectionDi
     : m_watcher(watcher), m_collectionSync(std::move(collectionDir))
 {}
 
-// Withdrawn before it leaves the registry: the watcher's thread, which finds it there no more, asks next whether it is
-// being removed.
+// Withdrawn before it leaves the registry. When the watcher's thread does not find the bundle there, it then asks
+// whether the bundle is being removed.
 bool BundleRemoval::Remove(BundleManager& manager, const std::shared_ptr<Bundle>& bundle)
 {
     {

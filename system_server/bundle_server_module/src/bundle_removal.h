@@ -10,20 +10,20 @@
 
 namespace SystemServer {
 
-/// Stops a bundle and unloads it. Any thread; waits for the manager and for "uninstall.sh". What fails is logged.
+/// Stops a bundle and unloads it. Any thread; waits for the manager and for "uninstall.sh". Failures are logged.
 /// @return false when either fails: the bundle is still registered, unless another thread has unloaded it
 /// @throws std::bad_alloc nothing has been done
 bool StopAndUnload(BundleManager& manager, const std::shared_ptr<Bundle>& bundle);
 
-/// Deletes bundles together with their directories, as a request asks. The main thread's.
+/// Deletes bundles together with their directories, for a request. Used on the main thread.
 class BundleRemoval {
 public:
-    /// @param watcher not owned; not told of the changes that a removal makes
+    /// @param watcher not owned; does not raise the changes that a removal makes
     BundleRemoval(BundleDirWatcher& watcher, std::string collectionDir);
 
-    /// Stops and unloads the bundle, removes its directory with "rm" and waits up to a second until the collection is
-    /// written out: a power failure must not bring back what was answered as deleted. "rm" may take any time, and what
-    /// it cannot remove stays.
+    /// Stops and unloads the bundle, and removes its directory with "rm". Then waits up to a second until the
+    /// collection is written to disk, so that a power failure does not bring a deleted bundle back. "rm" may take any
+    /// time. Files that it cannot remove stay.
     /// @return false when a step before the end of "rm" has failed; the log says which
     /// @throws std::bad_alloc
     bool Remove(BundleManager& manager, const std::shared_ptr<Bundle>& bundle);

@@ -25,8 +25,8 @@ const std::array<BundleServer::MsgHandler, 5> BundleServer::m_msgHndl = {
 };
 static_assert(BundleService::METHOD_DELETE_BUNDLE == 4, "the position of its handler in the table");
 
-// The watcher first: it joins its thread, which uses the manager. The manager stops and unloads nothing, deliberately:
-// what the bundles run outlives the server.
+// The watcher comes first: it joins its thread, which uses the manager. The manager deliberately stops and unloads
+// nothing: the bundles' processes outlive the server.
 BundleServer::~BundleServer()
 {
     m_dirWatcher.reset();
@@ -82,13 +82,13 @@ void BundleServer::initialize(Application& self)
 {
     try {
         StartUp();
-        // The bundles run before the framework's subsystems are set up: nothing that could fail there keeps them from
-        // it.
+        // The bundles start before the framework's subsystems, so that a failure of a subsystem cannot keep them from
+        // starting.
         ServerApplication::initialize(self);
         BUNDLE_INFO("init bundle server done.");
     } catch (...) {
         m_startupFailure = std::current_exception();
-        logger().setChannel(nullptr); // the process entry tells what it was, and once is enough
+        logger().setChannel(nullptr); // main() already prints the error
         m_follower.OpenGate(nullptr);
         throw;
     }
@@ -121,7 +121,7 @@ void BundleServer::StartUp()
     m_follower.OpenGate(m_bundleManager);
 }
 
-// The one place where the watcher is made.
+// The watcher is made only here.
 void BundleServer::WatchCollection(const std::string& collectionDir)
 {
     const auto watcher = std::make_shared<BundleDirWatcher>(collectionDir);
@@ -140,7 +140,7 @@ int BundleServer::main(const std::vector<std::string>& /*args*/)
     }
     m_startUpSignals.LeaveToLoop();
     RunService();
-    // Also when there was no service to run: the bundles are still supervised and the directory followed.
+    // Waits also without a service: the bundles are still supervised and the directory is still followed.
     waitForTerminationRequest();
     return EXIT_OK;
 }

@@ -26,24 +26,25 @@ namespace SystemServer {
 /// Publishes that a bundle has been deleted. Any thread; a failure is only logged.
 void PublishDeleteMsg();
 
-/// The server: command line, configuration, start-up, the request service on the main thread and the events of the
-/// collection directory on the watcher's. One object a process. It stops nothing when it ends: the bundles' processes
-/// and threads are left as they are.
+/// The server: command line, configuration, start-up, the request service on the main thread, and the events of the
+/// collection directory on the watcher's thread. One object a process. When it ends, it stops neither the bundles'
+/// processes nor their threads.
 class BundleServer : public Poco::Util::ServerApplication {
 public:
     /// On the main thread, before any other thread is started.
     BundleServer() = default;
-    /// Waits for a handler of the watcher that runs, then lets go of the bundles.
+    /// Waits for a running handler of the watcher, then releases the bundles.
     ~BundleServer() override;
 
-    /// The framework keeps what start-up throws to itself and makes run() return its configuration error.
-    /// @throws what initialize has thrown; returns when it has not
+    /// Rethrows the exception of the start-up. The framework catches it and only makes run() return its configuration
+    /// error.
+    /// @throws what initialize has thrown; returns when it has thrown nothing
     void RethrowStartupFailure() const;
 
 protected:
     using MsgHandler = void (*)(lumo_message*, bolt_connection*);
 
-    /// A reply to a request. The content stays the caller's.
+    /// A reply to a request. The caller keeps the content.
     struct ReplyMsgInfo {
         std::uint16_t retCode; ///< 200, 400 or 404
         const void* content;
@@ -58,8 +59,8 @@ protected:
     /// Adds "help" and "config-file" to the options of the framework.
     void defineOptions(Poco::Util::OptionSet& options) override;
 
-    /// Runs the service until a signal ends it. Without a service, waits for the signal all the same: the bundles are
-    /// still supervised. Returns the process's exit status, which is always 0.
+    /// Runs the service until a signal ends it. Without a service, it also waits for the signal: the bundles are still
+    /// supervised. Returns the process's exit status, which is always 0.
     int main(const std::vector<std::string>& args) override;
 
     /// Prints the help and ends the process with status 0. Never returns.
@@ -75,13 +76,12 @@ protected:
     void RunService();
     /// The event loop's call when the service is registered. Returns 0: nothing can fail.
     static int StartServer(bolt_server* server, void* arg);
-    /// The event loop's call for each request. Exactly one reply follows from it. The message stays the loop's. Throws
-    /// nothing.
+    /// The event loop's call for each request. Sends exactly one reply. The loop keeps the message. Throws nothing.
     static void ProcessMsg(lumo_message* msg, bolt_connection* conn);
     /// Turns the request into its reply and queues it. Never blocks; a reply that cannot be queued is dropped.
     static void ReplyMsg(lumo_message* msg, bolt_connection* conn, const ReplyMsgInfo& info);
-    /// Points param at the request's content, which stays the message's. Returns 0, or -1 with an error record when
-    /// there are fewer than required bytes of it.
+    /// Points param at the request's content, which the message owns. Returns 0, or -1 with an error record when the
+    /// content has fewer than required bytes.
     static int GetParamFromContent(lumo_message* msg, bolt_connection* conn, void** param, unsigned required);
     /// Deletes the bundle that the request names, replies and, on success, publishes the event. Takes as long as the
     /// bundle's scripts and "rm" do; further requests wait.
@@ -94,14 +94,14 @@ protected:
 
     static const bolt_server_ops m_serverOps;
     static const bolt_protocol_ops m_protocolOps;
-    static const std::array<MsgHandler, 5> m_msgHndl; ///< by method; empty where there is no such request
+    static const std::array<MsgHandler, 5> m_msgHndl; ///< by method; empty where no such request exists
 
 private:
     void StartUp();
     void WatchCollection(const std::string& collectionDir);
     static std::uint16_t DeleteBundle(const char* content, std::size_t length);
 
-    // The main thread's, apart from m_follower, whose handlers run on the watcher's thread.
+    // Used on the main thread, apart from m_follower, whose handlers run on the watcher's thread.
     StartUpSignals m_startUpSignals;
     bool m_helpRequested = false;
     std::shared_ptr<BundleManager> m_bundleManager; // the watcher's thread gets it through the follower's gate

@@ -79,7 +79,7 @@ void BundleServer::DeleteBundleItem(lumo_message* msg, bolt_connection* conn)
     ReplyMsgInfo reply{STATUS_BAD_REQUEST, nullptr, 0};
     void* content = nullptr;
     if (GetParamFromContent(msg, conn, &content, NAME_FIELD_SIZE) == 0) {
-        // A name without a NUL ends with the content.
+        // A name without a NUL ends where the content ends.
         reply.retCode = DeleteBundle(static_cast<const char*>(content), msg->header.length);
     }
     ReplyMsg(msg, conn, reply);
@@ -88,7 +88,7 @@ void BundleServer::DeleteBundleItem(lumo_message* msg, bolt_connection* conn)
     }
 }
 
-// Whatever goes wrong, a request ends in a status: exactly one reply follows from it.
+// Every failure ends in a status, so each request gets exactly one reply.
 std::uint16_t BundleServer::DeleteBundle(const char* content, std::size_t length)
 {
     try {

@@ -25,7 +25,7 @@ Poco::Path BundleStorageDir::GetResourceAbsPath(const std::string& relativePath)
     if (relative.isAbsolute()) {
         throw Poco::InvalidArgumentException("Path is not relative path.");
     }
-    // Anywhere, not only as a component. That refuses a name like "a..b" too, and is a test that no path gets round.
+    // Refused anywhere, not only as a component. This also refuses a name like "a..b", but no path can evade the test.
     if (relativePath.find("..") != std::string::npos) {
         throw Poco::InvalidArgumentException("Path must not contain '..'");
     }
@@ -53,12 +53,12 @@ std::istream* BundleStorageDir::GetResourceFile(const std::string& relativePath)
         BUNDLE_ERROR("[%s] is directory.", path.c_str());
         return nullptr;
     }
-    // Opening a FIFO waits for its writer, and a manifest is opened with the manager's lock held.
+    // Opening a FIFO would wait for its writer while the manager's lock is held.
     if (!S_ISREG(status.st_mode)) {
         throw Poco::OpenFileException("not a regular file", path);
     }
     auto stream = std::make_unique<Poco::FileInputStream>(path, std::ios::in);
-    // A file that the kernel makes up while it is read shows the size 0. Reading it may wait for news or never end.
+    // A file that the kernel generates on reading has the size 0. Reading it may block or never end.
     if (status.st_size == 0) {
         stream->setstate(std::ios::eofbit);
     }

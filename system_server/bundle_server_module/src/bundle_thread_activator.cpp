@@ -30,8 +30,8 @@ namespace {
 
 using EntryFunction = int (*)();
 
-/// The loader's error text is gone after the first call. The records have never carried a reason, and programs that
-/// read them count on that.
+/// Discards the loader's error text. The records have never contained the reason, and programs that read them rely on
+/// that.
 const char* SecondLoaderError()
 {
     dlerror();
@@ -39,15 +39,15 @@ const char* SecondLoaderError()
     return text != nullptr ? text : "(null)";
 }
 
-/// While it lives, the calling thread can be cancelled at its cancellation points. Before and after, a request waits: a
-/// cancellation within the dynamic loader, a library's constructor or the log would end the process.
+/// While it lives, the calling thread can be cancelled at its cancellation points. Before and after, a cancellation
+/// stays pending: within the dynamic loader, a library's constructor or the log it would end the process.
 class CancellationEnabled {
 public:
     CancellationEnabled() { pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); }
     ~CancellationEnabled()
     {
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-        pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr); // whatever the entry function has set
+        pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr); // the entry function may have changed it
     }
     CancellationEnabled(const CancellationEnabled&) = delete;
     CancellationEnabled& operator=(const CancellationEnabled&) = delete;
@@ -60,18 +60,18 @@ int CallCancellable(EntryFunction entry)
     return entry();
 }
 
-/// The C library loads the unwinder at the first cancellation, under the dynamic loader's lock. Without memory or
-/// descriptors it then ends the process, and while a library's constructor runs it waits for that. So the first thread
-/// to be unwound is one of ours, which runs before any library.
-/// @throws Poco::InvalidArgumentException there is no unwinder
-/// @throws std::system_error there is no thread
+/// The C library loads the unwinder at the first cancellation, under the dynamic loader's lock. If memory or
+/// descriptors are short, it then ends the process. While a library's constructor runs, it waits for the constructor.
+/// So a thread of ours is unwound first, before any library runs.
+/// @throws Poco::InvalidArgumentException the unwinder cannot be loaded
+/// @throws std::system_error the thread cannot be created
 void PrepareCancellation(const std::string& itemName)
 {
     static std::atomic<bool> isPrepared{false};
     if (isPrepared) {
         return;
     }
-    // glibc tells the unwinder's name; another C library needs none. It stays open.
+    // glibc defines the unwinder's name; other C libraries need none. The library stays open.
 #ifdef LIBGCC_S_SO
     if (dlopen(LIBGCC_S_SO, RTLD_NOW) == nullptr) {
         const char* const reason = dlerror();
@@ -85,7 +85,7 @@ void PrepareCancellation(const std::string& itemName)
 
 } // namespace
 
-/// Takes the calling thread out of the live ones when it ends, by return, by exception or by cancellation.
+/// Removes the calling thread from the live threads when it ends, by return, exception or cancellation.
 class BundleThreadActivator::LiveThread {
 public:
     explicit LiveThread(BundleThreadActivator& activator) : m_activator(activator) {}
@@ -94,7 +94,7 @@ public:
     LiveThread& operator=(const LiveThread&) = delete;
 
 private:
-    // Apart from the destructor, which the check of the annotations does not look into.
+    // Separate from the destructor, because the annotation check does not examine destructors.
     void End() const EXCLUDES(m_activator.m_liveThreadsMutex)
     {
         const std::lock_guard<std::mutex> lock(m_activator.m_liveThreadsMutex);
@@ -114,7 +114,7 @@ void BundleThreadActivator::Start()
     const std::shared_ptr<BundleManifest> manifest = m_bundle->GetManifest();
     for (const BundleManifest::LoadItem& item : manifest->GetLoadItems()) {
         if (KindOf(item.itemName) != ItemKind::LIBRARY) {
-            // The text has gone out with its placeholder for so long that it is matched as it is.
+            // The placeholder stays unexpanded: programs that read the log match this text.
             throw Poco::InvalidArgumentException("item[%s] can not be loaded in thread mode.");
         }
         StartThread(manifest, item);
@@ -130,7 +130,7 @@ void BundleThreadActivator::StartThread(const std::shared_ptr<BundleManifest>& m
     try {
         const TerminationSignalsBlocked blocked;
         PrepareCancellation(item.itemName);
-        // The manifest is held for the item, which is used where it lies, across an update of the bundle too.
+        // Holds the manifest, which owns the item, also across an update of the bundle.
         std::thread thread([self = shared_from_this(), manifest, &item] {
             pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // no cancellation point comes before
             const LiveThread live(*self);
@@ -144,7 +144,7 @@ void BundleThreadActivator::StartThread(const std::shared_ptr<BundleManifest>& m
     }
 }
 
-// What goes wrong on an item's thread concerns that item only: an exception that left it would end the server.
+// A failure on an item's thread concerns only that item. An exception that left the thread would end the server.
 void BundleThreadActivator::RunItem(const BundleManifest::LoadItem& item)
 {
     try {
@@ -174,8 +174,8 @@ void BundleThreadActivator::ActivateDynLib(const BundleManifest::LoadItem& item)
     CallEntryFunction(entry, bundleName, item);
 }
 
-// A forced unwind carries no object. The handler's reference to it is never read, but the sanitizer would report it as
-// one to null.
+// A forced unwind has no exception object. The handler never reads its reference, but the sanitizer would report a null
+// reference.
 __attribute__((no_sanitize("null"))) void BundleThreadActivator::CallEntryFunction(void* entry,
                                                                                    const std::string& bundleName,
                                                                                    const BundleManifest::LoadItem& item)
@@ -187,7 +187,7 @@ __attribute__((no_sanitize("null"))) void BundleThreadActivator::CallEntryFuncti
             BUNDLE_ERROR("entry func[%s] return fail.", item.entryFunc.c_str());
         }
     } catch (const abi::__forced_unwind&) {
-        throw; // cancelled by Stop: the C library ends the process when this is kept from passing
+        throw; // cancelled by Stop: the C library ends the process if a handler swallows this
     } catch (const std::exception& e) {
         BUNDLE_ERROR("entry func[%s] return fail. exception info: [%s].", item.entryFunc.c_str(), e.what());
     } catch (...) {

@@ -46,7 +46,7 @@ int ChildWait::Next(pid_t group)
     return pid;
 }
 
-// The first is among them, though it may be no item.
+// The result includes the first child, even if it is not an item.
 std::list<int> ChildWait::FindDead(pid_t group, int first) const
 {
     std::list<int> dead{first};

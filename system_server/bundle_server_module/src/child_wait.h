@@ -14,12 +14,12 @@
 
 namespace SystemServer {
 
-/// One thread's. The deaths among the children of a process group, in rounds: all that are dead at one moment before
-/// any later one. In the kernel's own order the waiting thread's children come first. Those are the ones that the
-/// monitor has relaunched, so one item that ends at once each time would keep every other death from being seen.
+/// Waits for deaths among the children of a process group, in rounds: all children that are dead at one moment come
+/// before any later death. The kernel's own order begins with the waiting thread's children. The monitor has relaunched
+/// these. So one item that ends at once each time would hide every other death. Used on one thread.
 class ChildWait {
 public:
-    /// The children to look at beside the one that the kernel names first.
+    /// The children to check besides the one that the kernel names first.
     using KnownChildren = std::function<std::vector<int>()>;
 
     /// @param knownChildren called in Next, on its thread
@@ -40,8 +40,8 @@ private:
     std::list<int> m_round; // a list, because an empty one needs no memory
 };
 
-/// Does what a dead child calls for. Where memory is short it tries again each second, without an end: only the monitor
-/// does this work.
+/// Runs a step of a dead child's handling. When memory is short it tries again each second, without a limit: only the
+/// monitor does this work.
 /// @return what the step returns
 /// @throws what the step throws, apart from std::bad_alloc
 template <class Step> auto RetryOnBadAlloc(int pid, const Step& step)

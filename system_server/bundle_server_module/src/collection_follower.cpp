@@ -15,7 +15,7 @@ void CollectionFollower::OpenGate(std::shared_ptr<BundleManager> manager)
 {
     try {
         m_gate.set_value(std::move(manager));
-    } catch (const std::future_error&) { // open already: what failed came after the start of the bundles
+    } catch (const std::future_error&) { // already open: the failure came after the start of the bundles
     }
 }
 
@@ -31,7 +31,7 @@ void CollectionFollower::OnAdded(const std::string& path)
         return;
     }
     if (manager->IsLoaded(path)) {
-        // It came while start-up read the collection, which may have found half of it.
+        // It came while start-up read the collection, so start-up may have read it incomplete.
         BUNDLE_INFO("bundle dir[%s] is loaded already.", path.c_str());
         if (const std::shared_ptr<Bundle> loaded = FindLoaded(*manager, path)) {
             UpdateAndRestart(*manager, loaded);
@@ -52,7 +52,7 @@ std::shared_ptr<Bundle> CollectionFollower::LoadAdded(BundleManager& manager, co
     try {
         BUNDLE_INFO("add a new bundle dir.");
         BUNDLE_INFO("load bundle from [%s]...", path.c_str());
-        m_watcher->AcceptChanges(path); // what has come since the event is loaded with the rest
+        m_watcher->AcceptChanges(path); // changes since the event are loaded together with the rest
         std::shared_ptr<Bundle> bundle = manager.LoadBundle(path);
         if (!bundle) {
             BUNDLE_ERROR("load bundle from [%s] fail.", path.c_str());
@@ -80,7 +80,8 @@ void CollectionFollower::StartAdded(BundleManager& manager, const std::shared_pt
         manager.StartBundle(bundle);
         BUNDLE_INFO("start bundle done.");
     } catch (const std::exception&) {
-        // The unloading is the answer, in the log too. It can be refused: a request may have dealt with the bundle.
+        // The log shows the unloading as the response. The unloading can be refused, because a request may have removed
+        // the bundle.
         try {
             manager.UnloadBundle(bundle);
         } catch (const std::exception& e) {
@@ -106,7 +107,7 @@ void CollectionFollower::OnRemoved(const std::string& path)
     }
 }
 
-// A child that is being run again cannot be killed in the second that this takes. Any other obstacle to a stop stays.
+// A child cannot be killed during the second of its relaunch. All other causes of a failed stop are permanent.
 void CollectionFollower::RetryRemoval(BundleManager& manager, const Bundle& bundle)
 {
     const std::string& path = bundle.GetStorage()->GetRootPath();
@@ -116,7 +117,7 @@ void CollectionFollower::RetryRemoval(BundleManager& manager, const Bundle& bund
     }
 }
 
-// A directory that was renamed has been refused as long as the bundle was registered under its old path.
+// A renamed directory was refused while the bundle was still registered under its old path.
 void CollectionFollower::RetryRefusedAdditions()
 {
     for (const std::string& path : m_refusedMeanwhile) {
@@ -140,7 +141,7 @@ void CollectionFollower::OnModified(const std::string& path)
     }
 }
 
-// Empty when there is none; the records say either.
+// Empty when it has no bundle. A record says which.
 std::shared_ptr<Bundle> CollectionFollower::FindLoaded(BundleManager& manager, const std::string& path)
 {
     BUNDLE_INFO("find bundle[%s]...", path.c_str());
@@ -154,7 +155,7 @@ std::shared_ptr<Bundle> CollectionFollower::FindLoaded(BundleManager& manager, c
 }
 
 // The update comes before the stop, so a manifest that does not parse leaves the old bundle running. Stopping only
-// kills; the pause after it lets the monitor reap the dead before the start puts new children beside them.
+// kills. The pause after it lets the monitor reap the dead children before new ones start.
 void CollectionFollower::UpdateAndRestart(BundleManager& manager, const std::shared_ptr<Bundle>& bundle)
 {
     try {
@@ -173,7 +174,7 @@ void CollectionFollower::UpdateAndRestart(BundleManager& manager, const std::sha
     }
 }
 
-// The manifest is looked at last, so that one which comes even later is a change like any other.
+// The manifest is compared last, so that an even later manifest counts as a normal change.
 void CollectionFollower::AcceptWritesOfScript(const Bundle& bundle) noexcept
 {
     const std::shared_ptr<BundleStorage> storage = bundle.GetStorage();

@@ -21,11 +21,11 @@ namespace {
 
 const std::string NO_PREFIX;
 
-/// In how many items names are counted at a time, which takes some 10 ms.
+/// The number of items whose names are counted at a time. This takes about 10 ms.
 constexpr int COUNTED_ITEMS = 256;
 
-// Removals first: a bundle that is renamed would otherwise be refused as a duplicate of itself. Then plain files, which
-// are soon dealt with.
+// Removals come first: a renamed bundle would otherwise be refused as a duplicate of itself. Then come plain files,
+// which take little time.
 bool ComesBefore(const CollectionChange& one, const CollectionChange& other)
 {
     const auto rank = [](const CollectionChange& change) {
@@ -78,7 +78,7 @@ void CollectionScan::ScanEntry(int collection, const char* name, unsigned char t
 {
     const EntryKind kind = KindOfEntry(collection, name, type);
     if (kind == EntryKind::ABSENT || kind == EntryKind::UNKNOWN) {
-        return; // FindGone tells what has become of it
+        return; // FindGone handles it
     }
     const bool isDirectory = kind == EntryKind::DIRECTORY;
     auto position = m_items.find(name);
@@ -89,7 +89,7 @@ void CollectionScan::ScanEntry(int collection, const char* name, unsigned char t
     WatchedItem& item = position->second.item;
     const WatchedItem::Place place{collection, position->first, m_prefix};
     if (item.IsDirectory() != isDirectory || item.HasLeft(place, m_fingerprinter)) {
-        return; // another thing under the same name: the old one has gone, the next scan finds the new one
+        return; // another kind of item has the name: the old one has gone, and the next scan finds the new one
     }
     position->second.lastScan = m_scan;
     if (isNew && m_scan == 1) {
@@ -122,7 +122,7 @@ void CollectionScan::FindGone(int collection, Changes& changes)
     });
 }
 
-// Asked by name: a listing may leave out what is there while others come and go.
+// Checked by name: a listing may omit an existing entry while other entries come and go.
 bool CollectionScan::HasGone(int collection, const std::string& name, WatchedItem& item)
 {
     const EntryKind kind = KindAt(collection, name.c_str());
@@ -151,7 +151,7 @@ bool CollectionScan::Take(const CollectionChange& change)
     if (change.isRetry) {
         return m_removals.IsDue(change.name, m_scan);
     }
-    const auto position = m_items.find(change.name); // there: only this thread takes items away
+    const auto position = m_items.find(change.name); // exists, because only this thread removes items
     if (change.kind == Kind::REMOVED) {
         m_removals.Begin(change.name); // first, because it may fail
         m_items.erase(position);
@@ -240,7 +240,7 @@ void CollectionScan::Withdraw(const std::string& path)
     if (name.empty()) {
         return;
     }
-    // Not yet known when it came while start-up read the collection.
+    // Not known yet if it came while start-up read the collection.
     WatchedItem& item = m_items.try_emplace(std::string(name), Entry{WatchedItem(true)}).first->second.item;
     item.Withdraw({AT_FDCWD, path, NO_PREFIX}, m_fingerprinter);
 }
@@ -253,14 +253,14 @@ void CollectionScan::EndWithdrawal(const std::string& path, bool hasBegun)
     }
 }
 
-// Of an item's path; empty when it is another's.
+// The name in an item's path; empty when the path is not an item's.
 std::string_view CollectionScan::NameOf(const std::string& path) const
 {
     const bool isBelow = path.compare(0, m_prefix.size(), m_prefix) == 0;
     return isBelow ? std::string_view(path).substr(m_prefix.size()) : std::string_view();
 }
 
-// Null when there is none under that path.
+// Null when the path has no item.
 WatchedItem* CollectionScan::FindItem(const std::string& path)
 {
     const auto position = m_items.find(NameOf(path));

@@ -24,45 +24,44 @@ struct CollectionChange {
     Kind kind;
     std::string name; ///< in the collection
     bool isDirectory;
-    std::int64_t time = 0; ///< when it was made, nanoseconds since 1970; 0 when that is unknown
-    bool isRetry = false;  ///< of a removal
+    std::int64_t time = 0; ///< when it was made, nanoseconds since 1970; 0: unknown
+    bool isRetry = false;  ///< a removal that is raised again
 };
 
-/// What is known of a collection directory, and what has changed since. A scan compares the two and finds changes; a
-/// change becomes known when it is taken, just before it is raised. In between, its handler's turn may take long to
-/// come.
+/// The known state of a collection directory. A scan compares the directory with it and finds changes. A change becomes
+/// known when it is taken, just before it is raised. It may wait long for its handler's turn.
 ///
-/// Find, Take, EndRemoval and CountNames are called by one thread, the others by any. A lock of its own is held for
-/// each call, never longer. Each path is an item's: the prefix and the name. Unknown paths are passed over.
+/// Find, Take, EndRemoval and CountNames are called by one thread, the others by any. Each call holds a lock of its
+/// own, never longer. Each path is an item's: the prefix and the name. Unknown paths are ignored.
 class CollectionScan {
 public:
     using Changes = std::vector<CollectionChange>;
 
-    /// Knows nothing yet: the first call of Find takes what is there as known.
+    /// Knows nothing yet: the first call of Find marks the current items as known.
     /// @param prefix of the items' paths, ending in "/"
     explicit CollectionScan(std::string prefix) : m_prefix(std::move(prefix)) {}
 
-    /// Makes a scan that is under way, and each later one, end early with nothing or a part of the changes.
+    /// Makes the running scan and each later one end early, with none or some of the changes.
     void Stop() { m_stopping = true; }
 
-    /// Scans the collection. Nothing of what is found counts as known afterwards. Logs when the collection cannot be
-    /// read, and when it can be read again; there are no changes in between.
+    /// Scans the collection. The changes that it finds are not known yet. Logs when the collection cannot be read, and
+    /// when it can be read again. In between it finds no changes.
     /// @return removals first, then plain files, then directories in the order in which they were changed
-    /// @throws std::bad_alloc what was found is found again
+    /// @throws std::bad_alloc the next scan finds the changes again
     Changes Find();
 
-    /// Marks a change as known. What is done to the item from now on is a change of its own.
-    /// @return false when there is no longer anything to raise: the item has gone, a copy or removal of it has gone on,
-    /// or the change has been accepted
+    /// Marks a change as known. Whatever happens to the item later is a new change.
+    /// @return false when nothing is to be raised any more: the item has gone, its copying or removal has continued, or
+    /// the change has been accepted
     /// @throws std::bad_alloc the change is found again
     bool Take(const CollectionChange& change);
 
-    /// The handler of a removal has returned. Unless it has asked for another try, the removal is over. Logs how often
-    /// it will be tried.
+    /// Called when the handler of a removal has returned. Unless it has asked for another try, the removal is over.
+    /// Logs how often it will be tried.
     void EndRemoval(const std::string& name);
 
-    /// Counts the names in some of the items that were there at the first scan, where that is still to be done. It
-    /// takes too long for the start. Until then a removal of names from an item counts as any other change.
+    /// Counts the names in some of the items of the first scan that have not been counted yet. Counting takes too long
+    /// for the start. Until then, a removal of names from an item counts as any other change.
     void CountNames();
 
     // The operations of BundleDirWatcher, which says what they do.
@@ -72,11 +71,11 @@ public:
     void RetryRemoval(const std::string& path);
     bool IsWithdrawn(const std::string& path);
 
-    /// From now on nothing is found of this directory but its end.
+    /// From now on, a scan finds only the end of this directory.
     /// @throws std::bad_alloc the directory is followed as before
     void Withdraw(const std::string& path);
     /// @param hasBegun whether anything may have been removed; otherwise the directory is followed as before
-    /// @throws std::bad_alloc the next scan finds out what has become of the directory
+    /// @throws std::bad_alloc the next scan finds the directory's new state
     void EndWithdrawal(const std::string& path, bool hasBegun);
 
 private:
@@ -84,7 +83,7 @@ private:
         explicit Entry(WatchedItem what) : item(std::move(what)) {}
 
         WatchedItem item;
-        std::uint64_t lastScan = 0; // that has seen it
+        std::uint64_t lastScan = 0; // the last scan that has seen it
     };
 
     void ScanEntries(Changes& changes) REQUIRES(m_mutex);
@@ -95,7 +94,7 @@ private:
     std::string_view NameOf(const std::string& path) const;
     WatchedItem* FindItem(const std::string& path) REQUIRES(m_mutex);
 
-    const std::string m_prefix; // made the way the manager makes its bundles' paths
+    const std::string m_prefix; // built like the manager's bundle paths
     std::atomic<bool> m_stopping{false};
 
     std::mutex m_mutex;

@@ -6,9 +6,8 @@
 
 namespace SystemServer {
 
-/// Tells contents apart at the price of eight bytes each (FNV-1a). By chance two contents have the same hash once in
-/// 2^64 pairs. Such a pair can be made on purpose, which harms only the bundle of its maker. Used by one thread at a
-/// time.
+/// Distinguishes contents by eight bytes each (FNV-1a). By chance, one in 2^64 pairs has the same hash. Such a pair can
+/// be made on purpose, but harms only its author's bundle. Used by one thread at a time.
 class ContentHash {
 public:
     /// The next piece of the content; pieces may have any size.

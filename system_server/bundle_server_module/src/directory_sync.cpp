@@ -28,7 +28,7 @@ int WriteOut(const std::string& directory)
 {
     const Common::UniqueFd descriptor(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!descriptor.IsOpen() || fsync(descriptor.Get()) == -1) {
-        return errno == EINVAL ? 0 : errno; // a file system that has nothing to write out says EINVAL
+        return errno == EINVAL ? 0 : errno; // EINVAL: the file system does not need to write anything
     }
     return 0;
 }
@@ -39,7 +39,7 @@ struct DirectorySync::State {
     explicit State(std::string path) : directory(std::move(path)) {}
 
     /// Marks a request as finished.
-    /// @return the next one; empty when there is none: the thread ends
+    /// @return the next one; empty when no request is left; the thread then ends
     std::optional<std::uint64_t> Finish(std::uint64_t request) EXCLUDES(mutex)
     {
         const std::lock_guard<std::mutex> lock(mutex);

@@ -8,15 +8,14 @@
 
 namespace SystemServer {
 
-/// Writes a directory out to its file system: after that a name that was removed from it stays removed when the power
-/// fails. A file system may take long for it, or hang, so a thread of its own does it, one at a time. The thread lives
-/// while there is something to write out.
+/// Writes a directory to its file system. After that, a removed name stays removed when the power fails. A file system
+/// may take long, or hang, so a separate thread does it. The thread lives while a request is left.
 class DirectorySync {
 public:
     explicit DirectorySync(std::string directory);
 
-    /// Returns when all that has been done to the directory up to now is written out, or when the time is over. What
-    /// has not been written out by then still will be. Any thread. A failure is only logged.
+    /// Returns when all changes of the directory up to now are written out, or when the time is over. The thread then
+    /// still writes the rest. Any thread. A failure is only logged.
     void Run(std::chrono::milliseconds patience) noexcept;
 
 private:
@@ -24,7 +23,7 @@ private:
 
     static void Work(const std::shared_ptr<State>& state, std::uint64_t firstRequest);
 
-    const std::shared_ptr<State> m_state; // the thread's as well, which outlives this object where a file system hangs
+    const std::shared_ptr<State> m_state; // shared with the thread, which outlives this object if a file system hangs
 };
 
 } // namespace SystemServer

@@ -6,29 +6,27 @@
 #include <optional>
 #include <string>
 
-/// What stands under a name of the file system. Asked of the system itself: the framework's own tests fail for a file
-/// with a time after January 2038 where it was built with times of 32 bits. Any thread; nothing here throws.
+/// The kind of file behind a name. These functions call the system directly: where the framework was built with 32-bit
+/// times, its own tests fail for a file with a time after January 2038. Any thread; nothing here throws.
 namespace SystemServer {
 
-/// The type of what a path leads to, with the bits of S_IFMT.
+/// The type of the file that a path leads to: the bits of S_IFMT.
 /// @return empty with errno when it is unknown, a link that leads nowhere included
 std::optional<mode_t> FileType(const std::string& path);
 
-/// Whether a call that failed with this error has shown that there is nothing under the name. A failing disk or an
-/// absent server shows nothing.
+/// Whether this error proves that the name does not exist. A failing disk or an absent server proves nothing.
 bool MeansAbsence(int error);
 
-/// What a name in a directory stands for. A link counts as what it leads to. A link that leads nowhere is there all the
-/// same, but is no directory. A failing disk or an absent server leaves the kind unknown, which is no reason to stop a
-/// bundle.
+/// The kind of an entry of a directory. A link counts as its target. A link that leads nowhere exists, but is not a
+/// directory. With a failing disk or an absent server the kind is unknown, which is no reason to stop a bundle.
 enum class EntryKind { ABSENT, DIRECTORY, OTHER, UNKNOWN };
 
 /// @param directory a descriptor that the path is relative to, or AT_FDCWD
 /// @return with errno when it is UNKNOWN
 EntryKind KindAt(int directory, const char* path);
 
-/// As KindAt, without a call of the system for most entries.
-/// @param type what the listing of the directory says of the name: dirent's d_type
+/// Like KindAt, but needs no system call for most entries.
+/// @param type d_type of the entry's dirent
 EntryKind KindOfEntry(int directory, const char* name, unsigned char type);
 
 /// Whether an entry of the collection is a directory, or a link to one. An entry of unknown kind counts as no

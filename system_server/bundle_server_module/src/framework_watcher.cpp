@@ -24,7 +24,8 @@ using Common::UniqueFd;
 
 namespace {
 
-// Its read end: a read finds the end of the data at once. A file of that kind could be missing.
+// The read end of a pipe without a writer: a read finds the end of the data at once. A file for this purpose could be
+// missing.
 UniqueFd OpenEndedPipe()
 {
     std::array<int, 2> ends{-1, -1};
@@ -35,7 +36,7 @@ UniqueFd OpenEndedPipe()
     return UniqueFd(ends[0]);
 }
 
-/// Opens the framework's private thread to this file: an explicit instantiation may name what is private.
+/// Gives this file access to the framework's private thread: an explicit instantiation may name private members.
 struct FrameworkThread {
     using Member = Poco::Thread Poco::DirectoryWatcher::*;
     friend Member MemberOf(FrameworkThread);
@@ -81,10 +82,10 @@ std::vector<int> InotifyDescriptors()
     return found;
 }
 
-// The framework has opened a descriptor that every bundle would inherit. Behind it the kernel goes on to collect
-// notifications that have no reader. The framework closes the number when it ends, so something must stand there. Its
-// thread, which may have begun to sleep on the descriptor for a fifth of a second, is woken by the end of its watch;
-// whatever it looks at from then on is at its end.
+// The framework has opened a descriptor that every bundle would inherit. The kernel continues to collect notifications
+// for it that have no reader. The framework closes the descriptor's number when it ends, so another descriptor must
+// take its place. The framework's thread may be waiting on the descriptor, for up to a fifth of a second. The end of
+// its watch wakes it, and every later read finds the end of the data.
 std::vector<UniqueFd> DetachInotify(const std::vector<int>& othersDescriptors)
 {
     constexpr int firstWatch = 1;
@@ -103,8 +104,8 @@ std::vector<UniqueFd> DetachInotify(const std::vector<int>& othersDescriptors)
     return detached;
 }
 
-// The framework joins its thread again when it is destroyed, and a thread that has been joined already cannot be: the
-// handle may by then be another thread's. So it is given one that ends at once and stays to be joined.
+// The framework joins its thread again when it is destroyed. A thread cannot be joined twice: its handle may already
+// belong to another thread. So the framework gets a thread that ends at once and still can be joined.
 void StartIdleThread(Poco::DirectoryWatcher& watcher)
 {
     static Nothing nothing;

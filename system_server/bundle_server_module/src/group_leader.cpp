@@ -21,10 +21,11 @@ namespace {
 
 thread_local bool t_childLeadsGroup = false;
 
-/// Where a child that leads a group writes its pid; -1 where there is no pipe.
+/// The pipe into which a child that leads a group writes its pid; -1: no pipe.
 thread_local int t_pidPipe = -1;
 
-// In every child, between fork and exec. The framework's launcher calls nothing of ours later than this.
+// Runs in every child, between fork and exec. It is the last code of ours that runs before the framework's launcher
+// executes the command.
 void LeadGroup()
 {
     if (t_childLeadsGroup) {
@@ -93,8 +94,8 @@ Poco::ProcessHandle Launch(const std::string& command, const std::vector<std::st
 GroupLeader LaunchInOwnGroup(const std::string& command, const std::vector<std::string>& arguments)
 {
     GroupLeader child{Launch(command, arguments), 0};
-    // The child does the same for itself. Done here too, the group exists before the caller goes on. The kernel refuses
-    // it once the child has become the command (EACCES); by then the child has moved long ago.
+    // The child does the same for itself. The server does it too, so that the group exists before the caller continues.
+    // The kernel refuses it (EACCES) once the child has become the command. By then the child has already moved.
     const pid_t pid = child.process.id();
     if (setpgid(pid, 0) == -1) {
         const int error = errno;

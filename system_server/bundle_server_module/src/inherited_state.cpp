@@ -10,7 +10,7 @@ namespace SystemServer {
 
 namespace {
 
-/// More than a collection of thousands of bundles and clients needs, and closed one by one in about a millisecond.
+/// Enough for a collection of thousands of bundles and clients. Closing this many one by one takes about a millisecond.
 constexpr rlim_t DESCRIPTOR_LIMIT = 16384;
 
 /// Taken before main, on the thread that becomes the main thread.
@@ -33,10 +33,10 @@ void RestoreSignals()
 StartState::StartState()
 {
     pthread_sigmask(SIG_SETMASK, nullptr, &signalMask);
-    // Blocked by the framework's library when it was loaded, not by the process that started the server.
+    // The framework's library blocked it when it was loaded, not the process that started the server.
     sigdelset(&signalMask, SIGPIPE);
-    // A parent that starts the server with SIGCHLD ignored asks the kernel to throw the exits of its children away:
-    // nothing could be waited for.
+    // If the parent starts the server with SIGCHLD ignored, the kernel discards the exits of children: the server could
+    // not wait for them.
     struct sigaction standard {};
     standard.sa_handler = SIG_DFL;
     sigaction(SIGCHLD, &standard, &childEnded);

@@ -17,7 +17,7 @@ namespace SystemServer {
 
 namespace {
 
-/// Of a longer listing no entry is compared.
+/// The entries of a longer listing are not compared.
 constexpr std::size_t LISTED_ENTRIES = 65'536;
 
 /// The manifest's reader refuses longer ones.
@@ -32,7 +32,7 @@ bool IsOnOverlay(const std::string& path)
 /// FNV-1a. Unknown when the file cannot be read.
 std::optional<std::uint64_t> HashContent(const std::string& path)
 {
-    // Not to wait for the writer of a FIFO that has come to the file's place.
+    // Non-blocking, in case a FIFO without a writer has replaced the file.
     const Common::UniqueFd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!file.IsOpen()) {
         return std::nullopt;
@@ -106,8 +106,8 @@ ItemDetails::Part ItemDetails::PartAt(const std::string& path)
     return part;
 }
 
-// A directory whose number is made up for the cache is listed with another: the layer's. So the numbers are kept where
-// both are the same, for the directory itself and for those in it.
+// The kernel may invent an inode number while a directory is cached. The listing then shows another number: the
+// layer's. So numbers are permanent where both are the same. This holds for the directory and for those in it.
 std::optional<ItemDetails::Listing> ItemDetails::List(const std::string& path)
 {
     const DirStream directory(opendir(path.c_str()));
@@ -181,7 +181,7 @@ bool ItemDetails::HasChanged(const Part& earlier, const Part& later)
         Modified(one) != Modified(other) || IsReplaced(earlier, later)) {
         return true;
     }
-    // A copy that is made of one of several links has one link.
+    // A copy of a file with several links has one link.
     if (!S_ISDIR(one.st_mode) && (one.st_size != other.st_size || one.st_nlink < other.st_nlink)) {
         return true;
     }
@@ -211,8 +211,8 @@ bool ItemDetails::HaveEntriesChanged(const Listing& earlier, const Listing& late
                        });
 }
 
-// A file that keeps its number may have been written to in place, which is not looked for. Where the number is another,
-// size and time decide.
+// A file with the same number may have been written to in place; this is not checked. If the number differs, size and
+// time decide.
 bool ItemDetails::IsReplaced(const Entry& earlier, const Entry& later, bool keepsNumbers)
 {
     if (earlier.type != later.type) {
@@ -222,7 +222,7 @@ bool ItemDetails::IsReplaced(const Entry& earlier, const Entry& later, bool keep
     if (S_ISDIR(earlier.type)) {
         return keepsNumbers && !isSameNumber;
     }
-    // A file that was copied up while it was cached shows its new number only when it has been dropped from the cache.
+    // A cached file that was copied up shows its new number only after the kernel has dropped it from the cache.
     const bool showsNewNumber = earlier.inode != earlier.listedInode && earlier.listedInode == later.listedInode &&
                                 later.inode == later.listedInode;
     return !isSameNumber && !showsNewNumber && (earlier.size != later.size || earlier.modified != later.modified);

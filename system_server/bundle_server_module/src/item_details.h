@@ -13,9 +13,10 @@
 
 namespace SystemServer {
 
-/// What tells a change of an item on an overlay, where fingerprints differ though nothing has changed:
+/// Details that show a real change of an item on an overlay. There, fingerprints can differ although nothing has
+/// changed:
 ///
-/// - Where the layers are several file systems, a directory gets another inode number each time the kernel has dropped
+/// - If the layers are on several file systems, a directory gets another inode number each time the kernel has dropped
 ///   it from its cache.
 /// - The first write below a directory of a lower layer copies it up to the writable one. That changes the time of its
 ///   inode, its size and its number of links.
@@ -23,19 +24,20 @@ namespace SystemServer {
 /// Expensive to take: three directories are listed and the manifest is read.
 class ItemDetails {
 public:
-    /// Whether a part of the item is on an overlay. One call of the system, unless the parts are on several devices.
+    /// Whether a part of the item is on an overlay. Takes one system call, unless the parts are on several devices.
     static bool AreNeeded(const std::string& path, const ItemFingerprint& fingerprint);
 
     /// @throws std::bad_alloc
     explicit ItemDetails(const std::string& path);
 
-    /// Whether the item has changed from these details to later ones. What is unknown on one side has not changed.
+    /// Whether the item has changed between these details and later ones. A part that is unknown on one side counts as
+    /// unchanged.
     bool HaveChanged(const ItemDetails& later) const;
 
-    /// Whether another directory has come to the item's place. False where inode numbers do not tell it.
+    /// Whether another directory has taken the item's place. False where inode numbers do not show it.
     bool IsReplaced(const ItemDetails& later) const;
 
-    /// Whether nothing is unknown.
+    /// Whether every part is known.
     bool AreComplete() const;
 
 private:
@@ -44,14 +46,14 @@ private:
         mode_t type = 0;
         std::uint64_t device = 0;
         std::uint64_t inode = 0;
-        std::uint64_t listedInode = 0; // as the listing has it: the layer's own number
+        std::uint64_t listedInode = 0; // from the listing: the layer's own number
         std::int64_t size = 0;
         std::int64_t modified = 0;
     };
 
     struct Listing {
         std::vector<Entry> entries; // sorted by name
-        bool keepsNumbers = true;   // of directories
+        bool keepsNumbers = true;   // whether directories have permanent numbers
     };
 
     struct Part {

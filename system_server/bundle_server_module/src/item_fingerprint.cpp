@@ -16,10 +16,10 @@ namespace SystemServer {
 
 namespace {
 
-/// How much of a tree is walked at most: a bundle may be a link to the root of all file systems.
+/// The longest walk over a tree: a bundle may be a link to the root directory.
 constexpr std::uint64_t WALKED_ENTRIES = 65'536;
 
-/// By part; the root has none.
+/// Indexed by part; the root has no name.
 constexpr std::array<const char*, ITEM_PARTS> ITEM_PART_NAMES{"", BundleLayout::MANIFEST, BundleLayout::BIN,
                                                               BundleLayout::SCRIPT};
 
@@ -73,8 +73,8 @@ ItemFingerprint Fingerprinter::OfItem(int directory, const std::string& path, co
     return item;
 }
 
-// One descriptor at a time, however deep the tree is. The standard library's walk over a tree would hold one for each
-// level, and end the process when it is out of memory.
+// Holds one descriptor at a time at any depth. The standard library's walk would hold one for each level, and would end
+// the process when it is out of memory.
 TreeFingerprint Fingerprinter::OfTree(const std::string& path, bool isInUse) const
 {
     TreeFingerprint tree;
@@ -87,7 +87,7 @@ TreeFingerprint Fingerprinter::OfTree(const std::string& path, bool isInUse) con
     return tree;
 }
 
-// Folders of the folder are left pending.
+// Subfolders are added to the pending ones.
 void Fingerprinter::AddFolder(const std::string& path, bool isRootInUse, TreeFingerprint& tree,
                               std::vector<std::string>& pending) const
 {

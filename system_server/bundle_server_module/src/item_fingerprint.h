@@ -12,13 +12,13 @@
 
 namespace SystemServer {
 
-/// What shows that a file is another one or has another content. Of a directory the times alone would not do: archives
-/// and mirrors put back the time of its last change when they have changed it.
+/// Shows that a file was replaced or changed. For a directory, the time of modification alone is not enough: archive
+/// and mirror programs set it back after a change.
 struct FileFingerprint {
     std::uint64_t device = 0;
     std::uint64_t inode = 0; // 0: the file does not exist
     std::int64_t modified = 0;
-    std::int64_t changed = 0; // of the inode; both in nanoseconds
+    std::int64_t changed = 0; // time of the inode's change; both in nanoseconds
     std::int64_t size = 0;
 
     bool IsSameFile(const FileFingerprint& other) const { return device == other.device && inode == other.inode; }
@@ -32,17 +32,17 @@ struct FileFingerprint {
 enum ItemPart { ROOT, MANIFEST, BIN, SCRIPT, ITEM_PARTS };
 using ItemFingerprint = std::array<FileFingerprint, ITEM_PARTS>;
 
-/// Turns an item's path into that of one of its parts; the path of the root is the item's own.
+/// Turns an item's path into the path of one of its parts. The root's path is the item's own path.
 void AppendPart(std::string& path, std::size_t part);
 
-/// When the latest change of one of the parts was made, nanoseconds.
+/// The time of the latest change of any part, in nanoseconds.
 std::int64_t NewestChange(const ItemFingerprint& item);
 
-/// A whole tree: shows whether it stands still.
+/// A fingerprint of a whole tree, which shows whether anything in it changes.
 struct TreeFingerprint {
     std::uint64_t entries = 0;
     std::uint64_t bytes = 0;
-    std::int64_t newestChange = 0; // of all below the root, nanoseconds
+    std::int64_t newestChange = 0; // below the root, in nanoseconds
 
     bool operator==(const TreeFingerprint& other) const
     {
@@ -56,11 +56,11 @@ public:
     /// @param isStopping outlives it; a walk over a tree ends early once it is set
     explicit Fingerprinter(const std::atomic<bool>& isStopping) : m_isStopping(isStopping) {}
 
-    /// What cannot be told now is taken to be as it was.
-    /// @param path below directory, or absolute; a link counts as what it leads to
+    /// A part that cannot be examined now counts as unchanged.
+    /// @param path below directory, or absolute; a link counts as its target
     ItemFingerprint OfItem(int directory, const std::string& path, const ItemFingerprint& last);
 
-    /// Of an item in use, only what OfItem is about: what it runs may be writing to the rest, without an end.
+    /// For an item in use, covers only the parts that OfItem covers: its processes may write to the rest all the time.
     TreeFingerprint OfTree(const std::string& path, bool isInUse) const;
 
 private:

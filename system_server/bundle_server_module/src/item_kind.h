@@ -6,7 +6,7 @@
 
 namespace SystemServer {
 
-/// How an item is run, told by the last three characters of its name, byte for byte.
+/// How an item is run. The last three characters of its name decide, byte for byte.
 enum class ItemKind {
     LIBRARY,  ///< ".so"
     SCRIPT,   ///< ".sh"

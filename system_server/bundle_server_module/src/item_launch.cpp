@@ -21,14 +21,14 @@ namespace {
 constexpr char READY_CHAR = 'o';
 constexpr int EXEC_FAILED_STATUS = 1;
 
-// Between failed attempts on the pipe: a failure that passes is tried again soon, one that stays does not fill the disk
-// with its records.
+// The pause between attempts on the pipe. It is short enough for a temporary failure, and long enough that the records
+// of a permanent one do not fill the disk.
 void PauseAfterFailure()
 {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
 }
 
-// In the child. Waits as long as it takes, but not for a server that is gone: the byte would never come.
+// In the child. Waits without a time limit, but not for a server that has ended: it would never send the byte.
 void AwaitReady(int readEnd, pid_t server)
 {
     BUNDLE_INFO("wait for parent process ready...");
@@ -79,7 +79,7 @@ void ExecItem(const ItemCommand& command)
         Exec(execPath, itemName);
         break;
     case ItemKind::TOO_SHORT:
-        std::abort(); // a name too short to have an ending: the monitor sees an abnormal end
+        std::abort(); // the name is too short for an ending: the monitor sees an abnormal end
     }
 }
 
@@ -120,7 +120,7 @@ void ItemLaunch::BecomeItem(pid_t server)
     _exit(EXEC_FAILED_STATUS);
 }
 
-// The read end is still open here as well, so a write to a child that has died succeeds: SIGPIPE would end the server.
+// The read end is still open here too, so a write to a dead child succeeds. Otherwise SIGPIPE would end the server.
 void ItemLaunch::Release(pid_t pid)
 {
     BUNDLE_INFO("parent process ready.notify child process[%d]...", pid);

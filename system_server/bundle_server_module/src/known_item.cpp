@@ -10,8 +10,8 @@ void KnownItem::SetFingerprint(const ItemFingerprint& now)
     m_details = nullptr;
 }
 
-// The fingerprint has been taken before the details are. A change in between is in the details, and what comes later
-// changes the fingerprint.
+// The fingerprint was taken before the details. The details contain a change in between, and a later change alters the
+// fingerprint.
 void KnownItem::Learn(const std::string& path, const ItemFingerprint& now)
 {
     auto details = ItemDetails::AreNeeded(path, now) ? std::make_unique<ItemDetails>(path) : nullptr;
@@ -31,7 +31,7 @@ bool KnownItem::HasChanged(const std::string& path, const ItemFingerprint& now)
     if (m_details->HaveChanged(*details)) {
         return true;
     }
-    if (details->AreComplete()) { // else what is unknown is asked for by the next scan
+    if (details->AreComplete()) { // otherwise the next scan takes the details again
         m_fingerprint = now;
         m_details = std::move(details);
     }

@@ -9,7 +9,7 @@
 
 namespace SystemServer {
 
-/// How an item was when it was last looked at, and whether it has changed since. Each path is the item's.
+/// The last known state of an item, and whether it has changed since. Each path is the item's.
 class KnownItem {
 public:
     const ItemFingerprint& Fingerprint() const { return m_fingerprint; }
@@ -21,20 +21,21 @@ public:
     /// @throws std::bad_alloc
     void Learn(const std::string& path, const ItemFingerprint& now);
 
-    /// Takes over what differs without being a change.
+    /// Updates the known state by differences that are not changes.
     /// @throws std::bad_alloc
     bool HasChanged(const std::string& path, const ItemFingerprint& now);
 
-    /// Whether another directory has come to the item's place.
+    /// Whether another directory has taken the item's place.
     /// @throws std::bad_alloc
     bool IsReplaced(const std::string& path, const ItemFingerprint& now) const;
 
-    /// Once it is learned. There numbers and births of directories change by themselves.
+    /// Known once the details have been taken. On an overlay, inode numbers and birth times of directories can change
+    /// without a change of the item.
     bool IsOnOverlay() const { return m_details != nullptr; }
 
 private:
     ItemFingerprint m_fingerprint;
-    std::unique_ptr<const ItemDetails> m_details; // where they are needed; never older than the fingerprint
+    std::unique_ptr<const ItemDetails> m_details; // only on an overlay; never older than the fingerprint
 };
 
 } // namespace SystemServer

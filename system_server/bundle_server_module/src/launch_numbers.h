@@ -5,22 +5,22 @@
 
 namespace SystemServer {
 
-/// Tells apart the launches that have the same pid one after the other. A pid is used again once its child has been
-/// reaped, the number of a launch is not. Takes no lock.
+/// Distinguishes launches that have the same pid one after the other. The kernel reuses a pid after its child has been
+/// reaped. A launch number is never reused. Takes no lock.
 class LaunchNumbers {
 public:
-    /// A new launch has the pid, in place of an earlier one.
+    /// Assigns the pid to a new launch, in place of an earlier one.
     /// @throws std::bad_alloc nothing has changed
     void Add(int pid);
-    /// The launch's child has been reaped: its pid is free, but still stands for this launch.
+    /// Marks the launch's child as reaped: its pid is free, but still stands for this launch.
     void SetReaped(int pid);
-    /// The launch is forgotten. A pid without a launch is passed over, here and above.
+    /// Forgets the launch. Both functions ignore a pid without a launch.
     void Remove(int pid);
 
     /// 0 when no launch has the pid.
     unsigned long NumberOf(int pid) const;
     bool IsReaped(int pid) const;
-    /// Whether it is a launch whose child has not been reaped.
+    /// Whether the launch's child has not been reaped yet.
     bool IsUnreaped(int pid) const;
 
 private:

@@ -10,13 +10,13 @@
 
 namespace {
 
-// Started with one of the three closed, the next descriptor that is opened, a client's connection perhaps, would become
-// standard error, and the log would be sent to that client.
+// If the server is started with one of the three closed, the next descriptor that is opened takes its number. A
+// client's connection could become standard error, and the client would get the log.
 void HoldStandardDescriptors()
 {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (fcntl(fd, F_GETFD) == -1) {
-            open("/dev/null", O_RDWR); // the lowest free number: this one
+            open("/dev/null", O_RDWR); // gets the lowest free number, which is this one
         }
     }
 }

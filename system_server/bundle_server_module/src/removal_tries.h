@@ -9,26 +9,26 @@
 
 namespace SystemServer {
 
-/// The removals that are being raised, and those that will be raised again because their handler could not deal with
-/// them: at each scan at first, then about once a minute. Time is counted in scans. Used by one thread at a time.
+/// The removals that are being raised, and those that will be raised again because their handler failed. These are
+/// raised at each scan at first, then about once a minute. Time is counted in scans. Used by one thread at a time.
 class RemovalTries {
 public:
     /// How often in a row a removal is raised at each scan.
     static constexpr int FREQUENT_TRIES = 10;
     static constexpr std::uint64_t SCANS_BETWEEN_RARE_TRIES = 60;
 
-    /// A removal is about to be raised. It may be the first time.
+    /// Called before a removal is raised, for the first time or again.
     /// @throws std::bad_alloc
     void Begin(const std::string& name) { m_removals.try_emplace(name); }
 
-    /// The handler asks for another try. Passed over when no removal of that name is being raised.
+    /// Called when the handler asks for another try. Ignored when no removal of that name is being raised.
     void AskForAnother(std::string_view name);
 
-    /// The handler has returned.
+    /// Called when the handler has returned.
     /// @return how often it has asked for another try in a row, 0 when the removal is over
     int End(std::string_view name, std::uint64_t scan);
 
-    /// What was removed is back.
+    /// Called when the removed item is back.
     void Forget(std::string_view name);
 
     bool IsDue(std::string_view name, std::uint64_t scan) const;

@@ -15,7 +15,7 @@ namespace SystemServer {
 namespace {
 
 constexpr pid_t PROCESS_ONE = 1;
-/// A shell reports a process that a signal has killed with this and the signal's number.
+/// A shell reports a process that was killed by a signal with this number plus the signal's number.
 constexpr int STATUS_OF_SIGNAL = 128;
 
 } // namespace
@@ -43,7 +43,7 @@ void StartUpSignals::LeaveToLoop()
 {
     if (m_thread.joinable()) {
         m_isOver = true;
-        pthread_kill(m_thread.native_handle(), SIGINT); // what is pending for the process stays so
+        pthread_kill(m_thread.native_handle(), SIGINT); // signals that are pending for the process stay pending
         m_thread.join();
     }
 }

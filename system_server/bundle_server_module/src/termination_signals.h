@@ -8,12 +8,12 @@ namespace SystemServer {
 /// SIGINT, SIGTERM and SIGQUIT: the signals that end the server. The main thread alone takes them.
 sigset_t TerminationSignals();
 
-/// While it lives, the calling thread blocks the signals that end the server. A thread created meanwhile keeps them
-/// blocked for good, which leaves them to the main thread. Destroyed on the thread that made it. Does not fail.
+/// While it lives, the calling thread blocks the signals that end the server. A thread that is created meanwhile keeps
+/// them blocked, so the main thread gets them. Destroyed on the thread that made it. Does not fail.
 class TerminationSignalsBlocked {
 public:
     TerminationSignalsBlocked();
-    /// Gives the thread the signal mask back that it had before.
+    /// Restores the thread's former signal mask.
     ~TerminationSignalsBlocked();
     TerminationSignalsBlocked(const TerminationSignalsBlocked&) = delete;
     TerminationSignalsBlocked& operator=(const TerminationSignalsBlocked&) = delete;

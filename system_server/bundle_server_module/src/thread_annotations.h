@@ -1,22 +1,22 @@
 #ifndef THREAD_ANNOTATIONS_H
 #define THREAD_ANNOTATIONS_H
 
-/// Which lock guards what, in a form that clang checks (script/test --analyze). It can only do so with a standard
-/// library whose locks are annotated too, libc++; for every other compiler and library these are empty. A recursive
-/// mutex is annotated in none: what BundleManager::m_mutex guards is said in words.
+/// Annotations that say which lock guards what. clang checks them (script/test --analyze). This needs a standard
+/// library with annotated locks: libc++. For every other compiler or library the macros are empty. No library annotates
+/// a recursive mutex, so comments say what BundleManager::m_mutex guards.
 #if defined(__clang__) && defined(_LIBCPP_ENABLE_THREAD_SAFETY_ANNOTATIONS)
 #define THREAD_ANNOTATION(...) __attribute__((__VA_ARGS__))
 #else
 #define THREAD_ANNOTATION(...)
 #endif
 
-/// Of a member: read and written under that lock only.
+/// For a member: it is read and written only under that lock.
 #define GUARDED_BY(lock) THREAD_ANNOTATION(guarded_by(lock))
-/// Of a lock: a thread that holds one of those does not take this one.
+/// For a lock: a thread that holds one of those does not take this one.
 #define ACQUIRED_BEFORE(...) THREAD_ANNOTATION(acquired_before(__VA_ARGS__))
-/// Of a function: the caller holds these locks.
+/// For a function: the caller holds these locks.
 #define REQUIRES(...) THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
-/// Of a function: the caller holds none of these locks, because the function takes them itself.
+/// For a function: the caller holds none of these locks, because the function takes them itself.
 #define EXCLUDES(...) THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 
 #endif

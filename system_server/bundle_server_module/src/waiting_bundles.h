@@ -12,8 +12,8 @@
 
 namespace SystemServer {
 
-/// Puts a bundle into one state, and into another when the operation leaves by an exception. Lives under the manager's
-/// lock, as everything in this file does.
+/// Sets a bundle's state, and sets another state if an exception ends the operation. Used under the manager's lock,
+/// like everything in this file.
 class StateRollback {
 public:
     /// @param bundle outlives it
@@ -31,7 +31,7 @@ public:
     StateRollback(const StateRollback&) = delete;
     StateRollback& operator=(const StateRollback&) = delete;
 
-    /// The operation has succeeded: the state is left as it is.
+    /// Called when the operation has succeeded: the state stays as it is.
     void Dismiss() { m_dismissed = true; }
 
 private:
@@ -40,7 +40,7 @@ private:
     bool m_dismissed = false;
 };
 
-/// Keeps a bundle in the set of those being resolved, while it lives.
+/// While it lives, the bundle is in the set of bundles that are being resolved.
 class ResolvingMark {
 public:
     using Set = std::set<std::shared_ptr<Bundle>>;
@@ -59,17 +59,19 @@ private:
     const Set::iterator m_position;
 };
 
-/// A bundle that waits for those that it requires, with what undoes its turn: a StateRollback or a ResolvingMark.
+/// A bundle that waits for the bundles that it requires. Undo is a StateRollback or a ResolvingMark, which undoes the
+/// bundle's own step.
 template <class Undo> class WaitingBundle {
 public:
-    /// Takes the manifest in force, which is used even if an update replaces it meanwhile.
+    /// Keeps the manifest in force, and uses it even if an update replaces it meanwhile.
     /// @param arguments of Undo's constructor
     template <class... Arguments>
     explicit WaitingBundle(std::shared_ptr<Bundle> waiting, Arguments&&... arguments)
         : bundle(std::move(waiting)), undo(std::forward<Arguments>(arguments)...), m_manifest(bundle->GetManifest())
     {}
 
-    /// The next required bundle's name, in the manifest's order; null when there are no more. Valid as long as this.
+    /// The next required bundle's name, in the manifest's order; null when there are no more. Valid as long as this
+    /// object.
     const std::string* NextRequired()
     {
         const auto& names = m_manifest->GetDependencies();
@@ -84,8 +86,8 @@ private:
     std::size_t m_next = 0;
 };
 
-/// The bundles of a chain, each waiting for the one after it. They stand on the heap, so that a chain of thousands does
-/// not depend on the stack of the thread. When an exception ends the operation the last one is undone first.
+/// The bundles of a chain, each waiting for the one after it. They are on the heap, so that a chain of thousands does
+/// not need the thread's stack. If an exception ends the operation, the last one is undone first.
 template <class Undo> class WaitingBundles {
 public:
     WaitingBundles() = default;
@@ -104,7 +106,7 @@ public:
     {
         m_bundles.emplace_back(std::forward<Arguments>(arguments)...);
     }
-    /// Both need a bundle that waits. Pop undoes its turn, unless that is dismissed.
+    /// Both need a waiting bundle. Pop undoes its step, unless that is dismissed.
     void Pop() { m_bundles.pop_back(); }
     WaitingBundle<Undo>& Last() { return m_bundles.back(); }
     bool IsEmpty() const { return m_bundles.empty(); }

@@ -16,12 +16,13 @@ namespace SystemServer {
 
 namespace {
 
-/// A bundle that writes to its own folders never stands still as a whole. A removal takes something away in that time.
+/// A change is no longer held back after so many looks in which no name has gone: a bundle that writes to its own
+/// folders never comes to rest. A removal removes something within that time.
 constexpr int LOOKS_WITHOUT_LOSS = 10;
 
 constexpr std::int64_t NANOSECONDS = 1'000'000'000;
 
-// When the directory was made; 0 when that is unknown.
+// The time at which the directory was made; 0: unknown.
 std::int64_t BirthOf(const WatchedItem::Place& place)
 {
     struct statx status {};
@@ -32,7 +33,7 @@ std::int64_t BirthOf(const WatchedItem::Place& place)
     return status.stx_btime.tv_sec * NANOSECONDS + status.stx_btime.tv_nsec;
 }
 
-// False when that is unknown.
+// False when it is unknown.
 bool IsEmpty(const std::string& path)
 {
     const DirStream directory(opendir(path.c_str()));
@@ -80,10 +81,10 @@ WatchedItem::Finding WatchedItem::Look(const Place& place, Fingerprinter& finger
     return {Event::MODIFIED, NewestChange(now)};
 }
 
-// A directory that was moved in was complete when it came: the move is the latest change of its inode, later than that
-// of its content, and nothing below has changed since. That can be told only when it is seen for the first time; later,
-// or without a manifest, the same signs are those of a copy whose beginning has set its owner or mode. Whatever was not
-// moved in must have stood still for one look.
+// A directory that was moved in is complete: the move is the latest change of its inode, it is later than the last
+// change of its content, and nothing below has changed since. This test is valid only when the directory is seen for
+// the first time. Later, or without a manifest, a running copy that has set the owner or mode looks the same. A
+// directory that was not moved in must be unchanged for one scan.
 bool WatchedItem::HasArrived(const Place& place, Fingerprinter& fingerprinter)
 {
     const ItemFingerprint now = FingerprintOf(place, fingerprinter);
@@ -113,7 +114,7 @@ bool WatchedItem::HasLostNames(const Place& place, const ItemFingerprint& now, F
     return m_names != UNCOUNTED && fingerprinter.OfTree(place.Path(), true).entries < m_names;
 }
 
-// Of the whole tree: a removal may be at work in a folder in which changes are none.
+// Compares the whole tree: a removal may be at work in a folder whose changes do not count.
 bool WatchedItem::HasComeToRest(const Place& place, Fingerprinter& fingerprinter)
 {
     const TreeFingerprint tree = fingerprinter.OfTree(place.Path(), false);
@@ -141,12 +142,12 @@ bool WatchedItem::Take(Event event, const Place& place, Fingerprinter& fingerpri
         }
         if (hasChanged && HasLostNames(place, now, fingerprinter) &&
             (!m_heldBack.isChange || fingerprinter.OfTree(place.Path(), false).entries < m_tree.entries)) {
-            return false; // a removal has begun or gone on
+            return false; // a removal has begun or continued
         }
         wasRaisedSo = !hasChanged;
     } else if (m_isDirectory &&
                (now != m_known.Fingerprint() || !(fingerprinter.OfTree(place.Path(), m_isRaised) == m_tree))) {
-        return false; // a copy has gone on
+        return false; // a copy has continued
     }
     Learn(place, now, fingerprinter);
     m_isArriving = false;
@@ -218,8 +219,8 @@ bool WatchedItem::HasLeft(const Place& place, Fingerprinter& fingerprinter)
     return withdrawal.isComplete;
 }
 
-// Many file systems give a new directory the number of one that has just gone. When it was born tells them apart, but
-// not on an overlay, where a change makes a new directory of the old one.
+// Many file systems give a new directory the inode number of one that has just gone. The birth time distinguishes the
+// two, but not on an overlay, where a change can give a directory a new birth time.
 bool WatchedItem::IsReplaced(const Withdrawal& withdrawal, const Place& place, Fingerprinter& fingerprinter)
 {
     const KnownItem& directory = withdrawal.directory;

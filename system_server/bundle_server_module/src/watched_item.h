@@ -11,11 +11,11 @@
 
 namespace SystemServer {
 
-/// What the watcher knows of one name in the collection, and which event a look at it calls for. A look finds a change;
-/// the change is known once it is taken, just before it is raised. Used by one thread at a time.
+/// The watcher's knowledge of one name in the collection. A look at the item finds a change and its event. The change
+/// becomes known when it is taken, just before it is raised. Used by one thread at a time.
 class WatchedItem {
 public:
-    /// Where the item is. The path is put together only where it is needed.
+    /// Where the item is. The path is built only when it is needed.
     struct Place {
         int directory; ///< a descriptor that the name is relative to, or AT_FDCWD
         const std::string& name;
@@ -26,7 +26,7 @@ public:
 
     enum class Event { NONE, ADDED, MODIFIED };
 
-    /// What a look at the item has found.
+    /// The result of a look at the item.
     struct Finding {
         Event event = Event::NONE;
         std::int64_t time = 0; ///< when the change was made, nanoseconds
@@ -36,16 +36,16 @@ public:
 
     bool IsDirectory() const { return m_isDirectory; }
 
-    /// Whether its end is an event: it was raised as added, or was there from the beginning.
+    /// Whether its end is an event: it was raised as added, or existed at the first scan.
     bool IsRaised() const { return m_isRaised; }
 
-    /// There from the beginning: nothing of what is there now is raised.
+    /// Marks the item as existing at the first scan: its current state is not raised.
     void BeginAsRaised(const Place& place, Fingerprinter& fingerprinter);
 
     Finding Look(const Place& place, Fingerprinter& fingerprinter);
 
-    /// Marks what a look has found as known. False when there is no longer anything to raise: the item has gone, a copy
-    /// into it or a removal of it has gone on, or the change has been accepted.
+    /// Marks the change that a look has found as known. False when nothing is to be raised any more: the item has gone,
+    /// its copying or removal has continued, or the change has been accepted.
     bool Take(Event event, const Place& place, Fingerprinter& fingerprinter);
 
     /// Marks the item's current state as known, unless another directory has come to its place.
@@ -55,40 +55,40 @@ public:
     void RetryAdd();
 
     /// Requests that the item is raised as modified although its state is known. False when the last modification was
-    /// raised for that reason, and nothing else has changed since. Passed over while it is withdrawn.
+    /// raised for that reason, and nothing else has changed since. Ignored while the item is withdrawn.
     bool RaiseOnceMore();
 
-    /// From now on nothing is raised of this very directory but its end.
+    /// From now on, only the end of this directory is raised.
     /// @throws std::bad_alloc
     void Withdraw(const Place& place, Fingerprinter& fingerprinter);
 
     /// @param hasBegun whether anything may have been removed; otherwise the directory is followed again
     void EndWithdrawal(const Place& place, bool hasBegun);
 
-    /// Whether the directory that was withdrawn is still there.
+    /// Whether the withdrawn directory still exists.
     bool IsWithdrawn(const Place& place, Fingerprinter& fingerprinter);
 
-    /// Whether the directory that was withdrawn has made way, be it for another one, or for another bundle in it: a
-    /// mount point can be emptied, and not be removed.
+    /// Whether another directory, or another bundle in the same directory, has replaced the withdrawn one. A mount
+    /// point can be emptied but not removed.
     bool HasLeft(const Place& place, Fingerprinter& fingerprinter);
 
-    /// Counts the names in an item that was there from the beginning, which takes longer than a look. Until then a
-    /// removal of names from it is raised like any other change.
+    /// Counts the names in an item that existed at the first scan. This takes longer than a look. Until then, a removal
+    /// of names is raised like any other change.
     void CountNames(const Place& place, Fingerprinter& fingerprinter);
     bool HasCountedNames() const { return m_names != UNCOUNTED; }
 
 private:
     static constexpr std::uint64_t UNCOUNTED = std::numeric_limits<std::uint64_t>::max();
 
-    /// A removal by the server, under way or over, with something left perhaps.
+    /// A removal by the server. It is running, or it is over and may have left something.
     struct Withdrawal {
         KnownItem directory;
-        std::int64_t born = 0;   // the directory; nanoseconds, 0 when the file system does not keep that
-        bool isComplete = false; // what stands under the name from now on is another one
-        bool wasEmptied = false; // what is in it from now on is another bundle
+        std::int64_t born = 0;   // the directory's birth time in nanoseconds; 0: the file system has none
+        bool isComplete = false; // from now on, another directory has the name
+        bool wasEmptied = false; // from now on, another bundle is in the directory
     };
 
-    /// A change that may be the middle of a removal.
+    /// A change that may be part of a removal.
     struct HeldBack {
         bool isChange = false;
         std::uint64_t fewestEntries = 0;
@@ -105,14 +105,14 @@ private:
 
     bool m_isDirectory;
     bool m_isRaised = false;
-    bool m_isArriving = true;          // to be raised as added when it is complete
-    bool m_isToBeRaised = false;       // as modified, whatever a look finds
-    bool m_wasRaisedSo = false;        // last, and nothing else has been since
-    KnownItem m_known;                 // as known; of the last look, while it is arriving
-    std::uint64_t m_names = UNCOUNTED; // in the directory, its "bin" and its "script", as known
-    TreeFingerprint m_tree;            // of the last look, while it is arriving or a change is held back
+    bool m_isArriving = true;          // raise it as added when it is complete
+    bool m_isToBeRaised = false;       // raise it as modified, independently of a look
+    bool m_wasRaisedSo = false;        // that was the last event of the item
+    KnownItem m_known;                 // the known state; while the item is arriving, the last look's
+    std::uint64_t m_names = UNCOUNTED; // known number of names in the directory, "bin" and "script"
+    TreeFingerprint m_tree;            // the last look's, while the item is arriving or a change is held back
     HeldBack m_heldBack;
-    std::unique_ptr<Withdrawal> m_withdrawal; // when there is one
+    std::unique_ptr<Withdrawal> m_withdrawal; // null: not withdrawn
 };
 
 } // namespace SystemServer
