@@ -1,5 +1,5 @@
-// The part of bundlectl that draws and writes what a log tells. A small device can do without it: logs can be looked at
-// elsewhere.
+// The part of bundlectl that makes pictures and pages from a log. A small device does not need it: logs can be examined
+// on another machine.
 #include "command.h"
 #include "command_line.h"
 

@@ -8,23 +8,23 @@
 
 /// An option of a verb, or an argument without a dash.
 struct Argument {
-    /// Says what is wrong with a value, in a sentence; nothing when it is good.
+    /// Returns a sentence about what is wrong with a value; empty when the value is valid.
     using Check = std::function<std::string(const std::string& value)>;
 
     const char* names; ///< "--since", "-f,--follow"; "NAME" for an argument without a dash
     const char* description;
-    /// What its value is called in the help. FILE, DIR and NAME are completed with files, directories and bundles.
+    /// The name of its value in the help. FILE, DIR and NAME are completed with files, directories and bundles.
     const char* type = "";
-    Check check = nullptr;     ///< null: any value is good
-    const char* without = "";  ///< another option that it cannot stand beside, which has been added before
-    std::string standard = {}; ///< the value that it has when it is not given, for the help
+    Check check = nullptr;     ///< null: every value is valid
+    const char* without = "";  ///< an option, added before, that excludes this one
+    std::string standard = {}; ///< its default value, for the help
     bool isRequired = false;
-    const char* choices = ""; ///< with blanks between them: the only values that there are, unless a check says others
+    const char* choices = ""; ///< separated by blanks: the only valid values, unless a check permits others
 
     bool IsOption() const { return *names == '-'; }
-    /// The name that is typed most: the long one of an option.
+    /// The most used name: the long one of an option.
     std::string_view MainName() const;
-    /// What its value is: its type, or its name without a dash.
+    /// The name of its value: its type, or its name without a dash.
     std::string_view ValueName() const;
 };
 
@@ -36,8 +36,8 @@ struct DeclaredArgument {
     bool isList = false;                                ///< it can have several values
 };
 
-/// The arguments of one verb: the command line, the help and the completions read them here. What values are put into
-/// must outlive the reading.
+/// The arguments of one verb. The command line, the help and the completions read them here. The variables that receive
+/// values must outlive the reading.
 class Arguments {
 public:
     void Add(Argument argument, std::string& value);
@@ -54,7 +54,7 @@ private:
     std::vector<DeclaredArgument> m_all;
 };
 
-/// The words of a text that blanks divide.
+/// The words of a text, separated by blanks.
 std::vector<std::string_view> WordsOf(std::string_view text);
 
 #endif

@@ -21,7 +21,7 @@ bool HasItemUp(const BundleStatus& bundle, const std::string& item)
     });
 }
 
-/// A sentence on what is missing; empty when nothing is.
+/// A sentence that says what is missing; empty when nothing is missing.
 std::string Missing(const BundleCondition& condition, const std::string& name, const std::vector<BundleStatus>& bundles)
 {
     const std::string subject = "bundle \"" + Printable(name) + "\" ";

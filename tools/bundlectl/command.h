@@ -3,7 +3,7 @@
 
 #include "verbs.h"
 
-// The verbs, a source file each.
+// The verbs. Each has its own source file.
 Action DefineBlame(Arguments& arguments);
 Action DefineDelete(Arguments& arguments);
 Action DefineDoctor(Arguments& arguments);

@@ -88,7 +88,7 @@ int RunVerb(const Commands& commands, const Verb& verb, const std::vector<std::s
     return action();
 }
 
-/// What stands in the place of a verb and is none.
+/// Handles a word in a verb's place that is not a verb.
 int TakeOwnOption(std::string_view word)
 {
     if (word == "--version") {

@@ -3,8 +3,8 @@
 
 #include "verbs.h"
 
-/// The whole of a program: reads its command line and carries it out, or hands it to the program that has the verb's
-/// code. Returns the exit status.
+/// The main function of each program. Reads the command line and executes it, or hands it to the program that has the
+/// verb's code. Returns the exit status.
 int RunProgram(const Commands& commands, int argc, char** argv);
 
 #endif

@@ -20,9 +20,9 @@ bool Begins(std::string_view text, std::string_view beginning)
     return text.substr(0, beginning.size()) == beginning;
 }
 
-/// What is asked.
+/// The completion that the shell asks for.
 struct Question {
-    std::vector<std::string_view> words; ///< behind the verb, without the last
+    std::vector<std::string_view> words; ///< after the verb, without the last
     std::string_view last;               ///< to be completed
 
     void Offer(std::string_view word, std::string_view description) const
@@ -32,7 +32,7 @@ struct Question {
         }
     }
 
-    /// The value that has been given to an option; empty: none.
+    /// The value that was given to an option; empty: none.
     std::string ValueOf(std::string_view option) const
     {
         const auto found = std::find(words.begin(), words.end(), option);
@@ -40,7 +40,8 @@ struct Question {
     }
 };
 
-/// The bundles that are there now, by the server's own reading. A name with control characters cannot be typed.
+/// The present bundles, as the server reads them. Leaves out names with control characters, because they cannot be
+/// typed.
 void OfferBundles(const Question& question)
 {
     Model::Choice choice;
@@ -84,7 +85,7 @@ void OfferOptions(const Question& question, const Arguments& arguments)
     question.Offer("--help", "print the options and exit");
 }
 
-/// The option that has this name, and a value. Null when there is none.
+/// The option with this name, if it has a value; otherwise null.
 const Argument* FindOption(const Arguments& arguments, std::string_view name)
 {
     for (const DeclaredArgument& declared : arguments.All()) {
@@ -132,7 +133,7 @@ void CompleteVerb(const Arguments& arguments, Question question)
 
 int Complete(const Commands& commands, int argc, char** argv)
 {
-    constexpr int first = 2; // behind the program and the option
+    constexpr int first = 2; // after the program and the option
     Question question;
     question.last = argc > first ? argv[argc - 1] : "";
     if (argc <= first + 1) {
@@ -153,7 +154,7 @@ int Complete(const Commands& commands, int argc, char** argv)
     }
     question.words.assign(argv + first + 1, argv + argc - 1);
     Arguments arguments;
-    const Action action = define(arguments); // owns what the arguments refer to
+    const Action action = define(arguments); // owns the objects that the arguments refer to
     CompleteVerb(arguments, std::move(question));
     return EXIT_DONE;
 }

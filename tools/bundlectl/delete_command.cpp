@@ -30,14 +30,14 @@ using Clock = std::chrono::steady_clock;
 struct Options {
     std::vector<std::string> names;
     std::string collection;
-    Model::Choice choice; ///< its collection is only looked at, so it is kept apart
+    Model::Choice choice; ///< separate, because its collection is only read
     std::chrono::seconds timeout{30};
     bool wait = false;
     bool force = false;
     bool json = false;
 };
 
-/// Whether a process of the bundle is left, or its directory.
+/// Whether a process of the bundle or its directory still exists.
 bool IsThere(const std::string& name, const Model::Choice& choice)
 {
     const auto snapshot = Model::TakeSnapshot(choice, Model::LogDepth::SERVER);
@@ -75,12 +75,13 @@ DeletionResult Delete(const std::string& name, const Options& options)
         }
     }
     result = DeleteBundle(order);
-    // The exchanged programs are a change that the server may be taking in just now.
+    // The exchanged programs are a change, and the server may just be handling it.
     while (options.force && result.isRefused && Clock::now() < end) {
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
         result = DeleteBundle(order);
     }
-    // The server tries to unload a bundle whose directory has gone again and again: it may have done so by itself.
+    // When a bundle's directory has gone, the server tries repeatedly to unload the bundle. It may have succeeded by
+    // itself.
     if (!made.empty() && result.status == EXIT_UNKNOWN_BUNDLE) {
         std::error_code error;
         std::filesystem::remove_all(made, error);

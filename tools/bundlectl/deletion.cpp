@@ -26,11 +26,11 @@ using namespace SystemServer::BundleService;
 
 using Options = DeletionOrder;
 
-/// What can be said of the bundle's directory after the deletion.
+/// What is known about the bundle's directory after the deletion.
 struct Check {
     std::optional<RemovalCheck> removal;
-    std::string obstacle; ///< why there is no check
-    std::string nearest;  ///< the bundle that a mistyped name most likely stands for; empty: none
+    std::string obstacle; ///< why the directory cannot be checked
+    std::string nearest;  ///< the most likely bundle if the name is mistyped; empty: none
 };
 
 DeletionResult Told(ExitStatus status, const Options& options, const std::string& text)
@@ -38,7 +38,7 @@ DeletionResult Told(ExitStatus status, const Options& options, const std::string
     return {status, "bundle \"" + Printable(options.name) + "\" " + text};
 }
 
-/// The collection that is to be looked at, read before the deletion.
+/// The collection to check, read before the deletion.
 Model::Collection FindCollection(const Options& options, pid_t serving)
 {
     if (!options.collection.empty()) {
@@ -127,7 +127,7 @@ DeletionResult TellAnswer(const Options& options, unsigned status, const Check& 
     }
 }
 
-/// What kept the answer away.
+/// Why the answer did not come.
 DeletionResult TellNoAnswer(const Options& options, int code, int error)
 {
     switch (code) {

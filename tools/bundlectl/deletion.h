@@ -6,7 +6,7 @@
 #include <chrono>
 #include <string>
 
-/// What is to be deleted, and where its directory is looked for.
+/// The bundle to delete, and the place of its directory.
 struct DeletionOrder {
     std::string name;
     std::string collection;    ///< empty: the running server's
@@ -14,14 +14,14 @@ struct DeletionOrder {
     std::chrono::seconds timeout{};
 };
 
-/// What became of it.
+/// The result of the deletion.
 struct DeletionResult {
     ExitStatus status = EXIT_FAILED;
     std::string text;       ///< a sentence for people that begins with the bundle
     bool isRefused = false; ///< the server could not stop, unload or remove it
 };
 
-/// Asks the server to delete a bundle, and looks whether its directory has gone. Waits for the answer.
+/// Asks the server to delete a bundle, and checks that its directory has gone. Waits for the answer.
 DeletionResult DeleteBundle(const DeletionOrder& order);
 
 #endif

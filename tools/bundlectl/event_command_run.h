@@ -3,9 +3,9 @@
 
 #include <string>
 
-/// Runs a command in a shell and waits for its end, so that events are dealt with one after the other. It finds the
-/// event in the variables BUNDLE_EVENT_PUBLISHER and BUNDLE_EVENT, and no signal is blocked for it. A failure is told
-/// on standard error.
+/// Runs a command in a shell and waits for its end, so that events are handled one after the other. The variables
+/// BUNDLE_EVENT_PUBLISHER and BUNDLE_EVENT contain the event. No signal is blocked in the command. A failure is printed
+/// to standard error.
 void RunForEvent(const std::string& command, const std::string& publisher, const std::string& event);
 
 #endif

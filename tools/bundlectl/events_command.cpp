@@ -48,7 +48,7 @@ int FailedFor(const std::string& what, int error)
 
 using Listener = std::unique_ptr<bundle_client_listener, decltype(&bundle_client_listener_close)>;
 
-/// Opens the event service, which is made where it is missing. Returns an exit status.
+/// Opens the event service, and creates it if it is missing. Returns an exit status.
 int OpenListener(Listener& listener)
 {
     bundle_client_listener* opened = nullptr;
@@ -116,7 +116,7 @@ public:
 private:
     bool IsDone() const { return m_options.count != 0 && m_seen == m_options.count; }
 
-    /// Prints what has come.
+    /// Prints the events that have come.
     void TakeAll()
     {
         while (!IsDone() && m_status == EXIT_DONE) {
@@ -153,7 +153,8 @@ private:
 
 int Listen(const Options& options)
 {
-    // Before the FIFO: whoever sees that events are heard may end the listening, and be told that it went well.
+    // Before the FIFO is opened: a program that sees the listener may end it by a signal at once. The exit status must
+    // then report success.
     UniqueFd signals = TakeEndingSignals();
     Listener listener(nullptr, bundle_client_listener_close);
     const int status = OpenListener(listener);

@@ -1,7 +1,7 @@
 #ifndef BUNDLECTL_EXIT_STATUS_H
 #define BUNDLECTL_EXIT_STATUS_H
 
-/// The exit statuses of bundlectl, the same for all verbs. Scripts depend on the numbers.
+/// The exit statuses of bundlectl, which are the same for all verbs. Scripts depend on the numbers.
 enum ExitStatus : int {
     EXIT_DONE = 0,
     EXIT_FAILED = 1,

@@ -31,7 +31,7 @@ const BundleStatus* Find(const std::vector<BundleStatus>& bundles, const std::st
     return found == bundles.end() ? nullptr : &*found;
 }
 
-/// It has no process that could be stopped at any moment.
+/// The item has no process that a stop can kill at any moment.
 bool IsRestless(const ItemStatus& item)
 {
     const bool hasRestedLast = item.history != nullptr && !item.history->ends.empty() &&
@@ -46,7 +46,7 @@ bool MakeDirectory(const std::string& path)
     return ::mkdir(path.c_str(), mode) == 0 || errno == EEXIST;
 }
 
-// By a rename, because a program that runs cannot be written to.
+// By a rename, because a running program cannot be written.
 bool Exchange(const std::string& file)
 {
     constexpr mode_t mode = 0755;

@@ -6,11 +6,12 @@
 #include <chrono>
 #include <string>
 
-/// Lets the items of a bundle rest that die again and again: a bundle cannot be stopped in the second in which one of
-/// its items is dead and not launched again. The program of each such item is exchanged for one that ends with 0, which
-/// asks for no relaunch; a directory that has gone is made again for it. Waits until the server's log tells that they
-/// rest, at most as long as is said. Returns a sentence about what went wrong, empty when they rest.
-/// @param made set to the directory of the bundle when that had gone and was made again
+/// Stops the relaunches of a bundle's items that die again and again. A bundle cannot be stopped during the second
+/// between an item's death and its relaunch. This function replaces each such item's program by one that ends with 0,
+/// which causes no relaunch. If the bundle's directory has gone, it is made again for this. Waits until the server's
+/// log shows that the items rest, at most as long as given. Returns a sentence about a failure; empty when the items
+/// rest.
+/// @param made set to the bundle's directory if that had gone and was made again
 std::string LetItemsRest(const std::string& bundle, const Model::Choice& choice, std::chrono::seconds timeout,
                          std::string& made);
 

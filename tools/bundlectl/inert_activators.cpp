@@ -1,5 +1,5 @@
-// Takes the place of the server's own function when bundlectl is linked: it loads bundles and starts none, so a small
-// device gets no second copy of what launches and supervises items.
+// Replaces the server's own function when bundlectl is linked. bundlectl loads bundles and starts none. So a small
+// device gets no second copy of the code that launches and supervises items.
 #include <bundle_activator_factory.h>
 
 #include <utility>
@@ -26,7 +26,7 @@ std::shared_ptr<BundleActivator> BundleActivatorFactory::CreateBundleActivator(B
     case BundleManifest::THREAD_LOAD_MODE:
         return std::make_shared<InertActivator>(std::move(bundle));
     }
-    return nullptr; // which refuses the mode
+    return nullptr; // this refuses the mode
 }
 
 } // namespace SystemServer

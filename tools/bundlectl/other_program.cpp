@@ -15,7 +15,7 @@
 
 namespace {
 
-/// The directory of this program's file. Empty when it is unknown.
+/// The directory of this program's file; empty: unknown.
 std::string OwnDirectory()
 {
     std::string path(PATH_MAX, '\0');
@@ -31,8 +31,8 @@ int RunOtherProgram(Program program, char** argv)
     const auto* const place = std::find_if(std::begin(PROGRAMS), std::end(PROGRAMS),
                                            [program](const ProgramPlace& other) { return other.program == program; });
     const std::string directory = OwnDirectory();
-    // Beside this program in a build directory, else where the helpers are installed, seen from the programs: the
-    // installation may have been moved as a whole.
+    // Beside this program in a build directory, otherwise in the helpers' directory. That path is relative to the
+    // programs, because the whole installation may have been moved.
     for (const char* const folder : {"", BUNDLECTL_HELPERS}) {
         ::execv((directory + folder + place->file).c_str(), argv);
         if (errno != ENOENT && errno != ENOTDIR) {

@@ -3,8 +3,8 @@
 
 #include "verbs.h"
 
-/// Becomes the program that has a verb's code, with the same arguments. Returns only when it cannot, after a sentence
-/// that says which package to install: the exit status.
+/// Executes the program that has a verb's code, with the same arguments. Returns only on failure: prints a sentence
+/// that says which package to install, and returns the exit status.
 /// @param argv ends with a null pointer
 int RunOtherProgram(Program program, char** argv);
 

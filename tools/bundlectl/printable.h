@@ -4,8 +4,8 @@
 #include <string>
 #include <string_view>
 
-/// The text with its control characters as C escapes: what came from elsewhere stays on its line and leaves the
-/// terminal alone.
+/// The text with its control characters as C escapes. So foreign text stays on its line and does not affect the
+/// terminal.
 std::string Printable(std::string_view text);
 
 #endif

@@ -15,7 +15,8 @@ EndingProcess::EndingProcess(const Model::ProcessStat& seen, const std::string& 
         m_trouble = errno == ESRCH ? "it has ended" : std::string("it cannot be held: ") + std::strerror(errno);
         return;
     }
-    // The number belongs to the held process from here on, so this comparison is about no other.
+    // The descriptor holds the process from here on, so the comparison cannot be about another process with the same
+    // pid.
     const auto now = proc.Stat(seen.pid);
     if (!now || now->startTicks != seen.startTicks || proc.Link(seen.pid, "exe").value_or("") != program) {
         m_fd.Reset();

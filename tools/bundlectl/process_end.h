@@ -7,15 +7,13 @@
 #include <chrono>
 #include <string>
 
-/// A process that is to be ended. It is held by a descriptor, so that another process which gets its number is never
-/// meant.
+/// A process to end. A descriptor holds it, so a signal never reaches another process that gets its pid.
 class EndingProcess {
 public:
-    /// Takes hold of a process that was seen before, and makes sure that it is still that one: by its start time and
-    /// its program file.
+    /// Opens a process that was seen before. Checks by start time and program file that it is still the same one.
     EndingProcess(const Model::ProcessStat& seen, const std::string& program, const Model::Proc& proc);
 
-    /// Why it is not held, a sentence; empty: it is.
+    /// A sentence that says why it is not held; empty: it is held.
     const std::string& Trouble() const { return m_trouble; }
 
     /// Sends a signal. False when that fails.

@@ -9,7 +9,7 @@ namespace {
 
 constexpr const char HELP[] = "-h,--help";
 
-/// Whether an option goes by that name: "-f" or "--follow" of "-f,--follow".
+/// Whether an option has this name: "-f" or "--follow" of "-f,--follow".
 bool HasName(std::string_view names, std::string_view name)
 {
     while (!names.empty()) {

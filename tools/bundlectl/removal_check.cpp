@@ -13,7 +13,7 @@
 
 namespace {
 
-/// The files, and the folders without a file, that are left of a tree.
+/// The remaining files of a tree, and its folders without a file.
 class Leftovers {
 public:
     explicit Leftovers(const std::string& path) { Add(path); }
@@ -56,7 +56,7 @@ private:
 RemovalCheck::RemovalCheck(const std::vector<std::string>& directories)
 {
     for (const std::string& path : directories) {
-        // A link to a directory is held itself: it is the link that is removed.
+        // For a link to a directory, holds the link itself, because the link is removed.
         m_directories.push_back({path, Common::UniqueFd(::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC))});
     }
 }

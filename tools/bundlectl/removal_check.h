@@ -6,16 +6,16 @@
 #include <string>
 #include <vector>
 
-/// Tells whether a bundle's directory has gone. The server's reply does not: it says that the removal was run, not what
-/// the removal could remove.
+/// Checks whether a bundle's directory has gone. The server's reply says only that the removal was run, not what it has
+/// removed.
 class RemovalCheck {
 public:
-    /// Made before the deletion, while the directory still has its name. It is held open, so that another one which
-    /// comes to its place is not taken for it.
-    /// @param directories those that may be the bundle's; the deletion removes one of them
+    /// Made before the deletion, while the directory still has its name. Holds it open, to distinguish it from another
+    /// directory that takes its place.
+    /// @param directories the possible directories of the bundle; the deletion removes one of them
     explicit RemovalCheck(const std::vector<std::string>& directories);
 
-    /// What is left of the directory, for people. Empty when it has gone.
+    /// The remaining content of the directory, for people. Empty when the directory has gone.
     std::string Left() const;
 
 private:

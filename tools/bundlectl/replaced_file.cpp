@@ -15,7 +15,7 @@
 bool ReplaceFile(const std::string& file, const std::string& text)
 {
     constexpr mode_t mode = 0644;
-    const std::string made = file + ".new"; // the node exporter reads names that end in ".prom" only
+    const std::string made = file + ".new"; // the node exporter reads only names that end in ".prom"
     const Common::UniqueFd fd(::open(made.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, mode));
     const bool isWritten = fd.IsOpen() && ::fchmod(fd.Get(), mode) == 0 &&
                            ::write(fd.Get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&

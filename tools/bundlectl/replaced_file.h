@@ -3,8 +3,8 @@
 
 #include <string>
 
-/// Puts a text in a file's place in one step: a reader finds the old text or the new one. False, after a sentence on
-/// standard error, when it cannot be written.
+/// Replaces a file's text in one step: a reader finds the old text or the new one. If it cannot be written, prints a
+/// sentence to standard error and returns false.
 bool ReplaceFile(const std::string& file, const std::string& text);
 
 #endif

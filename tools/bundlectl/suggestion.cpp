@@ -8,10 +8,10 @@ namespace {
 
 constexpr std::size_t MOST_CHANGES = 2;
 
-/// How many letters must be inserted, removed or replaced to make one word the other.
+/// The number of letters to insert, remove or replace to turn one word into the other.
 std::size_t Distance(std::string_view from, std::string_view to)
 {
-    constexpr std::size_t longest = 256; // nobody types more; and the compiler sees that the row is never empty
+    constexpr std::size_t longest = 256; // more than anybody types; shows the compiler that the row is never empty
     to = to.substr(0, longest);
     std::vector<std::size_t> row(to.size() + 1);
     std::iota(row.begin(), row.end(), std::size_t{0});

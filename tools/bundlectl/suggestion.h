@@ -4,8 +4,8 @@
 #include <string_view>
 #include <vector>
 
-/// The known word that a mistyped one most likely stands for: one that at most two letters tell from it, and fewer than
-/// it has. Empty when there is none.
+/// The known word that is most likely meant by a mistyped one. At most two letters differ, and fewer than the word has.
+/// Empty when no word is similar.
 std::string_view Nearest(std::string_view word, const std::vector<std::string_view>& known);
 
 #endif

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::chrono::hours LONGEST{24};
 
-/// The seconds of a unit; nothing when there is no such unit.
+/// The seconds of a unit; empty for an unknown unit.
 std::optional<int> SecondsIn(std::string_view unit)
 {
     if (unit.empty() || unit == "s") {

@@ -5,8 +5,8 @@
 
 class Arguments;
 
-/// Adds "--timeout TIME" to a command: 30, 30s, 5m or 24h. The value that timeout has is the default; it must outlive
-/// the command line.
+/// Adds "--timeout TIME" to a command: 30, 30s, 5m or 24h. The present value of timeout is the default. timeout must
+/// outlive the command line.
 void AddTimeout(Arguments& arguments, const char* description, std::chrono::seconds& timeout);
 
 /// The same with another name.

@@ -29,12 +29,12 @@ constexpr ProgramPlace PROGRAMS[] = {
     {Program::AUTHOR, "bundlectl-author", "install the package bundlectl-author"},
 };
 
-/// A verb, as users see it.
+/// The description of a verb for users.
 struct Verb {
     const char* name;
     Program program;
     const char* description;
-    const char* examples; ///< for the end of its help, a line each
+    const char* examples; ///< for the end of its help, one line each
 };
 
 /// All verbs, in the order in which they are listed. The command line, the help, the completions and, by a test, the
@@ -96,10 +96,10 @@ constexpr Verb VERBS[] = {
      "bundlectl keygen vendor"},
 };
 
-/// What a verb does once its arguments are read. Returns the exit status.
+/// Executes a verb after its arguments are read. Returns the exit status.
 using Action = std::function<int()>;
 
-/// Adds a verb's arguments. Returns what to do with them.
+/// Adds a verb's arguments. Returns the verb's action.
 using Definition = Action (*)(Arguments& arguments);
 
 /// A verb whose code is in this program.
@@ -108,7 +108,7 @@ struct Command {
     Definition define;
 };
 
-/// The verbs of one program. The array must outlive it.
+/// The verbs of one program. The array must outlive this object.
 struct Commands {
     Program program;
     const Command* first;

@@ -28,13 +28,13 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-/// How long a server may keep a connection waiting before the process to wait for is looked at again.
+/// How long a connection to a server may wait before the process to wait for is checked again.
 constexpr int LONGEST_LOOK = 1000;
 
 struct Options {
     std::string condition;
     std::chrono::seconds timeout = 30s;
-    long server = 0; ///< 0: whichever serves
+    long server = 0; ///< 0: any server that serves
     bool json = false;
     BundleCondition bundles;
 };
@@ -60,7 +60,7 @@ int TellWhoServes(const Options& options, pid_t server)
                                         ": two servers cannot serve on one machine. End one of them.");
 }
 
-/// The service's socket is bound when all bundles have been started, and not before.
+/// The service's socket is bound only after all bundles have been started.
 int WaitForServing(const Options& options)
 {
     constexpr auto interval = 100ms;

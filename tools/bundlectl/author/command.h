@@ -3,7 +3,7 @@
 
 #include "verbs.h"
 
-// The verbs of authors of bundles, a source file each.
+// The verbs for authors of bundles. Each has its own source file.
 Action DefineNew(Arguments& arguments);
 Action DefineLint(Arguments& arguments);
 Action DefinePlan(Arguments& arguments);

@@ -13,7 +13,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds STEP(50);
-/// What an item has started may take a moment to end, and a file to be written anew.
+/// The time that an item's processes may take to end, and a file may take to be rewritten.
 constexpr int STEPS = 20;
 
 } // namespace
@@ -82,7 +82,7 @@ void Drill::Do(const Exercise& exercise, const std::string& item, const Body& bo
     m_sink(result);
 }
 
-/// What rests after an exercise is brought up for the next one.
+/// Starts the items that rest after an exercise, for the next one.
 bool Drill::MakeUp()
 {
     constexpr Milliseconds moment(200);

@@ -14,7 +14,7 @@
 
 namespace Trials {
 
-/// What has come of an exercise.
+/// The result of an exercise.
 struct DrillResult {
     enum Outcome { PASSED, FAILED, LEFT_OUT };
 
@@ -41,21 +41,21 @@ struct DrillResult {
     }
 };
 
-/// Does harm to a bundle that runs, and looks whether the server and the bundle do what is promised.
+/// Harms a running bundle, and checks that the server and the bundle do what is promised.
 class Drill {
 public:
     using Milliseconds = std::chrono::milliseconds;
 
     struct Settings {
         std::vector<Exercise> exercises;
-        std::string item;  ///< the only one that is drilled; empty: all
+        std::string item;  ///< the only item that is drilled; empty: all items
         std::string check; ///< a command that fails when the bundle's data are damaged; empty: none
         Milliseconds patience{10'000};
         Milliseconds settle{500}; ///< how long an item must stay up
     };
     using Sink = std::function<void(const DrillResult&)>;
 
-    /// @param sink called with each result as it comes
+    /// @param sink called with each result at once
     Drill(DrilledBundle& bundle, Settings settings, Sink sink);
 
     /// @throws DrillEnded
@@ -66,7 +66,7 @@ private:
     using Item = DrilledBundle::Item;
     using Body = std::function<void(DrillResult&)>;
 
-    /// What there was before an exercise.
+    /// The state before an exercise.
     struct Before {
         std::vector<Stray> strays;
         std::size_t serversDescriptors = 0;
@@ -81,11 +81,11 @@ private:
     bool DataAreGood() const;
 
     // drill_items.cpp
-    /// How an item has ended since then, in words.
+    /// A description of how an item has ended since then.
     std::string EndAfter(const std::string& name, Model::Time time);
     void LeaveAlone(const std::string& name, DrillResult& result);
     void EndItem(const Exercise& exercise, const std::string& name, DrillResult& result);
-    /// @return the new process; 0: it does not run
+    /// @return the new process; 0: the item does not run
     pid_t ExpectRelaunch(const Item& before, const Model::ItemEnd& end, DrillResult& result);
     void ExpectRest(const Item& before, const Model::ItemEnd& end, DrillResult& result);
     void CompareDescriptors(pid_t pid, std::size_t before, DrillResult& result);
@@ -106,7 +106,7 @@ private:
     const Sink m_sink;
 };
 
-/// Where the server's log lies in a drill: a file system of its own, so small that it can be filled.
+/// The directory of the server's log in a drill. It is a separate file system, small enough to be filled.
 void MountDrillLog(const std::string& directory);
 
 } // namespace Trials

@@ -29,7 +29,7 @@ struct Options {
     bool json = false;
 };
 
-/// The name of the bundle that is drilled, and why it is not up; empty: it is.
+/// The name of the drilled bundle, and why it is not up; empty: it is up.
 std::string FindName(const TrialServer& server, const TrialBundles& bundles, bool isUp, std::string& name)
 {
     std::string reasons;
@@ -101,7 +101,7 @@ int RunDrill(const Options& options)
     }
     std::ofstream junit;
     if (!options.junit.empty()) {
-        junit.open(options.junit); // now, so that nobody waits for minutes in vain
+        junit.open(options.junit); // now, so that an error shows at once and not after minutes
         if (!junit) {
             std::cerr << "bundlectl: " << Printable(options.junit) << " cannot be written.\n";
             return EXIT_USAGE;

@@ -9,13 +9,13 @@ namespace Trials {
 
 namespace {
 
-// Those that end a process unless it handles them.
+// The signals that end a process unless it handles them.
 constexpr int DEADLY[] = {SIGHUP,  SIGINT,  SIGQUIT,   SIGILL,  SIGTRAP, SIGABRT, SIGBUS,  SIGFPE,
                           SIGKILL, SIGUSR1, SIGSEGV,   SIGUSR2, SIGPIPE, SIGALRM, SIGTERM, SIGSTKFLT,
                           SIGXCPU, SIGXFSZ, SIGVTALRM, SIGPROF, SIGIO,   SIGPWR,  SIGSYS};
 
 constexpr int RUN_AGAIN[] = {2, 6, 7, 8, 10, 11, 15, 31, 255};
-// Of all others: success, failure, and neighbours of those.
+// A selection of the other statuses: success, failure, and their neighbours.
 constexpr int RESTING[] = {0, 1, 3, 9, 254};
 
 std::string GroupOf(const std::string& name)

@@ -1,4 +1,4 @@
-// What is done to items that are processes.
+// The exercises on items that are processes.
 #include "drill.h"
 #include "forced_exit.h"
 #include "model/end_name.h"
@@ -16,7 +16,7 @@ std::string EndedWith(const Model::ItemEnd& end)
 
 } // namespace
 
-// A process is seen to be gone a moment before the server has logged how it ended.
+// A process disappears a moment before the server logs its end.
 std::string Drill::EndAfter(const std::string& name, Model::Time time)
 {
     constexpr Milliseconds toLog(2000);
@@ -143,7 +143,7 @@ void Drill::ExpectRest(const Item& before, const Model::ItemEnd& end, DrillResul
     }
 }
 
-// The one that has ended was the older one, and had the time to open what it needs.
+// The ended process was older, so it had time to open the files that it needs.
 void Drill::CompareDescriptors(pid_t pid, std::size_t before, DrillResult& result)
 {
     const std::size_t now = pid == 0 ? 0 : CountDescriptors(pid);

@@ -9,25 +9,25 @@
 
 namespace Trials {
 
-/// All that a drill has found.
+/// All results of a drill.
 struct DrillReport {
     std::string bundle;
-    std::string directory; ///< that was given
+    std::string directory; ///< as given on the command line
     std::vector<std::string> stubs;
     std::vector<DrillResult> results;
-    std::string ended; ///< why it came to an end before it was done; empty: it did not
+    std::string ended; ///< why the drill ended early; empty: it did not
 
     std::size_t Count(DrillResult::Outcome outcome) const;
     bool IsGood() const { return ended.empty() && Count(DrillResult::FAILED) == 0; }
 };
 
-/// A line or two, for people.
+/// One or two lines, for people.
 std::string DrillText(const DrillResult& result, const Output::Terminal& terminal);
 /// The last lines, for people.
 std::string DrillSummary(const DrillReport& report);
 /// For programs.
 std::string DrillJson(const DrillReport& report);
-/// For what builds and tests by itself: JUnit's XML, a test case an exercise.
+/// For build servers: JUnit's XML, one test case for each exercise.
 std::string DrillJunit(const DrillReport& report);
 
 } // namespace Trials

@@ -1,4 +1,4 @@
-// What is done to a bundle's files, its scripts and the server's log.
+// The exercises on a bundle's files, its scripts and the server's log.
 #include "common/unique_fd.h"
 #include "drill.h"
 #include "model/end_name.h"
@@ -24,17 +24,17 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::chrono::milliseconds SLOWNESS(4000);
-/// The server looks once a second, and waits a second between stop and start.
+/// The server scans once a second, and waits a second between stop and start.
 constexpr std::chrono::milliseconds NOTICE(5000);
 
-/// The second of a launch, in which a bundle whose item has died cannot be stopped.
+/// A launch takes a second. During it, a bundle whose item has died cannot be stopped.
 constexpr std::chrono::milliseconds LAUNCH(1500);
 
 const std::string SPARE = std::string(PRIVATE_DIRECTORY) + "/spare";
 const std::string FILLER = std::string(PRIVATE_DIRECTORY) + "/log/filler";
 const std::string LOG = std::string(PRIVATE_DIRECTORY) + "/log/bundle-server.log";
 
-/// Puts a script that sleeps before another one, which may be missing, and puts it back at the end of the scope.
+/// Replaces a script, which may be missing, by one that sleeps first. Restores the script at the end of the scope.
 class SlowScript {
 public:
     SlowScript(const std::string& bundle, const std::string& name) : m_bundle(bundle), m_name(name)
@@ -64,7 +64,7 @@ public:
         }
     }
 
-    /// The bundle is elsewhere from now on.
+    /// Called when the bundle has moved.
     void Follow(const std::string& bundle) { m_bundle = bundle; }
 
 private:
@@ -76,7 +76,7 @@ private:
     bool m_hasOriginal = false;
 };
 
-/// Takes all that is left of a file system.
+/// Fills a file system.
 void Fill(const std::string& path)
 {
     const Common::UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
@@ -103,7 +103,7 @@ std::vector<std::string> LibrariesOf(const std::string& bundle)
     return libraries;
 }
 
-/// What became of the items that are down, in words.
+/// A description of what became of the items that are down.
 std::string TellDown(const DrilledBundle::Moment& now)
 {
     std::string text;
@@ -127,7 +127,7 @@ void MountDrillLog(const std::string& directory)
     }
 }
 
-/// Whatever else the server is at, the monitor runs items again.
+/// The monitor relaunches items whatever else the server is doing.
 void Drill::KillOneMeanwhile(const std::string& when, const std::function<bool(const Moment&, const Item&)>& isBack,
                              DrillResult& result)
 {
@@ -219,7 +219,7 @@ void Drill::RemoveLibrary(const std::string& library, DrillResult& result)
     fs::create_directories(SPARE);
     const Moment before = m_bundle.Look();
     fs::rename(file, aside);
-    ::utimensat(AT_FDCWD, m_bundle.Path().c_str(), nullptr, 0); // outside of "bin" the server does not see it
+    ::utimensat(AT_FDCWD, m_bundle.Path().c_str(), nullptr, 0); // the server does not watch this file
     m_bundle.WaitForRenewal(before, NOTICE);
     result.Pass(TellDown(m_bundle.Look()));
     fs::rename(aside, file);
@@ -256,7 +256,7 @@ void Drill::ExchangeBundle(DrillResult& result)
 void Drill::FillLog(DrillResult& result)
 {
     Fill(FILLER);
-    // Told by the server's children: the log does not have it.
+    // Read from the server's children, because the log does not show it.
     const std::set<pid_t> children = ChildrenOf(m_bundle.Server());
     const auto isBack = [&](const Moment&, const Item&) {
         const std::set<pid_t> now = ChildrenOf(m_bundle.Server());

@@ -28,7 +28,7 @@ DrilledBundle::Item ItemOf(const Model::ItemStatus& status)
     return item;
 }
 
-/// Whether each item runs in another process than before.
+/// Whether each item runs in a new process.
 bool IsRenewed(const DrilledBundle::Moment& before, const DrilledBundle::Moment& now)
 {
     return now.isUp && std::all_of(now.items.begin(), now.items.end(), [&before](const DrilledBundle::Item& item) {

@@ -15,18 +15,18 @@
 
 namespace Trials {
 
-/// The drill cannot go on: the server has ended, or the user wants no more.
+/// The drill cannot continue: the server has ended, or the user has stopped the drill.
 class DrillEnded : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-/// A bundle under a server that runs, as it is drilled.
+/// A bundle that is being drilled, under a running server.
 class DrilledBundle {
 public:
     using Milliseconds = std::chrono::milliseconds;
 
-    /// The state while the server does not know the bundle.
+    /// The name of the state while the server does not know the bundle.
     static constexpr const char UNKNOWN[] = "unknown";
 
     struct Item {
@@ -35,14 +35,14 @@ public:
         bool isUp = false;
         pid_t pid = 0;
         std::optional<Model::Time> since;
-        std::uint64_t launches = 0;      ///< that the log tells
+        std::uint64_t launches = 0;      ///< in the log
         std::deque<Model::ItemEnd> ends; ///< the latest last
 
-        /// The end of that process; null when it has none yet.
+        /// The end of that process; null while it has not ended.
         const Model::ItemEnd* EndOf(pid_t process) const;
     };
 
-    /// The bundle as it is at one moment.
+    /// The bundle's state at one moment.
     struct Moment {
         std::string state;
         bool isUp = false; ///< Active with all items up
@@ -61,14 +61,14 @@ public:
 
     /// @throws DrillEnded
     Moment Look();
-    /// Looks until the condition holds. @return whether it came to hold in time
+    /// Checks until the condition holds. @return whether it held in time
     /// @throws DrillEnded
     bool WaitUntil(const std::function<bool(const Moment&)>& condition, Milliseconds patience);
     /// @throws DrillEnded
     void Wait(Milliseconds moment);
-    /// Waits until each item that is a process runs in another one than before. @return whether all are up then
+    /// Waits until each item that is a process runs in a new process. @return whether all items are up then
     bool WaitForRenewal(const Moment& before, Milliseconds patience);
-    /// Has the server start its items once more. @return whether all are up
+    /// Makes the server start its items once more. @return whether all are up
     bool Restart(Milliseconds patience);
 
 private:

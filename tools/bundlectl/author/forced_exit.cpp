@@ -56,7 +56,7 @@ bool ReplaceCall(pid_t /*pid*/, int /*status*/)
 }
 #endif
 
-/// A process that is traced until the end of the scope.
+/// Traces a process until the end of the scope.
 class Tracing {
 public:
     explicit Tracing(pid_t pid) : m_pid(pid)
@@ -68,14 +68,14 @@ public:
     Tracing& operator=(const Tracing&) = delete;
     ~Tracing()
     {
-        if (m_isAttached && !m_isStopped) { // only a stopped process can be let go
+        if (m_isAttached && !m_isStopped) { // only a stopped process can be released
             ::ptrace(PTRACE_INTERRUPT, m_pid, nullptr, nullptr);
             NextStop();
         }
         ::ptrace(PTRACE_DETACH, m_pid, nullptr, nullptr);
     }
 
-    /// How it has stopped. Empty when it has not within seconds, or has ended.
+    /// How it has stopped. Empty when it has ended, or has not stopped within seconds.
     std::optional<int> NextStop()
     {
         using namespace std::chrono_literals;
@@ -91,7 +91,7 @@ public:
         return std::nullopt;
     }
 
-    /// Up to the next system call.
+    /// Runs it up to the next system call.
     void Continue(int signal)
     {
         m_isStopped = false;
@@ -104,7 +104,7 @@ private:
     bool m_isStopped = false;
 };
 
-/// Whether it stands before a system call.
+/// Whether it is about to make a system call.
 bool IsBeforeCall(pid_t pid)
 {
     __ptrace_syscall_info info{};

@@ -5,11 +5,11 @@
 
 namespace Trials {
 
-/// Whether ForceExit knows this machine's processor.
+/// Whether ForceExit supports this machine's processor.
 bool CanForceExit();
 
-/// Makes another process exit with a status, in place of its next system call: none of its own code runs any more. A
-/// program that makes no system call within seconds, and one of another architecture, are left as they are.
+/// Makes another process exit with a status, in place of its next system call. None of the process's own code runs
+/// after that. Does not touch a program that makes no system call within seconds, or one of another architecture.
 /// @return whether it exits
 bool ForceExit(pid_t pid, int status);
 

@@ -16,7 +16,7 @@ using Model::Collection;
 using Model::DeclaredBundle;
 using Model::Verdict;
 
-/// The steps of all circles: a bundle and the one that it requires in one.
+/// The steps of all circles: each is a bundle and the bundle that it requires there.
 std::set<std::pair<std::string, std::string>> StepsOfCircles(const Collection& collection)
 {
     std::set<std::pair<std::string, std::string>> steps;
@@ -129,7 +129,7 @@ std::string Dot(const Graph& graph)
 
 std::string Mermaid(const Graph& graph)
 {
-    // Names of any kind are labels; the nodes go by numbers.
+    // Names can contain any character, so they are labels. Numbers identify the nodes.
     std::map<std::string, std::string> ids;
     const auto idOf = [&ids](const std::string& name) {
         return ids.emplace(name, "n" + std::to_string(ids.size())).first->second;

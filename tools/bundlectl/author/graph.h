@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-/// Who requires whom in a collection.
+/// The requirements between the bundles of a collection.
 namespace Graphs {
 
 struct Edge {
@@ -16,19 +16,19 @@ struct Edge {
 struct Node {
     std::string name;
     int order = 0;      ///< of its start, counted from 1; 0: it does not start
-    std::string reason; ///< why it does not, in the server's words
+    std::string reason; ///< why it does not start, in the server's words
     std::vector<Edge> edges;
 };
 
 struct Graph {
     std::string trouble;
-    std::vector<Node> nodes; ///< those that start in their order, then the others by name
+    std::vector<Node> nodes; ///< bundles that start, in their order, then the others by name
 };
 
-/// @param reverse a bundle: only it and what requires it, directly or by others; empty: all
+/// @param reverse a bundle: the graph shows only it and the bundles that require it, directly or indirectly; empty: all
 Graph MakeGraph(const std::string& collection, const std::string& reverse);
 
-// All names are escaped in a way that the form needs.
+// Each escapes the names as its format needs.
 std::string Text(const Graph& graph);
 std::string Dot(const Graph& graph);
 std::string Mermaid(const Graph& graph);

@@ -42,11 +42,11 @@ std::string Json(const Graph& graph)
     return json.Text();
 }
 
-/// Has graphviz draw it, to our standard output.
+/// Lets graphviz draw the graph to our standard output.
 int Draw(const std::string& dot)
 {
     constexpr int notFound = 127;
-    // A program that is not there ends before it has read anything.
+    // A missing program ends before it has read anything.
     std::signal(SIGPIPE, SIG_IGN);
     std::cout << std::flush;
     FILE* const program = ::popen("exec dot -Tsvg", "w");

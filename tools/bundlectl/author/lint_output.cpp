@@ -36,7 +36,7 @@ std::string Counted(std::size_t count, const std::string& what)
     return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
-/// A path as a URI reference: relative where it is.
+/// A path as a URI reference. A relative path stays relative.
 std::string UriOf(const std::string& path)
 {
     constexpr char digits[] = "0123456789ABCDEF";

@@ -1,4 +1,4 @@
-// What bundlectl does for authors of bundles, on their own machines.
+// The verbs of bundlectl for authors of bundles, on their own machines.
 #include "command.h"
 #include "command_line.h"
 

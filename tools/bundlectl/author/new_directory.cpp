@@ -1,4 +1,4 @@
-// How the project of a new bundle comes to its place.
+// Creates the directory of a new bundle's project.
 #include "lint/lint.h"
 #include "new_project.h"
 #include "printable.h"
@@ -22,8 +22,8 @@ namespace {
     throw Put::Refusal(Printable(path) + " " + what);
 }
 
-/// A directory beside the final one, in which the project is made. It goes with all that is in it, unless it has
-/// become the final one.
+/// A directory beside the final one, in which the project is made. The destructor removes it and its content, unless it
+/// has become the final one.
 class Draft {
 public:
     explicit Draft(const std::string& directory) : m_path(directory + ".new-XXXXXX")
@@ -44,13 +44,13 @@ public:
                 Put::RemoveTree(m_path);
             }
         } catch (const std::exception&) {
-            // The refusal that is on its way says more than this one would.
+            // The refusal that is being thrown says more than this failure.
         }
     }
 
     const std::string& Path() const { return m_path; }
 
-    /// In one step: a rename takes the place of an empty directory, and of nothing else.
+    /// In one step: a rename replaces an empty directory and nothing else.
     void MoveTo(const std::string& directory)
     {
         if (::mkdir(directory.c_str(), 0700) != 0) {
@@ -70,7 +70,7 @@ private:
     std::string m_path;
 };
 
-/// Folders and files as the user's mask wants them.
+/// Sets the permissions of folders and files by the user's mask.
 void Fill(const std::string& root, const std::vector<ProjectFile>& files)
 {
     const mode_t mask = ::umask(0);
@@ -93,7 +93,7 @@ void Fill(const std::string& root, const std::vector<ProjectFile>& files)
     }
 }
 
-/// Asks lint about the manifest. What it misses in "bin" is built later.
+/// Checks the manifest with lint. Ignores missing files in "bin", which are built later.
 void RequireCleanManifest(const std::string& root)
 {
     const std::string bundle = root + "/bundle";

@@ -60,7 +60,7 @@ std::string Requirements(const std::vector<std::string>& required)
     return line.empty() ? "" : "; These bundles start before this one.\n" + line + "\n";
 }
 
-/// What differs from one project to the other.
+/// The values that differ between projects.
 Words WordsOf(const Wish& wish)
 {
     Words words;

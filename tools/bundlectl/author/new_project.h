@@ -26,15 +26,16 @@ struct ProjectFile {
     unsigned mode;
 };
 
-/// @throws Put::Refusal a name that a file, a manifest and a CMake project cannot all carry
+/// @throws Put::Refusal the name is not valid for a file, a manifest and a CMake project
 void RequireGoodNames(const Wish& wish);
 
-/// The files, in the order of their paths. The names are good.
+/// The files, in the order of their paths. The names must have been checked.
 std::vector<ProjectFile> Compose(const Wish& wish);
 
-/// Makes the directory. It appears whole, or not at all.
+/// Makes the directory. It appears complete or not at all.
 /// @param directory without a slash at its end
-/// @throws Put::Refusal it exists, it cannot be written, or lint finds fault with the manifest. Nothing is left then.
+/// @throws Put::Refusal it exists, it cannot be written, or lint finds a fault in the manifest. Leaves nothing behind
+/// then.
 void Write(const std::string& directory, const std::vector<ProjectFile>& files);
 
 } // namespace NewBundle

@@ -32,7 +32,7 @@ bool BeginsWith(const std::string& text, std::string_view beginning)
     return text.compare(0, beginning.size(), beginning) == 0;
 }
 
-/// What stands between two parts of a text; empty when they are not there.
+/// The text between two parts of a text; empty when they are missing.
 std::string Between(const std::string& text, std::string_view before, std::string_view behind)
 {
     const std::size_t begin = text.find(before);
@@ -61,7 +61,7 @@ private:
     Step& Tell(Step::Kind kind, const std::string& bundle, const std::string& path);
     std::string ScriptOf(const std::string& path, const std::string& name) const;
     std::string PathOf(const std::string& bundle) const;
-    /// Runs a part of what the server does, and says what it throws.
+    /// Runs one of the server's steps, and returns the text of its exception.
     static std::string ReasonWhy(const std::function<void()>& part);
     std::string PathIn(const std::string& directory) const
     {
@@ -72,7 +72,7 @@ private:
     const std::shared_ptr<PlanFactory> m_factory = std::make_shared<PlanFactory>();
     BundleManager m_manager{m_factory};
     Plan m_plan;
-    std::string m_path; // that is being loaded
+    std::string m_path; // the directory that is being loaded
 };
 
 Plan Maker::Make(const Change& change)
@@ -106,7 +106,7 @@ void Maker::Start()
     m_manager.StartAllBundles();
 }
 
-// The records are the server's: the same manager writes them.
+// The records are the same as the server's, because the same manager writes them.
 void Maker::Take(int level, const std::string& text)
 {
     const bool isState = text.find("] state changing[") != std::string::npos;
@@ -121,7 +121,7 @@ void Maker::Take(int level, const std::string& text)
     } else if (text == "create bundle activator fail." || text.find("] already exists.") != std::string::npos) {
         Step& step = Tell(Step::REFUSES, "", m_path);
         step.message = Printable(text);
-        step.script = ScriptOf(m_path, "install.sh"); // it has run by then
+        step.script = ScriptOf(m_path, "install.sh"); // it has already run
     } else if (BeginsWith(text, "failed to resolve bundle[") || BeginsWith(text, "failed to start bundle[")) {
         const std::string bundle = Between(text, "bundle[", "] :");
         Step& step = Tell(Step::UNLOADS, bundle, PathOf(bundle));
@@ -261,7 +261,7 @@ void Maker::Update(const std::string& directory)
     Step& step = Tell(Step::UPDATES, former, path);
     step.message = unreadable;
     if (!unreadable.empty()) {
-        return; // the old one goes on
+        return; // the old one keeps running
     }
     step.script = ScriptOf(path, "update.sh");
     const std::string failure = ReasonWhy([&] {
@@ -274,7 +274,7 @@ void Maker::Update(const std::string& directory)
     }
 }
 
-/// What the others are told of a change: they require the bundle, directly or by others.
+/// The effects of a change on bundles that require the bundle, directly or indirectly.
 std::vector<Affected> FindAffected(const std::string& collection, const std::string& name, const char* text)
 {
     std::vector<Affected> affected;

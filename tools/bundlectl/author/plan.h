@@ -4,10 +4,10 @@
 #include <string>
 #include <vector>
 
-/// What a server will do with a collection, found out by the server's own manager. Nothing is run or written.
+/// Predicts what a server will do with a collection, with the server's own manager. Runs and writes nothing.
 namespace Plans {
 
-/// Something that the server does, in the order in which it does it.
+/// One step of the server.
 struct Step {
     enum Kind {
         LOADS,    ///< a bundle; its install script runs before
@@ -23,12 +23,12 @@ struct Step {
     Kind kind = LOADS;
     std::string bundle;  ///< empty: not known
     std::string path;    ///< of its directory
-    std::string message; ///< the server's own words for what goes wrong; empty: nothing does
+    std::string message; ///< the server's own words for a failure; empty: no failure
     std::string script;  ///< that runs with the step; empty: none
     int launches = 0;    ///< STARTS: items that are launched as processes, a second each
 };
 
-/// A change of a collection whose server runs.
+/// A change of a collection while its server runs.
 struct Change {
     enum Kind { NONE, ADD, DELETE, UPDATE };
 
@@ -36,19 +36,19 @@ struct Change {
     std::string subject; ///< the new directory, or the bundle's name
 };
 
-/// A bundle that a change reaches although it is not changed itself.
+/// A bundle that a change affects although it is not changed itself.
 struct Affected {
     std::string bundle;
     std::string text;
 };
 
 struct Plan {
-    std::string trouble; ///< why there is none
+    std::string trouble; ///< why there is no plan
     bool isUnknownBundle = false;
     std::vector<Step> steps;
     std::vector<Affected> affected;
     long leastSeconds = 0;
-    /// The records that the server will write about loading, refusing and states, in their order; not escaped.
+    /// The records that the server will write about loading, refusals and states, in order; not escaped.
     std::vector<std::string> records;
 };
 

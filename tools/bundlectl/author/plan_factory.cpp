@@ -14,7 +14,7 @@ namespace {
 
 using SystemServer::BundleManifest;
 
-/// A manifest of the same bundle that has, of its items, only the one at which a start in thread mode fails.
+/// A manifest of the same bundle that keeps only the item at which a start in thread mode fails.
 std::string WithoutItems(const BundleManifest& manifest)
 {
     std::string text = "[global]\nbundle_name=" + manifest.GetBundleName() +
@@ -34,7 +34,7 @@ std::string WithoutItems(const BundleManifest& manifest)
 
 } // namespace
 
-/// A bundle's files, under a root path that no file can have: a NUL ends it before it begins. So no script is found.
+/// A bundle's files, under an impossible root path: it begins with a NUL. So no script is found.
 class PlanFactory::Files : public SystemServer::BundleStorage {
 public:
     Files(const std::string& path, std::shared_ptr<Sources> sources, std::shared_ptr<KnownBundles> known)

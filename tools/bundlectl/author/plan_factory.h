@@ -9,22 +9,22 @@
 
 namespace Plans {
 
-/// Makes bundles for the server's manager that do what a plan needs and no more: no script is found, and a start
-/// launches and loads nothing, but refuses what it would refuse.
+/// Makes bundles for the server's manager that do only what a plan needs. They have no scripts. A start launches and
+/// loads nothing, but fails where a real start would fail.
 class PlanFactory : public SystemServer::BundleFactory {
 public:
     std::shared_ptr<SystemServer::Bundle> CreateBundle(const std::string& path) override;
 
-    /// From now on the files of a directory are those of another one.
+    /// From now on, a directory's files are read from another directory.
     void Replace(const std::string& path, const std::string& by) { (*m_sources)[path] = by; }
-    /// Where the files of a directory are.
+    /// The directory from which a directory's files are read.
     std::string SourceOf(const std::string& path) const;
 
     struct Known {
         std::string path;
-        int items = 0; ///< that are launched as processes
+        int items = 0; ///< number of items that are launched as processes
     };
-    /// What has been made, by the bundle's name; the first counts.
+    /// The bundles that have been made, by name. The first of a name counts.
     const std::map<std::string, Known>& Bundles() const { return *m_known; }
 
 private:

@@ -33,7 +33,7 @@ namespace {
 
 using Common::UniqueFd;
 
-bool g_isAskedToEnd = false; // of the action's process, which has a single thread
+bool g_isAskedToEnd = false; // set in the action's process, which has a single thread
 
 [[noreturn]] void Refuse(const std::string& what)
 {
@@ -61,7 +61,7 @@ bool Write(const char* path, const std::string& text)
     return file.IsOpen() && ::write(file.Get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
-/// The same user inside and outside.
+/// Gives the process the same user inside and outside.
 std::string IdentityMap(unsigned id)
 {
     return std::to_string(id) + " " + std::to_string(id) + " 1";
@@ -70,7 +70,7 @@ std::string IdentityMap(unsigned id)
 void EnterNamespaces()
 {
     constexpr int wanted = CLONE_NEWNS | CLONE_NEWPID;
-    // Root in a container may lack the right, and still have a user namespace.
+    // Root in a container may lack the right, and can still make a user namespace.
     if (::geteuid() == 0 && ::unshare(wanted) == 0) {
         return;
     }
@@ -93,7 +93,7 @@ void MountOrRefuse(const char* source, const char* target, const char* type, uns
     }
 }
 
-/// A file system in memory in place of /mnt, with the directories that are there but the one of services.
+/// Mounts a file system in memory over /mnt, with the same directories except the directory of services.
 void MountPrivateMnt()
 {
     constexpr const char root[] = "/mnt";
@@ -138,7 +138,7 @@ Pipe MakePipe()
     return {UniqueFd(ends[0]), UniqueFd(ends[1])};
 }
 
-/// The first process of the namespaces. @param life readable as soon as the outer process has ended
+/// The first process of the namespaces. @param life becomes readable when the outer process has ended
 [[noreturn]] void RunInside(const std::function<int()>& action, const UniqueFd& life)
 {
     int status = EXIT_FAILED;
@@ -146,9 +146,9 @@ Pipe MakePipe()
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         pollfd watched{life.Get(), 0, 0};
         if (::poll(&watched, 1, 0) != 0) {
-            ::_exit(status); // it died before the kernel was told
+            ::_exit(status); // it died before prctl
         }
-        ::setsid(); // a Ctrl-C of the terminal is for the outer process only
+        ::setsid(); // so that only the outer process gets the terminal's Ctrl-C
         MountAll();
         status = action();
     } catch (const NotPermitted& exception) {
@@ -200,7 +200,8 @@ int RunPrivately(const std::function<int()>& action)
         Refuse("No process can be made");
     }
     if (inner == 0) {
-        // What the server's code does after each fork has unblocked them. Unblocked they are lost for a first process.
+        // Blocks the signals again: the server's fork handler has unblocked them. An unblocked signal has no effect on
+        // a first process.
         ::sigprocmask(SIG_BLOCK, &signals, nullptr);
         ready.write.Reset();
         life.write.Reset();
@@ -228,7 +229,7 @@ bool Pause(std::chrono::milliseconds moment)
 void EndAllProcesses(std::chrono::milliseconds grace)
 {
     using Clock = std::chrono::steady_clock;
-    ::kill(-1, SIGTERM); // never this process itself
+    ::kill(-1, SIGTERM); // this does not include the calling process
     ::kill(-1, SIGCONT);
     const Clock::time_point end = Clock::now() + grace;
     while (!IsAlone() && Clock::now() < end) {

@@ -28,7 +28,7 @@ std::string DirectoryOf(const std::string& file)
     return file.substr(0, file.rfind('/') + 1);
 }
 
-/// The first directory that has the program; empty when none has.
+/// The first directory that contains the program; empty when none does.
 std::string FindIn(const std::vector<std::string>& directories, const char* program)
 {
     for (const std::string& directory : directories) {

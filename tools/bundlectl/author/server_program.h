@@ -5,11 +5,11 @@
 
 namespace Trials {
 
-/// Where the server's programs are on this machine.
+/// The places of the server's programs on this machine.
 struct ServerPrograms {
-    std::string server;          ///< absolute; empty when there is none
-    std::string loaderDirectory; ///< of dyn_lib_process_loader; empty when there is none
-    std::string advice;          ///< what to do where there is no server
+    std::string server;          ///< absolute; empty: not found
+    std::string loaderDirectory; ///< the directory of dyn_lib_process_loader; empty: not found
+    std::string advice;          ///< what to do when the server is not found
 };
 
 /// @param server what the user has named; empty: it is looked for beside this program, where it is installed, and in

@@ -3,7 +3,7 @@
 
 namespace NewBundle {
 
-/// A file of a new project, before its words are put in: templates/NAME.in.
+/// A template for a file of a new project: templates/NAME.in.
 struct Template {
     const char* name;
     const char* text; ///< with words like @NAME@ in it

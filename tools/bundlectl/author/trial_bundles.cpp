@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 
 constexpr const char MANIFEST[] = "BundleManifest.ini";
 
-/// A directory's name that no other has.
+/// A directory name that is not in use.
 std::string FreePath(const std::string& collection, const std::string& name)
 {
     std::string path = collection + "/" + name;
@@ -37,14 +37,14 @@ void WriteStub(const std::string& collection, const std::string& name)
     manifest << "[global]\nbundle_name = " << name << "\nbundle_load_mode = 0\n";
 }
 
-/// The required bundles that are not there.
+/// The required bundles that are missing.
 std::set<std::string> Missing(const std::string& path)
 {
     const Model::Collection collection = Model::ReadCollection(path, "/");
     std::set<std::string> missing;
     for (const Model::DeclaredBundle& bundle : collection.bundles) {
         for (const std::string& name : bundle.required) {
-            // A name that the log shows with an escape cannot be written into a manifest.
+            // A manifest cannot contain a name that the log shows with an escape.
             if (collection.Find(name).empty() && name.find('\\') == std::string::npos) {
                 missing.insert(name);
             }

@@ -9,12 +9,12 @@
 
 namespace Trials {
 
-/// Shows the log of a trial as it grows, for people: a line a record, with the seconds since the first one.
+/// Shows the growing log of a trial, for people: one line for each record, with the seconds since the first one.
 class TrialLogView {
 public:
     TrialLogView(const std::string& log, const Output::Terminal& terminal);
 
-    /// Prints what is new. False when standard output takes no more.
+    /// Prints the new records. False when standard output cannot be written any more.
     bool Print();
 
 private:

@@ -13,7 +13,7 @@ class Arguments;
 
 namespace Trials {
 
-/// What the verbs that run bundles have in common.
+/// The options that are common to the verbs that run bundles.
 struct TrialOptions {
     std::vector<std::string> directories;
     std::string server;
@@ -24,8 +24,8 @@ void AddTrialOptions(Arguments& arguments, TrialOptions& options, bool takesSeve
 void AddSpanOption(Arguments& arguments, const char* name, const char* description,
                    std::optional<std::chrono::milliseconds>& span);
 
-/// Looks for the programs and at the bundles, and then calls the action in namespaces of its own. Returns the exit
-/// status, and says on standard error why the action could not be called.
+/// Finds the programs, checks the bundles, and calls the action in its own namespaces. Returns the exit status. If the
+/// action cannot be called, prints the reason to standard error.
 int RunTrial(const TrialOptions& options, const std::function<int(const ServerPrograms&)>& action);
 
 } // namespace Trials

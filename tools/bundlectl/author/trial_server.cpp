@@ -32,7 +32,7 @@ UniqueFd OpenOrThrow(const char* path, int flags)
     return fd;
 }
 
-/// Becomes the server. Only what is safe after a fork.
+/// Becomes the server. Uses only calls that are safe after a fork.
 [[noreturn]] void Become(const char* program, char* const* arguments, int input, int output)
 {
     sigset_t none;
@@ -72,7 +72,7 @@ TrialServer::TrialServer(const ServerPrograms& programs, const std::string& coll
     const UniqueFd output = OpenOrThrow(m_log.c_str(), O_WRONLY | O_CREAT | O_APPEND);
     ::setenv("ZQ_LOG_FILE", m_log.c_str(), 1);
     ::unsetenv("JOURNAL_STREAM");
-    // The name by which a look at the processes tells servers, whatever the program is called.
+    // bundlectl recognises servers among the processes by this name, independent of the program's file name.
     std::vector<std::string> words{"bundle_server", "-f", m_configuration};
     std::vector<char*> arguments;
     for (std::string& word : words) {
@@ -92,7 +92,7 @@ TrialServer::~TrialServer()
 {
     constexpr std::chrono::milliseconds step(10);
     constexpr int steps = 100;
-    // The server first: it would run again what ends.
+    // The server ends first, because it would relaunch ended items.
     for (int i = 0; i < steps && TakeEnd().empty(); ++i) {
         ::kill(m_pid, SIGTERM);
         std::this_thread::sleep_for(step);

@@ -12,25 +12,25 @@
 
 namespace Trials {
 
-/// The server on a collection, inside RunPrivately. Its log, and what it and its items print, goes to one file.
+/// The server on a collection, inside RunPrivately. Its log and the output of the server and its items go to one file.
 class TrialServer {
 public:
     /// Starts it.
-    /// @param directory for its configuration and its log
+    /// @param directory the place of its configuration and its log
     /// @throws std::system_error
     TrialServer(const ServerPrograms& programs, const std::string& collection, const std::string& directory);
     TrialServer(const TrialServer&) = delete;
     TrialServer& operator=(const TrialServer&) = delete;
-    /// Ends it, and then every other process.
+    /// Ends the server, and then every other process.
     ~TrialServer();
 
     pid_t Pid() const { return m_pid; }
     const std::string& Log() const { return m_log; }
 
-    /// How it has ended, in words; empty while it runs. Takes the dead that have no parent any more.
+    /// A description of how it has ended; empty while it runs. Reaps dead processes that have lost their parent.
     std::string TakeEnd();
 
-    /// All that is known at the moment.
+    /// Everything that is known at this moment.
     std::unique_ptr<Model::Snapshot> Look() const;
 
 private:

@@ -19,7 +19,7 @@ std::vector<Death> DeathsOf(const Model::BundleStatus& bundle)
     return deaths;
 }
 
-/// That an item is up again hides its death from the reasons for what is down.
+/// The reasons cover only items that are down, so an item that is up again would hide its death.
 Model::Reason ReasonOfDeath(const Death& death)
 {
     Model::Reason reason;

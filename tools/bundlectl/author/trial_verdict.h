@@ -10,21 +10,21 @@
 
 namespace Trials {
 
-/// An end of an item that nobody asked for.
+/// An end of an item that was not requested.
 struct Death {
     std::string item;
     std::string how; ///< "SIGSEGV", "status 3"
     bool wasRunAgain = false;
 };
 
-/// What has become of a bundle that was given.
+/// The result for a bundle that the user has given.
 struct BundleVerdict {
     std::string directory; ///< that was given
-    std::string name;      ///< empty: its manifest does not give it
-    std::string state;     ///< "Active"; "refused" when the server has not taken it in
+    std::string name;      ///< empty: not in the manifest
+    std::string state;     ///< "Active"; "refused" when the server has not loaded it
     std::size_t items = 0;
     std::size_t itemsUp = 0;
-    bool isGood = false; ///< Active with all items up, and none has died
+    bool isGood = false; ///< Active, all items are up, and none has died
     std::vector<Death> deaths;
     std::vector<Model::Reason> reasons; ///< as "bundlectl why" gives them, with the given directories
 };

@@ -33,7 +33,7 @@ struct Options {
     bool json = false;
 };
 
-/// What has become of the trial.
+/// The result of the trial.
 struct Result {
     const char* ended = "request"; ///< "time", "request", "server"
     std::string serversEnd;
@@ -116,7 +116,7 @@ std::string Json(const Result& result, const TrialBundles& bundles)
     return json.Text();
 }
 
-/// Lets the server run until the time is over, it ends, or the user wants no more.
+/// Lets the server run until the time is over, the server ends, or the user stops it.
 Result Run(const Options& options, const TrialBundles& bundles, const ServerPrograms& programs,
            const Terminal& terminal)
 {

@@ -61,7 +61,7 @@ private:
     const std::vector<Subject>& m_bundles;
     Report& m_report;
     std::map<std::string, const Subject*> m_byName;
-    std::map<const Subject*, std::size_t> m_chains; // the lengths of those that have been followed
+    std::map<const Subject*, std::size_t> m_chains; // lengths of the chains that have been followed
 };
 
 void Together::CheckNames()

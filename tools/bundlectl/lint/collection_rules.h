@@ -8,10 +8,10 @@
 
 namespace Lint {
 
-/// What is wrong with bundles only together: names, and what they require of each other.
-/// @param bundles those that are looked at
-/// @param others further bundles of their collection, which may be required; nothing is said of them
-/// @param isWhole bundles and others are all that there is, so what is required must be among them
+/// Checks bundles together: their names, and what they require of each other.
+/// @param bundles the bundles to check
+/// @param others further bundles of their collection, which may be required; they are not checked
+/// @param isWhole bundles and others are the whole collection, so required bundles must be among them
 void CheckTogether(const std::vector<Subject>& bundles, const std::vector<Subject>& others, bool isWhole,
                    Report& report);
 

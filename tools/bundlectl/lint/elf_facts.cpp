@@ -20,7 +20,7 @@ struct ElfEnd {
     void operator()(Elf* elf) const { ::elf_end(elf); }
 };
 
-/// "GLIBC_2.34" as a version. Other names have none.
+/// "GLIBC_2.34" as a version. Empty for other names.
 std::optional<Version> GlibcVersionOf(const char* name)
 {
     constexpr std::string_view prefix = "GLIBC_";

@@ -12,21 +12,21 @@ namespace Lint {
 /// Major and minor.
 using Version = std::pair<int, int>;
 
-/// What a program or a library says of itself.
+/// The properties of a program or a library, from its ELF tables.
 struct ElfFacts {
     int machine = 0;
     int bits = 0;
-    bool isShared = false; ///< it can be loaded by the dynamic linker; a program may be, too
+    bool isShared = false; ///< the dynamic linker can load it; this can be true of a program, too
     std::string interpreter;
     std::vector<std::string> needed;   ///< libraries
-    std::vector<std::string> runPaths; ///< where it looks for them, "$ORIGIN" as it stands
+    std::vector<std::string> runPaths; ///< where it searches for them; "$ORIGIN" is not replaced
     std::set<std::string> exported;    ///< functions
     std::set<std::string> imported;    ///< functions
     std::optional<Version> glibcNeeded;
     std::optional<Version> glibcOffered; ///< of a C library
 };
 
-/// Reads a file's tables; runs and loads nothing of it. Empty when it is no ELF file, or a broken one.
+/// Reads a file's tables without running or loading it. Empty when the file is not an ELF file or is broken.
 std::optional<ElfFacts> ReadElfFacts(const std::string& path);
 
 } // namespace Lint

@@ -1,4 +1,4 @@
-// Whether programs and libraries fit the machine that they are to run on.
+// Checks whether programs and libraries fit the machine on which they will run.
 #include "model/files.h"
 #include "printable.h"
 #include "subject.h"
@@ -39,7 +39,7 @@ public:
         const Machine& machine = m_check.sysroot.Target();
         if (m_elf.machine != machine.number || m_elf.bits != machine.bits) {
             Add(MACHINE_WRONG, "It is no program for " + std::string(machine.name) + ".");
-            return; // what it needs is another machine's
+            return; // its libraries are another machine's
         }
         CheckGlibc();
         CheckLibraries();

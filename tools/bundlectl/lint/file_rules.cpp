@@ -1,4 +1,4 @@
-// The bundle's files: who may write them, and where links lead.
+// Checks the bundle's files: who may write them, and where links lead.
 #include "model/files.h"
 #include "printable.h"
 #include "subject.h"
@@ -20,7 +20,7 @@ constexpr Rule MOUNT_POINT{"mount-point", Severity::WARNING, "another file syste
                            "It can neither be removed nor exchanged with the bundle.",
                            "Mount it outside of the collection."};
 
-/// Where a link leads from the folder it lies in: whether that is out of the root. Counts no further links.
+/// Whether a link in this folder leads out of the root. Does not follow further links.
 bool LeadsOut(const std::string& target, std::size_t depth)
 {
     if (target.substr(0, 1) == "/") {

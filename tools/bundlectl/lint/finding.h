@@ -8,28 +8,28 @@
 namespace Lint {
 
 enum class Severity {
-    WARNING, ///< the server takes the bundle, and it may not do what its author means
+    WARNING, ///< the server accepts the bundle, but it may not do what its author intends
     ERROR,   ///< the server refuses the bundle, or an item of it cannot run
 };
 
-/// What lint looks for. One object each, which lives as long as the program.
+/// A kind of fault that lint searches for. Each rule is one object, which lives as long as the program.
 struct Rule {
-    const char* id; ///< never changes: suppressions and reports name it
+    const char* id; ///< never changes, because suppressions and reports name it
     Severity severity;
     const char* summary; ///< what is wrong, as a title
     const char* reason;  ///< why it matters
-    const char* remedy;  ///< the way out
+    const char* remedy;  ///< how to correct it
 };
 
-/// A rule that a file breaks.
+/// A violation of a rule by a file.
 struct Finding {
     const Rule* rule;
-    std::string file; ///< path, as it can be opened
+    std::string file; ///< a path that can be opened
     int line = 0;     ///< counted from 1; 0: the file as a whole
     std::string text; ///< what is wrong there; control characters are escaped
 };
 
-/// What has been found so far.
+/// The findings so far.
 class Report {
 public:
     void Add(const Rule& rule, std::string file, int line, std::string text)

@@ -1,4 +1,4 @@
-// Whether the items' files are there and can be run.
+// Checks whether the items' files exist and can be run.
 #include "model/files.h"
 #include "printable.h"
 #include "subject.h"

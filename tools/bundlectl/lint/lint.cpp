@@ -63,7 +63,7 @@ private:
     const Sysroot m_sysroot;
     const Options& m_options;
     Report m_report;
-    std::vector<Subject> m_single; // bundles that were given by themselves
+    std::vector<Subject> m_single; // bundles that were given without a collection
     std::size_t m_bundles = 0;
 };
 
@@ -97,7 +97,7 @@ void Linter::TakeBundle(const std::string& path)
     Sort(before);
 }
 
-/// The bundles of the collection, without the directories that those looked at take the place of.
+/// The bundles of the collection, without the directories that the checked bundles replace.
 std::vector<Subject> Linter::OthersOf(const std::string& collection) const
 {
     std::vector<Subject> others;

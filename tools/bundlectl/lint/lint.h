@@ -6,20 +6,20 @@
 #include <string>
 #include <vector>
 
-/// Predicts what the server makes of bundles, from their files alone. Nothing is run, loaded or written.
+/// Predicts from bundles' files how the server will handle them. Runs, loads and writes nothing.
 namespace Lint {
 
 struct Options {
-    std::string machine; ///< its name; empty: the one that this program runs on
-    std::string sysroot; ///< the root of the file system that the bundles are to run in
+    std::string machine; ///< its name; empty: the machine on which this program runs
+    std::string sysroot; ///< the root of the file system in which the bundles will run
     std::string
-        collection; ///< whose bundles may be required; empty: what is required is looked up only in a collection
+        collection; ///< whose bundles may be required; empty: requirements are checked only within a given collection
 };
 
 struct Result {
     std::vector<Finding> findings; ///< by path, in the order of the arguments; then by file and line
     std::size_t bundles = 0;       ///< looked at
-    std::string trouble;           ///< why nothing was looked at; empty when it was
+    std::string trouble;           ///< why nothing was checked; empty: no trouble
 
     bool HasErrors() const;
 };
@@ -28,9 +28,9 @@ struct Result {
 /// collection.
 Result LintPaths(const std::vector<std::string>& paths, const Options& options);
 
-/// All there are, in the order of the manual.
+/// All rules, in the order of the manual.
 std::vector<const Rule*> AllRules();
-/// Null when there is none of that id.
+/// Null when no rule has this id.
 const Rule* FindRule(const std::string& id);
 
 } // namespace Lint

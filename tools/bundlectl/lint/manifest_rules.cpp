@@ -1,4 +1,4 @@
-// What is wrong with a manifest's text, whether the server takes it or not.
+// Checks a manifest's text, whether the server accepts it or not.
 #include "printable.h"
 #include "subject.h"
 #include "suggestion.h"

@@ -49,7 +49,7 @@ ManifestText Splitter::Split(std::string_view text)
 
 void Splitter::TakeLine(std::string_view line)
 {
-    // What stands behind a section's head is a line of its own to the server's reader.
+    // The server's reader treats text after a section's head as a line of its own.
     while (!line.empty() && line.front() == '[') {
         const std::size_t end = std::min(line.find(']'), line.size());
         m_section = Trimmed(line.substr(1, end - 1));

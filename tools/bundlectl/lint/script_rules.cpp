@@ -1,4 +1,4 @@
-// The scripts of "script/", and what can be told of shell scripts that are items.
+// Checks the scripts in "script/", and shell scripts that are items.
 #include "model/files.h"
 #include "printable.h"
 #include "shell_text.h"

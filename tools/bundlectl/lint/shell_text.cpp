@@ -13,7 +13,7 @@ namespace Lint {
 
 namespace {
 
-/// A path below the bundle's root, "." and ".." taken out. Empty when it leads outside.
+/// A path below the bundle's root, with "." and ".." resolved. Empty when it leads outside.
 std::optional<std::string> Normalized(const std::string& path)
 {
     std::vector<std::string> parts;
@@ -88,7 +88,7 @@ void Shell::TakeLine(const ShellWords& words, int line)
     }
 }
 
-// The ways in which scripts find their bundle: by the path of the item, which lies in bin/.
+// Expressions by which scripts find their bundle: from the path of the item, which is in bin/.
 bool Shell::TakeAssignment(const std::string& word)
 {
     const std::size_t sign = word.find('=');
@@ -166,7 +166,7 @@ void Shell::TakeTarget(const std::string& word, int line)
     const bool isDeeper = std::count(path->begin(), path->end(), '/') > 1;
     const bool isWatched = (folder == "bin" || folder == "script") && !isDeeper;
     const bool isInRoot = folder == *path && folder != "bin" && folder != "script";
-    // Making a folder in the root is a change too, unless it is there already.
+    // Making a folder in the root is also a change, unless the folder exists already.
     if (isWatched || isInRoot) {
         m_text.writes.push_back({line, *path});
     }

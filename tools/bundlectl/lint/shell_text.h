@@ -13,15 +13,15 @@ struct ShellWrite {
     std::string path; ///< from the bundle's root
 };
 
-/// What can be told of a shell script without running it: simple commands, a line each. Everything else is passed over,
-/// so what is told is true and what is not told may be, too.
+/// Properties of a shell script that are known without running it. Considers only simple commands on one line and
+/// ignores everything else. So each property that it reports is true, but it may miss some.
 struct ShellText {
     int programLine = 0;    ///< the last command, when it starts a program by its path and without exec
     int backgroundLine = 0; ///< the last command, when it leaves a program in the background
     std::vector<ShellWrite> writes;
 };
 
-/// @param text of an item, which lies in bin/
+/// @param text of an item, which is in bin/
 ShellText ReadShell(std::string_view text);
 
 } // namespace Lint

@@ -74,7 +74,7 @@ void Splitter::Take()
     }
 }
 
-// Whole, with what is nested in it.
+// Takes it whole, with everything that is nested in it.
 void Splitter::TakeSubstitution()
 {
     int depth = 0;

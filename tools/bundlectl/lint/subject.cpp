@@ -56,7 +56,8 @@ const Rule& RuleFor(const std::string& reason)
     return MANIFEST_BROKEN;
 }
 
-/// The line with a reference that leads to itself, directly or by others: that which the fault names, or the first.
+/// The line with a reference that leads to itself, directly or indirectly: the reference that the fault names, or the
+/// first.
 int LineOf(const Subject& bundle, const Rule& rule, const std::string& reason)
 {
     if (const auto line = Model::LineOfFault(bundle.manifestFile, reason)) {
@@ -77,7 +78,7 @@ void TakeManifest(const BundleManifest& manifest, Subject& bundle)
     bundle.name = manifest.GetBundleName();
     bundle.mode = static_cast<int>(manifest.GetLoadMode());
     bundle.required = manifest.GetDependencies();
-    std::multimap<std::string, int> lines; // by the name as it is written, which may hold references
+    std::multimap<std::string, int> lines; // by the name as written, which may contain references
     for (const ManifestEntry& entry : bundle.text.entries) {
         if (SameName(entry.key, "item_name")) {
             lines.emplace(entry.value, entry.line);
@@ -129,7 +130,7 @@ Subject ReadSubject(const std::string& path, Report& report)
     return bundle;
 }
 
-// Those of ReadSubject, and those of the text.
+// The rules of ReadSubject, and the rules of the text.
 Rules ReadingRules()
 {
     return {&MANIFEST_MISSING,   &MANIFEST_TOO_LONG, &REFERENCE_CIRCLE,

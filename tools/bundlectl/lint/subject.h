@@ -16,7 +16,7 @@ struct SubjectItem {
     std::string name;
     std::string entryFunction; ///< of a library
     std::string file;          ///< its path
-    int line = 0;              ///< of its name in the manifest
+    int line = 0;              ///< the line of its name in the manifest
 };
 
 /// A bundle that is checked.
@@ -24,7 +24,7 @@ struct Subject {
     std::string path;         ///< its directory, without a "/" at the end
     std::string manifestFile; ///< the manifest's path
     ManifestText text;
-    bool isRead = false; ///< the server's own code takes the manifest; what follows is what it makes of it
+    bool isRead = false; ///< the server's own code accepts the manifest, and fills the members below
     std::string name;
     int mode = 0;
     std::vector<std::string> required;
@@ -43,7 +43,7 @@ struct Check {
     }
 };
 
-/// Each adds its findings to the report. The tables of their rules follow.
+/// Each function adds its findings to the report. The tables of their rules follow.
 void CheckManifest(const Check& check);
 void CheckItems(const Check& check);
 void CheckElf(const Check& check, const SubjectItem& item, const ElfFacts& elf);
@@ -51,7 +51,7 @@ void CheckScripts(const Check& check);
 void CheckShellItem(const Check& check, const SubjectItem& item, const std::string& content);
 void CheckFiles(const Check& check);
 
-/// The interpreter that a script names in its first line; empty: it names none.
+/// The interpreter that a script's first line names; empty: none.
 std::string InterpreterOf(const std::string& head);
 /// Adds a finding when the interpreter is missing in the file system in which the bundle will run.
 void CheckInterpreterOf(const Check& check, const std::string& file, const std::string& interpreter);

@@ -105,7 +105,7 @@ void Sysroot::ReadLinkerConfiguration(const std::string& file, int depth)
     }
 }
 
-// Absolute links of another root begin at that root. Empty when there is no such file.
+// Absolute links of another root begin at that root. Empty when the file does not exist.
 std::string Sysroot::Resolve(const std::string& path) const
 {
     constexpr int mostLinks = 40;

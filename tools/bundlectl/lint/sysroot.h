@@ -11,7 +11,7 @@
 
 namespace Lint {
 
-/// A kind of machine, by the names that distributions and the kernel have for it.
+/// A kind of machine, with the names that distributions and the kernel use.
 struct Machine {
     const char* name;
     const char* alias;
@@ -20,25 +20,25 @@ struct Machine {
     const char* folder; ///< of its libraries
 };
 
-/// Null when there is none of that name. Empty: the machine that this program runs on.
+/// Null when no machine has this name. An empty name means the machine on which this program runs.
 const Machine* FindMachine(const std::string& name);
 /// The names, for people.
 std::string MachineNames();
 
-/// The file system that the bundle is to run in, and its machine.
+/// The file system in which the bundle will run, and its machine.
 class Sysroot {
 public:
-    /// @param root empty: unknown, unless the machine is this one, whose own file system it then is
+    /// @param root empty: this machine's own file system, if the machine is this one; otherwise unknown
     Sysroot(const Machine& machine, const std::string& root);
 
     const Machine& Target() const { return m_machine; }
-    /// Whether its files can be looked at.
+    /// Whether its files can be examined.
     bool IsKnown() const { return m_isKnown; }
-    /// Whether there is such a file, links being followed inside.
+    /// Whether the file exists. Follows links inside the root.
     bool Has(const std::string& path) const;
-    /// Whether a library of that name is in one of its directories, or in those that are given.
+    /// Whether a library of that name is in one of its own directories or in the given ones.
     bool HasLibrary(const std::string& name, const std::vector<std::string>& directories) const;
-    /// The latest version that its C library offers; empty when that is unknown.
+    /// The latest version that its C library offers; empty: unknown.
     std::optional<Version> GlibcVersion() const { return m_glibc; }
 
 private:

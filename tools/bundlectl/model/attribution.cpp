@@ -52,7 +52,7 @@ bool HasItem(const ServerContext::KnownBundle& bundle, std::string_view item)
     return false;
 }
 
-/// Splits "bundle.item": both may have points in them, so it takes bundles that have such an item.
+/// Splits "bundle.item". Both names may contain points, so it searches for a bundle that has such an item.
 bool Split(const KnownBundles& bundles, std::string_view processName, ChildContext& child)
 {
     for (const auto& [name, bundle] : bundles) {
@@ -118,7 +118,7 @@ const std::string& Attribution::TakeFromChild(const LogRecord& record, const Eve
     m_bundle.clear();
     ServerContext* const server = ParentOf(record.pid);
     if (server == nullptr) {
-        return m_bundle; // launched before the log begins, or not yet told so
+        return m_bundle; // launched before the log begins, or its launch is not logged yet
     }
     ThreadContext thread;
     const AttributionStep step{record, event, *server, thread, m_known, m_sink, {}};
@@ -141,7 +141,7 @@ const std::string& Attribution::TakeFromServer(const LogRecord& record, const Ev
 {
     ServerContext& server = ServerOf(record, event.kind);
     AttributionStep step{record, event, server, server.threads[record.thread], m_known, m_sink, {}};
-    // The record in one of two languages repeats the one before it.
+    // A two-language record repeats the record before it.
     constexpr int languageModule = 5;
     if (record.module == languageModule) {
         step.bundle = step.thread.deadChild.bundle;
@@ -158,7 +158,7 @@ const std::string& Attribution::TakeFromServer(const LogRecord& record, const Ev
 ServerContext& Attribution::ServerOf(const LogRecord& record, EventKind kind)
 {
     if (kind == EventKind::CONFIG_READ_BEGINS) {
-        m_servers.erase(record.pid); // the number has come back as another server's
+        m_servers.erase(record.pid); // the pid now belongs to another server
     }
     if (m_servers.count(record.pid) == 0) {
         ForgetOldest();
@@ -166,7 +166,7 @@ ServerContext& Attribution::ServerOf(const LogRecord& record, EventKind kind)
     ServerContext& server = m_servers[record.pid];
     server.pid = record.pid;
     server.lastRecord = record.time;
-    // No server has as many at a time: what is told of those that have ended is forgotten.
+    // No server has so many children at a time: removes what is known of ended ones.
     constexpr std::size_t most = 10'000;
     if (server.threads.size() > most || server.children.size() > most) {
         server.threads.clear();
@@ -185,7 +185,7 @@ ServerContext* Attribution::ParentOf(pid_t child)
     return nullptr;
 }
 
-// The log of a server that is started again and again holds any number of servers.
+// If a server is started again and again, its log contains any number of servers.
 void Attribution::ForgetOldest()
 {
     constexpr std::size_t most = 8;

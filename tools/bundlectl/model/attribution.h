@@ -18,24 +18,24 @@ struct ChildContext {
     std::string item;
 };
 
-/// What a thread of the server is doing, as far as its records tell.
+/// What a thread of the server is doing, according to its records.
 struct ThreadContext {
-    std::vector<std::string> bundles; ///< begun and not done, the innermost last
-    std::string path;                 ///< of the bundle directory that it loads or has looked for
+    std::vector<std::string> bundles; ///< begun and not finished, the innermost last
+    std::string path;                 ///< the bundle directory that it loads or has searched for
     bool isLoading = false;
-    LoggedManifest manifest;         ///< the last that it has taken in
-    std::string added;               ///< came while the server ran, and has not been started yet
+    LoggedManifest manifest;         ///< the last that it has read
+    std::string added;               ///< the bundle that came while the server ran, and has not been started yet
     std::vector<std::string> failed; ///< to be unloaded at the end of the walk over all bundles
     std::string script;              ///< whose end has not been logged
-    std::string reason;              ///< of the failure whose record is to follow
-    std::string item;                ///< in thread mode: whose thread it is
+    std::string reason;              ///< the reason of the failure whose record follows
+    std::string item;                ///< in thread mode: the item whose thread it is
     std::size_t nextItem = 0;        ///< of the manifest, to be launched
-    pid_t dead = 0;                  ///< the child whose end it deals with; its number may be another's by now
+    pid_t dead = 0;                  ///< the child whose end it handles; the pid may already belong to another child
     ChildContext deadChild;
     bool isRelaunching = false;
 };
 
-/// A server, as far as its records tell.
+/// A server, according to its records.
 struct ServerContext {
     struct KnownBundle {
         std::string path;
@@ -49,8 +49,8 @@ struct ServerContext {
     std::map<std::string, KnownBundle> bundles; ///< by name
 };
 
-/// Finds out to which bundle and item each record belongs, and tells what follows from it. Takes the records of several
-/// servers, in any mixture; the children's with them.
+/// Finds the bundle and item to which each record belongs, and reports the facts that follow from it. Accepts records
+/// of several servers and their children, in any mixture.
 class Attribution {
 public:
     using Sink = std::function<void(const Fact&)>;
@@ -58,8 +58,8 @@ public:
     /// @param sink called with each fact, in the order of the records. May be empty.
     explicit Attribution(Sink sink);
 
-    /// A bundle that is there now. It is asked only where the log does not say whose an item is, because its beginning
-    /// is missing.
+    /// Adds a present bundle. It is used only if the log does not show an item's bundle because the beginning of the
+    /// log is missing.
     void Know(const std::string& bundle, const std::string& path, const std::vector<std::string>& items);
 
     /// Takes the next record. Returns the name of the bundle that it belongs to, empty for none; valid until the next
@@ -80,7 +80,7 @@ private:
     std::string m_bundle; // of the record
 };
 
-/// One record on its way through the steps that understand it.
+/// One record while the steps below interpret it.
 struct AttributionStep {
     const LogRecord& record;
     const Event& event;
@@ -93,18 +93,18 @@ struct AttributionStep {
     std::string Argument(std::size_t number) const { return std::string(event.arguments[number]); }
     Fact NewFact(Fact::Kind kind) const;
     void Tell(const Fact& fact) const;
-    /// Tells a fact about a bundle.
+    /// Reports a fact about a bundle.
     void Tell(Fact::Kind kind, const std::string& name, const std::string& text = {}) const;
     void TellItem(Fact::Kind kind, const ChildContext& child, pid_t pid, int number = 0) const;
-    /// The child of that number; by the name in its record, "bundle.item", when its launch is not in the log.
+    /// The child with this pid. If its launch is not in the log, uses the name in its record, "bundle.item".
     ChildContext ChildOf(pid_t pid, std::string_view processName) const;
-    /// The name of the bundle in a directory; empty when that is not known.
+    /// The name of the bundle in a directory; empty: unknown.
     std::string BundleAt(const std::string& path) const;
 };
 
 using AttributionHandler = void (*)(AttributionStep&);
 
-/// What is to be done with a text.
+/// The handler of a text.
 struct Meaning {
     EventKind kind;
     AttributionHandler handler;
@@ -114,7 +114,7 @@ struct Meaning {
 extern const Meaning BUNDLE_MEANINGS[];
 extern const Meaning ITEM_MEANINGS[];
 
-/// The bundle's directory in the path of one of its items or scripts; empty when it is none.
+/// The bundle's directory in the path of one of its items or scripts; empty for any other path.
 std::string_view BundleDirectoryIn(std::string_view path, std::string_view below);
 
 } // namespace Model

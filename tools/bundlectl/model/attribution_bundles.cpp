@@ -1,5 +1,5 @@
-// What the records about the server and its bundles mean, one function for each. A thread works on one thing at a time,
-// so its records are read as the steps of that work.
+// Interprets the records about the server and its bundles, with one function for each. A thread does one task at a
+// time, so its records are the steps of that task.
 #include "attribution.h"
 
 #include <algorithm>
@@ -47,7 +47,7 @@ void TellPhase(Step& step, Fact::Kind kind, Fact::Phase phase)
     step.Tell(fact);
 }
 
-/// What has failed on a walk over all bundles is unloaded at its end, which only a failure to do so tells.
+/// At the end of a walk over all bundles, the server unloads the failed ones. It logs only a failure to do so.
 void EndOfWalk(Step& step, Fact::Phase phase)
 {
     for (const std::string& name : step.thread.failed) {
@@ -131,7 +131,7 @@ void Refuse(Step& step, Fact::Refusal refusal, const std::string& reason)
     step.Tell(fact);
 }
 
-// The reason stands behind the path, and both may have a colon in them.
+// The reason follows the path, and both may contain a colon.
 void OnLoadFailed(Step& step)
 {
     const std::string_view path = step.thread.path;
@@ -143,7 +143,7 @@ void OnLoadFailed(Step& step)
 
 void OnAddedLoadFailed(Step& step)
 {
-    // After a refusal, which has its own record, this one only repeats it.
+    // A refusal has its own record, which this one repeats.
     if (step.thread.isLoading && !step.thread.reason.empty()) {
         Refuse(step, Fact::REFUSED_MANIFEST, std::string(step.thread.reason));
     }
@@ -218,7 +218,7 @@ void OnDirectoryRemoved(Step& step)
     step.Tell(fact);
 }
 
-/// A thread turns to something else. What it has left undone has failed; of a bundle that had come there is no record.
+/// A thread begins another task. An unfinished task has failed. The failure of an added bundle has no record.
 void BeginAnew(Step& step)
 {
     if (!step.thread.added.empty()) {
@@ -271,7 +271,7 @@ void OnReason(Step& step)
         step.thread.reason = step.Argument(0);
         return;
     }
-    // A script that could not be run, or not be waited for.
+    // A script that could not be run or awaited.
     TellScript(step, Fact::SCRIPT_ENDED, step.thread.script);
     step.thread.script.clear();
 }

@@ -1,4 +1,4 @@
-// What the records about items mean, one function for each.
+// Interprets the records about items, with one function for each.
 #include "attribution.h"
 
 namespace Model {
@@ -27,7 +27,7 @@ void OnChildIsTold(Step& step)
     step.TellItem(Fact::ITEM_LAUNCHED, child, pid, isRelaunch ? 1 : 0);
 }
 
-// The number is free for another child from now on.
+// From now on, another child may get the pid.
 void OnEnd(Step& step, Fact::Kind kind)
 {
     const pid_t pid = step.event.Number(1);

@@ -31,8 +31,7 @@ using SystemServer::BundleManager;
 using SystemServer::BundleManifest;
 using SystemServer::BundleStorageDir;
 
-/// A bundle's files, under a root path that no file can have: a NUL ends it before it begins. So the manager finds no
-/// script to run, whatever the collection holds.
+/// A bundle's files, under an impossible root path: it begins with a NUL. So the manager never finds a script to run.
 class FilesWithoutScripts : public SystemServer::BundleStorage {
 public:
     explicit FilesWithoutScripts(const std::string& path) : BundleStorage(std::string(1, '\0') + path), m_files(path) {}
@@ -46,7 +45,8 @@ private:
     const BundleStorageDir m_files;
 };
 
-/// Makes bundles of which nothing can be run, and remembers the last: the manager keeps to itself those it refuses.
+/// Makes bundles that cannot be run. Remembers the last one, because the manager does not return bundles that it
+/// refuses.
 class Factory : public SystemServer::BundleFactory {
 public:
     std::shared_ptr<Bundle> CreateBundle(const std::string& path) override
@@ -62,7 +62,7 @@ private:
     std::shared_ptr<Bundle> m_last;
 };
 
-/// Takes the directories one after the other, as the server does at its start.
+/// Loads the directories one after the other, like the server at its start.
 class Reader {
 public:
     explicit Reader(Collection& collection) : m_collection(collection) {}
@@ -81,7 +81,7 @@ private:
     BundleManager m_manager{m_factory};
     std::map<std::string, std::size_t> m_taken; // bundles by name, in name order, as the server walks over them
     std::map<std::string, std::shared_ptr<Bundle>> m_loaded;
-    std::set<std::string> m_clear; // those that resolve, as far as they have been followed
+    std::set<std::string> m_clear; // bundles that are known to resolve
 };
 
 void Reader::Load(DeclaredBundle& bundle)
@@ -137,7 +137,7 @@ void Reader::Resolve()
         DeclaredBundle& bundle = m_collection.bundles[index];
         const std::shared_ptr<Bundle>& loaded = m_loaded.at(name);
         if (loaded->GetCurState() != Bundle::BUNDLE_INSTALLED) {
-            continue; // resolved with one that requires it
+            continue; // already resolved with a bundle that requires it
         }
         try {
             m_manager.ResolveBundle(loaded);
@@ -150,7 +150,7 @@ void Reader::Resolve()
     FindStartObstacles();
 }
 
-// The way on which the manager has met it: depth first, in the order of the manifests.
+// The path on which the manager has found it: depth first, in the order of the manifests.
 bool Reader::FindObstacle(const std::string& name, std::vector<std::string>& chain, Verdict& verdict)
 {
     const bool isRepeated = std::find(chain.begin(), chain.end(), name) != chain.end();
@@ -173,7 +173,7 @@ bool Reader::FindObstacle(const std::string& name, std::vector<std::string>& cha
     return false;
 }
 
-// What resolves may still not start, and with it what requires it.
+// A bundle that resolves may still fail to start. Then the bundles that require it do not start either.
 void Reader::FindStartObstacles()
 {
     const auto starts = [this](const std::string& name) {
@@ -232,7 +232,7 @@ Collection ReadCollection(const std::string& configured, const std::string& base
     collection.path = AbsolutePath(base, configured);
     const std::string prefix = Poco::Path(configured).makeDirectory().toString();
     try {
-        // The same walk as the server's, for the same order.
+        // The same loop as the server's, so that the order is the same.
         for (Poco::DirectoryIterator entry(collection.path), end; entry != end; ++entry) {
             if (SystemServer::IsDirectory(entry->path())) {
                 DeclaredBundle bundle;

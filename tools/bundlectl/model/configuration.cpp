@@ -24,7 +24,7 @@ using Configuration = Poco::AutoPtr<AbstractConfiguration>;
 
 constexpr const char DEFAULT_LOADER_DIRECTORY[] = "/usr/app/bin/";
 
-// By the file's ending, as the server's framework does.
+// Chooses the format by the file's ending, like the server's framework.
 Configuration Load(const std::string& path)
 {
     const std::string ending = Poco::toLower(Poco::Path(path).getExtension());
@@ -49,7 +49,7 @@ ServerConfiguration ReadConfiguration(const std::string& path, const std::string
 {
     ServerConfiguration settings;
     try {
-        // Layers, because a value may refer to what the framework knows of the program.
+        // Layers, because a value may refer to the framework's properties of the program.
         Poco::AutoPtr<Poco::Util::MapConfiguration> application(new Poco::Util::MapConfiguration);
         application->setString("application.dir", Poco::Path(programDirectory).makeDirectory().toString());
         Poco::AutoPtr<Poco::Util::LayeredConfiguration> layers(new Poco::Util::LayeredConfiguration);

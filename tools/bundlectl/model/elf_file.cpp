@@ -16,7 +16,7 @@ namespace {
 
 constexpr int OUR_ORDER = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? ELFDATA2LSB : ELFDATA2MSB;
 
-/// A file of which single values are read. What lies outside of it is zero, so a broken file leads nowhere.
+/// Reads single values of a file. Values beyond its end are zero, so a broken file does no harm.
 class Image {
 public:
     explicit Image(const std::string& path) : m_fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK))
@@ -41,7 +41,7 @@ public:
         return Read(offset, &number, sizeof number) ? number : 0;
     }
 
-    /// A number whose size is that of an address, at the place for 32 or for 64 bits.
+    /// A number of an address's size, at its position for 32 or for 64 bits.
     std::uint64_t Word(std::uint64_t base, std::uint64_t offset32, std::uint64_t offset64) const
     {
         return m_is64 ? At<std::uint64_t>(base + offset64) : At<std::uint32_t>(base + offset32);

@@ -48,7 +48,7 @@ bool Match(std::string_view pattern, std::string_view message, Arguments& argume
     return pattern.empty() ? message.empty() : MatchArgument(pattern, message, arguments, number);
 }
 
-// From a placeholder on. An argument may itself have what follows it in the text, so each place is tried.
+// Matches from a placeholder on. An argument may contain the text that follows it, so each position is tried.
 bool MatchArgument(std::string_view pattern, std::string_view message, Arguments& arguments, std::size_t number)
 {
     const Placeholder placeholder = PlaceholderAt(pattern);
@@ -69,7 +69,7 @@ bool MatchArgument(std::string_view pattern, std::string_view message, Arguments
     return false;
 }
 
-/// The texts by their first letters, for each record of a long log is looked up.
+/// The texts by their first letters, because each record of a long log is looked up.
 class Index {
 public:
     Index()

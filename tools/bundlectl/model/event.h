@@ -7,9 +7,9 @@
 
 namespace Model {
 
-/// What a record's text says. One enumerator for each text of the server's log from which something follows.
+/// The meaning of a record's text. Each text of the server's log that has consequences has one enumerator.
 enum class EventKind : unsigned char {
-    NONE, ///< a text from which nothing follows, or one that is unknown
+    NONE, ///< a text without consequences, or an unknown text
 
     CONFIG_READ_BEGINS, ///< a server's first record: (configuration file)
     INIT_BEGINS,
@@ -83,7 +83,7 @@ enum class EventKind : unsigned char {
 
     EXITED,         ///< (bundle.item, pid, status)
     KILLED,         ///< (bundle.item, pid, signal)
-    STOP_EXPECTED,  ///< (bundle.item): the death before was a stop's
+    STOP_EXPECTED,  ///< (bundle.item): a stop has caused the death before
     RELAUNCHES,     ///< (bundle.item): after a signal
     NEEDS_RELAUNCH, ///< (bundle.item, pid, status, bundle.item)
     RELAUNCHED,     ///< (bundle.item)
@@ -106,26 +106,26 @@ enum class EventKind : unsigned char {
     COUNT
 };
 
-/// A text of the log: what the server writes, placeholders included, and what it says.
+/// A text of the log, with its placeholders, and its meaning.
 struct EventText {
     const char* text;
     EventKind kind;
 };
 
-/// All texts that the server and the host platform's log can write. Ends with a null text.
+/// All texts that the server and the host platform's log write. Ends with a null text.
 extern const EventText EVENT_TEXTS[];
 
-/// A record's text, taken apart.
+/// A parsed record text.
 struct Event {
     EventKind kind = EventKind::NONE;
     std::array<std::string_view, 5> arguments; ///< for the placeholders, in their order; pieces of the message
     bool isKnown = false;                      ///< it is one of EVENT_TEXTS
 
-    /// An argument as a number; 0 when it is none.
+    /// An argument as a number; 0 when it is not a number.
     int Number(std::size_t argument) const;
 };
 
-/// Takes a message apart, as it stands in the log.
+/// Parses a message of the log.
 Event EventOf(std::string_view message);
 
 } // namespace Model

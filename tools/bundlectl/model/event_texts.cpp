@@ -2,9 +2,8 @@
 
 namespace Model {
 
-// Texts stand here as the server has them, so that grep leads from one to the other. Two that are put together from
-// pieces there have placeholders for what is put in. Where one text is the beginning of another's, the longer stands
-// first.
+// The texts are the same as in the server, so that grep finds both places. The server builds two of them from pieces;
+// these have placeholders for the pieces. If one text is the beginning of another, the longer comes first.
 const EventText EVENT_TEXTS[] = {
     {"load config from [%s]...", EventKind::CONFIG_READ_BEGINS},
     {"load config done.", EventKind::NONE},

@@ -11,7 +11,7 @@
 
 namespace Model {
 
-/// A manifest as the server has logged it when it took it in. Names are as in the log: with escapes.
+/// A manifest as the server has logged it when reading it. Names are as in the log: with escapes.
 struct LoggedManifest {
     std::string name;
     int mode = 0;
@@ -19,8 +19,8 @@ struct LoggedManifest {
     std::vector<std::string> items;
 };
 
-/// Something that has happened, with the bundle and the item that it has happened to. What the log does not tell is
-/// empty or 0. Names are as in the log, with escapes: compare them with Printable(name).
+/// An event, with its bundle and item. Values that the log does not show are empty or 0. Names are as in the log, with
+/// escapes: compare them with Printable(name).
 struct Fact {
     enum Kind {
         NONE,
@@ -31,7 +31,7 @@ struct Fact {
         PHASE_ENDED,      ///< number: a Phase
         SERVER_READY,     ///< start-up is over
         SERVING,          ///< its socket answers
-        SERVICE_FAILED,   ///< it goes on without the service
+        SERVICE_FAILED,   ///< the server continues without the service
         REQUEST,          ///< number: the method
 
         LOADING,          ///< path
@@ -45,7 +45,7 @@ struct Fact {
         STATE_CHANGED,    ///< bundle, text: the new state, path: the old one
         RESOLVE_FAILED,   ///< bundle, text: the reason
         START_FAILED,     ///< bundle, text: the reason
-        HOT_START_FAILED, ///< bundle: one that came while the server ran; the log tells no reason
+        HOT_START_FAILED, ///< bundle: came while the server ran; the log has no reason
         STOP_FAILED,      ///< bundle, text: the reason; it was to be deleted, or its directory has gone
         UPDATE_FAILED,    ///< bundle, text: the reason
         UNLOADED,         ///< bundle
@@ -66,7 +66,7 @@ struct Fact {
         THREAD_ENDED,    ///< bundle, item
         THREAD_FAILED,   ///< bundle, item, text: the server's record
         MONITOR_STARTED,
-        MONITOR_ENDED, ///< there is no child any more
+        MONITOR_ENDED, ///< no child is left
         MONITOR_DIED,  ///< number: errno
 
         COLLECTION_UNREADABLE, ///< path, text: the reason
@@ -80,15 +80,15 @@ struct Fact {
     Kind kind = NONE;
     Time time;
     pid_t server = 0;
-    pid_t thread = 0; ///< of the server, that wrote the record
+    pid_t thread = 0; ///< the server's thread that wrote the record
     std::string bundle;
     std::string item;
     std::string path;
     std::string text;
     pid_t pid = 0;
     int number = 0;
-    const LoggedManifest* manifest = nullptr; ///< lives as long as the call that hands the fact out
-    std::string_view line;                    ///< the record that tells it; lives as long
+    const LoggedManifest* manifest = nullptr; ///< valid during the call that reports the fact
+    std::string_view line;                    ///< the record of the fact; valid as long
 };
 
 } // namespace Model

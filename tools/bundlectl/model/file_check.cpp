@@ -35,7 +35,7 @@ Fault CheckPresence(const std::string& path)
     if (::stat(path.c_str(), &status) != 0) {
         const int error = errno;
         if (error == EACCES) {
-            return std::nullopt; // it cannot be seen, which says nothing
+            return std::nullopt; // it cannot be examined, so nothing is known
         }
         if (::lstat(path.c_str(), &status) == 0) {
             return FaultOf(path, "is a link that leads nowhere.", "ls -l " + Printable(path));
@@ -64,7 +64,7 @@ Fault CheckPermission(const std::string& path)
     return std::nullopt;
 }
 
-/// The interpreter that a script names in its first line; empty: it names none.
+/// The interpreter that a script's first line names; empty: none.
 std::string InterpreterOfScript(const std::string& head)
 {
     if (head.compare(0, 2, "#!") != 0) {
@@ -109,8 +109,8 @@ Fault CheckProgram(const std::string& path)
     return std::nullopt;
 }
 
-/// Has the dynamic linker list what it would load; it runs nothing of it. glibc's goes on after a library that it does
-/// not find only if the variable asks for the list. To any other linker the variable means nothing.
+/// Lets the dynamic linker list the libraries that it would load. This runs none of their code. After a missing
+/// library, glibc's linker continues only if the variable requests the list. Other linkers ignore the variable.
 std::unique_ptr<LogSource> ListLibraries(const std::string& linker, const std::string& path)
 {
     if (linker.find("/ld-linux") != std::string::npos) {
@@ -181,7 +181,7 @@ Fault CheckItem(const DeclaredItem& item, bool isThread)
         return FileFault{"The item " + item.name + " is no library, and the bundle's mode is that of threads.",
                          "Set bundle_load_mode = 0, or remove the item."};
     }
-    return kind == ItemKind::BINARY ? CheckProgram(item.file) : std::nullopt; // a ".sh" is read by /bin/sh
+    return kind == ItemKind::BINARY ? CheckProgram(item.file) : std::nullopt; // /bin/sh reads a ".sh"
 }
 
 } // namespace Model

@@ -8,15 +8,15 @@
 
 namespace Model {
 
-/// Why an item cannot be run, found out from its file as it is now.
+/// Why an item cannot be run, according to its present file.
 struct FileFault {
     std::string text;   ///< a sentence for people
-    std::string remedy; ///< what mends it: a command, or an advice
+    std::string remedy; ///< what repairs it: a command, or advice
 };
 
-/// Looks at an item's file: whether it is there, may be executed, is made for this machine, and has its interpreter
-/// and, a library, the libraries that it needs and its entry function. Empty when nothing is wrong with it.
-/// @param isThread it is loaded into the server; else it is executed, or loaded by the loader
+/// Checks an item's file: whether it exists, may be executed, is made for this machine and has its interpreter. For a
+/// library, also checks the libraries that it needs and its entry function. Empty when it finds no fault.
+/// @param isThread the server loads it; otherwise it is executed, or the loader loads it
 std::optional<FileFault> CheckItem(const DeclaredItem& item, bool isThread);
 
 } // namespace Model

@@ -29,7 +29,7 @@ struct Freed {
 
 std::optional<std::string> ReadFileAtMost(const std::string& path, std::size_t limit)
 {
-    // Not blocking: a FIFO in a file's place would be waited for.
+    // Non-blocking, because opening a FIFO in the file's place would wait.
     const Common::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!fd.IsOpen()) {
         return std::nullopt;

@@ -6,16 +6,16 @@
 
 namespace Model {
 
-/// Something about an installation that is wrong, or will be.
+/// A present or future fault of an installation.
 struct Finding {
     const char* kind = ""; ///< a word for programs: "monitor-dead"
     bool isError = true;   ///< false: a warning
     std::string what;      ///< a sentence
     std::string why;       ///< a sentence: why it matters
-    std::string remedy;    ///< the command or the step that mends it
+    std::string remedy;    ///< the command or the step that repairs it
 };
 
-/// Where an installation is looked for; others in tests.
+/// The places where an installation is searched for. Tests use others.
 struct MachinePlaces {
     std::string serviceDirectory = "/mnt/bolt";
     std::vector<std::string> serviceFiles = {

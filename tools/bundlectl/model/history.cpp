@@ -65,7 +65,8 @@ void SetManifest(BundleHistory& bundle, const Fact& fact)
     bundle.manifestRead = fact.time;
     bundle.mode = fact.manifest->mode;
     bundle.required = fact.manifest->required;
-    // What is known of an item is kept: its process may run on. One that was taken out and comes back is another.
+    // The history of a removed item is kept, because its process may still run. An item that is removed and added again
+    // is a new item.
     std::vector<ItemHistory> items;
     for (const std::string& name : fact.manifest->items) {
         ItemHistory& known = ItemOf(bundle, name);
@@ -82,7 +83,7 @@ void SetManifest(BundleHistory& bundle, const Fact& fact)
     bundle.items = std::move(items);
 }
 
-// A name that has come anew is another bundle.
+// A bundle that comes again under the same name is a new bundle.
 void OnLoaded(ServerHistory& server, const Fact& fact)
 {
     server.refused.erase(fact.path);
@@ -140,7 +141,7 @@ void OnStateChanged(ServerHistory& server, const Fact& fact)
     }
     constexpr int threadMode = 1;
     if (bundle.state == BundleState::RESOLVED && bundle.mode == threadMode) {
-        for (ItemHistory& item : bundle.items) { // their threads were cancelled, of which there is no record
+        for (ItemHistory& item : bundle.items) { // their threads were cancelled, but no record says so
             item.pid = 0;
             item.since.reset();
         }
@@ -197,7 +198,7 @@ void OnLaunched(ServerHistory& server, const Fact& fact)
     }
     ++item.relaunches;
     item.relaunchTimes.push_back(fact.time);
-    // The clock may have been set back: those are kept that the hour could hold, a relaunch a second.
+    // The clock may have been set back. So it keeps as many as an hour can have at one relaunch a second.
     constexpr std::size_t most = 3600;
     while (item.relaunchTimes.size() > most || fact.time - item.relaunchTimes.front() > std::chrono::hours(1)) {
         item.relaunchTimes.pop_front();

@@ -19,13 +19,13 @@ namespace Model {
 
 class LogReader;
 
-/// A bundle's state as the log tells it. UNKNOWN: the log's beginning is missing, and nothing has changed since.
+/// A bundle's state according to the log. UNKNOWN: the log's beginning is missing, and the state has not changed since.
 enum class BundleState { UNKNOWN, INSTALLED, RESOLVED, STARTING, ACTIVE, STOPPING, GONE };
 
 BundleState StateOf(std::string_view name);
 const char* NameOf(BundleState state);
 
-/// How an item's process has ended, and what the server made of it.
+/// How an item's process has ended, and how the server has handled it.
 struct ItemEnd {
     enum Then { UNKNOWN, RESTS, RELAUNCHED, STOPPED };
 
@@ -44,17 +44,17 @@ struct ItemHistory {
     std::string name;
     std::uint64_t launches = 0;
     std::uint64_t relaunches = 0;
-    pid_t pid = 0;             ///< of its process, or of its thread in thread mode; 0: it has none, or that is unknown
-    std::optional<Time> since; ///< of that
-    std::string executed;      ///< the path it has executed; empty: not yet, or unknown
+    pid_t pid = 0;             ///< of its process, or of its thread in thread mode; 0: none, or unknown
+    std::optional<Time> since; ///< since when it has this pid
+    std::string executed;      ///< the path that it has executed; empty: not yet, or unknown
     int executeError = 0;      ///< errno of the last execution that failed
     std::string failure;       ///< thread mode: the record of its failure
     bool hasEnded = false;     ///< thread mode: its function has returned
-    bool isInManifest = true;  ///< false: an update has taken it out, and its process may not have ended yet
+    bool isInManifest = true;  ///< false: an update has removed it; its process may still run
     std::string launchLine;
     std::deque<ItemEnd> ends;                       ///< the latest last
     std::map<std::string, std::uint64_t> endCounts; ///< of all ends, by "SIGSEGV" or "status 3"
-    std::deque<Time> relaunchTimes;                 ///< of the last hour of the log
+    std::deque<Time> relaunchTimes;                 ///< within the last hour of the log
 
     std::size_t RelaunchesSince(Time time) const;
 };
@@ -68,12 +68,12 @@ struct ScriptRun {
     std::string line;
 };
 
-/// Something that went wrong with a bundle.
+/// A failure of a bundle.
 struct Problem {
     Fact::Kind kind = Fact::NONE;
     int refusal = 0; ///< of a LOAD_REFUSED: a Fact::Refusal
     Time time;
-    std::string reason; ///< as the log tells it; empty: it tells none
+    std::string reason; ///< according to the log; empty: not logged
     std::string line;
 };
 
@@ -93,22 +93,22 @@ struct BundleHistory {
     std::vector<ItemHistory> items;                  ///< in the manifest's order, as far as that is known
     std::deque<ScriptRun> scripts;                   ///< the latest last
     std::map<std::string, Microseconds> scriptTimes; ///< of all runs together, by the script's name
-    std::optional<Problem> problem;                  ///< the last, unless it has become Active since
+    std::optional<Problem> problem;                  ///< the last problem, unless the bundle has become Active since
 };
 
-/// A directory that was not taken in.
+/// A directory that the server has refused.
 struct RefusedDirectory {
     std::string path;
-    std::string bundle; ///< empty: not known when it was refused
+    std::string bundle; ///< empty: not known at the refusal
     Problem problem;
 };
 
-/// A server, from its first record that is there to its last.
+/// A server, from its first available record to its last.
 struct ServerHistory {
     enum class Monitor { UNKNOWN, RUNS, ENDED, DIED };
 
     pid_t pid = 0;
-    bool isWhole = false; ///< its first record is there
+    bool isWhole = false; ///< its first record is in the log
     Time first;
     Time last;
     std::optional<Time> ready;   ///< start-up is over
@@ -120,21 +120,21 @@ struct ServerHistory {
     int monitorError = 0;
     std::uint64_t lostRecords = 0;
     std::string unreadable;                          ///< why the collection cannot be read at the moment
-    std::map<std::string, BundleHistory> bundles;    ///< by name; those that have gone too
-    std::map<std::string, RefusedDirectory> refused; ///< by path, until it is taken in
+    std::map<std::string, BundleHistory> bundles;    ///< by name; includes bundles that have gone
+    std::map<std::string, RefusedDirectory> refused; ///< by path, until it is loaded
     std::map<pid_t, ScriptRun> running;              ///< scripts without an end, by the thread that waits for them
 
     const BundleHistory* Find(const std::string& bundle) const;
 };
 
-/// What has become of bundles and items, by server. A server's memory does not grow with the length of its log.
+/// The history of bundles and items, by server. Its memory use does not grow with the length of the log.
 class History {
 public:
     void Take(const Fact& fact);
 
-    /// The last server of that number. Null when it is not in the log.
+    /// The last server with this pid. Null when it is not in the log.
     const ServerHistory* Find(pid_t server) const;
-    /// In the order of their first records. The oldest are forgotten when there are many.
+    /// In the order of their first records. If there are many, the oldest are removed.
     const std::vector<std::unique_ptr<ServerHistory>>& Servers() const { return m_servers; }
 
 private:
@@ -143,7 +143,7 @@ private:
     std::vector<std::unique_ptr<ServerHistory>> m_servers;
 };
 
-/// Reads a log to its end. @param attribution feeds the history, and may have been told the present bundles
+/// Reads a log to its end. @param attribution feeds the history, and may already know the present bundles
 void ReadAll(LogReader& reader, Attribution& attribution);
 
 } // namespace Model

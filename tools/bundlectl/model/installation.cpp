@@ -29,13 +29,13 @@ bool Exists(const std::string& path)
     return ::access(path.c_str(), F_OK) == 0;
 }
 
-/// The words with which a server is named to people.
+/// A description of a server for people.
 std::string Naming(const ServerProcess& server)
 {
     return "the server with process id " + std::to_string(server.stat.pid);
 }
 
-/// Whether the server may be the one with that configuration.
+/// Whether the server may have this configuration.
 bool Uses(const ServerProcess& server, const std::string& configuration)
 {
     return !server.configuration.empty() && RealPath(server.configuration) == RealPath(configuration);
@@ -55,7 +55,7 @@ template <class Condition> void Keep(std::vector<ServerProcess>& servers, const 
                   servers.end());
 }
 
-// Of several servers this is the one that serves, because bundlectl can talk to that one only.
+// If several servers run, this is the one that serves, because bundlectl can talk only to that one.
 std::optional<ServerProcess> ChooseServer(std::vector<ServerProcess> servers, const Choice& choice,
                                           std::vector<std::string>& notes)
 {
@@ -78,7 +78,7 @@ std::optional<ServerProcess> ChooseServer(std::vector<ServerProcess> servers, co
     return chosen;
 }
 
-/// What stands in a file of shell variables under a name; empty when it does not.
+/// The value of a variable in a file of shell variables; empty when the file does not set it.
 std::string VariableIn(const std::string& file, const std::string& name)
 {
     std::istringstream lines(ReadFileAtMost(file).value_or(""));
@@ -107,7 +107,7 @@ LogLocation LogOfChoice(const std::string& log)
     return {LogLocation::FILE, log, "--log"};
 }
 
-/// A descriptor's target as a place of the log.
+/// Interprets a descriptor's target as the place of the log.
 LogLocation LogOfStandardError(const ServerProcess& server)
 {
     const std::string& target = server.standardError;

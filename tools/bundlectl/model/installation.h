@@ -10,7 +10,7 @@
 
 namespace Model {
 
-/// What the user has said about where things are; empty: nothing.
+/// The places that the user has given; empty: not given.
 struct Choice {
     std::string configuration;
     std::string collection;
@@ -20,7 +20,7 @@ struct Choice {
 /// Where the log is.
 struct LogLocation {
     enum Kind {
-        NOWHERE, ///< it cannot be read, or does not exist; "why" says more
+        NOWHERE, ///< it cannot be read or does not exist; "why" gives the reason
         FILE,    ///< path
         JOURNAL, ///< path: the unit
         STANDARD_INPUT,
@@ -28,38 +28,38 @@ struct LogLocation {
 
     Kind kind = NOWHERE;
     std::string path;
-    std::string why; ///< how it was found, or why it was not, for people
+    std::string why; ///< for people: how it was found, or why not
 };
 
-/// What the server's configuration file says.
+/// The values of the server's configuration file.
 struct ServerConfiguration {
-    std::string collection;      ///< as it stands there
-    std::string loaderDirectory; ///< the default where it does not name one
+    std::string collection;      ///< as written in the file
+    std::string loaderDirectory; ///< the default if the file has none
     std::string trouble;         ///< why it cannot be read; empty when it can
 };
 
-/// What a verb is to look at.
+/// The objects that a verb examines.
 struct Installation {
-    std::optional<ServerProcess> server; ///< the one that is meant; empty: none runs
-    std::vector<ServerProcess> others;   ///< further servers that run
+    std::optional<ServerProcess> server; ///< the selected server; empty: none runs
+    std::vector<ServerProcess> others;   ///< other running servers
     std::string configuration;           ///< path; empty: unknown
     ServerConfiguration settings;
-    std::string collection; ///< as the server has it; empty: unknown
-    std::string base;       ///< what a relative path of the server's is relative to
+    std::string collection; ///< in the server's form; empty: unknown
+    std::string base;       ///< the directory for the server's relative paths
     LogLocation log;
-    std::vector<std::string> notes; ///< sentences for people: what could not be seen, what was taken of several
+    std::vector<std::string> notes; ///< sentences for people: what could not be read, which of several was chosen
 };
 
 constexpr const char INSTALLED_CONFIGURATION[] = "/etc/bundle-server/bundle-server.ini";
 constexpr const char INSTALLED_LOG[] = "/var/log/bundle-server/bundle-server.log";
 constexpr const char INSTALLED_UNIT[] = "bundle-server.service";
 
-/// Reads a configuration as the server does.
+/// Reads a configuration like the server.
 /// @param programDirectory of the server's program, which the configuration may refer to
 ServerConfiguration ReadConfiguration(const std::string& path, const std::string& programDirectory);
 
-/// Finds the server, its configuration, its collection and its log: from what the user has said, else from the running
-/// server, else from what is installed.
+/// Finds the server, its configuration, its collection and its log. Uses what the user has given, otherwise the running
+/// server, otherwise the installed files.
 Installation FindInstallation(const Choice& choice, const Proc& proc);
 
 } // namespace Model

@@ -9,7 +9,7 @@ namespace Model {
 
 namespace {
 
-/// Collects what is to be said about the items of one bundle.
+/// Collects the reasons about the items of one bundle.
 class ItemInquiry {
 public:
     ItemInquiry(const Snapshot& snapshot, const BundleStatus& bundle, bool checkFiles)
@@ -58,7 +58,7 @@ private:
     std::vector<Reason> m_reasons;
 };
 
-// What the log leaves out is found out from the file as it is now, and said to be so.
+// What the log does not show comes from the present file. The text says so.
 bool ItemInquiry::AddFileFault(const ItemStatus& item)
 {
     if (!m_checkFiles || m_bundle.declared == nullptr) {
@@ -123,7 +123,7 @@ void ItemInquiry::AddExecution(const ItemStatus& item)
     }
     const std::size_t index = m_reasons.size() - 1;
     if (AddFileFault(item)) {
-        m_reasons[index].remedy.clear(); // that of the file is the better one
+        m_reasons[index].remedy.clear(); // the file's remedy is better
     }
 }
 

@@ -14,7 +14,7 @@ namespace {
 
 std::unique_ptr<LogSource> OpenFiles(const std::string& path, const LogPart& part)
 {
-    // A pipe has no old files and no places.
+    // A pipe has no old files and no offsets.
     const std::vector<std::string> files = RotatedFiles(path);
     LogPlace place;
     if (part.server != 0) {
@@ -29,7 +29,7 @@ std::unique_ptr<LogSource> OpenJournal(const std::string& unit, const LogPart& p
 {
     std::vector<std::string> command{"journalctl", "--unit=" + unit, "--output=cat", "--quiet", "--no-pager"};
     if (part.server != 0) {
-        // What the unit's processes write is one stream: the children's records have numbers of their own.
+        // The journal has the output of all processes of the unit. The children's records have their own pids.
         command.emplace_back("--boot");
     } else if (part.since) {
         const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(part.since->time_since_epoch());

@@ -10,14 +10,14 @@
 
 namespace Model {
 
-/// Which part of a log is wanted. Nothing said: all of it. It may begin earlier than is asked for, never later.
+/// The requested part of a log. By default the whole log. The result may begin earlier than requested, never later.
 struct LogPart {
     std::optional<Time> since;
-    pid_t server = 0;    ///< not 0: from the beginning of this server on, or all that is there of it
-    bool follow = false; ///< the journal: go on with what is written from now on; a file needs a LogFollower
+    pid_t server = 0;    ///< not 0: from the beginning of this server on, as far as it is in the log
+    bool follow = false; ///< the journal: continue with new records; a file needs a LogFollower
 };
 
-/// Opens a log, its old files included. Never null; a log that is nowhere is an empty source with a trouble.
+/// Opens a log, its old files included. Never null; a missing log is an empty source with a trouble.
 std::unique_ptr<LogSource> OpenLog(const LogLocation& location, const LogPart& part);
 
 } // namespace Model

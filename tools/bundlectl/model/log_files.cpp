@@ -36,8 +36,8 @@ bool IsCompressed(const std::string& path)
     return TakeSuffix(name, ".gz");
 }
 
-/// Orders the old files of a log, the oldest first: dates ascend, and numbers descend after them. Empty when the rest
-/// of the name makes it no old file.
+/// The key that orders the old files of a log, the oldest first: ascending dates, then descending numbers. Empty when
+/// the name is not that of an old file.
 std::optional<std::pair<int, long>> AgeOf(std::string_view rest)
 {
     TakeSuffix(rest, ".gz");
@@ -54,7 +54,7 @@ std::optional<std::pair<int, long>> AgeOf(std::string_view rest)
     return std::make_pair(isDate ? 0 : 1, isDate ? number : -number);
 }
 
-/// A plain file in pieces, from anywhere.
+/// A plain file that is read in pieces, from any offset.
 class Pieces {
 public:
     explicit Pieces(const std::string& path) : m_fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK))
@@ -104,7 +104,7 @@ Span TimesIn(std::string_view piece, bool isAtLineStart)
     return span;
 }
 
-/// Looks for the pieces of a file that hold records of a time and later.
+/// Finds the pieces of a file that contain records of a time and later.
 class TimeSearch {
 public:
     TimeSearch(Pieces& pieces, Time time) : m_pieces(pieces), m_time(time) {}
@@ -125,7 +125,7 @@ public:
     }
 
 private:
-    // A piece without any record, an item's long output say, is judged by the next that has one.
+    // For a piece without any record, such as an item's long output, the next piece with a record decides.
     bool IsBefore(std::uint64_t piece)
     {
         for (; piece * PIECE < m_pieces.Size(); ++piece) {
@@ -137,8 +137,9 @@ private:
         return false;
     }
 
-    // A clock that was set back leaves late records before early ones, which halving may have jumped over: so a stretch
-    // before the place must be early throughout. One piece more, because a record may begin in one and end in the next.
+    // If the clock was set back, late records stand before early ones, and the binary search may have missed them. So
+    // all records in a stretch before the place must be early. The stretch is one piece longer, because a record may
+    // begin in one piece and end in the next.
     std::uint64_t EarlierPieces(std::uint64_t piece)
     {
         constexpr std::uint64_t stretch = 16;
@@ -175,7 +176,7 @@ bool IsStartOf(std::string_view line, pid_t server)
     return ParseRecord(line, record) && record.pid == server && record.message.substr(0, text.size()) == text;
 }
 
-/// The last line of a text that is a server's first record. npos when there is none.
+/// The position of the last line that is a server's first record; npos: none.
 std::size_t LastStartIn(std::string_view text, pid_t server)
 {
     constexpr std::string_view mark = " load config from [";
@@ -197,7 +198,7 @@ std::size_t LastStartIn(std::string_view text, pid_t server)
 std::optional<std::uint64_t> StartInPlainFile(const std::string& path, pid_t server)
 {
     Pieces pieces(path);
-    // Each piece is searched together with the beginning of the next, because the record may lie across the end.
+    // Each piece is searched together with the beginning of the next, because the record may span both.
     constexpr std::uint64_t step = PIECE - 8192;
     for (std::uint64_t number = pieces.Size() / step + 1; number > 0; --number) {
         const std::uint64_t offset = (number - 1) * step;
@@ -209,13 +210,13 @@ std::optional<std::uint64_t> StartInPlainFile(const std::string& path, pid_t ser
     return std::nullopt;
 }
 
-/// Of what a reader gives line by line there is no offset but the count of its bytes.
+/// A reader that returns lines gives no offset, so this counts the bytes.
 std::optional<std::uint64_t> StartInCompressedFile(const std::string& path, pid_t server)
 {
     const std::unique_ptr<LogSource> source = ReadLogFile(path);
     std::optional<std::uint64_t> found;
     std::string text;
-    std::uint64_t before = 0; // of the text
+    std::uint64_t before = 0; // offset in the text
     std::array<char, 16384> buffer;
     while (const std::size_t size = source->Read(buffer.data(), buffer.size())) {
         text.append(buffer.data(), size);

@@ -14,8 +14,8 @@
 
 namespace Model {
 
-/// The files of a rotated log, the oldest first and the one that is written to last: "log.2.gz", "log.1", "log"; or,
-/// with dates in their names, "log-20260101.gz", "log-20260102", "log".
+/// The files of a rotated log, from the oldest to the one that is being written: "log.2.gz", "log.1", "log"; or, with
+/// dates in their names, "log-20260101.gz", "log-20260102", "log".
 std::vector<std::string> RotatedFiles(const std::string& path);
 
 /// A place in a rotated log.
@@ -24,12 +24,12 @@ struct LogPlace {
     std::uint64_t offset = 0;
 };
 
-/// Where the records from a time on begin. Of plain files only a few pieces are read for it. Where the clock was set
-/// back, it may be earlier than it need be.
+/// The place where the records from a time on begin. Reads only a few pieces of plain files. If the clock was set back,
+/// the place may be earlier than necessary.
 LogPlace PlaceOfTime(const std::vector<std::string>& files, Time time);
 
-/// Where the first record of a server stands, that is still there. Read from the end, so that the records before it
-/// cost nothing. Empty when its beginning is no longer in the log.
+/// The place of a server's first record. Reads from the end, so that earlier records cost nothing. Empty when the
+/// server's beginning is no longer in the log.
 std::optional<LogPlace> PlaceOfServerStart(const std::vector<std::string>& files, pid_t server);
 
 /// The log from a place on to the end of its last file.

@@ -48,7 +48,7 @@ std::size_t LogFollower::Read(char* buffer, std::size_t size)
         return m_copy ? Read(buffer, size) : ReadOn(buffer, size);
     }
     const std::size_t count = ReadOn(buffer, size);
-    // Asked for only at the end: what was written to the old file before its successor came is read first.
+    // Checked only at the end of the file, so that the rest of the old file is read before its successor.
     if (count > 0 || !IsReplaced()) {
         return count;
     }
@@ -78,7 +78,7 @@ bool LogFollower::IsReplaced() const
            (open.st_dev != named.st_dev || open.st_ino != named.st_ino);
 }
 
-// A log that was truncated and has already grown beyond the place is told by what stands there.
+// A log may have been truncated and already have grown beyond the place. The bytes there show this.
 bool LogFollower::IsTruncated() const
 {
     struct stat status {};
@@ -103,7 +103,7 @@ void LogFollower::TakeMark()
     m_mark.size = count == static_cast<ssize_t>(size) ? size : 0;
 }
 
-// What was written between the last look and the copy is in the copy.
+// The copy contains the records between the last read and the copying.
 void LogFollower::Restart()
 {
     const std::string copy = m_path + ".1";

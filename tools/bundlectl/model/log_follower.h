@@ -15,15 +15,15 @@ namespace Model {
 /// 0 means that there is nothing new yet, so ask again a moment later. Used by one thread at a time.
 class LogFollower : public LogSource {
 public:
-    /// @param path need not exist yet; then reading begins at the start of the new file
-    /// @param offset where to begin; END: with what is written from now on
+    /// @param path need not exist yet; reading then begins at the start of the new file
+    /// @param offset where to begin; END: only new records
     static constexpr std::uint64_t END = ~std::uint64_t{0};
     explicit LogFollower(std::string path, std::uint64_t offset = END);
 
     std::size_t Read(char* buffer, std::size_t size) override;
 
 private:
-    /// The bytes just before the place that has been reached. After a truncation the file has others there, or none.
+    /// The bytes just before the current place. After a truncation, the file has other bytes there, or none.
     struct Mark {
         std::array<char, 128> bytes{};
         std::size_t size = 0;
@@ -39,7 +39,7 @@ private:
 
     const std::string m_path;
     Common::UniqueFd m_fd;
-    std::unique_ptr<LogSource> m_copy; // what the copy of a truncated log has beyond the place that was reached
+    std::unique_ptr<LogSource> m_copy; // the part of a truncated log's copy beyond the current place
     std::uint64_t m_offset = 0;
     Mark m_mark;
 };

@@ -8,12 +8,12 @@ namespace Model {
 
 namespace {
 
-/// What a record has at most, its line end included; the cut may leave out some bytes before it, a character's or an
-/// escape's.
+/// The longest record, its line end included. A record may be cut some bytes earlier, at the beginning of a character
+/// or an escape.
 constexpr std::size_t RECORD_SIZE = 4096;
 constexpr std::size_t LONGEST_UNIT = 8;
 
-/// A line of an item beyond this is passed over.
+/// A longer line of an item is skipped.
 constexpr std::size_t BUFFER_SIZE = std::size_t{64} * 1024;
 
 std::uint64_t LostRecords(std::string_view message)
@@ -95,7 +95,7 @@ void LogReader::Count(const LogRecord& record)
 
 bool LogReader::NextLine(std::string_view& line, bool& isWhole)
 {
-    std::size_t searched = 0; // of the line without an end that begins the buffer
+    std::size_t searched = 0; // searched part of the incomplete line at the beginning of the buffer
     for (;;) {
         const char* const begin = m_buffer.data() + m_begin;
         const void* const end = std::memchr(begin + searched, '\n', m_end - m_begin - searched);

@@ -13,13 +13,13 @@
 
 namespace Model {
 
-/// What a reader has met. What it could not read is counted and left out.
+/// Counts of what a reader has found. It counts and skips what it cannot read.
 struct LogCounts {
     std::uint64_t records = 0;
-    std::uint64_t foreign = 0;   ///< lines, and parts of lines, that are no records: what items print, say
-    std::uint64_t broken = 0;    ///< records that are not whole, because a disk was full or the log was cut
-    std::uint64_t cut = 0;       ///< records that reach the longest size there is, whose messages may lack their ends
-    std::uint64_t lost = 0;      ///< records of which the log says that they were lost
+    std::uint64_t foreign = 0;   ///< lines, and parts of lines, that are not records, such as output of items
+    std::uint64_t broken = 0;    ///< incomplete records, because a disk was full or the log was cut
+    std::uint64_t cut = 0;       ///< records of the maximum size, whose messages may lack their ends
+    std::uint64_t lost = 0;      ///< records that the log reports as lost
     std::uint64_t stepsBack = 0; ///< times that the clock was set back by more than a second
 };
 
@@ -29,27 +29,26 @@ struct LogLine {
 
     Kind kind = FOREIGN;
     LogRecord record;      ///< of a RECORD
-    std::string_view text; ///< without its end; not escaped unless it is a record's
+    std::string_view text; ///< without its line end; only a record's text is escaped
 };
 
 /// Reads a log of any length in a fixed amount of memory.
 class LogReader {
 public:
-    /// What to do with a last line that has no end: a log that is followed may still get it.
+    /// How to handle a last line without an end: in a followed log, the end may still come.
     enum class LastLine { TAKE, LEAVE };
 
     explicit LogReader(std::unique_ptr<LogSource> source, LastLine lastLine = LastLine::TAKE);
 
-    /// The next line, valid until the next call. False when there are no more, or, while a log is followed, no more
-    /// yet.
+    /// The next line, valid until the next call. False at the end of the log; in a followed log, more may come later.
     bool Next(LogLine& line);
 
-    /// The next record; the rest is passed over.
+    /// The next record. Skips everything else.
     bool Next(LogRecord& record);
 
     const LogCounts& Counts() const { return m_counts; }
 
-    /// Sentences for people on what could not be read. Empty when that was nothing.
+    /// Sentences for people about what could not be read. Empty when everything was read.
     std::vector<std::string> Troubles() const;
 
 private:
@@ -61,10 +60,10 @@ private:
     const std::unique_ptr<LogSource> m_source;
     const LastLine m_lastLine;
     std::vector<char> m_buffer;
-    std::size_t m_begin = 0;    // of what has not been handed out
-    std::size_t m_end = 0;      // of what has been read
-    bool m_isSkipping = false;  // the rest of a line that is too long
-    std::string_view m_pending; // the record that stands behind foreign text in its line
+    std::size_t m_begin = 0;    // begin of the bytes that are not processed yet
+    std::size_t m_end = 0;      // end of the bytes that have been read
+    bool m_isSkipping = false;  // skips the rest of a line that is too long
+    std::string_view m_pending; // the record after foreign text in its line
     Time m_lastTime;
     LogCounts m_counts;
 };

@@ -6,12 +6,12 @@ namespace Model {
 
 namespace {
 
-/// Takes the columns of a line one by one.
+/// Extracts the columns of a line one by one.
 class Columns {
 public:
     explicit Columns(std::string_view line) : m_rest(line) {}
 
-    /// Up to the next blank, which is taken too. False when there is none.
+    /// Extracts up to the next blank, and skips the blank. False when there is no blank.
     bool Take(std::string_view& column)
     {
         const std::size_t end = m_rest.find(' ');
@@ -88,7 +88,7 @@ bool ParseRecord(std::string_view line, LogRecord& record)
 
 std::size_t FindRecord(std::string_view line)
 {
-    // By a letter that stands at a fixed place of each time and is rare elsewhere.
+    // Searches for a letter that has a fixed place in each time and is rare elsewhere.
     constexpr std::size_t letter = 10;
     LogRecord record;
     for (std::size_t place = line.find('T', letter); place != std::string_view::npos;

@@ -10,8 +10,8 @@
 
 namespace Model {
 
-/// One record of the server's log. Its texts are pieces of the line that it was read from and live as long as that.
-/// They are as written: control characters in them are C escapes, so that they may be printed as they are.
+/// One record of the server's log. Its texts are pieces of the line from which it was read, and valid as long as that
+/// line. Control characters in them are C escapes, so the texts can be printed unchanged.
 struct LogRecord {
     static constexpr int INFO = 1;
     static constexpr int ERROR = 3;
@@ -24,13 +24,13 @@ struct LogRecord {
     pid_t thread = 0;
     std::string_view source; ///< file and line, or "-"
     std::string_view message;
-    std::string_view line; ///< the record whole, without the line's end and without what stood before it
+    std::string_view line; ///< the whole record, without the line's end and without text before it
 };
 
-/// Reads a line, given without its end, as a record. A priority before it ("<6>") is passed over.
+/// Reads a line, given without its end, as a record. Skips a priority before it ("<6>").
 bool ParseRecord(std::string_view line, LogRecord& record);
 
-/// Where in the line a record begins, which may have been written behind a text without a line end. npos: nowhere.
+/// Where in the line a record begins. It may follow a text without a line end. npos: no record.
 std::size_t FindRecord(std::string_view line);
 
 /// The levels by name: "info", "error", or a number.

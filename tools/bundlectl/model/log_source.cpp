@@ -142,7 +142,7 @@ private:
     const std::unique_ptr<LogSource> m_output;
 };
 
-/// What the kernel wants of a list. The texts must outlive it.
+/// The texts in the form that the kernel requires. The texts must outlive it.
 std::vector<char*> PointersTo(const std::vector<std::string>& texts)
 {
     std::vector<char*> pointers;
@@ -197,7 +197,7 @@ std::unique_ptr<LogSource> ReadLogFile(const std::string& path, std::uint64_t of
     if (!fd.IsOpen()) {
         return std::make_unique<EmptySource>(path + " cannot be opened: " + std::strerror(errno) + ".");
     }
-    // A pipe has no offset: it is read from where it stands.
+    // A pipe has no offset: it is read from its current position.
     ::lseek(fd.Get(), static_cast<off_t>(offset), SEEK_SET);
     return ReadDescriptor(std::move(fd), path);
 }

@@ -21,7 +21,7 @@ public:
     LogSource(const LogSource&) = delete;
     LogSource& operator=(const LogSource&) = delete;
 
-    /// Up to size bytes; 0 when there are no more, or, while a log is followed, no more yet. A pipe is waited for.
+    /// Reads up to size bytes. 0 at the end; in a followed log, more may come later. Waits for a pipe.
     virtual std::size_t Read(char* buffer, std::size_t size) = 0;
 
     /// Why bytes are missing, one sentence each. Empty when none are.
@@ -38,15 +38,15 @@ private:
 /// @param name the file's name in messages
 std::unique_ptr<LogSource> ReadDescriptor(Common::UniqueFd fd, std::string name);
 
-/// A file from an offset on; one whose name ends in ".gz" is inflated, and the offset counts what comes out of it.
+/// A file from an offset on. A file whose name ends in ".gz" is decompressed, and the offset counts decompressed bytes.
 /// A file that cannot be opened is an empty source with a trouble.
 std::unique_ptr<LogSource> ReadLogFile(const std::string& path, std::uint64_t offset = 0);
 
-/// Several one after the other.
+/// Several sources, one after the other.
 std::unique_ptr<LogSource> ReadInTurn(std::vector<std::unique_ptr<LogSource>> sources);
 
-/// The output of a command, which is ended with the source.
-/// @param environment variables that it gets beside those of this program, "NAME=VALUE"
+/// The output of a command. The destructor of the source ends the command.
+/// @param environment additional variables for the command, "NAME=VALUE"
 std::unique_ptr<LogSource> ReadCommand(const std::vector<std::string>& arguments,
                                        const std::vector<std::string>& environment = {});
 

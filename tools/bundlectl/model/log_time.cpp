@@ -15,7 +15,7 @@ namespace {
 using std::chrono::duration_cast;
 using std::chrono::seconds;
 
-/// So many digits from a place on, as a number; -1 when one of them is no digit.
+/// The number in so many digits from a place on; -1 when one of the characters is not a digit.
 int Digits(std::string_view text, std::size_t place, std::size_t count)
 {
     int value = 0;
@@ -159,7 +159,7 @@ std::string SpanText(Microseconds span)
     }
     std::string text = std::to_string(whole / units[unit].seconds) + units[unit].name;
     const std::int64_t rest = unit + 1 < units.size() ? whole % units[unit].seconds / units[unit + 1].seconds : 0;
-    // Beyond a few minutes nobody needs the seconds.
+    // After a few minutes, seconds are not of interest.
     if (rest > 0 && (units[unit].seconds > 60 || whole < 600)) {
         text += " " + std::to_string(rest) + units[unit + 1].name;
     }

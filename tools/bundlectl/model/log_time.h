@@ -17,10 +17,10 @@ Time Now();
 /// Reads "2026-11-21T04:14:09.123456Z" at the start of a text. Empty when the text begins otherwise.
 std::optional<Time> ParseLogTime(std::string_view text);
 
-/// The length of what ParseLogTime reads.
+/// The length of the text that ParseLogTime reads.
 constexpr std::size_t LOG_TIME_SIZE = 27;
 
-/// Reads what people write for a point in time: a span before now ("90s", "10m", "2h", "3d"), a time of the local day
+/// Reads a point in time as people write it: a span before now ("90s", "10m", "2h", "3d"), a time of the local day
 /// ("14:05", "14:05:30"), a local date and time ("2026-11-21 04:14[:09]"), or RFC 3339 ("2026-11-21T04:14:09Z").
 std::optional<Time> ParsePointInTime(std::string_view text, Time now);
 

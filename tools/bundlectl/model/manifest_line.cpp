@@ -20,7 +20,7 @@ struct ManifestLine {
     std::string value;
 };
 
-/// The first line that fits.
+/// The first line that matches.
 std::optional<int> FindLine(const std::string& text, const std::function<bool(const ManifestLine&)>& fits)
 {
     std::istringstream lines(text);
@@ -47,7 +47,7 @@ std::optional<int> FindLine(const std::string& text, const std::function<bool(co
     return std::nullopt;
 }
 
-/// What stands behind a beginning; empty when the text begins otherwise.
+/// The text after a beginning; empty when the text begins otherwise.
 std::string After(const std::string& text, std::string_view beginning)
 {
     return text.compare(0, beginning.size(), beginning) == 0 ? text.substr(beginning.size()) : std::string();

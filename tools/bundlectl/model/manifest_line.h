@@ -6,8 +6,8 @@
 
 namespace Model {
 
-/// The line of a manifest that a refusal is about, counted from 1: the one with the key or the value that it names, or
-/// the head of the section that lacks the key. Empty when the refusal is about no single line.
+/// The line of a manifest that caused a refusal, counted from 1: the line with the key or the value that the refusal
+/// names, or the head of the section that lacks the key. Empty when no single line caused it.
 std::optional<int> LineOfFault(const std::string& manifestPath, const std::string& refusal);
 
 } // namespace Model

@@ -18,7 +18,7 @@ double Truth(bool value)
     return value ? 1 : 0;
 }
 
-/// Puts the metrics together. A metric without a sample is left out.
+/// Collects the metrics. Omits a metric without a sample.
 class Collector {
 public:
     Metric& New(const char* name, const char* help, bool isCounter = false)

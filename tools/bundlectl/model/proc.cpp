@@ -29,7 +29,7 @@ std::string_view TakeWord(std::string_view& text)
     return word;
 }
 
-// The columns that follow the state. Their numbers are those of the manual, proc(5).
+// The columns after the state, with the numbers of the manual page proc(5).
 void ParseColumns(std::string_view text, ProcessStat& stat)
 {
     std::uint64_t user = 0;
@@ -65,7 +65,7 @@ void ParseColumns(std::string_view text, ProcessStat& stat)
     stat.cpuTicks = user + system;
 }
 
-// The name stands in parentheses and may hold anything, parentheses and line ends too.
+// The name is in parentheses and may contain any character, also parentheses and line ends.
 std::optional<ProcessStat> ParseStat(std::string_view text)
 {
     const std::size_t open = text.find('(');

@@ -23,38 +23,39 @@ struct ProcessStat {
     pid_t session = 0;
     std::uint64_t cpuTicks = 0;
     int threads = 0;
-    std::uint64_t startTicks = 0; ///< since the machine's start: with pid it names one process and no other
+    std::uint64_t startTicks = 0; ///< since the machine's start; together with pid it identifies a process
 
     bool IsAlive() const { return state != 'Z' && state != 'X' && state != '?'; }
 };
 
-/// Reads /proc. Every call reads anew, so two calls may see different processes. Tests give another directory as root.
+/// Reads /proc. Every call reads it again, so two calls may see different processes. Tests use another directory as
+/// root.
 class Proc {
 public:
     explicit Proc(std::string root = "/proc") : m_root(std::move(root)) {}
 
     /// All processes, zombies too, in the order of their numbers.
     std::vector<ProcessStat> Processes() const;
-    /// Empty when there is no such process.
+    /// Empty when the process does not exist.
     std::optional<ProcessStat> Stat(pid_t pid) const;
-    /// Of a process: its threads' names and times.
+    /// The names and times of a process's threads.
     std::vector<ProcessStat> Threads(pid_t pid) const;
 
-    // Each of these is empty when it may not be read.
+    // Each of these returns an empty value when it may not be read.
 
     /// The words of the command line.
     std::optional<std::vector<std::string>> CommandLine(pid_t pid) const;
     std::optional<std::map<std::string, std::string>> Environment(pid_t pid) const;
-    /// Where "exe", "cwd", "fd/2", "ns/mnt" lead. A file that was removed has " (deleted)" behind its path.
+    /// The target of "exe", "cwd", "fd/2" or "ns/mnt". A removed file's path ends with " (deleted)".
     std::optional<std::string> Link(pid_t pid, const std::string& name) const;
     std::optional<uid_t> User(pid_t pid) const;
-    /// The memory that the process would free by its end: its proportional share, in KiB.
+    /// The process's proportional share of memory in KiB, which its end would free.
     std::optional<std::uint64_t> ProportionalKilobytes(pid_t pid) const;
-    /// The numbers of its open descriptors and where they lead.
+    /// The numbers and targets of its open descriptors.
     std::optional<std::map<int, std::string>> Descriptors(pid_t pid) const;
     std::optional<std::string> Read(pid_t pid, const std::string& name) const;
 
-    /// When the process was started, by the present clock.
+    /// The start time of the process, by the present clock.
     Time StartTime(const ProcessStat& process) const;
     Microseconds Uptime(const ProcessStat& process) const;
     static Microseconds CpuTime(const ProcessStat& process);

@@ -24,7 +24,7 @@ bool IsDeleted(const std::string& program)
            program.compare(program.size() - DELETED.size(), DELETED.size(), DELETED) == 0;
 }
 
-/// Whose program a process runs.
+/// The bundle and item whose program a process runs.
 struct Owner {
     std::string bundle;
     std::string item;
@@ -32,7 +32,7 @@ struct Owner {
     bool isScript = false;
 };
 
-/// Tells by its program whose a process is.
+/// Finds the bundle and item of a process from its program.
 class Programs {
 public:
     Programs(const ProcessSources& sources) : m_proc(sources.proc), m_base(sources.base)
@@ -49,7 +49,7 @@ public:
             for (const DeclaredItem& item : bundle.items) {
                 const Owner owner{bundle.name, item.name};
                 m_files[root + "/bin/" + BaseName(item.file)] = owner;
-                m_files[RealPath(item.file)] = owner; // a link's target
+                m_files[RealPath(item.file)] = owner; // the target of a link
             }
         }
     }
@@ -66,7 +66,7 @@ public:
         return program ? OwnerByFile(*program) : std::nullopt;
     }
 
-    /// The bundle below whose directory a process's program is; empty: none.
+    /// The bundle whose directory contains a process's program; empty: none.
     std::string BundleAround(pid_t pid) const
     {
         const std::string path = m_proc.Link(pid, "exe").value_or("");
@@ -79,10 +79,10 @@ public:
     }
 
 private:
-    // The server's own way of writing a path makes it one of its children: "sh PATH" and "LOADER -f PATH -e FUNCTION".
+    // A child of the server shows the path in the server's form: "sh PATH" and "LOADER -f PATH -e FUNCTION".
     std::optional<Owner> OwnerByWords(const std::vector<std::string>& words) const
     {
-        constexpr std::size_t first = 3; // further words are what somebody works on
+        constexpr std::size_t first = 3; // further words are arguments, such as a file that a user edits
         for (std::size_t i = 0; i < std::min(words.size(), first); ++i) {
             const std::string& word = words[i];
             for (const std::string_view below : {BELOW_BIN, BELOW_SCRIPT}) {
@@ -195,7 +195,7 @@ BundleProcess Search::ChildOfServer(const ProcessStat& process) const
     found.stat = process;
     auto owner = m_programs.OwnerOf(process.pid);
     if (!owner) {
-        owner = OwnerByLaunch(process); // it has become another program, or its program may not be seen
+        owner = OwnerByLaunch(process); // it has executed another program, or its program may not be read
         if (owner) {
             owner->isReplaced = IsDeleted(m_sources.proc.Link(process.pid, "exe").value_or(""));
         }
@@ -215,7 +215,7 @@ BundleProcess Search::ChildOfServer(const ProcessStat& process) const
     return found;
 }
 
-// By number and start time: the log has the time of a launch, which is just after the process's start.
+// Compares pid and start time: the log has the time of a launch, which is just after the process's start.
 std::optional<Owner> Search::OwnerByLaunch(const ProcessStat& process) const
 {
     for (const RecordedLaunch& launch :
@@ -240,8 +240,8 @@ std::optional<Owner> Search::OwnerByLaunch(const ProcessStat& process) const
     return std::nullopt;
 }
 
-// A process whose parent has ended is handed on, to the first process or to the next that asks for it. One that
-// somebody has started by hand has the parent that started it, and a group with a leader.
+// When a parent ends, the kernel gives its child to process 1 or to the next subreaper. A process that was started by
+// hand still has its parent, and a group with a leader.
 bool Search::IsHandedOn(const ProcessStat& process) const
 {
     const ProcessStat* const leader = Find(process.group);
@@ -271,7 +271,7 @@ void Search::FindWithoutParent(const ProcessStat& process)
         }
     }
     if (!IsOfOurMounts(m_sources.proc, process.pid).value_or(true)) {
-        return; // a server of a container has left it, and bundlectl tells so in there
+        return; // a container's server has left it, and bundlectl inside the container reports it
     }
     const bool isOurs = m_sources.server != nullptr && process.startTicks >= m_sources.server->stat.startTicks;
     found.role = isOurs ? ProcessRole::ESCAPED : ProcessRole::LEFT_OVER;
@@ -281,25 +281,25 @@ void Search::FindWithoutParent(const ProcessStat& process)
     }
 }
 
-// What the init script starts, and all that comes out of it, carries a variable.
+// The init script's processes and their descendants have a variable in their environment.
 bool Search::IsOfService(const ProcessStat& process) const
 {
     const auto environment = m_sources.proc.Environment(process.pid);
     return environment && environment->count("BUNDLE_SERVER_SERVICE") != 0;
 }
 
-// The group or the session of the server, which a child keeps when its parent ends.
+// The server's group or session, which a child keeps when its parent ends.
 bool Search::IsOfServer(const ProcessStat& process) const
 {
     if (m_sources.server == nullptr || process.pid == m_sources.server->stat.pid) {
         return false;
     }
     const ProcessStat& server = m_sources.server->stat;
-    const bool isLeader = server.group == server.pid; // else its group is shared with whoever started it
+    const bool isLeader = server.group == server.pid; // otherwise it shares its group with the program that started it
     return (isLeader && process.group == server.pid) || (server.session == server.pid && process.session == server.pid);
 }
 
-// Of another server that runs, or itself one.
+// Whether it belongs to another running server, or is one.
 bool Search::IsOthers(const ProcessStat& process) const
 {
     if (m_sources.server != nullptr && process.pid == m_sources.server->stat.pid) {

@@ -15,42 +15,42 @@ namespace Model {
 
 struct RecordedLaunch;
 
-/// What a process has to do with the bundles.
+/// The relation of a process to the bundles.
 enum class ProcessRole {
     ITEM,        ///< a child of the server that runs an item
-    DESCENDANT,  ///< has come out of an item, and its line of parents still leads there
+    DESCENDANT,  ///< was started by an item and is still its descendant
     SCRIPT,      ///< a script of a bundle, or the removal of its directory
     LAUNCHING,   ///< a child of the server that has not become its item yet
-    OTHER_CHILD, ///< a child of the server of which nothing more can be told
-    ESCAPED,     ///< has come out of this server, and no longer has a parent in it: the server does not supervise it
-    LEFT_OVER,   ///< has come out of a server that has ended
+    OTHER_CHILD, ///< any other child of the server
+    ESCAPED,     ///< was started under this server, but is no longer its descendant: the server does not supervise it
+    LEFT_OVER,   ///< was started under a server that has ended
 };
 
-/// A process that has to do with the bundles. Names are empty where they cannot be told.
+/// A process that belongs to the bundles. Unknown names are empty.
 struct BundleProcess {
     ProcessStat stat;
     ProcessRole role = ProcessRole::OTHER_CHILD;
     std::string bundle;
-    std::string item;        ///< of a SCRIPT: its name, unless it has become another program
-    pid_t itemPid = 0;       ///< of the ITEM that it has come out of; its own for an ITEM
-    bool isReplaced = false; ///< its program file has been removed, or another has come to its place
+    std::string item;        ///< for a SCRIPT: its name, unless it has executed another program
+    pid_t itemPid = 0;       ///< the ITEM that has started it; for an ITEM its own pid
+    bool isReplaced = false; ///< its program file has been removed or replaced
 };
 
-/// What is asked of FindProcesses.
+/// The input of FindProcesses.
 struct ProcessSources {
     explicit ProcessSources(const Proc& root) : proc(root) {}
 
     const Proc& proc;
     const ServerProcess* server = nullptr;              ///< null: none runs
-    const std::vector<ServerProcess>* others = nullptr; ///< further servers, whose processes are none of ours
+    const std::vector<ServerProcess>* others = nullptr; ///< other servers, whose processes are ignored
     const Collection* collection = nullptr;
     const ServerHistory* history = nullptr;
     const std::vector<RecordedLaunch>* recorded = nullptr;
-    std::string base; ///< what the server's relative paths are relative to
+    std::string base; ///< the directory for the server's relative paths
 };
 
-/// The processes that are items of this server or of a former one, or have come out of either: told by parent, process
-/// group, session, program file and start time, never by a number alone. In the order of their numbers.
+/// The processes that are items of this server or a former one, or were started by such items. Identified by parent,
+/// process group, session, program file and start time, never by pid alone. Ordered by pid.
 std::vector<BundleProcess> FindProcesses(const ProcessSources& sources);
 
 } // namespace Model

@@ -6,14 +6,14 @@
 
 namespace Model {
 
-/// The server's classes log what they do. In a program that links this library their records go nowhere, because they
-/// are no server's. The last error of this thread is kept; this takes it, empty when there is none.
+/// Takes the last error record of this thread; empty when it has none. The server's classes log what they do. A program
+/// that links this library is not a server, so it discards their records, apart from each thread's last error.
 std::string TakeServerError();
 
-/// Gets what the server's classes log on this thread: the level and the text, not escaped.
+/// Receives the records of the server's classes on this thread: the level and the text, not escaped.
 using RecordSink = std::function<void(int level, const std::string& text)>;
 
-/// @param sink empty: the records go nowhere again
+/// @param sink empty: the records are discarded again
 void SetRecordSink(RecordSink sink);
 
 } // namespace Model

@@ -10,13 +10,13 @@ namespace Model {
 
 struct ItemEnd;
 
-/// Why a bundle is as it is.
+/// A reason for a bundle's state.
 struct Reason {
     const char* kind = "";             ///< a word for programs: "required-missing"
     std::string text;                  ///< sentences for people
-    std::string brief;                 ///< a few words of it, for a line of a table
-    std::string remedy;                ///< what mends it: a command or an advice; empty: nothing is to be mended
-    bool isRecomputed = false;         ///< the log does not tell it: it was found out from the files as they are now
+    std::string brief;                 ///< a short form for a line of a table
+    std::string remedy;                ///< what repairs it: a command or advice; empty: no repair is necessary
+    bool isRecomputed = false;         ///< it comes from the present files, not from the log
     std::vector<std::string> evidence; ///< the records that prove it
 };
 

@@ -11,10 +11,10 @@ namespace Model {
 
 namespace {
 
-/// A script that has run for so long is worth a word.
+/// A script that has run for this long is mentioned.
 constexpr std::chrono::seconds LONG(2);
 
-/// After this, what the server has not brought to its end has failed.
+/// After this time, a step that the server has not finished counts as failed.
 constexpr std::chrono::seconds PATIENCE(5);
 
 /// Collects the reasons of one bundle.
@@ -87,7 +87,7 @@ void Inquiry::AddServer()
     }
 }
 
-// Of the scripts' processes the one that was started when the log says so.
+// The script's process whose start time matches the log.
 pid_t Inquiry::ProcessOf(const ScriptRun& script) const
 {
     constexpr std::chrono::seconds tolerance(2);
@@ -131,7 +131,7 @@ void Inquiry::AddState()
     const std::size_t before = m_reasons.size();
     AddProblem();
     AddRefusal();
-    const bool isHeld = before > 0; // by a script: nothing more can be said
+    const bool isHeld = before > 0; // by a script: nothing more is known
     if (m_reasons.size() > before || isHeld || m_snapshot.server == nullptr) {
         if (m_snapshot.server == nullptr && m_bundle.declared != nullptr &&
             m_bundle.declared->verdict != Verdict::STARTS) {
@@ -140,7 +140,7 @@ void Inquiry::AddState()
         return;
     }
     if (m_bundle.state == BundleState::UNKNOWN) {
-        return; // the log has lost it
+        return; // the log no longer has it
     }
     AddStarting();
     if (m_reasons.size() == before) {
@@ -148,7 +148,7 @@ void Inquiry::AddState()
     }
 }
 
-// What the log says has gone wrong last.
+// The last failure in the log.
 void Inquiry::AddProblem()
 {
     const BundleHistory* const history = m_bundle.history;
@@ -161,7 +161,7 @@ void Inquiry::AddProblem()
     } else if (problem.kind != Fact::UPDATE_FAILED && m_bundle.declared != nullptr &&
                m_bundle.declared->verdict != Verdict::STARTS && m_bundle.declared->reason == problem.reason) {
         m_reasons.push_back(ReasonOfVerdict(*m_bundle.declared));
-        m_reasons.back().isRecomputed = false; // the log says the same
+        m_reasons.back().isRecomputed = false; // the log shows the same
     } else {
         m_reasons.push_back(ReasonOfProblem(problem, m_bundle));
     }
@@ -186,7 +186,7 @@ void Inquiry::AddRefusal()
     m_reasons.back().evidence = {problem.line};
 }
 
-// A bundle that comes while the server runs is started without a word about why it failed.
+// When a bundle comes while the server runs and fails to start, the server does not log the reason.
 void Inquiry::AddHotStart()
 {
     if (m_bundle.declared == nullptr) {
@@ -259,7 +259,7 @@ void Inquiry::AddHealth()
     }
 }
 
-/// In the last moments of a server that has ended by a signal its items get the same one.
+/// When a signal ends a server, its items may get the same signal in the server's last moments.
 bool IsServersStop(const ServerHistory& server, const ItemEnd& end)
 {
     constexpr std::chrono::seconds moments(2);

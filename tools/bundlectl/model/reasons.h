@@ -13,11 +13,11 @@ namespace Model {
 struct ToldEnd {
     std::string item;
     ItemEnd end;
-    bool isServersStop = false; ///< a SIGTERM in the last moments of a server: it was stopped with it
+    bool isServersStop = false; ///< a SIGTERM in the last moments of a server: both were stopped
 };
 
-/// Why the bundle does not run, or not all of it, the most important first. Of a healthy bundle: since when it runs.
-/// @param checkFiles looks at the items' files too, and asks the dynamic linker, which takes some milliseconds each
+/// Why the bundle does not run completely, the most important reason first. For a healthy bundle: since when it runs.
+/// @param checkFiles also checks the items' files and runs the dynamic linker, which takes some milliseconds each
 std::vector<Reason> ReasonsOf(const Snapshot& snapshot, const BundleStatus& bundle, bool checkFiles);
 
 /// The last ends of its items, in all servers of the log, the latest first.

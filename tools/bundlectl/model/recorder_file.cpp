@@ -23,7 +23,7 @@ using Common::UniqueFd;
 constexpr std::string_view FORMAT = "bundlectl-launches 1\n";
 constexpr std::size_t FIELDS = 6;
 
-/// A name in the file: escaped names have no control characters, so a tab can only come from elsewhere.
+/// A name in the file. Escaped names have no control characters, so a tab is always a separator.
 std::string Field(std::string name)
 {
     std::replace_if(
@@ -78,7 +78,7 @@ bool RecorderFile::Append(const RecordedLaunch& launch) const
         return Shorten((isOurs ? text.substr(FORMAT.size()) : std::string()) + line);
     }
     const UniqueFd fd(::open(m_path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
-    // A line that a full disk has cut off gets its end first.
+    // If a full disk has cut off the last line, first ends that line.
     return fd.IsOpen() && WriteWhole(fd.Get(), text.back() == '\n' ? line : '\n' + line);
 }
 

@@ -10,8 +10,8 @@
 
 namespace Model {
 
-/// A launch that the recorder has seen. Process id and start time name one process and no other, as long as the machine
-/// runs; the boot id names that.
+/// A launch that the recorder has seen. Process id and start time identify a process while the machine runs. The boot
+/// id identifies that run.
 struct RecordedLaunch {
     std::string boot; ///< /proc/sys/kernel/random/boot_id
     pid_t pid = 0;
@@ -29,9 +29,9 @@ struct RecordedLaunch {
 
 constexpr const char RECORDER_FILE[] = "/var/lib/bundle-server/launches";
 
-/// The file of launches: text, one line a launch, its fields apart by tabs, and a first line that names the format. A
-/// line is appended by one write. When the file has outgrown its limit, its newer half is written anew beside it and
-/// takes its place, so that a reader finds the one or the other.
+/// The file of launches. It is text with one line for each launch, fields separated by tabs, and a first line that
+/// names the format. Each line is appended by one write. When the file exceeds its limit, its newer half is written to
+/// a new file that replaces it, so a reader finds one or the other.
 class RecorderFile {
 public:
     static constexpr std::size_t LIMIT = std::size_t{256} * 1024;
@@ -41,8 +41,8 @@ public:
     /// False, with errno set, when it cannot be written.
     bool Append(const RecordedLaunch& launch) const;
 
-    /// All launches that are there, the oldest first. Lines that are none, an incomplete last one say, are passed over.
-    /// Of a file that is missing or of another format there are none.
+    /// All launches in the file, the oldest first. Skips other lines, such as an incomplete last one. Empty when the
+    /// file is missing or has another format.
     std::vector<RecordedLaunch> Read() const;
 
 private:
@@ -52,7 +52,7 @@ private:
     const std::size_t m_limit;
 };
 
-/// Of this machine's present run; empty when it cannot be read.
+/// The boot id of this machine's present run; empty when it cannot be read.
 std::string BootId();
 
 } // namespace Model

@@ -6,13 +6,13 @@
 
 namespace Model {
 
-/// What a verdict on a directory means, and what mends it.
+/// Describes a verdict on a directory, and how to repair the fault.
 Reason ReasonOfVerdict(const DeclaredBundle& bundle);
 
-/// What a failure means that the log tells of.
+/// Describes a failure that is in the log.
 Reason ReasonOfProblem(const Problem& problem, const BundleStatus& bundle);
 
-/// Why items of an Active bundle are not up, or not as they should be.
+/// Why items of an Active bundle are down or faulty.
 std::vector<Reason> ReasonsOfItems(const Snapshot& snapshot, const BundleStatus& bundle, bool checkFiles);
 
 } // namespace Model

@@ -17,7 +17,7 @@ namespace {
 
 constexpr const char PROGRAM[] = "bundle_server";
 
-// Of a program for another machine the kernel shows the emulator's words before its own.
+// For a program of another machine, the kernel shows the emulator's words before the program's own.
 std::vector<std::string> WithoutEmulator(std::vector<std::string> words)
 {
     if (words.size() > 2 && BaseName(words[0]).find("binfmt") != std::string::npos) {
@@ -31,7 +31,7 @@ bool IsServerProgram(const std::vector<std::string>& words)
     return !words.empty() && BaseName(words.front()) == PROGRAM;
 }
 
-/// The value of "-f FILE", "-fFILE", "--config-file=FILE" or, as the server's options have it, a beginning of that.
+/// The value of "-f FILE", "-fFILE" or "--config-file=FILE". The server's options also accept an abbreviated name.
 std::string ConfigurationIn(const std::vector<std::string>& arguments)
 {
     const std::string name = "config-file";
@@ -49,7 +49,7 @@ std::string ConfigurationIn(const std::vector<std::string>& arguments)
     return {};
 }
 
-/// The last part of the group's path that is a unit: "0::/system.slice/bundle-server.service".
+/// The last part of a control group's path that is a unit: "0::/system.slice/bundle-server.service".
 std::string UnitIn(const std::string& groups)
 {
     constexpr const char ending[] = ".service";
@@ -107,7 +107,7 @@ void ReadSurroundings(const Proc& proc, const std::set<std::string>& serviceSock
     });
 }
 
-/// What has been read of a process that has ended meanwhile is of no process, or of another one.
+/// If the process has ended meanwhile, the data belong to no process or to another one.
 bool HasEndedMeanwhile(const Proc& proc, const ServerProcess& server)
 {
     const auto now = proc.Stat(server.stat.pid);

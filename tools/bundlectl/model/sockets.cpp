@@ -70,7 +70,7 @@ Sockets::Sockets(const Proc& proc, pid_t pid) : m_proc(proc)
     struct Protocol {
         const char* table;
         const char* name;
-        const char* state; ///< in which it can be reached
+        const char* state; ///< the state in which it can be reached
     };
     constexpr std::array<Protocol, 4> protocols{
         {{"tcp", "tcp ", "0A"}, {"tcp6", "tcp ", "0A"}, {"udp", "udp ", "07"}, {"udp6", "udp ", "07"}}};

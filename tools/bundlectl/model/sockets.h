@@ -15,10 +15,10 @@ namespace Model {
 class Sockets {
 public:
     /// @param proc must outlive this
-    /// @param pid a process of the network namespace to read; empty if that is not allowed
+    /// @param pid a process of the network namespace to read; the result is empty if reading is not allowed
     Sockets(const Proc& proc, pid_t pid);
 
-    /// Those of a process, each once. Empty too when its descriptors may not be read.
+    /// The sockets of a process, each once. Also empty when its descriptors may not be read.
     std::vector<std::string> Of(pid_t pid) const;
 
 private:

@@ -12,21 +12,21 @@ namespace {
 
 constexpr int THREAD_MODE = 1;
 
-/// Three relaunches within a minute, or five within ten: it dies as often as it is launched.
+/// Three relaunches within a minute, or five within ten minutes: the item dies after each launch.
 bool IsCrashLoop(const ItemHistory& item, Time now)
 {
     return item.RelaunchesSince(now - std::chrono::minutes(1)) >= 3 ||
            item.RelaunchesSince(now - std::chrono::minutes(10)) >= 5;
 }
 
-/// The name that a thread of an item gives itself, as long as the kernel keeps one.
+/// The name of an item's thread, cut to the kernel's maximum.
 std::string ThreadName(const std::string& bundle, const std::string& item)
 {
     constexpr std::size_t kept = 15;
     return (bundle + "." + item).substr(0, kept);
 }
 
-/// Puts together what is known of one bundle.
+/// Collects what is known of one bundle.
 class Assembly {
 public:
     Assembly(const Snapshot& snapshot, BundleStatus& bundle) : m_snapshot(snapshot), m_bundle(bundle) {}
@@ -65,7 +65,7 @@ void Assembly::TakeState()
         m_bundle.since = history->since;
         m_bundle.mode = history->mode;
     } else if (m_snapshot.server != nullptr && m_snapshot.server->isWhole) {
-        m_bundle.state = BundleState::GONE; // the server has never taken it in
+        m_bundle.state = BundleState::GONE; // the server has never loaded it
     }
     if (!m_bundle.mode && m_bundle.declared != nullptr && !m_bundle.name.empty()) {
         m_bundle.mode = m_bundle.declared->mode;
@@ -74,7 +74,8 @@ void Assembly::TakeState()
     m_bundle.isChanged = m_bundle.declared != nullptr && m_bundle.state != BundleState::GONE && HasChanged();
 }
 
-// Since the manifest in force was read, and since the bundle's own scripts last ran, whose writing the server accepts.
+// Compares with the time when the manifest in force was read, and when the bundle's own scripts last ran. The server
+// accepts what these write.
 bool Assembly::HasChanged() const
 {
     const BundleHistory* const history = m_bundle.history;
@@ -86,12 +87,12 @@ bool Assembly::HasChanged() const
         known = std::max(known, script.began + script.took.value_or(Microseconds(0)));
     }
     constexpr std::chrono::seconds settling(3);
-    constexpr Time clockIsSet{std::chrono::seconds(1'577'836'800)}; // 2020: a clock before it has not been set yet
+    constexpr Time clockIsSet{std::chrono::seconds(1'577'836'800)}; // 2020: an earlier clock has not been set yet
     return known > clockIsSet && m_bundle.declared->changed > known + settling;
 }
 
-// Those of the running server where the log tells its manifest, which may have changed since. Of a log whose beginning
-// is lost the items that it happens to mention are not all.
+// The items of the running server if the log has its manifest, which may have changed since. If the beginning of the
+// log is lost, the log does not mention all items.
 void Assembly::AddItems()
 {
     const BundleHistory* const history = m_bundle.history;
@@ -160,7 +161,7 @@ void Assembly::FindThreadOf(ItemStatus& item) const
     const std::string name = ThreadName(m_bundle.name, item.name);
     const pid_t number = item.history != nullptr ? item.history->pid : 0;
     for (const ProcessStat& thread : m_snapshot.threads) {
-        // The number alone would not do: it may be another thread's by now.
+        // The number alone is not enough: it may already belong to another thread.
         if (thread.name == name && (number == 0 || thread.pid == number)) {
             item.thread = &thread;
             item.pid = thread.pid;
@@ -193,7 +194,7 @@ bool IsDeclaredTwin(const DeclaredBundle& declared)
     return declared.verdict == Verdict::DUPLICATE;
 }
 
-/// The directory of a bundle of the log. Where the log has lost the bundle's path, it is found by the name.
+/// The directory of a bundle in the log. If the log has lost the bundle's path, the name is used.
 const DeclaredBundle* DeclaredAt(const Snapshot& snapshot, const BundleHistory& bundle)
 {
     if (!bundle.path.empty()) {
@@ -206,7 +207,7 @@ const DeclaredBundle* DeclaredAt(const Snapshot& snapshot, const BundleHistory& 
     return found == all.end() ? nullptr : &*found;
 }
 
-/// Appends the bundles that the server's log knows, without those that were deleted or taken away.
+/// Appends the bundles of the server's log, without those that were deleted or removed.
 void AppendLogged(const Snapshot& snapshot, std::vector<BundleStatus>& bundles)
 {
     if (snapshot.server == nullptr) {
@@ -226,7 +227,7 @@ void AppendLogged(const Snapshot& snapshot, std::vector<BundleStatus>& bundles)
     }
 }
 
-/// Appends the directories of the collection that are not among the bundles yet.
+/// Appends the directories of the collection that are not in the list yet.
 void AppendUnlogged(const Snapshot& snapshot, std::vector<BundleStatus>& bundles)
 {
     for (const DeclaredBundle& declared : snapshot.collection.bundles) {
@@ -241,7 +242,7 @@ void AppendUnlogged(const Snapshot& snapshot, std::vector<BundleStatus>& bundles
         if (snapshot.server != nullptr) {
             const auto refused = snapshot.server->refused.find(declared.loggedPath);
             bundle.refused = refused == snapshot.server->refused.end() ? nullptr : &refused->second;
-            // A bundle of which the log has only deaths has no path there.
+            // If the log has only deaths of a bundle, it does not have the bundle's path.
             bundle.history =
                 IsDeclaredTwin(declared) || bundle.refused != nullptr ? nullptr : snapshot.server->Find(declared.name);
         }

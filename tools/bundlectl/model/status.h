@@ -21,20 +21,20 @@ struct Snapshot {
     Collection collection;
     History history;
     const ServerHistory* server =
-        nullptr; ///< of the running server; null: it does not run, or the log has nothing of it
+        nullptr; ///< the history of the running server; null: no server runs, or the log has no record of it
     std::vector<BundleProcess> processes;
-    std::vector<ProcessStat> threads; ///< of the server
-    std::vector<std::string> notes;   ///< sentences for people: what could not be seen
+    std::vector<ProcessStat> threads; ///< the server's threads
+    std::vector<std::string> notes;   ///< sentences for people about what could not be read
 };
 
 /// Which part of the log a snapshot needs.
 enum class LogDepth {
     NOTHING,
     SERVER,    ///< from the start of the running server on
-    EVERYTHING ///< with the old files: former servers too
+    EVERYTHING ///< with the old files: also former servers
 };
 
-/// Looks at all there is. Neither waits nor writes.
+/// Reads everything. Neither waits nor writes.
 std::unique_ptr<Snapshot> TakeSnapshot(const Choice& choice, LogDepth depth, const Proc& proc = Proc());
 
 /// An item at that moment.
@@ -42,13 +42,13 @@ struct ItemStatus {
     enum Up {
         DOWN,
         UP,
-        ACTIVATED, ///< thread mode: its function has returned, and what it has set up may run on
-        UNKNOWN,   ///< the log does not tell, and its process cannot be seen
+        ACTIVATED, ///< thread mode: its function has returned, and its other threads may still run
+        UNKNOWN,   ///< the log does not show it, and its process cannot be read
     };
 
     std::string name;
     Up up = UNKNOWN;
-    pid_t pid = 0; ///< of its process, or of its thread; 0: it has none, or that is unknown
+    pid_t pid = 0; ///< of its process, or of its thread; 0: none, or unknown
     bool isThread = false;
     const BundleProcess* process = nullptr; ///< null: a thread, or not seen
     const ProcessStat* thread = nullptr;
@@ -58,30 +58,30 @@ struct ItemStatus {
     bool isCrashLooping = false;
 };
 
-/// A bundle at that moment, or a directory that was not taken in.
+/// A bundle at that moment, or a directory that was not loaded.
 struct BundleStatus {
-    std::string name; ///< empty: its manifest does not give it
+    std::string name; ///< empty: not in the manifest
     std::string path;
     std::optional<int> mode;
     BundleState state = BundleState::UNKNOWN;
     std::optional<Time> since;
-    const DeclaredBundle* declared = nullptr;  ///< null: its directory has gone
+    const DeclaredBundle* declared = nullptr;  ///< null: the directory has gone
     const BundleHistory* history = nullptr;    ///< null: the log has nothing of it
-    const RefusedDirectory* refused = nullptr; ///< not null: the running server has not taken it in
+    const RefusedDirectory* refused = nullptr; ///< not null: the running server has refused it
     std::vector<ItemStatus> items;
     std::size_t itemsUp = 0;
     std::size_t relaunches = 0; ///< of all items in the last hour
     bool isCrashLooping = false;
     bool isDirectoryGone = false;
-    bool isChanged = false;         ///< its directory has changed since the server took it in
-    bool isProgramReplaced = false; ///< an item runs a program file that is no longer there
+    bool isChanged = false;         ///< its directory has changed since the server read it
+    bool isProgramReplaced = false; ///< an item runs a program file that no longer exists
     bool runsTwice = false;
 
-    /// Active with all of its items up, each once, and none of them dying all the time.
+    /// Active, all of its items are up, each once, and none is in a crash loop.
     bool IsHealthy() const;
 };
 
-/// The bundles that the server knows and the directories that are there, by name and then by path.
+/// The bundles that the server knows and the existing directories, by name and then by path.
 std::vector<BundleStatus> StatusOf(const Snapshot& snapshot);
 
 } // namespace Model

@@ -33,7 +33,7 @@ std::string EndText(const Fact& fact)
     return NameOfEnd(end);
 }
 
-/// What lies outside the window goes, what reaches over its edges is cut.
+/// Removes what is outside the window, and cuts what crosses its edges.
 void Cut(TimelineBundle& bundle, Time from, Time to)
 {
     const auto cut = [from, to](auto& spans) {
@@ -77,7 +77,7 @@ TimelineBundle& TimelineBuilder::BundleOf(const std::string& name)
     return m_timeline.bundles[place->second];
 }
 
-// A directory goes by its path until its bundle's name is known: its install script runs before.
+// A directory is named by its path until its bundle's name is known: its install script runs before that.
 void TimelineBuilder::Rename(const std::string& path, const std::string& name)
 {
     const auto place = m_numbers.find(path);
@@ -89,8 +89,8 @@ void TimelineBuilder::Rename(const std::string& path, const std::string& name)
     m_numbers.erase(place);
 }
 
-// The time in which a thread of the server is busy with one bundle counts for the innermost: while a bundle starts
-// those that it requires, it waits for them.
+// The time of a server's thread counts for the innermost bundle: while a bundle starts the bundles that it requires, it
+// waits for them.
 void TimelineBuilder::Begin(const Fact& fact, const std::string& key)
 {
     Worker& worker = m_workers[fact.thread];
@@ -106,7 +106,7 @@ void TimelineBuilder::End(const Fact& fact, const std::string& key, const std::s
     Worker& worker = m_workers[fact.thread];
     const bool isKnown =
         std::any_of(worker.works.begin(), worker.works.end(), [&key](const Work& work) { return work.key == key; });
-    // A failure ends what has been begun inside it as well.
+    // A failure also ends the steps that were begun inside it.
     for (bool isDone = !isKnown; !isDone;) {
         Work work = std::move(worker.works.back());
         worker.works.pop_back();
@@ -199,7 +199,7 @@ void TimelineBuilder::TakeLoading(const Fact& fact)
         break;
     }
     case Fact::LOAD_REFUSED: {
-        // A duplicate has the name of the bundle that is there.
+        // A duplicate has the name of the existing bundle.
         const std::string& name = fact.bundle.empty() || m_numbers.count(fact.bundle) != 0 ? fact.path : fact.bundle;
         Rename(fact.path, name);
         End(fact, fact.path, name);
@@ -297,8 +297,9 @@ void TimelineBuilder::TakeScript(const Fact& fact)
     }
 }
 
-// A bundle is started after those that it requires, so one pass in the order of the ends of their starts is enough. The
-// first start counts: after an update a bundle may require one that was started later, and the chain would be a circle.
+// A bundle is started after the bundles that it requires, so one pass in the order of the ends of their starts is
+// enough. Only the first start counts: after an update, a bundle may require one that was started later, and the chain
+// would be a circle.
 void TimelineBuilder::FindChain()
 {
     struct Sum {
@@ -364,7 +365,7 @@ std::optional<Timeline> ReadTimeline(const LogLocation& log, const TimelineReque
             builder.Take(fact);
         }
     });
-    // The states at the beginning of a window follow from what happened before it.
+    // The states at the beginning of a window follow from the events before it.
     LogReader reader(OpenLog(log, {std::nullopt, hasTimes ? 0 : request.server}));
     ReadAll(reader, attribution);
     std::optional<Timeline> timeline = builder.Finish(request.from, request.to);

@@ -25,9 +25,9 @@ struct TimelineMark {
     enum Kind {
         LAUNCH,
         RELAUNCH,
-        END,     ///< an item has ended by itself, or was stopped
+        END,     ///< an item has ended by itself or was stopped
         DEATH,   ///< a signal has killed an item
-        FAILURE, ///< it was refused, or a step of it failed
+        FAILURE, ///< it was refused, or one of its steps failed
     };
 
     Kind kind = LAUNCH;
@@ -40,30 +40,30 @@ struct TimelineScript {
     std::string name;
     Time from;
     Time to;
-    bool hasEnded = false; ///< false: it still ran at the end of the timeline
+    bool hasEnded = false; ///< false: still running at the end of the timeline
 };
 
 struct TimelineBundle {
-    static constexpr std::size_t KEPT = 2000; ///< states, marks and scripts each, so that a crash loop fits in memory
+    static constexpr std::size_t KEPT = 2000; ///< for states, marks and scripts each; bounds a crash loop
 
-    std::string name; ///< of a directory that was refused before its name was known: its path
+    std::string name; ///< the path, for a directory that was refused before its name was known
     std::vector<std::string> required;
     std::vector<TimelineState> states;
     std::vector<TimelineMark> marks;
     std::vector<TimelineScript> scripts;
-    std::size_t omitted = 0; ///< of all that, because there was too much
+    std::size_t omitted = 0; ///< number of dropped entries beyond that limit
     Microseconds cost{};     ///< the time in which the server was busy with this bundle alone
     bool isInChain = false;
 };
 
-/// What happened to all bundles in a window of time.
+/// The events of all bundles in a window of time.
 struct Timeline {
-    pid_t server = 0; ///< the last one in it
+    pid_t server = 0; ///< the last server in the window
     Time from;
     Time to;
-    std::optional<Time> ready;           ///< when the start-up of that server was over, unless that lies outside
-    std::vector<TimelineBundle> bundles; ///< in the order in which they were first met
-    std::vector<std::string> chain; ///< of bundles that waited for each other, the one that took longest; first to last
+    std::optional<Time> ready;           ///< the end of that server's start-up, if it is in the window
+    std::vector<TimelineBundle> bundles; ///< in the order of their first appearance
+    std::vector<std::string> chain;      ///< the slowest chain of bundles that waited for each other, first to last
     Microseconds chainCost{};
     std::vector<std::string> notes; ///< sentences for people: what could not be read
 
@@ -74,22 +74,22 @@ struct Timeline {
 class TimelineBuilder {
 public:
     enum class Window {
-        START_UP, ///< the last start-up that is whole at its beginning
-        TIMES,    ///< whatever lies between two moments
+        START_UP, ///< the last start-up whose beginning is in the log
+        TIMES,    ///< everything between two moments
     };
 
     explicit TimelineBuilder(Window window) : m_window(window) {}
 
     void Take(const Fact& fact);
 
-    /// The timeline. Without times: from the first fact to the last. Empty when the window has nothing: of a start-up,
-    /// because its beginning is not in the log.
+    /// The timeline. Without times: from the first fact to the last. Empty when the window has no facts, or a
+    /// start-up's beginning is not in the log.
     std::optional<Timeline> Finish(std::optional<Time> from, std::optional<Time> to);
 
 private:
     /// The server is busy with a bundle.
     struct Work {
-        std::string key; ///< the bundle's name; while it is loaded, its path
+        std::string key; ///< the bundle's name; while it is being loaded, its path
         Microseconds own{};
     };
     struct Worker {
@@ -115,19 +115,19 @@ private:
     bool m_hasBegun = false;
     bool m_isOver = false;
     std::map<std::string, std::size_t> m_numbers; ///< of the bundles, by name
-    std::map<std::string, std::size_t> m_scripts; ///< that run, by bundle: the number of the script
+    std::map<std::string, std::size_t> m_scripts; ///< running scripts by bundle: the number of the script
     std::map<pid_t, Worker> m_workers;
-    std::vector<std::string> m_started; ///< in the order of their ends, which is that of who waits for whom
+    std::vector<std::string> m_started; ///< in the order in which their starts ended
 };
 
-/// What is asked of ReadTimeline. Without times: the last start-up.
+/// The input of ReadTimeline. Without times: the last start-up.
 struct TimelineRequest {
     std::optional<Time> from;
     std::optional<Time> to;
-    pid_t server = 0; ///< a server that runs: the start-up meant is its own; 0: none
+    pid_t server = 0; ///< a running server: its start-up is used; 0: none
 };
 
-/// Reads a log into a timeline. Empty when the log has nothing of the window.
+/// Reads a log into a timeline. Empty when the log has no facts in the window.
 std::optional<Timeline> ReadTimeline(const LogLocation& log, const TimelineRequest& request);
 
 } // namespace Model

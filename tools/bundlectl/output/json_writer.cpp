@@ -11,14 +11,14 @@ namespace Output {
 
 namespace {
 
-/// A byte that begins no character of UTF-8 in this place.
+/// A byte that does not begin a UTF-8 character here.
 bool IsStray(std::string_view unit)
 {
     const unsigned char lead = Common::Byte(unit.front());
     if (unit.size() == 1) {
         return lead >= 0x80U;
     }
-    // Longer than need be, half of a pair, beyond the last character.
+    // Too long an encoding, half of a surrogate pair, or beyond the last character.
     const unsigned char next = Common::Byte(unit[1]);
     return (lead == 0xE0U && next < 0xA0U) || (lead == 0xEDU && next >= 0xA0U) || (lead == 0xF0U && next < 0x90U) ||
            (lead == 0xF4U && next >= 0x90U);

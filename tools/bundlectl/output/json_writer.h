@@ -14,8 +14,8 @@ namespace Output {
 /// The version of the schema that all output follows: tools/bundlectl/schema/bundlectl-1.json.
 constexpr const char JSON_SCHEMA[] = "bundlectl-1";
 
-/// Builds a JSON text, member by member. The caller pairs each Begin with an End, and each Key with a value: neither is
-/// checked. Bytes that are no UTF-8 become U+FFFD. Each operation returns the writer itself.
+/// Builds a JSON text, member by member. The caller pairs each Begin with an End, and each Key with a value; this is
+/// not checked. Bytes that are not UTF-8 become U+FFFD. Each operation returns the writer itself.
 class JsonWriter {
 public:
     JsonWriter& BeginObject() { return Begin('{'); }
@@ -39,11 +39,11 @@ public:
     JsonWriter& Value(Model::Microseconds span);
     JsonWriter& Null() { return Plain("null"); }
 
-    /// Null when there is none.
+    /// Null when it has no value.
     template <class Type> JsonWriter& Value(const std::optional<Type>& value) { return value ? Value(*value) : Null(); }
     template <class Type> JsonWriter& Member(const char* name, const Type& value) { return Key(name).Value(value); }
 
-    /// Begins the object that is the output of every verb: the schema, the verb, the time. End ends it.
+    /// Begins the object that every verb prints, with the schema, the verb and the time. End ends it.
     JsonWriter& BeginOutput(const char* verb, Model::Time taken);
 
     /// Complete after the last End.
@@ -55,7 +55,7 @@ private:
     void Separate();
 
     std::string m_text;
-    std::string m_open; ///< the brackets that end what has been begun, the innermost last
+    std::string m_open; ///< the closing brackets of the open objects and arrays, the innermost last
     bool m_needsComma = false;
 };
 

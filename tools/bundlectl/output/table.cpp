@@ -16,7 +16,7 @@ void TrimEnd(std::string& line)
 
 } // namespace
 
-// Where a line is too long, the widest column but the last gives way first, so that the last, which holds the sentence,
+// If a line is too long, the widest column except the last is narrowed first. The last column holds the sentence and
 // keeps some room.
 std::vector<std::size_t> Table::Widths(const Terminal& terminal) const
 {

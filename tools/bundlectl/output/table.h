@@ -16,16 +16,16 @@ public:
         Cell(std::string content, Colour paint = Colour::NONE) : text(std::move(content)), colour(paint) {}
         Cell(const char* content) : text(content) {}
 
-        std::string text; ///< as it is to be shown, without colours
+        std::string text; ///< as shown, without colours
         Colour colour = Colour::NONE;
     };
 
     explicit Table(std::vector<std::string> heads) : m_heads(std::move(heads)) {}
 
-    /// @param row no more cells than there are heads
+    /// @param row at most as many cells as heads
     void Add(std::vector<Cell> row) { m_rows.push_back(std::move(row)); }
 
-    /// The lines, with their ends. Columns in which every row is empty are left out.
+    /// The lines, with their line ends. Omits columns in which every row is empty.
     std::string Text(const Terminal& terminal) const;
 
 private:

@@ -32,7 +32,7 @@ bool IsUtf8Wanted()
     return false;
 }
 
-/// Characters of East Asia take two columns. The ranges are those that names are written with.
+/// East Asian characters take two columns. These ranges are used in names.
 bool IsWide(std::string_view character)
 {
     const unsigned char lead = Common::Byte(character.front());

@@ -7,35 +7,35 @@
 
 namespace Output {
 
-/// What standard output can show.
+/// The abilities of standard output.
 struct Terminal {
     bool isTerminal = false;
-    bool hasColour = false; ///< a terminal, and the user does not forbid colours
+    bool hasColour = false; ///< it is a terminal, and the user permits colours
     bool hasUtf8 = false;
     std::size_t columns = 80;
     std::size_t rows = 24;
 };
 
-/// Asks standard output and the environment: NO_COLOR, TERM, LC_ALL, LC_CTYPE, LANG.
+/// Examines standard output and the environment: NO_COLOR, TERM, LC_ALL, LC_CTYPE, LANG.
 Terminal AskTerminal();
 
 enum class Colour { NONE, GOOD, BAD, WARNING, FAINT, STRONG };
 
-/// The text in a colour, where there are any. A colour never says anything alone.
+/// The text in a colour, if colours are available. A colour is never the only information.
 std::string Paint(const Terminal& terminal, Colour colour, std::string_view text);
 
-/// A sign and what stands for it where there is no UTF-8.
+/// A sign, and its replacement without UTF-8.
 enum class Mark { GOOD, BAD, WARNING, UNKNOWN };
 std::string Sign(const Terminal& terminal, Mark mark);
 
 /// The text as the terminal can show it: without UTF-8, arrows become "->", and any other character a "?". Control
-/// characters are escaped, wherever the text comes from.
+/// characters are always escaped.
 std::string Shown(const Terminal& terminal, std::string_view text);
 
-/// The columns that a text without colours takes.
+/// The width in columns of a text without colours.
 std::size_t WidthOf(std::string_view text);
 
-/// The beginning of a text that fits so many columns, with an ellipsis where something is left out.
+/// The beginning of a text that fits into so many columns, with an ellipsis if it is cut.
 std::string Fitted(const Terminal& terminal, std::string_view text, std::size_t columns);
 
 } // namespace Output

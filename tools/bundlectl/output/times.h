@@ -11,7 +11,7 @@ namespace Output {
 /// For programs: RFC 3339, UTC, microseconds.
 std::string Rfc3339(Model::Time time);
 
-/// For people: the local time of the day, with the date when it is another day than now.
+/// For people: the local time, with the date unless it is today.
 std::string LocalTime(Model::Time time, Model::Time now);
 
 /// For people: "12 s ago".

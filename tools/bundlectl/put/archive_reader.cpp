@@ -26,18 +26,18 @@ struct ArchiveEnd {
     void operator()(archive* reader) const { ::archive_read_free(reader); }
 };
 
-/// Why the library has failed; it does not always say.
+/// Why the library has failed. It does not always give a reason.
 std::string ErrorOf(archive* reader)
 {
     const char* const text = ::archive_error_string(reader);
     return text == nullptr ? "the archive is damaged" : Printable(text);
 }
 
-/// Takes an archive's members one after the other, in the order of the list at its beginning. What is not as the list
-/// says is refused, so nothing needs to be known of what archives can hold.
+/// Reads an archive's members one after the other, in the order of the list at its beginning. Refuses everything that
+/// differs from the list, so it does not need to handle other features of archives.
 class Reader {
 public:
-    /// @param directory empty: nothing is written
+    /// @param directory empty: writes nothing
     Reader(const std::string& file, std::string directory, const ArchiveLimits& limits);
 
     Shipped Read();

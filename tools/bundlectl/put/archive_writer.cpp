@@ -33,16 +33,16 @@ struct EntryEnd {
     void operator()(archive_entry* entry) const { ::archive_entry_free(entry); }
 };
 
-/// Writes an archive whose bytes depend on nothing but the files: no times, no owners, no names of this machine.
+/// Writes an archive whose bytes depend only on the files: it has no times, no owners, no names of this machine.
 class Writer {
 public:
-    /// @param hasPlainNames all are ASCII. Others are written as bytes, as in the file system: what they mean depends
-    /// on a locale otherwise. Each member then has a word about that, of which tar warns.
+    /// @param hasPlainNames all names are ASCII. Other names are written as bytes, as in the file system, because
+    /// otherwise their meaning depends on a locale. Each member then has a header about this, and tar prints a warning.
     Writer(const std::string& file, bool hasPlainNames) : m_file(file)
     {
         ::archive_write_set_format_pax_restricted(m_archive.get());
         ::archive_write_add_filter_gzip(m_archive.get());
-        // Without the time and the name that the head of a gzip file may have.
+        // Without the time and the name that a gzip header may have.
         Require(::archive_write_set_options(m_archive.get(), "gzip:!timestamp,gzip:compression-level=9"));
         if (!hasPlainNames) {
             Require(::archive_write_set_options(m_archive.get(), "pax:hdrcharset=BINARY"));
@@ -130,7 +130,7 @@ void Writer::AddFile(const std::string& directory, const Entry& entry)
     }
 }
 
-/// The name of a file that is not whole yet. Removes it unless it is taken.
+/// The name of an incomplete file. The destructor removes the file unless it was completed.
 class UnfinishedFile {
 public:
     explicit UnfinishedFile(std::string path) : m_path(std::move(path)) {}

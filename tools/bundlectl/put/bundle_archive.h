@@ -8,20 +8,20 @@
 
 namespace Put {
 
-/// How much an archive may hold: what it says of itself is not trusted.
+/// The limits of an archive's content: its own statements are not trusted.
 struct ArchiveLimits {
     std::uint64_t size = std::uint64_t{2} * 1024 * 1024 * 1024; ///< of all files together, in bytes
 };
 
-/// What an archive has of a bundle besides its files.
+/// The data of an archive besides the bundle's files.
 struct Shipped {
     Contents contents;
-    std::string text;      ///< of the list of contents
+    std::string text;      ///< the list of contents
     std::string signature; ///< empty: it is not signed
 };
 
 /// Packs a bundle's directory: a tar archive, compressed by gzip. The same files give the same archive, byte by byte.
-/// The file is made in one step: it is there whole, or as it was before.
+/// The file is made in one step: it is complete or unchanged.
 /// @param keyFile the secret key to sign with; empty: none
 /// @throws Refusal
 Shipped Pack(const std::string& directory, const std::string& file, const std::string& keyFile);
@@ -30,8 +30,8 @@ Shipped Pack(const std::string& directory, const std::string& file, const std::s
 /// @throws Refusal when it is broken, truncated or hostile
 Shipped CheckArchive(const std::string& file, const ArchiveLimits& limits);
 
-/// The same, and makes the files below a directory that exists and is empty, with the list and its signature. After a
-/// Refusal the directory holds a part of them.
+/// The same, and also writes the files, the list and its signature into an existing empty directory. After a Refusal,
+/// the directory contains a part of them.
 Shipped Unpack(const std::string& file, const std::string& directory, const ArchiveLimits& limits);
 
 } // namespace Put

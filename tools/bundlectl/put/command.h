@@ -3,7 +3,7 @@
 
 #include "verbs.h"
 
-// The verbs that change a collection or look at what was shipped, a source file each.
+// The verbs that change a collection or examine shipped bundles. Each has its own source file.
 Action DefinePut(Arguments& arguments);
 Action DefineRollback(Arguments& arguments);
 Action DefineVersions(Arguments& arguments);

@@ -122,7 +122,7 @@ bool ByPath(const Entry& left, const Entry& right)
     return left.path < right.path;
 }
 
-/// Each entry once, and each below a directory that is one itself. So no link is on the way to a file.
+/// Each entry is listed once, and its parent is a listed directory. So no link is on the path to a file.
 void RequireTree(const std::vector<Entry>& entries)
 {
     std::set<std::string_view> directories;
@@ -212,7 +212,7 @@ void Walk::Take(const std::string& path, int depth)
     }
 }
 
-/// Why an entry of a directory is not the one of the list; empty when it is.
+/// Why an entry of a directory differs from the list; empty: it does not.
 std::string DifferenceOf(const Entry& shipped, const Entry& present)
 {
     if (shipped.kind != present.kind) {
@@ -250,7 +250,7 @@ std::uint64_t Contents::Size() const
 {
     std::uint64_t size = 0;
     for (const Entry& entry : entries) {
-        // Saturating: sizes come from elsewhere.
+        // Saturates, because the sizes are not trusted.
         size = entry.size > UINT64_MAX - size ? UINT64_MAX : size + entry.size;
     }
     return size;
@@ -281,7 +281,7 @@ Contents ParseContents(std::string_view text)
     if (!std::is_sorted(contents.entries.begin(), contents.entries.end(), ByPath)) {
         throw Refusal("the list of contents is not in order.");
     }
-    // Each list has one form, so that no byte of what is signed goes unread.
+    // Each list has exactly one form, so every signed byte is checked.
     if (contents.Text() != text) {
         throw Refusal("the list of contents is not written as bundlectl pack writes it.");
     }

@@ -9,22 +9,22 @@
 #include <string_view>
 #include <vector>
 
-/// Bundles as they are shipped: packed, signed, put into a collection.
+/// Shipping of bundles: packing, signing, installing into a collection.
 namespace Put {
 
-/// The files that tell of a bundle what was shipped. They lie in its root and are no part of it.
+/// The files that describe the shipped content. They are in the bundle's root and are not part of the bundle.
 constexpr const char CONTENTS_FILE[] = "BundleContents";
 constexpr const char SIGNATURE_FILE[] = "BundleContents.sig";
-/// What put writes into the root of a bundle that it installs.
+/// The file that put writes into the root of an installed bundle.
 constexpr const char VERSION_FILE[] = ".bundlectl";
 
-/// What a bundle consists of. A list that was read leads nowhere outside of the bundle: each path is relative and
-/// stands below directories of the list, and so does what links lead to.
+/// The list of a bundle's files. A list that was read never leads out of the bundle: each path is relative and below
+/// directories of the list, and so are the targets of links.
 struct Contents {
     static constexpr std::size_t MOST_ENTRIES = 65'536;
     static constexpr std::size_t LONGEST_TEXT = std::size_t{16} * 1024 * 1024;
 
-    std::vector<Entry> entries; ///< by path, a directory before what is in it
+    std::vector<Entry> entries; ///< by path, a directory before its entries
 
     std::string Text() const;
     /// The sum of the files' sizes.
@@ -36,12 +36,11 @@ struct Contents {
 Contents ParseContents(std::string_view text);
 
 /// Walks over a directory and hashes its files. Leaves out the three files above.
-/// @throws Refusal when something in it cannot be packed: a device, a link that leads out, a name that cannot be
-/// written
+/// @throws Refusal when an entry cannot be packed: a device, a link that leads out, or a name that cannot be written
 Contents ReadContents(const std::string& directory);
 
-/// Where a directory differs from a list, a sentence each. Files in folders of the items' own, such as "data", may be
-/// added; all of the root, "bin" and "script" is compared.
+/// The differences between a directory and a list, one sentence each. Items may add files in their own folders, such as
+/// "data". The root, "bin" and "script" are compared completely.
 std::vector<std::string> Differences(const std::string& directory, const Contents& shipped);
 
 } // namespace Put

@@ -11,7 +11,7 @@ struct Entry {
     enum Kind : char { FILE = 'f', DIRECTORY = 'd', LINK = 'l' };
 
     Kind kind = FILE;
-    unsigned mode = 0;      ///< permissions; 0 of a link
+    unsigned mode = 0;      ///< permissions; 0 for a link
     std::uint64_t size = 0; ///< of a file
     std::string hash;       ///< of a file: SHA-256, in hexadecimal digits
     std::string target;     ///< of a link

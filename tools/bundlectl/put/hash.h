@@ -8,7 +8,7 @@
 
 namespace Put {
 
-/// SHA-256 of the bytes that are added to it. Used by one thread at a time.
+/// SHA-256 of the added bytes. Used by one thread at a time.
 class Hash {
 public:
     Hash();

@@ -13,12 +13,12 @@ namespace Put {
 
 namespace {
 
-/// What several threads take from: each file once.
+/// The files that several threads hash, each once.
 class Work {
 public:
     Work(const std::string& root, std::vector<Entry>& entries) : m_root(root), m_entries(entries) {}
 
-    /// Hashes files until none is left, or one cannot be read.
+    /// Hashes files until all are done or one cannot be read.
     void Run() noexcept
     {
         try {
@@ -37,7 +37,7 @@ public:
         }
     }
 
-    /// When all threads have ended.
+    /// Called when all threads have ended.
     void RethrowFailure() const
     {
         if (m_failure) {
@@ -53,7 +53,7 @@ private:
     std::exception_ptr m_failure; // guarded by m_mutex while threads run
 };
 
-/// How many threads help: none for a few small files, which are hashed before a thread has started.
+/// The number of additional threads. It is 0 for a few small files, which are hashed before a thread has started.
 std::size_t HelpersFor(const std::vector<Entry>& entries)
 {
     constexpr std::uint64_t much = std::uint64_t{8} * 1024 * 1024;
@@ -77,7 +77,7 @@ void HashFiles(const std::string& root, std::vector<Entry>& entries)
             helpers.emplace_back(&Work::Run, &work);
         }
     } catch (const std::system_error&) {
-        // Without a further thread it only takes longer.
+        // Without an additional thread it only takes longer.
     }
     work.Run();
     for (std::thread& helper : helpers) {

@@ -8,9 +8,9 @@
 
 namespace Put {
 
-/// Reads the files of a list and fills in their hashes and sizes. Where there is much to read, several threads do it,
-/// and all have ended when it returns.
-/// @param root the directory that the paths begin at
+/// Reads the files of a list and fills in their hashes and sizes. Uses several threads for large lists; all have ended
+/// when it returns.
+/// @param root the directory at which the paths begin
 /// @throws Refusal one of them cannot be read
 void HashFiles(const std::string& root, std::vector<Entry>& entries);
 

@@ -18,7 +18,7 @@ namespace Put {
 
 namespace {
 
-/// The list and the signature of a directory that was packed before; both empty when it was not.
+/// The list and the signature of a directory that was packed before; both empty otherwise.
 Shipped ShippedOf(const std::string& directory)
 {
     Shipped shipped;
@@ -30,7 +30,7 @@ Shipped ShippedOf(const std::string& directory)
     return shipped;
 }
 
-/// A place to unpack what only its manifest is wanted of.
+/// A temporary directory to unpack an archive of which only the manifest is needed.
 class Scratch {
 public:
     explicit Scratch(std::string path) : m_path(std::move(path)) { RemoveTree(m_path); }
@@ -40,7 +40,7 @@ public:
     {
         try {
             RemoveTree(m_path);
-        } catch (const Refusal&) { // the next one removes it
+        } catch (const Refusal&) { // the next installation removes it
         }
     }
 
@@ -54,7 +54,7 @@ int Installer::Put()
 {
     m_report.verb = "put";
     ReadSource();
-    // Made under a name that no bundle's directory has, because only the unpacked manifest has the bundle's own name.
+    // Uses a name that no bundle's directory has: the bundle's own name is known only after its manifest is unpacked.
     const std::string staged = m_store.Path() + "/unpacked";
     const Scratch scratch(staged);
     if (::mkdir(staged.c_str(), 0755) != 0 || ::chmod(staged.c_str(), 0755) != 0) {
@@ -80,7 +80,7 @@ int Installer::Put()
     return Await(shelf, installation, verdict);
 }
 
-// Everything that can be refused without writing is refused here.
+// Refuses everything that can be refused without writing.
 void Installer::ReadSource()
 {
     struct stat status {};
@@ -161,7 +161,7 @@ void Installer::Stage(Shelf& shelf)
 {
     const std::string part = shelf.Begin();
     const std::string staged = m_store.Path() + "/unpacked";
-    // In place of the empty directory, which it replaces.
+    // Replaces the empty directory.
     if (std::rename(staged.c_str(), part.c_str()) != 0) {
         throw Refusal(Printable(part) + " cannot be made: " + std::strerror(errno) + ".");
     }

@@ -17,15 +17,15 @@ namespace Put {
 struct InstallOptions {
     CommonOptions common;
     std::string source;    ///< an archive or a bundle's directory
-    std::string key;       ///< a public key that must have signed it; empty: any, or none
-    std::string directory; ///< its name in the collection; empty: as it is, or the bundle's name
+    std::string key;       ///< the public key of the required signature; empty: any signature, or none
+    std::string directory; ///< its name in the collection; empty: its present name, or the bundle's name
     std::string soak = "10s";
     long keep = 3;
-    bool force = false; ///< although lint finds errors
+    bool force = false; ///< install although lint finds errors
 };
 
-/// Brings one version of a bundle into the collection, and goes back to the former one when it does not run there. For
-/// one installation only.
+/// Installs one version of a bundle into the collection. If it does not run there, restores the former version. For one
+/// installation only.
 class Installer {
 public:
     Installer(const Store& store, const InstallOptions& options) : m_store(store), m_options(options) {}
@@ -45,11 +45,11 @@ private:
     const Store& m_store;
     const InstallOptions& m_options;
     bool m_isArchive = false;
-    Contents m_contents; // of a directory
+    Contents m_contents; // list of a source directory
     std::string m_name;
     std::string m_directory;
     std::optional<Placed> m_former;
-    std::optional<int> m_formerNumber; // the version that a failure goes back to
+    std::optional<int> m_formerNumber; // the version that a failure restores
     Report m_report;
 };
 

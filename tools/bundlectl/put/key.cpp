@@ -40,7 +40,7 @@ template <std::size_t SIZE> std::string LineOf(std::string_view kind, const Byte
     return std::string(kind) + text + "\n";
 }
 
-/// False when the text is no such line.
+/// False when the text is not such a line.
 template <std::size_t SIZE> bool ParseLine(std::string_view text, std::string_view kind, Bytes<SIZE>& bytes)
 {
     if (text.substr(0, kind.size()) != kind) {

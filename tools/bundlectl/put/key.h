@@ -15,10 +15,10 @@ struct Keys {
 Keys MakeKeys();
 
 /// The line of a signature file, "bundlectl-signature BASE64".
-/// @throws Refusal the key file cannot be read, or is none
+/// @throws Refusal the key file cannot be read or is not a key file
 std::string Sign(std::string_view text, const std::string& secretKeyFile);
 
-/// @throws Refusal the signature is not that of the text by this key, or one of the two cannot be read
+/// @throws Refusal the signature does not fit the text and this key, or one of the two cannot be read
 void RequireSignature(std::string_view text, std::string_view signature, const std::string& publicKeyFile);
 
 } // namespace Put

@@ -1,5 +1,5 @@
-// What bundlectl does with the bundles of a collection: puts them in, takes them out, compares them with what was
-// shipped.
+// The verbs of bundlectl that change a collection: they install and remove bundles, and compare them with the shipped
+// content.
 #include "command.h"
 #include "command_line.h"
 

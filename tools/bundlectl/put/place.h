@@ -12,7 +12,7 @@ class Arguments;
 
 namespace Put {
 
-/// What the verbs that change a collection have in common.
+/// The options that are common to the verbs that change a collection.
 struct CommonOptions {
     Model::Choice choice;
     std::string patience = "30s"; ///< for the lock and for the server's verdict
@@ -26,8 +26,8 @@ std::chrono::milliseconds SpanOf(const std::string& text);
 /// Says what is wrong with a span.
 std::string FaultOfSpan(const std::string& text);
 
-/// The collection that is meant: that of the option, else the server's, else the installed one.
-/// @throws Refusal when there is none
+/// The collection: the option's, otherwise the server's, otherwise the installed one.
+/// @throws Refusal when no collection is found
 std::string CollectionOf(const Model::Choice& choice);
 
 /// A bundle of the collection, as its manifest names it.
@@ -40,7 +40,7 @@ struct Placed {
 /// Empty when the collection has no bundle of that name.
 std::optional<Placed> FindPlaced(const std::string& collection, const std::string& name);
 
-/// Takes the lock and says on standard error who else is at it.
+/// Takes the lock. If it must wait, prints to standard error which program holds the lock.
 StoreLock LockStore(const Store& store, const std::string& what, const CommonOptions& options);
 
 } // namespace Put

@@ -5,7 +5,7 @@
 
 namespace Put {
 
-/// A verb refuses to go on. The text is a sentence for people, which names the object and, where possible, the way out.
+/// A verb refuses to continue. The text is a sentence for people that names the object and, if possible, the remedy.
 class Refusal : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

@@ -26,7 +26,7 @@ struct Options {
     bool force = false;
 };
 
-/// The bundles that require it, directly or by others, as the log writes their names.
+/// The names, as in the log, of the bundles that require it directly or indirectly.
 std::vector<std::string> DependantsOf(const std::string& collection, const std::string& name)
 {
     const Model::Collection found = Model::ReadCollection(collection, "/");

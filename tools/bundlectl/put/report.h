@@ -7,14 +7,14 @@
 
 namespace Put {
 
-/// What became of a request, for people and for programs.
+/// The result of a request, for people and for programs.
 struct Report {
     const char* verb = "";
     std::string bundle;
     const char* outcome = "";         ///< a word for programs: "active", "went-back"
     std::string text;                 ///< a sentence
     std::vector<std::string> details; ///< further sentences
-    std::optional<int> version;       ///< the one in force; empty: none, or it has no number
+    std::optional<int> version;       ///< the version in force; empty: none, or it has no number
 };
 
 /// Prints it. Returns the status.

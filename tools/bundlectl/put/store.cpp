@@ -24,7 +24,7 @@ namespace Put {
 namespace {
 
 constexpr const char PART[] = "/part"; // a version that is being made
-constexpr const char NEXT[] = "/next"; // a version that is whole, and, once it is installed, the one displaced by it
+constexpr const char NEXT[] = "/next"; // a complete version; after its installation, the version that it has replaced
 constexpr unsigned EXCHANGE = 2;       // the kernel's RENAME_EXCHANGE
 constexpr unsigned NO_REPLACE = 1;     // the kernel's RENAME_NOREPLACE
 
@@ -97,14 +97,14 @@ void WriteVersion(const std::string& path, int number, const std::string& from)
     if (!from.empty()) {
         text += "installed " + Output::Rfc3339(Model::Now()) + "\nfrom " + Printable(from) + "\n";
     }
-    // In one step: a version has its whole file or none.
+    // In one step: a version has its complete file or none.
     const std::string file = path + "/" + VERSION_FILE;
     RemoveTree(file + ".part");
     WriteNewFile(file + ".part", text, 0644);
     Rename(file + ".part", file, 0);
 }
 
-/// The number that a directory of the shelf is named by; 0: another name.
+/// The number that is the name of a stored directory; 0: any other name.
 int NumberIn(const std::string& name)
 {
     int number = 0;
@@ -187,7 +187,7 @@ void Shelf::Tidy()
 {
     RemoveTree(m_path + PART);
     if (ExistsAt(m_path + NEXT)) {
-        // A version that was not installed yet is later than the one in force; one that was displaced is earlier.
+        // A version that is not installed yet is later than the one in force. A replaced version is earlier.
         const bool isInstalled = HasTarget() && ReadVersion(m_path + NEXT).number <= ReadVersion(m_target).number;
         if (isInstalled) {
             KeepDisplaced(m_path + NEXT);
@@ -214,7 +214,7 @@ std::string Shelf::Begin()
 
 int Shelf::Finish(const std::string& from)
 {
-    // One number is left for a version in force that has none.
+    // Reserves one number for a version in force that has none.
     const bool isCounted = !HasTarget() || ReadVersion(m_target).number != 0;
     const int number = HighestNumber() + (isCounted ? 1 : 2);
     WriteVersion(m_path + PART, number, from);
@@ -237,8 +237,8 @@ void Shelf::MoveOrExchange(const std::string& version)
     Sync();
 }
 
-// The directory is named by the number of what is in it. What was never counted takes the number below that which has
-// displaced it.
+// The directory's name is the number of its version. A version without a number gets the number below that of the
+// version that has replaced it.
 int Shelf::KeepDisplaced(const std::string& path)
 {
     int number = ReadVersion(path).number;
@@ -287,7 +287,7 @@ void Shelf::Withdraw()
 
 void Shelf::Drop(int number)
 {
-    // Off the list in one step: what is half removed is no version.
+    // Removes it from the list in one step: a partly removed version is not a version.
     RemoveTree(m_path + PART);
     if (ExistsAt(PathOf(number))) {
         Rename(PathOf(number), m_path + PART, NO_REPLACE);
@@ -322,7 +322,7 @@ std::vector<Version> Shelf::Versions() const
             versions.back().number = number;
         }
     }
-    // One that was never counted and is in force is later than all others.
+    // A version in force without a number is later than all others.
     std::sort(versions.begin(), versions.end(), [](const Version& left, const Version& right) {
         const auto rank = [](const Version& version) { return version.number == 0 ? INT32_MAX : version.number; };
         return rank(left) > rank(right);

@@ -13,11 +13,11 @@
 namespace Put {
 
 /// The directory beside a collection in which versions are made and kept: for /data/bundles, /data/.bundles.bundlectl.
-/// It lies on the collection's file system, so that a version gets into the collection in one step, and outside of the
+/// It is on the collection's file system, so that a version gets into the collection in one step. It is outside of the
 /// collection, so that the server does not see it.
 class Store {
 public:
-    /// Makes the directory where it is missing. @throws Refusal when it cannot lie beside the collection
+    /// Makes the directory if it is missing. @throws Refusal when it cannot be beside the collection
     explicit Store(const std::string& collection);
 
     const std::string& Collection() const { return m_collection; } ///< absolute, without links
@@ -28,13 +28,14 @@ private:
     std::string m_path;
 };
 
-/// One at a time works on a collection. Kept until the object's end; a process that ends gives it up.
+/// The lock of a collection: one program at a time works on it. The destructor releases it, and so does the end of the
+/// process.
 class StoreLock {
 public:
     /// @param what for others that wait: "put radio"
     /// @param patience how long to wait for others
-    /// @param tell called once with who is at it, before a wait
-    /// @throws TimedOut when the others do not end in time
+    /// @param tell called once, before a wait, with the name of the lock's holder
+    /// @throws TimedOut when the other programs do not end in time
     StoreLock(const Store& store, const std::string& what, std::chrono::milliseconds patience,
               const std::function<void(const std::string&)>& tell);
 
@@ -52,34 +53,34 @@ struct Version {
     int number = 0; ///< counted from 1; 0: it was not installed by put
     std::string path;
     std::string installed; ///< RFC 3339; empty: unknown
-    std::string from;      ///< what it was installed from; empty: unknown
+    std::string from;      ///< the source of the installation; empty: unknown
     bool isInForce = false;
 };
 
-/// The versions of one directory of a collection. Each is whole, whenever the process is killed. The caller holds the
-/// lock.
+/// The versions of one directory of a collection. Each stays complete if the process is killed at any moment. The
+/// caller holds the lock.
 class Shelf {
 public:
     /// @param directory the name in the collection
     Shelf(const Store& store, const std::string& directory);
 
-    /// Finishes what a former process has left half done. Comes first.
+    /// Completes the unfinished work of a former process. Must be called first.
     void Tidy();
 
     /// Makes an empty directory for a new version and returns its path.
     std::string Begin();
-    /// Makes the directory a version: what is in it is on the disk afterwards. Returns its number.
+    /// Makes the directory a version, and writes its content to the disk. Returns its number.
     int Finish(const std::string& from);
-    /// Puts the finished version into the collection, in one step. The one that it takes the place of is kept. Returns
-    /// the number of that one; empty when there was none.
+    /// Puts the finished version into the collection, in one step. Keeps the version that it replaces. Returns that
+    /// version's number; empty when there was none.
     std::optional<int> Install();
-    /// Exchanges the version in force for a kept one, in one step; where none is in force, moves it in.
+    /// Exchanges the version in force for a kept one, in one step. If none is in force, moves the kept one in.
     void Restore(int number);
-    /// Takes the version in force out of the collection, in one step, and keeps it.
+    /// Moves the version in force out of the collection, in one step, and keeps it.
     void Withdraw();
     /// Removes a kept version.
     void Drop(int number);
-    /// Removes the oldest kept versions but so many.
+    /// Removes the oldest kept versions, down to this number.
     void Prune(std::size_t keep);
 
     /// The latest first.
@@ -100,7 +101,7 @@ private:
     const std::string m_path;
 };
 
-/// The directories of the collection, present or removed, of which versions may be kept.
+/// The directories of the collection, present or removed, that may have kept versions.
 std::vector<std::string> DirectoriesWithVersions(const Store& store);
 
 } // namespace Put

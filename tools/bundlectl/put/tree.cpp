@@ -67,7 +67,7 @@ void CopyFile(const std::string& from, const std::string& to, const Entry& entry
     file.Finish();
 }
 
-/// Whether the old version's file is the one that was shipped with it.
+/// Whether the old version's file is still as shipped.
 bool IsUnchanged(const std::string& file, const std::string& path, const Contents* shipped)
 {
     const Entry* const entry = shipped == nullptr ? nullptr : shipped->Find(path);
@@ -95,7 +95,7 @@ void Carrier::Carry(const std::string& path)
 {
     struct stat status {};
     if (::lstat((m_from + "/" + path).c_str(), &status) != 0) {
-        return; // the items go on while it is carried
+        return; // the items keep running while files are carried over
     }
     if (S_ISDIR(status.st_mode)) {
         CarryDirectory(path, status);
@@ -103,7 +103,7 @@ void Carrier::Carry(const std::string& path)
         CarryFile(path, status);
     } else if (S_ISLNK(status.st_mode) && !ExistsAt(m_to + "/" + path)) {
         MakeLink(m_to + "/" + path, Model::ReadLink(m_from + "/" + path).value_or("."));
-    } // sockets and FIFOs are made anew by their items
+    } // items make their sockets and FIFOs again
 }
 
 void Carrier::CarryDirectory(const std::string& path, const struct stat& status)
@@ -113,7 +113,7 @@ void Carrier::CarryDirectory(const std::string& path, const struct stat& status)
         MakeDirectory(to, status.st_mode);
     }
     if (!S_ISDIR(StatusOf(to).st_mode)) {
-        return; // what was a folder is something else in the new version
+        return; // the folder is not a folder in the new version
     }
     for (const std::string& name : Model::ListDirectory(m_from + "/" + path).value_or(std::vector<std::string>())) {
         Carry(path + "/" + name);

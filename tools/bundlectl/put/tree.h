@@ -7,11 +7,11 @@
 #include <cstddef>
 #include <string>
 
-/// Files and directories that outlive a power cut: what these functions have made is on the disk when they return, but
+/// Files and directories that survive a power cut. When these functions return, their results are on the disk, except
 /// for the directories' own entries, which SyncTree and SyncFile write out. All throw Refusal.
 namespace Put {
 
-/// A file that is written anew. It must not exist. Without Open it takes what is written and does nothing.
+/// A new file. It must not exist. Without Open, writes have no effect.
 class NewFile {
 public:
     void Open(const std::string& path, unsigned mode);
@@ -26,20 +26,20 @@ private:
 
 void WriteNewFile(const std::string& path, const std::string& content, unsigned mode);
 void MakeLink(const std::string& path, const std::string& target);
-/// Its owner may write it until SetDirectoryModes.
+/// The owner may write to the directory until SetDirectoryModes.
 void MakeDirectory(const std::string& path, unsigned mode);
 void SetDirectoryModes(const std::string& root, const Contents& contents);
 
-/// Copies what the list names. Each file is compared with its hash on the way.
+/// Copies the files of the list. Compares each file with its hash while copying.
 void CopyTree(const std::string& from, const std::string& to, const Contents& contents);
 
-/// Gives a new version what the items have written: all folders of the old one but "bin" and "script". Files are
-/// linked, so that what is written to them in place reaches both versions. What was shipped with the old version and
-/// has not changed since is left to the new one.
+/// Gives a new version the files that the items have written: all folders of the old version except "bin" and "script".
+/// Files are linked, so writes in place reach both versions. For files that were shipped with the old version and have
+/// not changed since, the new version's own files are used.
 /// @param shipped the list of the old version; null when it has none
 void CarryData(const std::string& from, const std::string& to, const Contents* shipped);
 
-/// Removes a directory with all that is in it. One that does not exist is removed already.
+/// Removes a directory with its content. Succeeds if the directory does not exist.
 void RemoveTree(const std::string& path);
 
 /// Writes a file's or a directory's own content out.

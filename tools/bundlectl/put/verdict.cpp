@@ -21,7 +21,7 @@ namespace {
 
 using Model::Fact;
 
-/// What the log tells of one bundle from a moment on.
+/// Collects what the log shows of one bundle from a moment on.
 class Watch {
 public:
     Watch(const Awaited& awaited, pid_t server) : m_awaited(awaited), m_server(server) {}
@@ -30,7 +30,7 @@ public:
 
     bool IsActive() const { return m_isActive; }
     const std::string& Failure() const { return m_failure; }
-    /// Whether the server could not stop the version before, because an item of it was dead at that moment.
+    /// Whether the server could not stop the former version, because one of its items was dead at that moment.
     bool IsHeldByDeadItem() const { return m_isHeldByDeadItem; }
 
 private:
@@ -49,14 +49,14 @@ private:
 
     const Awaited& m_awaited;
     const pid_t m_server;
-    bool m_hasBegun = false; // the server has taken the new version's manifest in
+    bool m_hasBegun = false; // the server has read the new version's manifest
     bool m_isActive = false;
     std::set<pid_t> m_items; // launched since
     std::string m_failure;
     bool m_isHeldByDeadItem = false;
 };
 
-/// In the reason why an update has failed.
+/// A part of the reason for a failed update.
 constexpr const char KILL_FAILED[] = " activator stop :kill process[";
 
 void Watch::Take(const Fact& fact)
@@ -146,8 +146,8 @@ Outcome Verdict::Wait(const Awaited& awaited, std::chrono::milliseconds patience
                                           m_installation.log.why + ")."};
         }
         const Clock::time_point now = Clock::now();
-        // An item that crashes again and again is dead for a second each time, and cannot be killed then. A touched
-        // directory counts as changed, so the server tries once more.
+        // An item that crashes again and again is dead for a second each time and cannot be killed then. Touching the
+        // directory counts as a change, so the server tries once more.
         if (watch.IsHeldByDeadItem() && now < end) {
             since = Model::Now();
             ripe = NEVER;
@@ -174,7 +174,7 @@ Outcome Verdict::Wait(const Awaited& awaited, std::chrono::milliseconds patience
 
 namespace {
 
-/// Whether the server follows the collection, whose path is without links.
+/// Whether the server follows the collection. The path must be without links.
 bool Follows(const Model::ServerProcess& server, const std::string& collection)
 {
     const std::string program = server.program.substr(0, server.program.rfind('/') + 1);

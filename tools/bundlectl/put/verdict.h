@@ -9,13 +9,13 @@
 
 namespace Put {
 
-/// A bundle whose directory has just been put in place.
+/// A bundle whose directory has just been installed.
 struct Awaited {
     std::string bundle;    ///< its name
     std::string directory; ///< its directory's name in the collection
 };
 
-/// What the server made of a bundle, told by its log.
+/// The result of a bundle's start, according to the server's log.
 struct Outcome {
     enum Kind {
         ACTIVE,     ///< it has become Active, and no item has died
@@ -31,11 +31,11 @@ struct Outcome {
 /// Follows the log of a server from a moment on.
 class Verdict {
 public:
-    /// Takes the moment: what is logged before it does not count.
+    /// Sets the moment. Earlier records do not count.
     explicit Verdict(const Model::Installation& installation);
 
-    /// @param patience how long the bundle may take to become Active
-    /// @param soak how long its items must live then
+    /// @param patience the longest time for the bundle to become Active
+    /// @param soak the time for which its items must live then
     Outcome Wait(const Awaited& awaited, std::chrono::milliseconds patience, std::chrono::milliseconds soak) const;
 
 private:
@@ -43,7 +43,7 @@ private:
     const Model::Time m_since;
 };
 
-/// The installation whose server works on a collection; its server is empty when none does.
+/// The installation whose server works on a collection; its server is empty if no server does.
 Model::Installation FindServerOf(const std::string& collection, const Model::Choice& choice);
 
 } // namespace Put

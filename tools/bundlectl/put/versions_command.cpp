@@ -23,13 +23,13 @@ struct Options {
     long to = 0;
 };
 
-/// The directory that has, or had, the bundle of that name. Empty when there is none.
+/// The directory that has, or had, the bundle of that name; empty: none.
 std::string DirectoryOf(const Store& store, const std::string& name)
 {
     if (const auto placed = FindPlaced(store.Collection(), name)) {
         return placed->directory;
     }
-    // It was removed: its versions tell what it was called.
+    // The bundle was removed: its versions contain its name.
     for (const std::string& directory : DirectoriesWithVersions(store)) {
         if (FindPlaced(store.Path() + "/versions/" + directory, name)) {
             return directory;
@@ -93,7 +93,7 @@ int RunVersions(const Options& options)
     return List(options, shelf.Versions());
 }
 
-/// The version that is asked for, else the latest that is kept and earlier than the one in force.
+/// The requested version; otherwise the latest kept version that is earlier than the one in force.
 int ChooseVersion(const Options& options, const std::vector<Version>& versions)
 {
     if (options.to != 0) {

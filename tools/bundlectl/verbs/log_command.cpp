@@ -38,10 +38,10 @@ struct Options {
     bool json = false;
 };
 
-/// What is to be shown.
+/// The records to show.
 struct Filter {
     std::string bundle; ///< empty: all
-    int level = 0;      ///< and above
+    int level = 0;      ///< this level and above
     std::optional<Time> since;
     std::optional<Time> until;
 
@@ -62,7 +62,7 @@ std::string JsonOf(const LogRecord& record, const std::string& bundle)
     return json.End().Text();
 }
 
-/// Prints records until there are no more, or no more yet.
+/// Prints records up to the present end of the log.
 class Printer {
 public:
     Printer(const Filter& filter, bool json, const Model::Collection& collection)
@@ -79,7 +79,7 @@ public:
         }
     }
 
-    /// False when standard output takes no more.
+    /// False when standard output cannot be written any more.
     bool PrintAll(LogReader& reader)
     {
         LogLine line;
@@ -92,7 +92,7 @@ public:
 
     bool HasPrinted() const { return m_hasPrinted; }
 
-    /// The records that are wanted lie behind.
+    /// Whether all requested records have been read.
     bool IsOver() const { return m_isOver; }
 
 private:
@@ -114,7 +114,7 @@ private:
         }
     }
 
-    // What items print has no bundle and no level, but may be what is looked for.
+    // Items' output has no bundle and no level, but may contain the searched text.
     void PrintForeign(const LogLine& line)
     {
         if (m_filter.IsOpen() && m_isInside && !m_json) {
@@ -150,7 +150,7 @@ private:
     bool m_isOver = false;
 };
 
-// The end of the file's last record but a few.
+// The offset of the last few records.
 std::uint64_t OffsetOfLast(const std::string& path)
 {
     constexpr off_t shown = 2048;
@@ -160,7 +160,7 @@ std::uint64_t OffsetOfLast(const std::string& path)
                : 0;
 }
 
-// What has been printed is read again by nobody: the follower goes on where the reader has ended.
+// Records are not printed twice: the follower continues where the reader has ended.
 int FollowFile(Printer& printer, const std::string& path, const Filter& filter)
 {
     std::uint64_t offset = OffsetOfLast(path);

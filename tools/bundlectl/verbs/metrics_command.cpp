@@ -22,7 +22,7 @@ struct Options {
     bool json = false;
 };
 
-/// The node exporter reads the older text format, in which a counter's family has "_total" in its name too.
+/// The node exporter reads the older text format, in which the name of a counter's family also ends in "_total".
 enum class Format { OPEN_METRICS, TEXT_FILE };
 
 std::string Number(double value)
@@ -93,7 +93,7 @@ int Measure(const Options& options)
     if (!options.json) {
         Verbs::TellNotes(snapshot->notes);
     }
-    // That no server runs is a fact to be measured, not a failure.
+    // A server that does not run is a measured value, not a failure.
     if (!options.file.empty()) {
         return ReplaceFile(options.file, Text(metrics, Format::TEXT_FILE)) ? EXIT_DONE : EXIT_FAILED;
     }

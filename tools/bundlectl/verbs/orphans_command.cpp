@@ -34,10 +34,10 @@ struct Orphan {
     Model::ProcessStat stat;
     std::string bundle;
     std::string item;
-    std::string program; ///< empty: it may not be seen
+    std::string program; ///< empty: it may not be read
     std::vector<std::string> sockets;
     std::string
-        fate; ///< "TERM" or "KILL", by which it has ended; "left": it has not been touched; else what went wrong
+        fate; ///< "TERM" or "KILL": the signal that ended it; "left": it was not touched; otherwise the error text
 };
 
 std::vector<Orphan> FindOrphans(const Model::Snapshot& snapshot, const Model::Proc& proc)
@@ -54,7 +54,7 @@ std::vector<Orphan> FindOrphans(const Model::Snapshot& snapshot, const Model::Pr
     return orphans;
 }
 
-/// All are asked first, so that they take their time together.
+/// First asks all processes to end, so that they end at the same time.
 void End(std::vector<Orphan>& orphans, std::chrono::seconds grace, const Model::Proc& proc)
 {
     std::vector<std::unique_ptr<EndingProcess>> held;

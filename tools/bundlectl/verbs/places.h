@@ -10,7 +10,7 @@
 
 class Arguments;
 
-/// What verbs have in common: their options, their notes, their complaints.
+/// The options, notes and error messages that verbs share.
 namespace Verbs {
 
 /// Adds --config, --collection and --log.
@@ -18,29 +18,29 @@ void AddPlaces(Arguments& arguments, Model::Choice& choice);
 void AddJson(Arguments& arguments, bool& json);
 void AddName(Arguments& arguments, std::string& name, bool isRequired);
 
-/// What is wrong with a point in time that somebody has typed; empty: nothing.
+/// The fault of a typed point in time; empty: valid.
 std::string FaultOfTime(const std::string& text);
 
-/// Writes a sentence each to standard error: what could not be seen.
+/// Writes the notes about what could not be read to standard error, one sentence each.
 void TellNotes(const std::vector<std::string>& notes);
 
-/// Writes to standard output. Returns the exit status, or another one when standard output takes no more.
+/// Writes to standard output. Returns the given exit status, or a failure when standard output cannot be written.
 int Print(const std::string& text, int status);
 
-/// The bundles of that name. A directory whose manifest gives no name goes by its own.
+/// The bundles of that name. A directory whose manifest has no name uses its own name.
 std::vector<const Model::BundleStatus*> FindByName(const std::vector<Model::BundleStatus>& bundles,
                                                    const std::string& name);
 
-/// Says on standard error that there is no bundle of that name. Returns the exit status.
+/// Prints to standard error that no bundle has this name. Returns the exit status.
 int TellUnknown(const std::string& name, const std::vector<Model::BundleStatus>& bundles);
 
 /// The last part of the path of a bundle's directory.
 std::string_view DirectoryName(const Model::BundleStatus& bundle);
 
-/// Its name; of a directory whose manifest gives none, its own and a "/".
+/// The bundle's name. If the manifest has none, the directory's name and a "/".
 std::string NameToShow(const Model::BundleStatus& bundle);
 
-/// "process", "thread", or the number of a mode that there is not.
+/// "process", "thread", or the number of an unknown mode.
 std::string NameOfMode(int mode);
 
 } // namespace Verbs

@@ -37,7 +37,7 @@ class Recorder {
 public:
     explicit Recorder(const std::string& file) : m_file(file), m_boot(Model::BootId()) {}
 
-    /// Records what runs now and is not in the file yet.
+    /// Records the running items that are not in the file yet.
     void RecordAll(const Model::Snapshot& snapshot)
     {
         const std::vector<RecordedLaunch> known = m_file.Read();
@@ -56,13 +56,13 @@ public:
     void Take(const Fact& fact)
     {
         const auto stat = fact.kind == Fact::ITEM_LAUNCHED ? m_proc.Stat(fact.pid) : std::nullopt;
-        // Another process may have the number by now; the server's child is the one that is meant.
+        // Another process may have the pid by now, so only a child of the server is recorded.
         if (stat && stat->parent == fact.server && !fact.bundle.empty()) {
             Append(*stat, fact.server, fact.bundle, fact.item);
         }
     }
 
-    /// What went wrong, errno; 0: nothing.
+    /// The errno of a failure; 0: none.
     int Error() const { return m_error; }
 
 private:
@@ -95,12 +95,12 @@ std::unique_ptr<Model::LogSource> Follow(const LogLocation& log)
     return Model::OpenLog(log, {Model::Now(), 0, true});
 }
 
-// A signal ends it at any moment: a launch is appended by one write.
+// A signal may end it at any moment, because a launch is appended by one write.
 int Record(const Options& options)
 {
     Recorder recorder(options.file);
     const LogLocation log = Model::FindInstallation(options.choice, Model::Proc()).log;
-    // Before what runs is looked at, so that no launch is missed between the two.
+    // Opened before the running items are read, so that no launch is missed in between.
     LogReader reader(Follow(options.once ? LogLocation() : log), LogReader::LastLine::LEAVE);
     Model::Attribution attribution([&recorder](const Fact& fact) { recorder.Take(fact); });
     const auto snapshot = Model::TakeSnapshot(options.choice, Model::LogDepth::SERVER);

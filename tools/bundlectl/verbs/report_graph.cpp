@@ -50,8 +50,8 @@ Nodes NodesOf(const std::vector<BundleStatus>& bundles)
     return nodes;
 }
 
-// Each step moves a bundle to the right of what it requires. In a circle that never ends, so there are as many steps as
-// bundles at most.
+// Each step moves a bundle to the right of the bundles that it requires. In a circle this never ends, so the number of
+// steps is at most that of the bundles.
 void Arrange(Nodes& nodes)
 {
     bool hasMoved = true;
@@ -79,7 +79,7 @@ std::string Place(int number)
     return std::to_string(number);
 }
 
-// A line that passes other columns runs between the rows, so that it crosses no box.
+// A line across other columns runs between the rows, so that it crosses no box.
 std::string LineTo(const Node& from, const Node& to)
 {
     constexpr int bend = 18;

@@ -8,7 +8,8 @@
 
 namespace Verbs {
 
-/// Who requires whom, as SVG: a bundle stands to the right of all that it requires. Empty when there are no bundles.
+/// The requirements between bundles, as SVG. A bundle is to the right of all bundles that it requires. Empty without
+/// bundles.
 std::string DependencyGraph(const std::vector<Model::BundleStatus>& bundles);
 
 } // namespace Verbs

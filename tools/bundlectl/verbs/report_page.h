@@ -10,18 +10,18 @@
 
 namespace Verbs {
 
-/// What a report tells.
+/// The content of a report.
 struct Report {
     const Model::Snapshot& snapshot;
     const std::vector<Model::BundleStatus>& bundles;
     std::vector<Model::Finding> findings;
-    std::optional<Model::Timeline> timeline; ///< empty: the log has no start-up
+    std::optional<Model::Timeline> timeline; ///< empty: no start-up in the log
     std::vector<std::string> errors;         ///< the log's last errors, as written
     std::vector<std::pair<std::string, std::string>> versions;
 };
 
-/// One HTML page that needs no network: styles and pictures are in it, and it has no script. Values of environment
-/// variables are not among what it is made of.
+/// One HTML page that needs no network. It contains its styles and pictures, and has no script. It does not contain
+/// values of environment variables.
 std::string ReportPage(const Report& report);
 
 } // namespace Verbs

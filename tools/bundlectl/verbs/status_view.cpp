@@ -31,7 +31,7 @@ std::string BriefReason(const Snapshot& snapshot, const BundleStatus& bundle)
 {
     std::string brief;
     for (const Model::Reason& reason : Model::ReasonsOf(snapshot, bundle, false)) {
-        const bool isOfServer = std::string_view(reason.kind) == "server-down"; // stands above the table
+        const bool isOfServer = std::string_view(reason.kind) == "server-down"; // shown above the table
         if (!reason.brief.empty() && !isOfServer) {
             brief += (brief.empty() ? "" : "; ") + reason.brief;
         }
@@ -74,7 +74,7 @@ std::string SumLine(const std::vector<BundleStatus>& bundles)
     return line + "\n";
 }
 
-/// What an item uses.
+/// The resources that an item uses.
 struct Usage {
     std::string uptime;
     std::string cpu;

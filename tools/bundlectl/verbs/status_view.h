@@ -9,15 +9,15 @@
 
 namespace Verbs {
 
-/// A line a bundle, with a line about the server above and one that sums up below.
+/// One line for each bundle, with a line about the server above and a summary below.
 std::string StatusTable(const Model::Snapshot& snapshot, const std::vector<Model::BundleStatus>& bundles,
                         const Output::Terminal& terminal);
 
-/// All about one bundle: its items with what they use.
+/// The details of one bundle: its items and the resources that they use.
 std::string StatusDetails(const Model::Snapshot& snapshot, const Model::BundleStatus& bundle,
                           const Output::Terminal& terminal);
 
-/// For programs. @param withDetails what items use is measured too
+/// For programs. @param withDetails also measures the resources that items use
 std::string StatusJson(const Model::Snapshot& snapshot, const std::vector<const Model::BundleStatus*>& bundles,
                        bool withDetails);
 
@@ -25,7 +25,7 @@ std::string StatusJson(const Model::Snapshot& snapshot, const std::vector<const 
 Output::Mark MarkOf(const Model::BundleStatus& bundle);
 Output::Colour ColourOf(const Model::BundleStatus& bundle);
 
-/// "Active", or what stands in its place for a directory that is not taken in.
+/// "Active", or a replacement for a directory that is not loaded.
 std::string NameOfState(const Model::BundleStatus& bundle);
 
 } // namespace Verbs

@@ -35,7 +35,7 @@ std::optional<Timeline> Read(const Model::LogLocation& log, const TimelineReques
     return timeline;
 }
 
-/// Reads the timeline of the server that is meant. Empty, after a sentence, when there is none.
+/// Reads the timeline of the selected server. If there is none, prints a sentence and returns an empty value.
 std::optional<Timeline> ReadOfServer(const Options& options)
 {
     const Model::Time now = Model::Now();
@@ -43,7 +43,7 @@ std::optional<Timeline> ReadOfServer(const Options& options)
     TimelineRequest request;
     request.from = options.from.empty() ? std::nullopt : Model::ParsePointInTime(options.from, now);
     request.to = options.to.empty() ? std::nullopt : Model::ParsePointInTime(options.to, now);
-    // A log that the user names need not be the running server's.
+    // A log that the user names may not be the running server's.
     const bool isItsLog = options.choice.log.empty() && installation.server;
     request.server = isItsLog ? installation.server->stat.pid : 0;
     if (options.choice.log.empty() || installation.log.kind == Model::LogLocation::NOWHERE) {

@@ -47,9 +47,9 @@ std::vector<const TimelineBundle*> ByCost(const Timeline& timeline)
     return bundles;
 }
 
-/// What a bundle, or the start-up as a whole, took before and after.
+/// The time that a bundle, or the whole start-up, took before and after.
 struct Pair {
-    std::string name; ///< empty: the start-up as a whole
+    std::string name; ///< empty: the whole start-up
     std::optional<Microseconds> before;
     std::optional<Microseconds> after;
 

@@ -8,11 +8,11 @@
 
 namespace Verbs {
 
-/// The bundles by the time that each cost, the most expensive first.
+/// The bundles by the time that each took, the slowest first.
 std::string BlameText(const Model::Timeline& timeline, const Output::Terminal& terminal);
 std::string BlameJson(const Model::Timeline& timeline);
 
-/// Two start-ups side by side, what became slower first.
+/// Two start-ups side by side. Bundles that became slower come first.
 struct Comparison {
     std::string text;
     std::string json;

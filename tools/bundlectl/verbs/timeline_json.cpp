@@ -35,7 +35,7 @@ void WriteBundle(JsonWriter& json, const TimelineBundle& bundle)
     json.End().Member("omitted", bundle.omitted).End();
 }
 
-/// Events for a trace viewer: one of its processes is the server, a thread of it a bundle.
+/// Events for a trace viewer. The server is a process, and each bundle is a thread of it.
 class TraceWriter {
 public:
     explicit TraceWriter(const Timeline& timeline) : m_timeline(timeline)

@@ -18,8 +18,8 @@ using Model::TimelineMark;
 namespace {
 
 constexpr int WIDTH = 960;
-constexpr int LABELS = 170; ///< of it, for the names
-constexpr int COSTS = 80;   ///< of it, for the seconds at the end of a row
+constexpr int LABELS = 170; ///< part of it for the names
+constexpr int COSTS = 80;   ///< part of it for the seconds at the end of a row
 constexpr int TOP = 46;
 constexpr int ROW = 24;
 constexpr int BAR = 14;
@@ -112,7 +112,7 @@ private:
                   Output::Markup(title + ", " + Seconds(to - from)) + "</title></rect>";
     }
 
-    // The shapes differ, so that colours are not needed to tell them.
+    // The shapes differ, so that they can be distinguished without colours.
     void DrawMark(const std::string& kind, double x, double y, const std::string& title)
     {
         const std::string place =

@@ -22,7 +22,7 @@ namespace {
 constexpr std::size_t WIDEST_NAME = 20;
 constexpr std::size_t COST_WIDTH = 10;
 
-/// One column of a bar. What is more important hides what is less.
+/// One column of a bar. More important things hide less important ones.
 struct Cell {
     const char* utf8;
     char ascii;
@@ -67,7 +67,7 @@ const Cell& CellOf(TimelineMark::Kind kind)
     return *cells[kind];
 }
 
-/// Where in a bar a moment lies.
+/// The position of a moment in a bar.
 class Scale {
 public:
     Scale(const Timeline& timeline, std::size_t columns)

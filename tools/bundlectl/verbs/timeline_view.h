@@ -8,13 +8,13 @@
 
 namespace Verbs {
 
-/// A bar a bundle, for terminals and files.
+/// One bar for each bundle, for terminals and files.
 std::string TimelineText(const Model::Timeline& timeline, const Output::Terminal& terminal);
 
-/// A picture of its own: no network, no script, light and dark.
+/// A self-contained picture: no network, no script, light and dark.
 std::string TimelineSvg(const Model::Timeline& timeline);
 
-/// For programs, by the schema.
+/// For programs, in the form of the schema.
 std::string TimelineJson(const Model::Timeline& timeline);
 
 /// For a trace viewer: the Trace Event Format.

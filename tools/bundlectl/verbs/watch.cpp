@@ -21,7 +21,7 @@ namespace {
 constexpr const char HIDE_CURSOR[] = "\033[?25l\033[2J";
 constexpr const char SHOW_CURSOR[] = "\033[?25h\n";
 
-/// Keys arrive at once and are not shown, as long as it lives.
+/// While it lives, keys arrive at once and are not shown.
 class RawKeys {
 public:
     RawKeys()
@@ -49,7 +49,7 @@ private:
     bool m_isTerminal = false;
 };
 
-/// The cursor is hidden, as long as it lives.
+/// While it lives, the cursor is hidden.
 class HiddenCursor {
 public:
     HiddenCursor() { Write(HIDE_CURSOR); }
@@ -71,7 +71,7 @@ public:
     }
 };
 
-/// Each line overwrites the one that stood there, to its end; what stood below is cleared.
+/// Each line completely overwrites the former one. The rest of the screen below is cleared.
 std::string Picture(const std::string& text, std::size_t rows)
 {
     std::string picture = "\033[H";
@@ -84,7 +84,7 @@ std::string Picture(const std::string& text, std::size_t rows)
     return picture + "\033[J";
 }
 
-/// What has ended a wait.
+/// The reason for the end of a wait.
 enum class Cause { TIME, RESIZE, QUIT };
 
 Cause Await(int signals, bool hasKeys, std::chrono::milliseconds interval)

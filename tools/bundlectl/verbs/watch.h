@@ -9,11 +9,10 @@
 
 namespace Verbs {
 
-/// Draws a text on the terminal again and again, until the user presses q or Ctrl-C. A picture is written over the one
-/// before in one go, so that nothing flickers; a new size of the terminal draws at once. The terminal is left as it
-/// was.
-/// @param draw makes the text; its lines beyond the terminal's are left out
-/// Returns the exit status.
+/// Draws a text on the terminal again and again, until the user presses q or Ctrl-C. Each picture overwrites the one
+/// before in a single write, so that nothing flickers. A change of the terminal's size draws at once. The terminal is
+/// restored at the end.
+/// @param draw makes the text; lines beyond the terminal's height are omitted Returns the exit status.
 int Watch(std::chrono::milliseconds interval, const std::function<std::string(const Output::Terminal&)>& draw);
 
 } // namespace Verbs
