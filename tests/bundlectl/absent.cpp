@@ -1,4 +1,4 @@
-// A library that is taken away from the one that needs it.
+// A library that the test removes, although another library needs it.
 extern "C" int Absent();
 
 int Absent()

@@ -1,4 +1,4 @@
-// What bundlectl delete, wait and events do beside a real server, beyond one request.
+// bundlectl delete, wait and events with a real server, beyond one request.
 #include "bundlectl/verb_test.h"
 
 #include "support/private_mnt.h"
@@ -112,7 +112,7 @@ TEST_F(WaitVerb, SaysWhatIsMissingWhenTheTimeIsOver)
     EXPECT_EQ(Run({"wait", "radio", "--for", "serving"}).status, 2);
     EXPECT_EQ(Run({"wait", "--for", "active"}).status, 2);
     daemon.Stop();
-    // Named, or the server of a test that runs at the same time would do.
+    // Names the server: otherwise the server of a parallel test would be accepted.
     const std::string path = collection.Path();
     EXPECT_EQ(Run({"wait", "radio", "--for", "active", "--timeout", "1s", "--collection", path}).status, 4);
 }

@@ -1,4 +1,4 @@
-// bundlectl doctor: each finding beside a real server.
+// bundlectl doctor: each finding, with a real server.
 #include "bundlectl/verb_test.h"
 
 #include "model/findings.h"
@@ -28,7 +28,7 @@ const auto* const g_privateMnt = ::testing::AddGlobalTestEnvironment(new Private
 
 class Doctor : public VerbTest {
 public:
-    /// The sentences about one kind of finding; empty when there are none.
+    /// The sentences about one kind of finding; empty: none.
     std::string About(const std::string& kind, std::vector<std::string> arguments = {})
     {
         arguments.insert(arguments.begin(), {"doctor", "--json"});
@@ -42,7 +42,7 @@ public:
         return ended.output.substr(at, ended.output.find('}', at) - at);
     }
 
-    /// What the model finds when the moment is another.
+    /// The model's findings at another moment.
     static std::string FoundAt(const std::function<void(Model::Snapshot&)>& change, const Model::MachinePlaces& places)
     {
         const Model::Proc proc;
@@ -55,7 +55,7 @@ public:
         return found;
     }
 
-    /// The tests that run at the same time leave processes of their own servers on this machine.
+    /// Parallel tests leave processes of their own servers on this machine.
     void LeaveOutProcessesOfOtherTests(Model::Snapshot& snapshot) const
     {
         const auto isOfAnotherTest = [this](const Model::BundleProcess& process) {
@@ -68,7 +68,7 @@ public:
         processes.erase(std::remove_if(processes.begin(), processes.end(), isOfAnotherTest), processes.end());
     }
 
-    /// Puts a small file system in the collection's place until the test ends.
+    /// Mounts a small file system in the collection's place until the test ends.
     bool MountCollection(unsigned long flags, const std::string& options)
     {
         m_isMounted = ::mount("none", collection.Path().c_str(), "tmpfs", flags, options.c_str()) == 0;

@@ -35,7 +35,7 @@ std::vector<std::string> Sources()
     return sources;
 }
 
-/// Texts that are put together from pieces, and how the table has them.
+/// Texts that the server builds from pieces, and their form in the table.
 const std::vector<std::pair<std::string, std::string>> COMPOSED = {
     {R"(BUNDLE_ERROR("%s", ("failed to load bundles from " + path + ":" + e.displayText()).c_str()))",
      "failed to load bundles from %s:%s"},
@@ -80,7 +80,7 @@ std::set<std::string> TableTexts()
     return texts;
 }
 
-/// The text as a record has it: with something in place of each placeholder.
+/// The text as in a record, with a value in place of each placeholder.
 std::string FilledIn(const std::string& text)
 {
     const std::string words = std::regex_replace(text, std::regex("%s"), "radio.x");

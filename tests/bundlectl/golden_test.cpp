@@ -11,7 +11,7 @@
 
 namespace {
 
-/// What bundlectl makes of the log; the same as the file says.
+/// The output of bundlectl for the log, and the file's content.
 std::string Picture(const std::vector<std::string>& options, const std::string& file)
 {
     std::vector<std::string> arguments = {"timeline", "--log", GOLDEN "/start_up.log"};

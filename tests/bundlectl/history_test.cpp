@@ -1,4 +1,4 @@
-// What the model makes of the log of a real server.
+// The model's history from the log of a real server.
 #include "model/attribution.h"
 #include "model/history.h"
 #include "model/log_reader.h"

@@ -20,7 +20,7 @@ std::string ListOf(std::vector<pid_t> pids)
     return "[" + text + "]";
 }
 
-/// Collects what a text lacks.
+/// Collects the parts that a text lacks.
 class Comparison {
 public:
     explicit Comparison(std::string text) : m_text(std::move(text)) {}
@@ -61,7 +61,7 @@ void CompareItem(Comparison& comparison, const KnownItem& item, bool isLogCut)
     }
 }
 
-/// Empty where that is uncertain.
+/// Empty: uncertain.
 std::optional<bool> IsHealthy(const KnownBundle& bundle)
 {
     bool isCertain = true;

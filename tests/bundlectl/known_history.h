@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-/// An item, as the test has caused it to be.
+/// An item in the state that the test has caused.
 struct KnownItem {
     using Clock = std::chrono::steady_clock;
 
@@ -21,7 +21,7 @@ struct KnownItem {
     int relaunches = 0;
     std::vector<Clock::time_point> relaunchTimes;
     std::string lastEnd = "null"; ///< as JSON, without its time
-    std::vector<pid_t> further;   ///< processes that a killed server has left
+    std::vector<pid_t> further;   ///< processes that a killed server has left behind
 
     /// Whether its relaunches are a crash loop. Empty near the bounds of time, where a second decides.
     std::optional<bool> IsCrashLooping(Clock::time_point now) const;
@@ -32,12 +32,12 @@ struct KnownBundle {
     std::vector<KnownItem> items;
 };
 
-/// What a test knows to be true of all bundles of a server.
+/// The known state of all bundles of a server.
 struct KnownHistory {
     std::map<std::string, KnownBundle> bundles;
-    bool isLogCut = false; ///< the part of the log that tells how the bundles came is lost
+    bool isLogCut = false; ///< the part of the log with the loading of the bundles is lost
 
-    /// Whether "status --json" says the same, with its exit status.
+    /// Whether "status --json" and its exit status agree.
     ::testing::AssertionResult Matches(const std::string& json, int status) const;
 };
 

@@ -143,7 +143,7 @@ TEST_F(ALogThatIsRotated, IsReadFromATimeOn)
         EXPECT_LE(std::stoi(messages.front()), second);
         EXPECT_EQ(messages.back(), "49999");
     }
-    // Records long before it are not read.
+    // Much earlier records are not read.
     EXPECT_GT(PlaceOfTime({Path()}, START + 49'000s).offset, text.size() / 2);
 }
 

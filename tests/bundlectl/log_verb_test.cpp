@@ -1,4 +1,4 @@
-// bundlectl log, beside a real server and on recorded logs.
+// bundlectl log, with a real server and on recorded logs.
 #include "bundlectl/verb_test.h"
 
 #include "support/private_mnt.h"

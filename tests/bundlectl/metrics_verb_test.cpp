@@ -1,4 +1,4 @@
-// bundlectl metrics and record, beside a real server.
+// bundlectl metrics and record, with a real server.
 #include "bundlectl/verb_test.h"
 
 #include "model/recorder_file.h"

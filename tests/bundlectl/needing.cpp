@@ -1,4 +1,4 @@
-// A library item that needs a library which no device has.
+// A library item that needs a library which does not exist on any device.
 extern "C" int Absent();
 extern "C" int Needing();
 

@@ -1,5 +1,5 @@
-// An item that a test ends as it likes: by SIGUSR1 with a status that lets it rest, by SIGUSR2 with one that asks for a
-// relaunch, by any other signal as that signal does.
+// An item that a test can end in several ways. SIGUSR1: a status that causes no relaunch. SIGUSR2: a status that causes
+// a relaunch. Any other signal has its default effect.
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -9,7 +9,7 @@ int main()
 {
     constexpr int rest = 5;
     constexpr int relaunch = 2;
-    // A sanitizer handles the signals of a fault. No core dumps are needed.
+    // Resets the signals of a fault, because a sanitizer handles them. Core dumps are not needed.
     for (int signal = 1; signal < SIGRTMIN; ++signal) {
         static_cast<void>(std::signal(signal, SIG_DFL));
     }

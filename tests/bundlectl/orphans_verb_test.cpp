@@ -1,4 +1,4 @@
-// bundlectl orphans, beside what a killed server leaves.
+// bundlectl orphans, with the processes that a killed server leaves.
 #include "bundlectl/verb_test.h"
 
 #include "support/private_mnt.h"

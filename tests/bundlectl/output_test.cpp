@@ -1,4 +1,4 @@
-// bundlectl's tables, its JSON, and what a terminal can show.
+// bundlectl's tables, its JSON, and the abilities of a terminal.
 #include "output/json_writer.h"
 #include "output/table.h"
 

@@ -1,6 +1,6 @@
 // bundlectl status after random histories: bundles come, change and go, items die and rest, the server is killed, its
-// log is rotated and parts of it are lost. The test knows what is true of all that, because it has caused it or sees it
-// in /proc, and status must say the same.
+// log is rotated and parts of it are lost. The test knows the true state, because it has caused it or sees it in /proc.
+// status must agree.
 #include "bundlectl/known_history.h"
 #include "bundlectl/verb_test.h"
 
@@ -87,7 +87,7 @@ private:
         return text;
     }
 
-    /// Gives the bundle one to three items. Those that stay keep what is known of them.
+    /// Gives the bundle one to three items. Remaining items keep their known state.
     void ChooseItems(KnownBundle& bundle)
     {
         std::vector<KnownItem> items;
@@ -215,7 +215,7 @@ private:
         return "removed " + name;
     }
 
-    /// As logrotate does with "copytruncate"; now and then what it has kept is lost.
+    /// Rotates like logrotate with "copytruncate". Sometimes removes the rotated file.
     std::string Rotate()
     {
         const std::string log = daemon.LogFile();
@@ -263,7 +263,7 @@ private:
         return "killed the server and ended what it left";
     }
 
-    /// Whether status says what is true, within a time in which the server can do what it has to.
+    /// Whether status shows the true state, within the time that the server needs.
     ::testing::AssertionResult IsTold(const std::string& what)
     {
         ::testing::AssertionResult result = ::testing::AssertionFailure();

@@ -1,4 +1,4 @@
-// How bundlectl reads the words after a verb.
+// Tests how bundlectl reads the words after a verb.
 #include "reading.h"
 
 #include <gtest/gtest.h>
@@ -26,7 +26,7 @@ public:
         m_arguments.AddFlag("-j,--json", "for programs", json);
     }
 
-    /// Empty when nothing is wrong.
+    /// Empty: no fault.
     std::string FaultOf(const std::vector<std::string>& words)
     {
         const Reading reading = ReadWords(m_arguments, words);

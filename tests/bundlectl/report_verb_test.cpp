@@ -1,4 +1,4 @@
-// bundlectl report, beside a real server.
+// bundlectl report, with a real server.
 #include "bundlectl/verb_test.h"
 
 #include "support/private_mnt.h"
@@ -13,7 +13,7 @@ const auto* const g_privateMnt = ::testing::AddGlobalTestEnvironment(new Private
 
 class ReportVerb : public VerbTest {};
 
-/// Prints the page's text, a piece a line. Fails when a tag is not closed, or something is loaded from elsewhere.
+/// Prints the page's text, one piece on each line. Fails when a tag is not closed, or the page loads something.
 constexpr const char READER[] = R"(
 import html.parser, sys
 class Reader(html.parser.HTMLParser):

@@ -1,4 +1,4 @@
-// Which processes bundlectl takes for bundle servers, by a /proc of the test's own.
+// Tests which processes bundlectl treats as bundle servers, with a /proc of the test's own.
 #include "model/server_process.h"
 
 #include "support/files.h"

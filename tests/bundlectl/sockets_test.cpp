@@ -1,4 +1,4 @@
-// Which sockets of a process bundlectl sees.
+// Tests which sockets of a process bundlectl sees.
 #include "model/sockets.h"
 
 #include "common/unique_fd.h"
@@ -26,7 +26,7 @@ bool Has(const std::vector<std::string>& all, const std::string& one)
     return std::find(all.begin(), all.end(), one) != all.end();
 }
 
-/// A socket on the loopback interface. Port 0: the kernel chooses, and tells it.
+/// A socket on the loopback interface. With port 0, the kernel chooses the port.
 UniqueFd OnLoopback(int type, in_port_t& port)
 {
     UniqueFd fd(::socket(AF_INET, type | SOCK_CLOEXEC, 0));

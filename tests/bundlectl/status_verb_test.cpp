@@ -1,4 +1,4 @@
-// bundlectl status, beside a real server.
+// bundlectl status, with a real server.
 #include "bundlectl/verb_test.h"
 
 #include "support/private_mnt.h"
@@ -90,7 +90,7 @@ TEST_F(Status, MarksAProgramThatWasReplaced)
     collection.Bundle("radio").Copy("tuner", TEST_SLEEPER).Write();
     Serve();
     ASSERT_NE(daemon.WaitForItem("radio", "tuner"), 0);
-    daemon.Signal(SIGSTOP); // it would take the change in
+    daemon.Signal(SIGSTOP); // it would handle the change
     std::filesystem::copy_file(collection / "radio/bin/tuner", collection / "radio/bin/new");
     std::filesystem::rename(collection / "radio/bin/new", collection / "radio/bin/tuner");
     const Ended ended = Run({"status"});

@@ -1,4 +1,4 @@
-// bundlectl timeline and blame, beside a real server and without one.
+// bundlectl timeline and blame, with a real server and without one.
 #include "bundlectl/verb_test.h"
 
 #include "support/private_mnt.h"
@@ -32,7 +32,7 @@ public:
     }
 };
 
-/// The row of a bundle, its name left out. Empty when it has none.
+/// The row of a bundle, without its name. Empty: no row.
 std::string RowOf(const std::string& picture, const std::string& name)
 {
     for (const std::string& line : Lines(picture)) {

@@ -7,16 +7,16 @@
 #include <string>
 #include <vector>
 
-/// A daemon, and bundlectl that looks at it. bundlectl finds the daemon by itself: both see the same private /mnt.
+/// A daemon, and bundlectl to examine it. bundlectl finds the daemon by itself, because both see the same private /mnt.
 class VerbTest : public SystemTest {
 public:
     static Ended Run(std::vector<std::string> arguments) { return RunToEnd(BUNDLECTL_PROGRAM, std::move(arguments)); }
 
-    /// Starts the daemon, which then has started all that can be started.
+    /// Starts the daemon, and waits until it has started all bundles that can be started.
     void Serve() { ASSERT_TRUE(daemon.StartServing()); }
 };
 
-/// Whether each line of a text follows the schema of what bundlectl prints for programs.
+/// Whether each line of a text follows the schema of bundlectl's output for programs.
 ::testing::AssertionResult FollowsSchema(const std::string& text);
 /// The same for a schema of its own, whose path is given.
 ::testing::AssertionResult FollowsSchema(const std::string& text, const std::string& schema);

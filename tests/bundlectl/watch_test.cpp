@@ -48,7 +48,7 @@ public:
         }
     }
 
-    /// Whether the text is drawn within seconds. What was drawn up to it is passed over.
+    /// Whether the text is drawn within seconds. Skips the output up to it.
     bool Shows(const std::string& text)
     {
         return Eventually(std::chrono::seconds(20), [&] {

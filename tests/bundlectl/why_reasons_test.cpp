@@ -1,5 +1,5 @@
-// bundlectl why: the reasons that need a moment of their own. The server is stopped by a signal or held up by the
-// interposer, so that the moment lasts.
+// bundlectl why: the reasons that exist only for a moment. A signal or the interposer halts the server, so that the
+// moment lasts.
 #include "bundlectl/verb_test.h"
 
 #include "support/private_mnt.h"
@@ -38,7 +38,7 @@ public:
                                              << ended.output << ended.errors;
     }
 
-    /// From now on the server does nothing, and what the test does to files and processes stays as it is.
+    /// From now on, the server does nothing. So the test's changes of files and processes stay.
     void HaltServer() const
     {
         daemon.Signal(SIGSTOP);
@@ -54,7 +54,7 @@ public:
         });
     }
 
-    /// A thread of the server that has written a record with one of the texts stays there.
+    /// A thread of the server halts after it has written a record with one of the texts.
     void HoldAfter(const std::vector<std::string>& texts)
     {
         std::string holds;
@@ -73,13 +73,13 @@ public:
         VerbTest::TearDown();
     }
 
-    std::vector<std::string> places; ///< options that say where things are
+    std::vector<std::string> places; ///< options for the places of log, configuration and collection
 
 private:
     std::string m_outputs;
 };
 
-/// Two bytes of a program's header are the number of the machine that it is made for.
+/// Two bytes of a program's header contain the number of its machine.
 std::string ProgramOfAnotherMachine()
 {
     constexpr std::size_t machine = 18;
@@ -202,7 +202,7 @@ TEST_F(WhyReasons, SayWhatIsKnownOfAnItemWithoutAProcessOrAThread)
         return bool(Gives("threads", "thread-gone", "The item tuner.so has no thread."));
     }));
     HaltServer();
-    ::kill(tuner, SIGKILL); // the server has not taken its end yet
+    ::kill(tuner, SIGKILL); // the server has not reaped it yet
     EXPECT_TRUE(Eventually(std::chrono::seconds(10),
                            [this] { return bool(Gives("radio", "item-unknown", "and the log tells of no end.")); }));
     const std::string log = ReadFile(daemon.LogFile());

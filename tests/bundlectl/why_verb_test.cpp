@@ -15,7 +15,7 @@ const auto* const g_privateMnt = ::testing::AddGlobalTestEnvironment(new Private
 
 class Why : public VerbTest {
 public:
-    /// Asks for the reasons of a bundle that is not as it should be.
+    /// Reads the reasons for a faulty bundle.
     static Ended Ask(const std::string& bundle)
     {
         const Ended ended = Run({"why", bundle});

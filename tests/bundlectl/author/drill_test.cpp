@@ -1,4 +1,4 @@
-// bundlectl drill. The short form drills a small selection, the long form all there is.
+// bundlectl drill. The short form runs a small selection of the exercises, the long form all.
 #include "bundlectl/author/trial_test.h"
 #include "support/eventually.h"
 #include "support/files.h"
@@ -32,7 +32,7 @@ public:
         return {status, program.Output(), program.Errors()};
     }
 
-    /// What an item does on its first run, and on all others.
+    /// The behaviour of an item on its first run, and on all others.
     std::string Runs(const std::string& first, const std::string& others) const
     {
         const std::string note = notes / "ran";

@@ -13,7 +13,7 @@
 
 namespace {
 
-/// Whether a call changes files or what is on the disk. Between two such calls a kill leaves the same files.
+/// Whether a call changes files or the disk's content. Kills at any moment between two such calls leave the same files.
 bool ChangesFiles(const __ptrace_syscall_info& info)
 {
     constexpr long calls[] = {

@@ -1,4 +1,4 @@
-// A program that calls what takes it out of the server's process group.
+// A program with calls that take it out of the server's process group.
 #include <unistd.h>
 
 int main()

@@ -1,4 +1,4 @@
-// Each rule of lint on items, scripts and other files, once broken and once kept.
+// Tests each rule of lint on items, scripts and other files: once violated and once kept.
 #include "bundlectl/author/lint_fixture.h"
 #include "support/private_mnt.h"
 

@@ -19,10 +19,10 @@ constexpr const char HEAD[] = "[global]\nbundle_name = radio\nbundle_load_mode =
 
 using Found = std::vector<std::string>;
 
-/// Bundles, and what lint finds in them.
+/// Bundles, and lint's findings in them.
 class LintFindings : public ::testing::Test {
 public:
-    /// The ids of what is found, in their order.
+    /// The ids of the findings, in their order.
     std::vector<std::string> Ids(const std::vector<std::string>& paths)
     {
         result = Lint::LintPaths(paths, options);

@@ -1,4 +1,4 @@
-// Each rule of lint on manifests and collections, once broken and once kept.
+// Tests each rule of lint on manifests and collections: once violated and once kept.
 #include "bundlectl/author/lint_fixture.h"
 
 #include <filesystem>

@@ -1,4 +1,4 @@
-// bundlectl lint, as it is called.
+// bundlectl lint, called on the command line.
 #include "bundlectl/verb_test.h"
 #include "support/collection_builder.h"
 #include "support/files.h"

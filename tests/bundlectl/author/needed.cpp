@@ -1,4 +1,4 @@
-// That library.
+// The library that the program in needing.cpp needs.
 int Needed();
 
 int Needed()

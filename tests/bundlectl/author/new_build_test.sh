@@ -1,13 +1,13 @@
 #!/bin/sh
-# The projects of new bundles are built as they come, lint finds nothing in them, and their scripts may run twice.
+# Builds the projects of new bundles unchanged. Lint finds nothing in them, and their scripts may run twice.
 # Usage: new_build_test.sh PROGRAM...: bundlectl, bundlectl-author, the server and its loader. The long form builds one
-# of each kind, for 32-bit ARM as well.
+# of each kind, also for 32-bit ARM.
 set -eu
 # The address sanitizer's look for leaks fails inside a namespace of process numbers, where try runs the server.
 export ASAN_OPTIONS=detect_leaks=0
 place=$(mktemp -d)
 trap 'rm -rf "$place"' EXIT
-# In one directory they find each other, as they do where they are installed.
+# In one directory they find each other, as in an installation.
 mkdir "$place/programs"
 cp "$@" "$place/programs"
 bundlectl=$place/programs/bundlectl

@@ -1,4 +1,4 @@
-// bundlectl new. That its projects can be built is new_build_test.sh's.
+// bundlectl new. new_build_test.sh tests that its projects can be built.
 #include "bundlectl/verb_test.h"
 #include "support/files.h"
 #include "support/program.h"
@@ -26,14 +26,14 @@ public:
         return RunToEnd("/usr/bin/env", std::move(arguments));
     }
 
-    /// Runs it in a shell whose commands come before.
+    /// Runs it in a shell, after other commands.
     Ended RunAfter(const std::string& commands, const std::string& name) const
     {
         return RunToEnd("/bin/sh", {"-c", "cd " + m_root.Path().string() + "\n" + commands +
                                               "\nexec " BUNDLECTL_PROGRAM " new " + name});
     }
 
-    /// All that lies in the directory where it ran.
+    /// All entries of the directory where it ran.
     Names All() const
     {
         Names names;
@@ -108,7 +108,7 @@ TEST_F(ANewBundle, OverwritesNothing)
 
 TEST_F(ANewBundle, LeavesNothingWhenTheDiskTakesNoMore)
 {
-    // The first files have room, a later one has none.
+    // The first files fit onto the disk, a later one does not.
     const Ended ended = RunAfter("trap '' XFSZ; ulimit -f 2", "radio");
     EXPECT_EQ(ended.status, 1);
     EXPECT_TRUE(Has(ended.errors, "File too large")) << ended.errors;

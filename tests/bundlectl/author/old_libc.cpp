@@ -1,4 +1,4 @@
-// What looks like a C library that offers an early version only.
+// A library that looks like a C library with only an early version.
 extern "C" int OldFunction();
 
 extern "C" int OldFunction()

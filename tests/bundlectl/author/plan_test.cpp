@@ -1,4 +1,4 @@
-// What bundlectl plans is what the server does.
+// The server does what bundlectl has planned.
 #include "author/plan.h"
 
 #include "bundlectl/verb_test.h"
@@ -41,7 +41,7 @@ public:
     }
 };
 
-/// Whether a plan has a record of the server's: about loading, refusing and states.
+/// Whether a record of the server is one that a plan has: about loading, refusals and states.
 bool IsPlanned(const LogRecord& record)
 {
     const std::string& text = record.message;
@@ -49,7 +49,7 @@ bool IsPlanned(const LogRecord& record)
            (text.compare(0, 12, "load bundle[") == 0 && Has(text, "] success."));
 }
 
-/// Bundles that require each other at random, some of them with faults.
+/// Bundles with random requirements, some of them with faults.
 void WriteRandomBundles(const CollectionBuilder& collection, Random& random)
 {
     const auto below = [&random](int most) { return random.Below(most); };

@@ -41,7 +41,7 @@ public:
         return RunToEnd(BUNDLECTL_PUT_PROGRAM, arguments);
     }
 
-    /// Which version is in force, judged by all of its files; empty when there is none.
+    /// The version in force, according to all of its files; empty: none.
     std::string PresentVersion() const
     {
         const std::string bundle = Bundles() + "/radio";
@@ -61,8 +61,8 @@ public:
         return "half a bundle";
     }
 
-    /// Does it again and again, killed one stop later each time, until it comes to its end.
-    /// @param prepare puts everything as it is before
+    /// Runs the command again and again, and kills it one stop later each time, until it ends by itself.
+    /// @param prepare restores the state before the command
     void KillEverywhere(const std::vector<std::string>& arguments, const std::function<void()>& prepare,
                         const std::string& before, const std::string& after)
     {
@@ -77,7 +77,7 @@ public:
             const std::string found = PresentVersion();
             ASSERT_TRUE(found == before || found == after) << "killed at stop " << stop << ": " << found;
             wasAfter = found == after;
-            // What is left does not disturb the next one, which removes it.
+            // Leftovers do not disturb the next command, which removes them.
             const Ended next = Run({"put", two / "radio"});
             ASSERT_EQ(next.status, 0) << "after stop " << stop << ": " << next.errors;
             ASSERT_EQ(PresentVersion(), "two");

@@ -24,8 +24,8 @@ Ended Sh(const std::string& command)
     return RunToEnd("/bin/sh", {"-c", command});
 }
 
-/// A file system in a file, which is copied as it lies on its disk at one moment: what had not been written out by then
-/// is not in the copy.
+/// A file system in a file. A copy of the file at one moment does not contain what had not been written to the disk by
+/// then.
 class APowerCut : public ::testing::Test {
 public:
     void SetUp() override
@@ -70,7 +70,7 @@ public:
     }
     void Unmount() const { ASSERT_EQ(Sh("umount " + Mount()).status, 0); }
 
-    /// Which version lies there; both files of it must be whole.
+    /// The version in that directory. Both of its files must be complete.
     std::string PresentVersion() const
     {
         for (const auto* const version : {&one, &two}) {
@@ -104,7 +104,7 @@ TEST_F(APowerCut, LeavesTheOldOrTheNewVersion)
         MountImage("work");
         wasCut = RunKilledAt(arguments, stop, [this] { CopyImage("work", "cut"); });
         if (!wasCut) {
-            CopyImage("work", "cut"); // right after its end, with nothing more written out
+            CopyImage("work", "cut"); // right after its end, before anything else is written out
         }
         Unmount();
         MountImage("cut");

@@ -1,4 +1,4 @@
-// bundlectl put and its companions, with a server that runs.
+// bundlectl put and the related verbs, with a running server.
 #include "bundlectl/verb_test.h"
 #include "support/private_mnt.h"
 

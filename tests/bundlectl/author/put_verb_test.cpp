@@ -1,4 +1,4 @@
-// bundlectl put and its companions, without a server.
+// bundlectl put and the related verbs, without a server.
 #include "bundlectl/verb_test.h"
 
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// A collection with a place of its own, so that what lies beside it belongs to the test.
+/// A collection in a directory of its own, so that everything beside it belongs to the test.
 class PutVerb : public ::testing::Test {
 public:
     PutVerb() { fs::create_directory(Bundles()); }
@@ -37,7 +37,7 @@ public:
         return RunToEnd(BUNDLECTL_PROGRAM, std::move(arguments));
     }
 
-    /// A version of the bundle "radio", told by the text of its item.
+    /// A version of the bundle "radio". The text of its item shows which one.
     std::string Version(const std::string& text) const
     {
         fs::remove_all(source / "radio");

@@ -1,4 +1,4 @@
-// What is packed, signed and compared.
+// Packing, signing and comparing bundles.
 #include "put/bundle_archive.h"
 #include "put/contents.h"
 #include "put/hash.h"
@@ -28,9 +28,9 @@ namespace fs = std::filesystem;
 using Put::CheckArchive;
 using Put::Refusal;
 
-/// A member of an archive that no pack would make.
+/// A member of an archive that the verb pack never makes.
 struct Member {
-    std::string_view path; // texts are the caller's
+    std::string_view path; // the caller owns the texts
     std::string_view content;
     unsigned type = AE_IFREG;
     unsigned mode = 0644;
@@ -85,7 +85,7 @@ public:
         ::archive_write_free(writer);
     }
 
-    /// Writes a list of contents with these lines, and members behind it. Says why it is refused.
+    /// Writes a list of contents with these lines, and members after it. Returns the reason of the refusal.
     std::string RefusalOf(const std::string& lines, std::initializer_list<Member> members) const
     {
         WriteArchive("bundle-contents 1\n" + lines, members);
@@ -138,7 +138,7 @@ TEST_F(Shipping, UnpacksWhatWasPacked)
 
 TEST_F(Shipping, HashesMuchInSeveralThreads)
 {
-    // More than what one thread does alone.
+    // More than one thread hashes alone.
     constexpr std::size_t size = std::size_t{3} * 1024 * 1024;
     for (const char c : {'a', 'b', 'c', 'd'}) {
         WriteFile(File("radio/bin/") + c, std::string(size, c));
@@ -251,7 +251,7 @@ TEST_F(Shipping, RefusesAChangedArchive)
         WriteFile(File("b.tar.gz"), changed);
         try {
             EXPECT_EQ(CheckArchive(File("b.tar.gz"), {}).text, list) << "only what is not used may differ";
-        } catch (const Refusal&) { // as it is meant
+        } catch (const Refusal&) { // expected
         }
     }
 }

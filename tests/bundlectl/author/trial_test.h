@@ -19,12 +19,12 @@ public:
     static std::vector<std::string> Words(std::vector<std::string> arguments);
     static Ended Run(const std::vector<std::string>& arguments);
 
-    /// A command that runs until a test ends it. Its line is in no other process.
+    /// A command that runs until a test ends it. No other process has the same command line.
     std::string Sleep() const { return "exec sleep " + m_mark + "\n"; }
     /// Whether a process of that command runs anywhere on this machine.
     bool IsAnySleeping() const;
 
-    /// What a program could leave: the mounts, and the entries of /mnt and of the directory for temporary files.
+    /// What a program could leave behind: the mounts, and the entries of /mnt and of the temporary directory.
     static std::set<std::string> Surroundings();
 
     CollectionBuilder bundles;

@@ -30,7 +30,7 @@ public:
         return Eventually(20s, [&] { return Has(program.Output(), text); });
     }
 
-    /// Ends it once it has shown a text.
+    /// Ends it after it has shown a text.
     static Ended RunUntil(const std::vector<std::string>& arguments, const std::string& text)
     {
         Program program(Words(arguments));
@@ -43,7 +43,7 @@ public:
     std::string Radio() const { return bundles / "radio"; }
 };
 
-/// The command with which root becomes another user. Empty when this is another user already.
+/// The command with which root becomes another user. Empty when the user is not root.
 std::vector<std::string> AsNobody()
 {
     if (::geteuid() != 0) {
@@ -120,7 +120,7 @@ TEST_F(Trying, DoesNotTouchTheBundle)
 
 TEST_F(Trying, LeavesNothingWhenASignalEndsIt)
 {
-    // One of its processes leaves for a session of its own, the other ignores SIGTERM.
+    // One of its processes makes a session of its own, the other ignores SIGTERM.
     bundles.Bundle("tv").Item("tube.sh", "(" + Sleep() + ") &\nsetsid sh -c '" + Sleep() + "'").Write();
     bundles.Bundle("deaf").Item("deaf.sh", "trap '' TERM\n" + Sleep()).Write();
     const auto before = Surroundings();
