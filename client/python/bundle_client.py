@@ -39,10 +39,10 @@ _NAME_FIELD = 128
 _EVENT = struct.Struct("=16s16s32s")
 _EVENT_HEADER = _HEADER.pack(_EVENT.size, 0, 1, 0, 0)
 _EVENT_SIZE = _HEADER.size + _EVENT.size
-# Read whole events, so that what other listeners get is whole as well.
+# Reads whole events, so that other listeners also get whole events.
 _READ_SIZE = 56 * _EVENT_SIZE
 
-# How often a server whose queue of connections is full is asked again.
+# How often to try again while the server's queue of connections is full.
 _PAUSE = 0.01
 
 
@@ -150,7 +150,7 @@ def request(method, content=b"", timeout=30):
             connection.settimeout(deadline.left())
             connection.send(_HEADER.pack(len(content), 0, method, 0, 0) + content)
             connection.settimeout(deadline.left())
-            # One byte more than a sound packet has, and not one less.
+            # One byte more than a valid packet, to recognise a longer one.
             reply = connection.recv(_HEADER.size + _LONGEST_CONTENT + 1)
         except (socket.timeout, BlockingIOError):
             raise NoReply(NoReply.__doc__) from None
@@ -166,7 +166,7 @@ def _connect(connection, deadline):
             connection.connect(_SERVICE)
             return
         except BlockingIOError:
-            # The queue of connections is full. Nothing tells when it no longer is.
+            # The queue of connections is full. No event shows when it has room again.
             if deadline.is_over():
                 raise NoReply("No server has taken the connection in time. Nothing was done.") from None
             left = deadline.left()
@@ -219,10 +219,11 @@ def publish(publisher, event):
     record = _EVENT.pack(_field("a publisher", publisher, 15), _field("an event", event, 15), b"")
     descriptors = []
     try:
-        # Refused without a reader. But it is not the one to write to: a reader that leaves would have the write fail.
+        # This open fails without a reader. The descriptor is not used for writing: if the reader leaves, the write
+        # would fail.
         for flags in (os.O_WRONLY, os.O_RDWR):
             descriptors.append(_open_fifo(flags))
-        # So few bytes are written as a whole or not at all.
+        # A write this short is complete or has no effect.
         os.write(descriptors[-1], _EVENT_HEADER + record)
         return True
     except BlockingIOError:
@@ -242,7 +243,7 @@ def _make(path, mode, make):
         make(path, mode)
     except FileExistsError:
         return
-    os.chmod(path, mode)  # again, because the umask may have removed bits
+    os.chmod(path, mode)  # set again, because the umask may have removed bits
 
 
 class Listener:
@@ -258,7 +259,7 @@ class Listener:
         self._skipped = 0
         _make(_SERVICE_DIRECTORY, 0o755, os.mkdir)
         _make(_EVENT_SERVICE, 0o660, os.mkfifo)
-        # For writing too, so that the end of one publisher is not the end of the file.
+        # Also for writing, so that the end of one publisher is not the end of the file.
         self._fifo = _open_fifo(os.O_RDWR)
 
     def __enter__(self):
@@ -315,14 +316,14 @@ class Listener:
         self._bytes += read
         event = self._cut()
         if event is None and len(read) < _READ_SIZE:
-            self._skip(len(self._bytes))  # the FIFO is empty: what is left is no beginning of an event
+            self._skip(len(self._bytes))  # the FIFO is empty, so the rest is not the beginning of an event
         return event
 
     def _cut(self):
         """The next event out of what has been read: what one program writes at once is found by its header."""
         place = self._bytes.find(_EVENT_HEADER)
         if place < 0:
-            # One may still begin in the last few bytes.
+            # An event may still begin in the last few bytes.
             self._skip(max(len(self._bytes) - _HEADER.size + 1, 0))
             return None
         self._skip(place)

@@ -17,7 +17,7 @@ bool EventStream::Next(SystemServer::EventRecord& record)
     const lumo_header header = EmptyEvent().header;
     const void* const found = ::memmem(m_bytes, m_size, &header, sizeof header);
     if (found == nullptr) {
-        // One may still begin in the last few bytes.
+        // An event may still begin in the last few bytes.
         const std::size_t held = m_size < sizeof header ? m_size : sizeof header - 1;
         Skip(m_size - held);
         return false;

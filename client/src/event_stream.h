@@ -19,7 +19,7 @@ static_assert(sizeof(EventMessage) == 72, "an event has no padding");
 EventMessage EmptyEvent();
 
 /// Extracts events from the bytes of the FIFO. An event is written at once and arrives in one piece, but a FIFO does
-/// not separate the bytes of two programs. After bytes that are no event, the next event is found by its header.
+/// not separate the bytes of two programs. After bytes that are not an event, the next event is found by its header.
 class EventStream {
 public:
     /// How many bytes to read at once: whole events, so that other readers of the FIFO also get whole events.
@@ -36,7 +36,7 @@ public:
     /// Called when the FIFO is empty. The remaining bytes then are not the beginning of an event, and are skipped.
     void DropRest() { Skip(m_size); }
 
-    /// The number of bytes since the last call that were no event.
+    /// The number of bytes since the last call that were not part of an event.
     std::size_t TakeSkipped();
 
 private:

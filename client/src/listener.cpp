@@ -45,13 +45,13 @@ int OpenFifo(UniqueFd& fifo)
     if (!Common::MakeServiceDirectory() || !MakeFifo()) {
         return BUNDLE_CLIENT_SYSTEM;
     }
-    // For writing too, so that the end of one publisher is not the end of the file.
+    // Also for writing, so that the end of one publisher is not the end of the file.
     return BundleClient::OpenEventService(fifo, O_RDWR);
 }
 
 enum class Fill { FULL, EMPTIED, FAILED };
 
-/// Reads what the FIFO has.
+/// Reads the bytes in the FIFO.
 Fill Read(bundle_client_listener& listener)
 {
     const std::size_t wanted = BundleClient::EventStream::READ_SIZE;
@@ -66,7 +66,7 @@ Fill Read(bundle_client_listener& listener)
     return static_cast<std::size_t>(size) < wanted ? Fill::EMPTIED : Fill::FULL;
 }
 
-/// Takes the next event from what has been read and what the FIFO has. TIMEOUT: there is none.
+/// Takes the next event from the bytes that were read and those in the FIFO. TIMEOUT: no event.
 int TakeEvent(bundle_client_listener& listener, EventRecord& record)
 {
     if (listener.stream.Next(record)) {
@@ -92,7 +92,7 @@ int WaitForEvent(bundle_client_listener& listener, EventRecord& record, const De
         if (result != BUNDLE_CLIENT_TIMEOUT || deadline.IsOver()) {
             return result;
         }
-        // Others may read the event that it wakes up for.
+        // Another listener may read the event that has ended the wait.
         pollfd readable{listener.fifo.Get(), POLLIN, 0};
         if (::poll(&readable, 1, deadline.ForPoll()) < 0 && errno != EINTR) {
             return BUNDLE_CLIENT_SYSTEM;
@@ -121,7 +121,7 @@ int bundle_client_listener_open(bundle_client_listener** listener)
     if (result != BUNDLE_CLIENT_OK) {
         return result;
     }
-    // The usual "new" is the C++ library's, on which nothing here depends.
+    // The usual "new" is in the C++ library, which this library must not need.
     void* const memory = std::malloc(sizeof(bundle_client_listener));
     if (memory == nullptr) {
         return BUNDLE_CLIENT_SYSTEM;

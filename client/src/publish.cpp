@@ -14,7 +14,7 @@ namespace {
 
 using Common::UniqueFd;
 
-/// Puts a name into its field. False when it does not fit.
+/// Copies a name into its field. False when it does not fit.
 template <std::size_t Size> bool Fill(char (&field)[Size], const char* name)
 {
     static_assert(Size == BUNDLE_CLIENT_EVENT_NAME_MAX + 1);
@@ -26,7 +26,7 @@ template <std::size_t Size> bool Fill(char (&field)[Size], const char* name)
     return true;
 }
 
-/// Opens it; UNHEARD when there is none, or, with O_WRONLY, no reader.
+/// Opens the event service. UNHEARD when it does not exist or, with O_WRONLY, has no reader.
 int OpenForPublishing(UniqueFd& fifo, int access)
 {
     const int result = BundleClient::OpenEventService(fifo, access);
@@ -35,8 +35,8 @@ int OpenForPublishing(UniqueFd& fifo, int access)
 
 int Publish(const BundleClient::EventMessage& message)
 {
-    // Refused without a reader. But it is not the one to write to: a reader that leaves would have the write raise
-    // SIGPIPE.
+    // This open fails without a reader. The descriptor is not used for writing: if the reader leaves, the write would
+    // raise SIGPIPE.
     UniqueFd heard;
     int result = OpenForPublishing(heard, O_WRONLY);
     if (result != BUNDLE_CLIENT_OK) {
@@ -47,7 +47,7 @@ int Publish(const BundleClient::EventMessage& message)
     if (result != BUNDLE_CLIENT_OK) {
         return result;
     }
-    // So few bytes are written as a whole or not at all, and without waiting.
+    // A write this short is complete or has no effect, and does not wait.
     if (::write(fifo.Get(), &message, sizeof message) >= 0) {
         return BUNDLE_CLIENT_OK;
     }

@@ -21,7 +21,7 @@ using BundleClient::Deadline;
 using Common::UniqueFd;
 using namespace SystemServer::BundleService;
 
-// What did not work out because time ran out in the kernel, or a signal came: to be tried again while time is left.
+// Whether a call failed because of a timeout in the kernel or a signal. It is then tried again while time is left.
 bool IsWorthAnotherTry(int error)
 {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
@@ -38,7 +38,7 @@ sockaddr_un AddressOfTheService()
     return address;
 }
 
-/// Bounds the next call that connects or sends.
+/// Sets the time limit of the next call that connects or sends.
 void LimitSending(const UniqueFd& socket, const Deadline& deadline)
 {
     const timeval limit = deadline.ForSocket();
@@ -52,7 +52,7 @@ int Connect(UniqueFd& socket, const Deadline& deadline)
         return BUNDLE_CLIENT_SYSTEM;
     }
     const sockaddr_un address = AddressOfTheService();
-    // A server whose queue of new connections is full lets a client wait.
+    // If the server's queue of new connections is full, the call waits.
     do {
         LimitSending(socket, deadline);
         if (::connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
@@ -73,7 +73,7 @@ int Send(const UniqueFd& socket, const lumo_header& header, const void* content,
     message.msg_iovlen = sizeof parts / sizeof *parts;
     do {
         LimitSending(socket, deadline);
-        // A packet is sent as a whole or not at all.
+        // A packet is sent completely or not at all.
         if (::sendmsg(socket.Get(), &message, MSG_NOSIGNAL) >= 0) {
             return BUNDLE_CLIENT_OK;
         }
@@ -87,7 +87,7 @@ int Send(const UniqueFd& socket, const lumo_header& header, const void* content,
     return BUNDLE_CLIENT_TIMEOUT;
 }
 
-/// Judges a packet by its size and the header that it begins with.
+/// Checks a packet's size and header.
 int CheckReply(std::size_t size, const lumo_header& header)
 {
     if (size < sizeof header) {
@@ -102,7 +102,7 @@ int CheckReply(std::size_t size, const lumo_header& header)
 int Receive(const UniqueFd& socket, lumo_header& reply, const Deadline& deadline)
 {
     for (;;) {
-        // With this flag the call returns the whole packet's size. Nothing but its header is of use.
+        // With this flag, the call returns the whole packet's size. Only the header is needed.
         const ssize_t size = ::recv(socket.Get(), &reply, sizeof reply, MSG_DONTWAIT | MSG_TRUNC);
         if (size > 0) {
             return CheckReply(static_cast<std::size_t>(size), reply);

@@ -2,7 +2,7 @@
 
 namespace {
 
-// By code.
+// Indexed by code.
 constexpr const char* TEXTS[] = {
     "done",
     "an argument is not what the function asks for",
