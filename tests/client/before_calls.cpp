@@ -5,7 +5,7 @@
 
 #include <utility>
 
-// The linker puts these in the place of the library's calls: see --wrap in CMakeLists.txt.
+// The linker replaces the library's calls by these: see --wrap in CMakeLists.txt.
 ssize_t RealSendmsg(int fd, const msghdr* message, int flags) __asm__("__real_sendmsg");
 ssize_t WrappedSendmsg(int fd, const msghdr* message, int flags) __asm__("__wrap_sendmsg");
 ssize_t RealWrite(int fd, const void* data, std::size_t size) __asm__("__real_write");
@@ -17,7 +17,7 @@ thread_local BeforeSending::Action g_action;
 
 void Act(int fd)
 {
-    // Once, so that it may itself write.
+    // Runs the action once, so that the action itself may write.
     const BeforeSending::Action action = std::exchange(g_action, nullptr);
     if (action) {
         action(fd);

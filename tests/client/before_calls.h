@@ -3,8 +3,8 @@
 
 #include <functional>
 
-/// While it lives, the library's calls that send a request or write an event are preceded by an action, which gets the
-/// descriptor. On the thread that makes it.
+/// While it lives, an action runs before each library call that sends a request or writes an event. The action gets the
+/// descriptor. Applies to the thread that makes the object.
 class BeforeSending {
 public:
     using Action = std::function<void(int fd)>;

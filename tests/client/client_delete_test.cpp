@@ -49,7 +49,7 @@ Timed DeleteWithin(std::chrono::milliseconds limit)
     return {result, Clock::now() - start};
 }
 
-/// Says nothing until the client has gone.
+/// Does not answer until the client has gone.
 void Silence(int fd)
 {
     while (!ReceivePacket(fd).empty()) {
@@ -160,7 +160,7 @@ TEST(AClientThatDeletes, ReturnsACodeForEachHostileAnswer)
     constexpr unsigned char response = 0x80;
     const std::string longest(65528, 'c');
     const std::vector<std::pair<std::string, int>> answers{
-        {"", BUNDLE_CLIENT_CLOSED}, // an empty packet cannot be told from the end
+        {"", BUNDLE_CLIENT_CLOSED}, // an empty packet cannot be distinguished from the end
         {"x", BUNDLE_CLIENT_SHORT_REPLY},
         {StatusPacket(200).substr(0, 7), BUNDLE_CLIENT_SHORT_REPLY},
         {StatusPacket(200) + "x", BUNDLE_CLIENT_WRONG_LENGTH},
@@ -181,7 +181,7 @@ TEST(AClientThatDeletes, ReturnsACodeForEachHostileAnswer)
 TEST(AClientThatDeletes, TellsThatTheServerHasClosedTheConnection)
 {
     const std::vector<FakeService::Peer> peers{
-        [](int /*fd*/) {},                         // at once, so that the request may find nobody to read it
+        [](int /*fd*/) {},                         // at once, so that the request may have no reader
         [](int fd) { ReceivePacket(fd); },         // after the request
         [](int fd) { ::shutdown(fd, SHUT_RDWR); }, // with the request unread
     };

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-/// In place of the server: a thread that does with each connection what the test says, one after the other.
+/// Replaces the server: a thread that handles the connections one after the other, as the test says.
 class FakeService {
 public:
     /// What to do with a connection, which is closed afterwards.
@@ -21,7 +21,7 @@ public:
     explicit FakeService(Peer peer);
     FakeService(const FakeService&) = delete;
     FakeService& operator=(const FakeService&) = delete;
-    /// Waits for the connection that it is at.
+    /// Waits for the current connection.
     ~FakeService();
 
 private:
@@ -33,7 +33,7 @@ private:
     std::thread m_thread;
 };
 
-/// A service that takes no connection, and whose queue of them is full.
+/// A service that accepts no connection and whose queue is full.
 class BusyService {
 public:
     BusyService();
@@ -51,10 +51,11 @@ bool SendPacket(int fd, std::string_view packet);
 /// A service that answers each request with the packet.
 FakeService::Peer AnswerWith(const std::string& packet);
 
-/// The descriptors of this process, and what they are.
+/// The descriptors of this process, with their targets.
 std::map<int, std::string> OpenDescriptors();
 
-/// Interrupts the thread that makes it with a signal every few milliseconds, whose handler does not restart calls.
+/// Interrupts the thread that makes it with a signal every few milliseconds. The signal's handler does not restart
+/// calls.
 class Interruptions {
 public:
     Interruptions();

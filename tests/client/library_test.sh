@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The library needs the C library only, so that programs in any language can be linked with it, and shows nothing but
-# what its header declares. A C program is linked with the static one without a word about C++.
+# The library needs only the C library, so that programs in any language can be linked with it. It exports only what its
+# header declares. A C program can be linked with the static library without any option for C++.
 #
 # usage: library_test.sh CLIENT_DIR SHARED STATIC NM READELF CC
 set -euo pipefail

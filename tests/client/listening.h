@@ -19,7 +19,7 @@ Listener Listen();
 /// The next event as "publisher event", or the code's text.
 std::string Next(const Listener& listener, int timeout = LONG);
 
-/// What Next says when the time is over.
+/// The result of Next when the time is over.
 extern const std::string NONE;
 
 /// An event as it is on the wire.
