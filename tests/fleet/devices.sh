@@ -1,5 +1,5 @@
-# Sourced: devices of a fleet on this machine. Each has a root of its own over this machine's, processes and mounts of its
-# own, the packages, a server and an sshd. They are reached at 127.1.0.1, 127.1.0.2 ... in a network that nobody else sees.
+# Sourced: devices of a fleet on this machine. Each has a root of its own over this machine's, processes and mounts of
+# its own, the packages, a server and an sshd. Their addresses are 127.1.0.1, 127.1.0.2 ... in a private network.
 # shellcheck shell=bash disable=SC2154 # packages is named by the test
 
 # shellcheck disable=SC1091 # checked by itself
@@ -11,7 +11,7 @@ fail() {
     exit 1
 }
 
-# Runs the script that calls it again, in namespaces of which nothing outlives it.
+# Runs the calling script again in new namespaces. All their processes and mounts end with the script.
 enter_fleet() {
     [ "$(id -u)" -eq 0 ] || skip "only root may have a mount namespace with devices"
     local program
@@ -104,9 +104,9 @@ answers() {
     on "$1" true 2> /dev/null
 }
 
-# play NAME [OPTION...]: runs a playbook; what it says is in $fleet/said.
+# play NAME [OPTION...]: runs a playbook; its output is in $fleet/said.
 play() {
-    # With an input of its own: it refuses one that another process has made non-blocking.
+    # Has its own input: it refuses an input that another process has made non-blocking.
     timeout 300 ansible-playbook "$@" < /dev/null > "$fleet/said" 2>&1
 }
 

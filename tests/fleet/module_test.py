@@ -12,7 +12,7 @@ import tempfile
 import unittest
 
 try:
-    import ansible.module_utils.basic  # noqa: F401 the module's only need
+    import ansible.module_utils.basic  # noqa: F401 the only library that the module needs
 except ImportError:
     print("skipped: there is no ansible-core; script/install-dependencies --fleet")
     sys.exit(77)

@@ -5,7 +5,7 @@
 #
 # usage: roll_out_test.sh PACKAGES COLLECTION
 set -uo pipefail
-fleet= # made by make_fleet
+fleet= # set by make_fleet
 
 # shellcheck disable=SC1091 # checked by itself
 . "$(dirname "$0")/devices.sh"
@@ -21,11 +21,11 @@ full=4
 waves="[1, 2, '100%']"
 if [ "$count" -gt 4 ]; then
     full=8
-    waves="[1, 3, '100%']" # as without the variable
+    waves="[1, 3, '100%']" # the same as without the variable
 fi
 
-# make_version NUMBER: a bundle whose item tells its version. Version 2 is too large for one device, and on some devices it
-# does not run or takes the connection away.
+# make_version NUMBER: a bundle whose item shows its version. Version 2 is too large for one device. On some devices it
+# does not run or breaks the connection.
 make_version() {
     local new=$fleet/version$1/player
     mkdir -p "$new/bin" "$new/script"
@@ -73,7 +73,7 @@ expect_recap() {
     done
 }
 
-# The machine where bundles are made.
+# The machine on which bundles are made.
 mkdir "$fleet/tools"
 unpack "$packages" "$fleet/tools" bundlectl bundlectl-author || fail "the packages cannot be unpacked"
 "$fleet/tools/usr/bin/bundlectl" keygen "$fleet/release" > "$fleet/said" 2>&1 || fail "no keys can be made"
@@ -101,7 +101,7 @@ for server in "${servers[@]}"; do wait "$server" || exit 1; done
 
 runs_version 1 "${devices[@]}"
 
-# In the second wave the new version does not run on one device, and another one breaks its connection off.
+# In the second wave, the new version does not run on one device, and another device loses its connection.
 on $failing touch /etc/broken
 on $lossy touch /etc/lossy
 ! roll_out 2 || fail "the roll-out has not failed"

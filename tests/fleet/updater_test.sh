@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# RAUC and SWUpdate bring a bundle by the handlers of packaging/updaters: it runs, and an update whose bundle does not run
-# fails and leaves the old one. In the long form SWUpdate brings forty updates, one after the other.
+# RAUC and SWUpdate install a bundle with the handlers of packaging/updaters. The bundle runs. An update whose bundle
+# does not run fails and leaves the old one. In the long form, SWUpdate installs forty updates, one after the other.
 #
 # usage: updater_test.sh PACKAGES COLLECTION
 set -uo pipefail
@@ -35,7 +35,7 @@ runs_version() {
     on 1 'bundlectl status player > /dev/null' || fail "version $1 does not run: $(on 1 bundlectl status player)"
 }
 
-# update COMMAND...: on the device; what it says is shown when the test fails.
+# update COMMAND...: on the device; its output is shown when the test fails.
 update() {
     timeout 100 ssh -F none -i "$fleet/keys/user" -o "UserKnownHostsFile=$fleet/keys/known" root@127.1.0.1 "$@" > "$fleet/said" 2>&1
 }
@@ -54,7 +54,7 @@ on 1 '/etc/init.d/bundle-server start > /dev/null && bundlectl wait --for servin
 for version in 1 2 3; do make_version $version; done
 
 
-# As little time as the test needs; all else is as the handlers say.
+# Shortens the times for the test. All other settings are the handlers' defaults.
 cat > "$root/usr/local/bin/bundlectl" <<'END'
 #!/bin/sh
 verb=$1
@@ -111,7 +111,7 @@ load() {
     update "swupdate -v -k /etc/update.pem -H board:device -d '-u http://127.1.0.100:8000/player-$1.swu'"
 }
 
-# install_file VERSION: the device has it already.
+# install_file VERSION: the device already has it.
 install_file() {
     update "swupdate -v -k /etc/update.pem -H board:device -i /tmp/player-$1.swu"
 }

@@ -131,9 +131,9 @@ from ansible.module_utils.basic import AnsibleModule
 
 CONFIGURATION = "/etc/bundle-server/bundle-server.ini"
 MANIFEST = "BundleManifest.ini"
-# What bundlectl itself keeps in a bundle's root.
+# The files that bundlectl itself keeps in a bundle's root.
 OWN_FILES = ("BundleContents", "BundleContents.sig", ".bundlectl")
-# A device shows the difference of the bundle's own files. What items write lies below other directories.
+# The difference covers the bundle's own files. Items write below other directories.
 SHIPPED_FOLDERS = ("bin", "script")
 LARGEST_MANIFEST = 1024 * 1024
 
@@ -301,7 +301,7 @@ class Bundle(object):
             "before_header": "installed",
             "after_header": "to be installed",
         }]
-        # A bundle that was not packed has no list to compare it with.
+        # A bundle that was not packed has no list for the comparison.
         if not self.module._diff or not installed or not os.path.exists(os.path.join(installed[0], OWN_FILES[0])):
             return
         drift = self.verify([installed[0]]).get("details", [])
@@ -343,7 +343,7 @@ class Bundle(object):
             )
         installed = self.directories(name)
         found = contents_of_directory(installed[0]) if installed else {}
-        # What items have written is none of the source's.
+        # Files that items have written are not in the source.
         found = {
             path: what for path, what in found.items()
             if path in wanted or os.sep not in path and what != "directory" or path.split(os.sep)[0] in SHIPPED_FOLDERS
