@@ -47,7 +47,7 @@ _PAUSE = 0.01
 
 
 class Error(Exception):
-    """What became of a request, where it is not what was asked for."""
+    """A request has not succeeded."""
 
 
 class Unreachable(Error):
@@ -55,7 +55,7 @@ class Unreachable(Error):
 
 
 class NoReply(Error):
-    """The time is over. The server may still do what it was asked for."""
+    """The time is over. The server may still execute the request."""
 
 
 class Closed(Error):
@@ -63,7 +63,7 @@ class Closed(Error):
 
 
 class BrokenReply(Error):
-    """What came is no reply."""
+    """The packet is not a reply."""
 
 
 class Failed(Error):
@@ -98,7 +98,7 @@ def _bytes(name):
 
 
 def _field(what, name, longest):
-    """The name as bytes. ValueError where it does not fit a field that ends with a NUL."""
+    """The name as bytes. ValueError if it does not fit a field that ends with a NUL."""
     name = _bytes(name)
     if len(name) > longest or b"\0" in name:
         raise ValueError("%s has at most %d bytes, and no NUL" % (what, longest))
@@ -197,7 +197,7 @@ def _no_fifo():
 
 
 def _open_fifo(flags):
-    """A link is not followed: who may write to the directory must not choose what is read and written."""
+    """Does not follow a link: a user who may write to the directory must not choose which file is used."""
     try:
         descriptor = os.open(_EVENT_SERVICE, flags | os.O_NONBLOCK | os.O_NOFOLLOW | os.O_NOCTTY | os.O_CLOEXEC)
     except OSError as error:
@@ -238,7 +238,7 @@ def publish(publisher, event):
 
 
 def _make(path, mode, make):
-    """Makes the directory or FIFO where it is missing."""
+    """Makes the directory or FIFO if it is missing."""
     try:
         make(path, mode)
     except FileExistsError:
@@ -284,11 +284,11 @@ class Listener:
             os.close(descriptor)
 
     def fileno(self):
-        """The descriptor, for select and its like. When it is readable, take events with a limit of 0 until None."""
+        """The descriptor, for select or poll. When it is readable, take events with a limit of 0 until None."""
         return self._fifo
 
     def next(self, timeout=None):
-        """The next event; None where none has come in time."""
+        """The next event; None when none has come in time."""
         deadline = _Deadline(timeout)
         while True:
             event = self._take()
@@ -301,7 +301,7 @@ class Listener:
             poll.poll(None if left is None else int(left * 1000) + 1)
 
     def skipped(self):
-        """How many bytes since the last call were no event. Some other program has written them."""
+        """The bytes since the last call that were not an event. Another program has written them."""
         skipped, self._skipped = self._skipped, 0
         return skipped
 
@@ -320,7 +320,7 @@ class Listener:
         return event
 
     def _cut(self):
-        """The next event out of what has been read: what one program writes at once is found by its header."""
+        """The next event in the bytes that were read. Its header marks its beginning."""
         place = self._bytes.find(_EVENT_HEADER)
         if place < 0:
             # An event may still begin in the last few bytes.

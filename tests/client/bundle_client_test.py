@@ -46,7 +46,7 @@ def answer_with(answer):
 
 @contextlib.contextmanager
 def service(talk):
-    """In place of the server: does with each connection what the test says."""
+    """Replaces the server: handles each connection as the test says."""
     listener = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
     listener.bind(SERVICE)
     listener.listen(16)

@@ -146,7 +146,7 @@ def digest_of(stream):
 
 
 def contents_of_directory(directory):
-    """Path to what stands there, a line of text each."""
+    """Maps each path to a line of text that describes the entry."""
     contents = {}
     for folder, folders, files in os.walk(directory):
         for name in folders + files:
@@ -186,7 +186,7 @@ def contents_of_archive(archive):
 
 
 def unpack(archive, directory):
-    """What plan needs of an archive: its folders and plain files. Whatever leads out of the directory is left out."""
+    """Unpacks the folders and plain files of an archive, for plan. Skips what leads out of the directory."""
     with tarfile.open(archive) as opened:
         for member in opened:
             path = os.path.normpath(member.name)
@@ -204,7 +204,7 @@ def unpack(archive, directory):
 
 
 def name_in(manifest):
-    """The bundle's name, empty when there is none. The server reads names in any case, and the last of a key counts."""
+    """The bundle's name; empty: none. The server ignores the case of keys, and the last of a key counts."""
     parser = configparser.RawConfigParser(strict=False, allow_no_value=True, delimiters=("=",), comment_prefixes=(";", "#"))
     try:
         parser.read_string(manifest)
@@ -261,7 +261,7 @@ class Bundle(object):
         return found
 
     def control(self, verb, arguments):
-        """Runs bundlectl. What it says for programs, and its status."""
+        """Runs bundlectl. Returns its JSON output and its status."""
         command = [self.parameters["bundlectl"], verb, "--json", "--wait", self.parameters["wait"]]
         if self.parameters["collection"]:
             command += ["--collection", self.collection]
@@ -284,7 +284,7 @@ class Bundle(object):
             self.module.fail_json(msg=said.get("text", "status %d" % status), **self.result)
 
     def verify(self, arguments):
-        """What bundlectl verify says for programs. Nothing when it says nothing."""
+        """The JSON output of bundlectl verify; empty without one."""
         command = [self.parameters["bundlectl"], "verify", "--json"]
         _status, output, _errors = self.module.run_command(command + arguments, expand_user_and_vars=False)
         try:
@@ -293,7 +293,7 @@ class Bundle(object):
             return {}
 
     def show(self, before, after, installed):
-        """In diff mode, the files that differ, and where the installed bundle is not what was shipped."""
+        """In diff mode, the files that differ, and where the installed bundle differs from what was shipped."""
         paths = sorted(path for path in set(before) | set(after) if before.get(path) != after.get(path))
         self.result["diff"] = [{
             "before": "".join("%s %s\n" % (path, before[path]) for path in paths if path in before),
@@ -310,14 +310,14 @@ class Bundle(object):
             self.result["diff"].append({"prepared": "installed, and not as shipped:\n%s\n" % "\n".join(drift)})
 
     def plan(self, *change):
-        """What the server will do, where the verb is installed."""
+        """What the server will do, if the verb is installed."""
         command = [self.parameters["bundlectl"], "plan", self.collection, "--after"] + list(change)
         status, output, _errors = self.module.run_command(command, expand_user_and_vars=False)
         if status in (0, 1):
             self.result["plan"] = output.splitlines()
 
     def plan_source(self, change, source, name):
-        """The plan for a source. It must be a directory, of the name that it will have in the collection."""
+        """The plan for a source. It must be a directory with the name that it will have in the collection."""
         scratch = tempfile.mkdtemp(dir=self.module.tmpdir)
         try:
             directory = os.path.join(scratch, name)
@@ -364,7 +364,7 @@ class Bundle(object):
         self.take(*self.control("put", arguments + [source]))
 
     def require_signature(self, source):
-        """As put does it, which is not run in check mode."""
+        """Does the same as put, which is not run in check mode."""
         if not self.parameters["key"]:
             return
         said = self.verify(["--key", self.parameters["key"], source])
