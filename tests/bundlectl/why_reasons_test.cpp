@@ -158,9 +158,9 @@ TEST_F(WhyReasons, NameTheStepThatTheServerIsAt)
     std::filesystem::remove_all(collection / "stopping");
     ASSERT_TRUE(daemon.WaitForLog("bundle[stopping] state changing[Active] -> [Stopping]"));
     EXPECT_TRUE(Gives("stopping", "in-progress", "It is being stopped, since "));
-    ::kill(tuner, SIGSEGV);
+    ::kill(tuner, SIGABRT);
     ASSERT_TRUE(daemon.WaitForLog("dying.tuner[" + std::to_string(tuner) + "] abnormal termination"));
-    EXPECT_TRUE(Gives("dying", "item-ended", "The item tuner ended with SIGSEGV"));
+    EXPECT_TRUE(Gives("dying", "item-ended", "The item tuner ended with SIGABRT"));
 }
 
 TEST_F(WhyReasons, SayThatTheServerRestartsABundleOrAnItem)
@@ -169,7 +169,7 @@ TEST_F(WhyReasons, SayThatTheServerRestartsABundleOrAnItem)
     collection.Bundle("radio").Write();
     collection.Bundle("dying").Copy("tuner", TEST_SLEEPER).Write();
     Serve();
-    ::kill(daemon.WaitForItem("dying", "tuner"), SIGSEGV);
+    ::kill(daemon.WaitForItem("dying", "tuner"), SIGABRT);
     ASSERT_TRUE(daemon.WaitForLog("relaunch dying.tuner..."));
     EXPECT_TRUE(Gives("dying", "item-ended", ", and is being run again."));
     staging.Bundle("radio").Requires("dying").Write();
