@@ -14,6 +14,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstring>
+#include <mutex>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -22,7 +23,8 @@ namespace {
 
 std::atomic<bool> g_sends{false};
 std::vector<SentMessage> g_sentMessages;
-ServiceCalls g_serviceCalls;
+std::mutex g_serviceMutex;
+ServiceCalls g_serviceCalls; // under that mutex: a test may run several services
 
 } // namespace
 
@@ -45,6 +47,7 @@ std::vector<SentMessage> TakeSentMessages()
 
 ServiceCalls LastServiceCalls()
 {
+    const std::lock_guard<std::mutex> lock(g_serviceMutex);
     return g_serviceCalls;
 }
 
@@ -193,17 +196,23 @@ bolt_event_mgr* WrappedManagerNew(int flags)
 
 int WrappedRegister(const char* service, bolt_event_mgr* mgr, const bolt_server_ops* ops, void* arg)
 {
-    g_serviceCalls.service = service;
-    g_serviceCalls.registeredManager = mgr;
-    g_serviceCalls.ops = ops;
-    g_serviceCalls.argument = arg;
+    {
+        const std::lock_guard<std::mutex> lock(g_serviceMutex);
+        g_serviceCalls.service = service;
+        g_serviceCalls.registeredManager = mgr;
+        g_serviceCalls.ops = ops;
+        g_serviceCalls.argument = arg;
+    }
     return MustFail(Call::BOLT_SERVER_REGISTER, 0) ? FaultValue(Call::BOLT_SERVER_REGISTER)
                                                    : RealRegister(service, mgr, ops, arg);
 }
 
 int WrappedRun(bolt_event_mgr* mgr, int timeout)
 {
-    g_serviceCalls.runManager = mgr;
-    g_serviceCalls.timeout = timeout;
+    {
+        const std::lock_guard<std::mutex> lock(g_serviceMutex);
+        g_serviceCalls.runManager = mgr;
+        g_serviceCalls.timeout = timeout;
+    }
     return MustFail(Call::BOLT_EVENT_MGR_RUN, timeout) ? FaultValue(Call::BOLT_EVENT_MGR_RUN) : RealRun(mgr, timeout);
 }

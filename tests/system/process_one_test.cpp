@@ -23,6 +23,8 @@ protected:
     {
         // The address sanitizer's look for leaks stops at a number that means nothing outside the namespace.
         daemon.SetEnvironment("ASAN_OPTIONS", "detect_leaks=0");
+        // During its start-up process 1 ends by exit, beside threads that run.
+        daemon.SetEnvironment("TSAN_OPTIONS", "halt_on_error=1:report_thread_leaks=0");
         if (::unshare(CLONE_NEWPID) != 0) { // the next child, and no other, is process 1
             GTEST_SKIP() << "no process namespace can be made: " << std::strerror(errno);
         }

@@ -21,6 +21,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 using namespace SystemServer::BundleService;
@@ -30,7 +31,7 @@ namespace {
 
 std::mutex g_mutex;
 std::string g_request;           // the last request, header and content; guarded by g_mutex
-std::function<void()> g_removal; // the effect of a deletion; set before the server runs
+std::function<void()> g_removal; // the effect of a deletion; under g_mutex
 
 void Remember(const lumo_message* msg, const void* content, int length)
 {
@@ -42,6 +43,18 @@ std::string LastRequest()
 {
     const std::lock_guard<std::mutex> lock(g_mutex);
     return g_request;
+}
+
+void SetRemoval(std::function<void()> removal)
+{
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    g_removal = std::move(removal);
+}
+
+std::function<void()> Removal()
+{
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    return g_removal;
 }
 
 /// Answers with the status that belongs to the bundle's name.
@@ -60,8 +73,8 @@ void Answer(lumo_message* msg, bolt_connection* conn)
     if (name == "fatal") {
         throw std::runtime_error("closes the connection");
     }
-    if (g_removal) {
-        g_removal();
+    if (const std::function<void()> removal = Removal()) {
+        removal();
     }
     const auto status = statuses.find(name);
     if (status == statuses.end()) {
@@ -100,7 +113,7 @@ protected:
 class BundlectlDeleteAndTheDirectory : public BundlectlDelete {
 public:
     BundlectlDeleteAndTheDirectory() { collection.BundleIn("receiver").Name("radio").Write(); }
-    ~BundlectlDeleteAndTheDirectory() override { g_removal = nullptr; }
+    ~BundlectlDeleteAndTheDirectory() override { SetRemoval(nullptr); }
 
     int Delete()
     {
@@ -195,7 +208,7 @@ TEST_F(BundlectlDelete, TakesANameOfAnyBytes)
 
 TEST_F(BundlectlDeleteAndTheDirectory, ReportsTheDeletionWhenTheDirectoryIsGone)
 {
-    g_removal = [this] { Remove(); };
+    SetRemoval([this] { Remove(); });
     EXPECT_EQ(Delete(), 0);
     EXPECT_EQ(ended.output, "bundle \"radio\" is deleted.\n");
     EXPECT_EQ(ended.errors, "");
@@ -209,15 +222,15 @@ TEST_F(BundlectlDeleteAndTheDirectory, EndsWithOneAndNamesWhatIsLeft)
     EXPECT_TRUE(Has(ended.errors, "\"" + collection / "receiver/")) << ended.errors;
     EXPECT_TRUE(Has(ended.errors, "and 1 more")) << ended.errors;
 
-    g_removal = [this] {
+    SetRemoval([this] {
         std::filesystem::remove_all(collection / "receiver");
         std::filesystem::create_directories(collection / "receiver/data/lost\nfound");
-    };
+    });
     std::filesystem::remove_all(collection / "receiver/bin");
     EXPECT_EQ(Delete(), 0) << "another directory is in its place";
 
     collection.BundleIn("receiver").Name("radio").Write();
-    g_removal = [this] { std::filesystem::remove(collection / "receiver/BundleManifest.ini"); };
+    SetRemoval([this] { std::filesystem::remove(collection / "receiver/BundleManifest.ini"); });
     EXPECT_EQ(Delete(), 1);
     EXPECT_TRUE(Has(ended.errors, "\"" + collection / "receiver/data/lost\\nfound\" cannot be removed"))
         << ended.errors;
@@ -225,17 +238,17 @@ TEST_F(BundlectlDeleteAndTheDirectory, EndsWithOneAndNamesWhatIsLeft)
 
 TEST_F(BundlectlDeleteAndTheDirectory, DoesNotCountADirectoryThatHasReplacedIt)
 {
-    g_removal = [this] {
+    SetRemoval([this] {
         Remove();
         collection.BundleIn("receiver").Name("radio").Write();
-    };
+    });
     EXPECT_EQ(Delete(), 0) << ended.errors;
 }
 
 TEST_F(BundlectlDeleteAndTheDirectory, ChecksOneOfTwoDirectoriesWithTheBundlesName)
 {
     collection.BundleIn("other").Name("radio").Write();
-    g_removal = [this] { Remove(); };
+    SetRemoval([this] { Remove(); });
     EXPECT_EQ(Delete(), 0) << ended.errors;
 }
 
@@ -246,7 +259,7 @@ TEST_F(BundlectlDeleteAndTheDirectory, ChecksForALinkWhereTheDirectoryIsALink)
     std::filesystem::remove_all(collection / "receiver");
     std::filesystem::create_directory_symlink(elsewhere / "receiver", collection / "receiver");
     EXPECT_EQ(Delete(), 1);
-    g_removal = [this] { std::filesystem::remove(collection / "receiver"); };
+    SetRemoval([this] { std::filesystem::remove(collection / "receiver"); });
     EXPECT_EQ(Delete(), 0) << ended.errors;
 }
 

@@ -55,12 +55,12 @@ TEST_F(Drilling, FindsThatAGoodBundleComesBack)
         .Write();
     std::vector<std::string> only;
     if (!IsLongForm()) {
-        only = {"--item", "tunerd", "--only", "signal:SEGV", "status:2", "status:0"};
+        only = {"--item", "tunerd", "--only", "signal:ABRT", "status:2", "status:0"};
     }
     only.insert(only.end(), {"--junit", notes / "junit.xml"});
     const Ended ended = Drill("radio", only);
     EXPECT_EQ(ended.status, 0) << ended.output << ended.errors;
-    EXPECT_TRUE(Tells(ended, "tunerd signal:SEGV: passed\n    It ended with SIGSEGV, and was run again after "));
+    EXPECT_TRUE(Tells(ended, "tunerd signal:ABRT: passed\n    It ended with SIGABRT, and was run again after "));
     EXPECT_TRUE(Tells(ended, "tunerd status:2: passed\n    It ended with status 2, and was run again after "));
     EXPECT_TRUE(Tells(ended, "tunerd status:0: passed\n    It ended with status 0, and rests.\n"));
     EXPECT_TRUE(Tells(ended, " 0 failed, "));
