@@ -17,7 +17,7 @@ struct Argument {
     const char* type = "";
     Check check = nullptr;     ///< null: every value is valid
     const char* without = "";  ///< an option, added before, that excludes this one
-    std::string standard = {}; ///< its default value, for the help
+    std::string standard = {}; ///< its default value, which the help shows
     bool isRequired = false;
     const char* choices = ""; ///< separated by blanks: the only valid values, unless a check permits others
 

@@ -15,7 +15,7 @@ namespace SystemServer {
 /// @throws std::bad_alloc nothing has been done
 bool StopAndUnload(BundleManager& manager, const std::shared_ptr<Bundle>& bundle);
 
-/// Deletes bundles together with their directories, for a request. Used on the main thread.
+/// Carries out requests to delete bundles together with their directories. Used on the main thread.
 class BundleRemoval {
 public:
     /// @param watcher not owned; does not raise the changes that a removal makes

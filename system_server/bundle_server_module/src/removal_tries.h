@@ -17,7 +17,7 @@ public:
     static constexpr int FREQUENT_TRIES = 10;
     static constexpr std::uint64_t SCANS_BETWEEN_RARE_TRIES = 60;
 
-    /// Called before a removal is raised, for the first time or again.
+    /// Called before each raising of a removal: the first one and each repetition.
     /// @throws std::bad_alloc
     void Begin(const std::string& name) { m_removals.try_emplace(name); }
 

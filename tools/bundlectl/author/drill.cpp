@@ -82,7 +82,7 @@ void Drill::Do(const Exercise& exercise, const std::string& item, const Body& bo
     m_sink(result);
 }
 
-/// Starts the items that rest after an exercise, for the next one.
+/// Before the next exercise, starts the items that rest after this one.
 bool Drill::MakeUp()
 {
     constexpr Milliseconds moment(200);

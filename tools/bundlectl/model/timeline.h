@@ -46,7 +46,7 @@ struct TimelineScript {
 struct TimelineBundle {
     static constexpr std::size_t KEPT = 2000; ///< for states, marks and scripts each; bounds a crash loop
 
-    std::string name; ///< the path, for a directory that was refused before its name was known
+    std::string name; ///< the path when a directory was refused before its name was known
     std::vector<std::string> required;
     std::vector<TimelineState> states;
     std::vector<TimelineMark> marks;
