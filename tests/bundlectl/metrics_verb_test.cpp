@@ -1,7 +1,6 @@
-// bundlectl metrics and record, with a real server.
+// bundlectl metrics, with a real server.
 #include "bundlectl/verb_test.h"
 
-#include "model/recorder_file.h"
 #include "support/private_mnt.h"
 
 #include <unistd.h>
@@ -17,11 +16,6 @@ namespace {
 const auto* const g_privateMnt = ::testing::AddGlobalTestEnvironment(new PrivateMnt);
 
 class Metrics : public VerbTest {};
-
-class RecordVerb : public VerbTest {
-public:
-    std::vector<Model::RecordedLaunch> Recorded() const { return Model::RecorderFile(Note("launches")).Read(); }
-};
 
 } // namespace
 
@@ -73,37 +67,4 @@ TEST_F(Metrics, SayThatNoServerRuns)
     const Ended ended = Run({"metrics", "--collection", collection.Path()});
     EXPECT_EQ(ended.status, 0);
     EXPECT_TRUE(Tells(ended, "bundle_server_up 0\n"));
-}
-
-TEST_F(RecordVerb, WritesDownWhatRunsAndWhatIsLaunched)
-{
-    collection.Bundle("radio").Copy("tuner", TEST_SLEEPER).Write();
-    Serve();
-    const pid_t first = daemon.WaitForItem("radio", "tuner");
-    ASSERT_NE(first, 0);
-    ASSERT_EQ(Run({"record", "--once", "--file", Note("launches")}).status, 0);
-    ASSERT_EQ(Recorded().size(), 1U);
-    EXPECT_EQ(Recorded().front().pid, first);
-    EXPECT_EQ(Recorded().front().bundle, "radio");
-    EXPECT_EQ(Recorded().front().item, "tuner");
-    EXPECT_EQ(Recorded().front().server, daemon.Pid());
-    EXPECT_EQ(Recorded().front().boot, Model::BootId());
-
-    Program recorder({BUNDLECTL_PROGRAM, "record", "--file", Note("launches")});
-    ASSERT_TRUE(Eventually(std::chrono::seconds(20), [&] {
-        ::kill(daemon.PidsOf("radio", "tuner").back(), SIGKILL);
-        return Recorded().size() >= 2;
-    }));
-    EXPECT_EQ(Recorded()[1].item, "tuner");
-    EXPECT_NE(Recorded()[1].pid, first);
-}
-
-TEST_F(RecordVerb, SaysThatTheFileCannotBeWritten)
-{
-    collection.Bundle("radio").Copy("tuner", TEST_SLEEPER).Write();
-    Serve();
-    ASSERT_NE(daemon.WaitForItem("radio", "tuner"), 0);
-    const Ended ended = Run({"record", "--once", "--file", Note("missing/launches")});
-    EXPECT_EQ(ended.status, 1);
-    EXPECT_TRUE(Has(ended.errors, "cannot be written: No such file or directory"));
 }

@@ -47,6 +47,24 @@ commands=$("$bundlectl" --help | sed -n '/^Commands:/,/^$/s/^  \([a-z]*\) .*/\1/
 same "commands of bundlectl" "$(cat "$man"/bundlectl*.1 | sed -n 's/^\.It Cm \([a-z]*\).*/\1/p')" "$commands"
 same "options of bundlectl" "$(for page in "$man"/bundlectl*.1; do options_of_page "${page##*/}"; done)" \
     "$(for command in "" $commands; do "$bundlectl" ${command:+"$command"} --help; done | options_of_help)"
+# The options in the synopsis of one verb of bundlectl.1, an alias a line.
+synopsis() {
+    awk -v verb="$1" '
+        /^\.Sh/ { inside = $2 == "SYNOPSIS"; named = 0; taken = 0 }
+        !inside { next }
+        $0 == ".Nm" { named = 1; taken = 0; next }
+        named { taken = $1 == ".Cm" && $2 == verb; named = 0 }
+        taken' "$man/bundlectl.1" | grep -oE 'Fl Fl [a-z-]+|Fl [a-z]( |$)' |
+        sed -E -e 's/Fl Fl /--/' -e 's/Fl ([a-z]).*/-\1/'
+}
+
+for command in $commands; do
+    "$bundlectl" "$command" --help | grep -q '^ *--json ' || { echo "$command has no --json"; status=1; }
+    grep -q "^\.It Cm $command" "$man/bundlectl.1" || continue # the other pages leave out the options of all their verbs
+    # An option with a short form has that form in the synopsis.
+    same "synopsis of $command" "$(synopsis "$command")" \
+        "$("$bundlectl" "$command" --help | sed -nE 's/^ +(-[^ =]+).*/\1/p' | grep -v '^-h,' | cut -d , -f 1)"
+done
 same "exit statuses of bundlectl" "$(items_of_section bundlectl.1 'EXIT STATUS')" \
     "$("$bundlectl" --help | sed -n '/^exit status/s/[^0-9]\{1,\}/\n/gp' | sed '/^$/d')"
 

@@ -64,7 +64,7 @@ constexpr Verb VERBS[] = {
     {"metrics", Program::BUNDLECTL, "Print the same facts as numbers, for a monitoring system",
      "bundlectl metrics\nbundlectl metrics --textfile /var/lib/prometheus/node-exporter/bundles.prom"},
     {"record", Program::BUNDLECTL, "Write down each launch, so that its process can be told later",
-     "bundlectl record\nbundlectl record --once"},
+     "bundlectl record\nbundlectl record --once --json"},
     {"report", Program::ANALYSIS, "Write all of it into one HTML page, to attach to a ticket",
      "bundlectl report -o report.html"},
     {"put", Program::PUT, "Install or update a bundle in one step, and go back when it does not run",

@@ -6,6 +6,7 @@
 #include "model/log_reader.h"
 #include "model/recorder_file.h"
 #include "model/status.h"
+#include "output/json_writer.h"
 #include "places.h"
 #include "printable.h"
 
@@ -29,13 +30,14 @@ struct Options {
     Model::Choice choice;
     std::string file = Model::RECORDER_FILE;
     bool once = false;
+    bool json = false;
 };
 
 constexpr std::chrono::milliseconds INTERVAL{500};
 
 class Recorder {
 public:
-    explicit Recorder(const std::string& file) : m_file(file), m_boot(Model::BootId()) {}
+    explicit Recorder(const Options& options) : m_file(options.file), m_json(options.json), m_boot(Model::BootId()) {}
 
     /// Records the running items that are not in the file yet.
     void RecordAll(const Model::Snapshot& snapshot)
@@ -62,21 +64,41 @@ public:
         }
     }
 
-    /// The errno of a failure; 0: none.
+    /// The errno of a failure of the file; 0: none.
     int Error() const { return m_error; }
+
+    /// False after a failure of the file or of standard output.
+    bool IsGood() const { return m_error == 0 && m_status == EXIT_DONE; }
+
+    /// The exit status for what has happened to standard output.
+    int Status() const { return m_status; }
 
 private:
     void Append(const Model::ProcessStat& stat, pid_t server, const std::string& bundle, const std::string& item)
     {
         if (!m_file.Append({m_boot, stat.pid, stat.startTicks, server, bundle, item})) {
             m_error = errno;
+        } else if (m_json) {
+            Print(stat, server, bundle, item);
+        }
+    }
+
+    void Print(const Model::ProcessStat& stat, pid_t server, const std::string& bundle, const std::string& item)
+    {
+        Output::JsonWriter json;
+        json.BeginOutput("record", Model::Now()).Member("bundle", bundle).Member("item", item);
+        json.Member("pid", stat.pid).Member("started", m_proc.StartTime(stat)).Member("server", server).End();
+        if (m_status == EXIT_DONE) {
+            m_status = Verbs::Print(json.Text(), EXIT_DONE);
         }
     }
 
     const Model::RecorderFile m_file;
+    const bool m_json;
     const std::string m_boot;
     const Model::Proc m_proc;
     int m_error = 0;
+    int m_status = EXIT_DONE;
 };
 
 int Failed(const std::string& file, int error)
@@ -98,7 +120,7 @@ std::unique_ptr<Model::LogSource> Follow(const LogLocation& log)
 // A signal may end it at any moment, because a launch is appended by one write.
 int Record(const Options& options)
 {
-    Recorder recorder(options.file);
+    Recorder recorder(options);
     const LogLocation log = Model::FindInstallation(options.choice, Model::Proc()).log;
     // Opened before the running items are read, so that no launch is missed in between.
     LogReader reader(Follow(options.once ? LogLocation() : log), LogReader::LastLine::LEAVE);
@@ -116,11 +138,11 @@ int Record(const Options& options)
         Verbs::TellNotes(snapshot->notes);
         return EXIT_UNREACHABLE;
     }
-    while (!options.once && recorder.Error() == 0) {
+    while (!options.once && recorder.IsGood()) {
         ReadAll(reader, attribution);
         std::this_thread::sleep_for(INTERVAL);
     }
-    return recorder.Error() == 0 ? EXIT_DONE : Failed(options.file, recorder.Error());
+    return recorder.Error() == 0 ? recorder.Status() : Failed(options.file, recorder.Error());
 }
 
 } // namespace
@@ -132,6 +154,7 @@ Action DefineRecord(Arguments& arguments)
     file.standard = Model::RECORDER_FILE;
     arguments.Add(file, options->file);
     arguments.AddFlag("--once", "record what runs now, and end", options->once);
+    Verbs::AddJson(arguments, options->json);
     Verbs::AddPlaces(arguments, options->choice);
     return [options] { return Record(*options); };
 }
