@@ -1,49 +1,17 @@
 // bundlectl drill. The short form runs a small selection of the exercises, the long form all.
-#include "bundlectl/author/trial_test.h"
+#include "bundlectl/author/drill_fixture.h"
 #include "support/eventually.h"
 #include "support/files.h"
-#include "support/process_info.h"
 #include "support/scale.h"
 #include "support/shell.h"
 
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 using namespace std::chrono_literals;
-
-namespace {
-
-namespace fs = std::filesystem;
-
-class Drilling : public TrialTest {
-public:
-    Ended Drill(const std::string& bundle, std::vector<std::string> arguments) const
-    {
-        arguments.insert(arguments.begin(), {"drill", bundles / bundle});
-        Program program(Words(arguments));
-        int status = 0;
-        EXPECT_TRUE(Eventually(Scaled(50s, 900s), [&] { return !ProcessOf::IsAlive(program.Pid()); }))
-            << program.Output();
-        status = program.Wait();
-        return {status, program.Output(), program.Errors()};
-    }
-
-    /// The behaviour of an item on its first run, and on all others.
-    std::string Runs(const std::string& first, const std::string& others) const
-    {
-        const std::string note = notes / "ran";
-        return "if [ ! -e " + note + " ]; then : > " + note + "\n" + first + "\nelse :\n" + others + "\nfi\n" + Sleep();
-    }
-
-    /// The script that makes its directory before the first item starts.
-    static std::string MakesData() { return Shell("mkdir -p \"${0%/script/*}/data\""); }
-};
-
-} // namespace
 
 TEST_F(Drilling, FindsThatAGoodBundleComesBack)
 {

@@ -117,7 +117,8 @@ void Drill::Examine(const Before& before, DrillResult& result)
     const std::size_t descriptors = CountDescriptors(m_bundle.Server());
     if (descriptors > before.serversDescriptors) {
         result.descriptorsLeft += descriptors - before.serversDescriptors;
-        result.Fail("The server has " + std::to_string(result.descriptorsLeft) + " descriptors more than before.");
+        result.Fail("The server has " + std::to_string(result.descriptorsLeft) +
+                    (result.descriptorsLeft == 1 ? " descriptor" : " descriptors") + " more than before.");
     }
     if (!DataAreGood()) {
         result.Fail("The check of the data fails.");

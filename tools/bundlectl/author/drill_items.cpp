@@ -2,6 +2,7 @@
 #include "drill.h"
 #include "forced_exit.h"
 #include "model/end_name.h"
+#include "model/proc.h"
 
 #include <csignal>
 
@@ -12,6 +13,12 @@ namespace {
 std::string EndedWith(const Model::ItemEnd& end)
 {
     return "It ended with " + Model::NameOfEnd(end.isSignal, end.number);
+}
+
+bool IsAlive(pid_t pid)
+{
+    const auto stat = Model::Proc().Stat(pid);
+    return stat && stat->IsAlive();
 }
 
 } // namespace
@@ -86,8 +93,10 @@ void Drill::EndItem(const Exercise& exercise, const std::string& name, DrillResu
             return found != nullptr;
         },
         toEnd);
-    if (!hasEnded) {
+    if (!hasEnded && IsAlive(before.pid)) {
         result.Pass("It goes on running.");
+    } else if (!hasEnded) {
+        result.Fail("It ended, and the server does not notice it.");
     } else if (IsRunAgain(end.isSignal, end.number)) {
         CompareDescriptors(ExpectRelaunch(before, end, result), descriptors, result);
     } else {

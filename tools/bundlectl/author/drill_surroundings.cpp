@@ -147,7 +147,6 @@ void Drill::KillOneMeanwhile(const std::string& when, const std::function<bool(c
 
 void Drill::SlowUpdate(DrillResult& result)
 {
-    const Moment before = m_bundle.Look();
     {
         const SlowScript slow(m_bundle.Path(), "update.sh");
         if (!m_bundle.WaitUntil([](const Moment& now) { return now.runsScript; }, NOTICE)) {
@@ -159,7 +158,8 @@ void Drill::SlowUpdate(DrillResult& result)
             return item != nullptr && item->isUp && item->pid != killed.pid && now.runsScript;
         };
         KillOneMeanwhile("while update.sh took " + Model::SpanText(SLOWNESS), isBack, result);
-        if (!m_bundle.WaitForRenewal(before, SLOWNESS + m_settings.patience)) {
+        // The killed item is already renewed, so the comparison is with this moment.
+        if (!m_bundle.WaitForRenewal(m_bundle.Look(), SLOWNESS + m_settings.patience)) {
             result.Fail("The bundle is not up after a slow update.");
         }
     }
@@ -184,7 +184,7 @@ void Drill::SlowInstallation(DrillResult& result)
         fs::rename(aside, m_bundle.Path());
         slow.Follow(m_bundle.Path());
         const bool isUp =
-            m_bundle.WaitUntil([](const Moment& now) { return now.isUp; }, SLOWNESS + m_settings.patience);
+            m_bundle.WaitUntil([](const Moment& now) { return now.isUp; }, NOTICE + SLOWNESS + m_settings.patience);
         if (isGone && isUp) {
             result.Pass("It was taken out, put back, and is up after a slow install.sh.");
         } else {

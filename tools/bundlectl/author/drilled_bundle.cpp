@@ -110,7 +110,8 @@ bool DrilledBundle::Restart(Milliseconds patience)
     bool isRenewed = false;
     while (!isRenewed && Clock::now() < end) {
         ::utimensat(AT_FDCWD, m_path.c_str(), nullptr, 0);
-        isRenewed = WaitForRenewal(before, oneTry);
+        const auto left = std::chrono::ceil<Milliseconds>(end - Clock::now());
+        isRenewed = WaitForRenewal(before, std::min(left, oneTry));
     }
     return isRenewed;
 }
