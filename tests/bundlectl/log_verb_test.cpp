@@ -105,6 +105,19 @@ TEST_F(TheLog, ThatIsNotThereIsSaidToBeMissing)
     EXPECT_TRUE(Has(ended.errors, "/no/such/log")) << ended.errors;
 }
 
+TEST_F(TheLog, ThatCannotBeReadIsReportedAndEndsEachVerbThatNeedsIt)
+{
+    Serve();
+    WriteProgram(Note("journalctl"), "#!/bin/sh\nexit 3\n");
+    for (const std::string verb : {"log", "timeline", "blame", "record"}) {
+        const Ended ended =
+            RunToEnd("/bin/sh", {"-c", "PATH=" + Note("") + " exec " BUNDLECTL_PROGRAM " " + verb + " --log journal " +
+                                           (verb == "record" ? "--file " + Note("launches") : "")});
+        EXPECT_EQ(ended.status, 4) << verb << ended.output << ended.errors;
+        EXPECT_TRUE(Has(ended.errors, "journalctl has failed with status 3")) << verb << ended.errors;
+    }
+}
+
 TEST_F(TheLog, IsWrittenForProgramsToo)
 {
     ServeTwoBundles();

@@ -25,6 +25,42 @@ std::unique_ptr<LogSource> OpenFiles(const std::string& path, const LogPart& par
     return ReadFrom(files, place);
 }
 
+/// All of a unit's journal. journalctl leaves out what its user may not read, and does not say so.
+class WholeJournal : public LogSource {
+public:
+    WholeJournal(std::string unit, std::unique_ptr<LogSource> journal)
+        : m_unit(std::move(unit)), m_journal(std::move(journal))
+    {
+        TakeTroubles();
+    }
+
+    std::size_t Read(char* buffer, std::size_t size) override
+    {
+        const std::size_t count = m_journal->Read(buffer, size);
+        m_hasRead = m_hasRead || count > 0;
+        TakeTroubles();
+        if (!m_hasRead && Troubles().empty()) {
+            Note("The journal has nothing of " + m_unit +
+                 " that this user may read. Root may read it all, and the members of the group systemd-journal.");
+        }
+        return count;
+    }
+
+private:
+    void TakeTroubles()
+    {
+        const std::vector<std::string>& troubles = m_journal->Troubles();
+        for (; m_taken < troubles.size(); ++m_taken) {
+            Note(troubles[m_taken]);
+        }
+    }
+
+    const std::string m_unit;
+    const std::unique_ptr<LogSource> m_journal;
+    bool m_hasRead = false;
+    std::size_t m_taken = 0; // troubles of the journal
+};
+
 std::unique_ptr<LogSource> OpenJournal(const std::string& unit, const LogPart& part)
 {
     std::vector<std::string> command{"journalctl", "--unit=" + unit, "--output=cat", "--quiet", "--no-pager"};
@@ -38,7 +74,8 @@ std::unique_ptr<LogSource> OpenJournal(const std::string& unit, const LogPart& p
     if (part.follow) {
         command.emplace_back("--follow");
     }
-    return ReadCommand(command);
+    std::unique_ptr<LogSource> journal = ReadCommand(command);
+    return part.since ? std::move(journal) : std::make_unique<WholeJournal>(unit, std::move(journal));
 }
 
 } // namespace

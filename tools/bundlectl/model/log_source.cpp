@@ -127,19 +127,52 @@ private:
 
 class CommandSource : public LogSource {
 public:
-    CommandSource(pid_t pid, std::unique_ptr<LogSource> output) : m_pid(pid), m_output(std::move(output)) {}
+    CommandSource(pid_t pid, UniqueFd output, std::string name)
+        : m_pid(pid), m_output(std::move(output), name), m_name(std::move(name))
+    {}
     ~CommandSource() override
     {
-        ::kill(m_pid, SIGKILL);
-        while (::waitpid(m_pid, nullptr, 0) == -1 && errno == EINTR) {
+        if (m_pid != 0) {
+            ::kill(m_pid, SIGKILL);
+            Wait();
         }
     }
 
-    std::size_t Read(char* buffer, std::size_t size) override { return m_output->Read(buffer, size); }
+    std::size_t Read(char* buffer, std::size_t size) override
+    {
+        const std::size_t count = m_output.Read(buffer, size);
+        if (count == 0 && m_pid != 0) {
+            TellFailure(Wait());
+        }
+        return count;
+    }
 
 private:
-    const pid_t m_pid;
-    const std::unique_ptr<LogSource> m_output;
+    int Wait()
+    {
+        int status = 0;
+        while (::waitpid(m_pid, &status, 0) == -1 && errno == EINTR) {
+        }
+        m_pid = 0;
+        return status;
+    }
+
+    void TellFailure(int status)
+    {
+        for (const std::string& trouble : m_output.Troubles()) {
+            Note(trouble);
+        }
+        const std::string incomplete = ": its output may not be complete.";
+        if (WIFSIGNALED(status)) {
+            Note(m_name + " was ended by signal " + std::to_string(WTERMSIG(status)) + incomplete);
+        } else if (WEXITSTATUS(status) != 0) {
+            Note(m_name + " has failed with status " + std::to_string(WEXITSTATUS(status)) + incomplete);
+        }
+    }
+
+    pid_t m_pid; // 0: its end has been waited for
+    DescriptorSource m_output;
+    const std::string m_name;
 };
 
 /// The texts in the form that the kernel requires. The texts must outlive it.
@@ -220,7 +253,7 @@ std::unique_ptr<LogSource> ReadCommand(const std::vector<std::string>& arguments
     if (const int error = Spawn(arguments, environment, writeEnd.Get(), pid); error != 0) {
         return std::make_unique<EmptySource>(arguments.front() + " cannot be run: " + std::strerror(error) + ".");
     }
-    return std::make_unique<CommandSource>(pid, ReadDescriptor(std::move(readEnd), arguments.front()));
+    return std::make_unique<CommandSource>(pid, std::move(readEnd), arguments.front());
 }
 
 } // namespace Model

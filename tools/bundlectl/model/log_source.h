@@ -45,7 +45,8 @@ std::unique_ptr<LogSource> ReadLogFile(const std::string& path, std::uint64_t of
 /// Several sources, one after the other.
 std::unique_ptr<LogSource> ReadInTurn(std::vector<std::unique_ptr<LogSource>> sources);
 
-/// The output of a command. The destructor of the source ends the command.
+/// The output of a command. At its end, waits for the command's end: a failure of the command is a trouble. The
+/// destructor of the source ends the command.
 /// @param environment additional variables for the command, "NAME=VALUE"
 std::unique_ptr<LogSource> ReadCommand(const std::vector<std::string>& arguments,
                                        const std::vector<std::string>& environment = {});

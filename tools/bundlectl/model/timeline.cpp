@@ -356,7 +356,8 @@ std::optional<Timeline> TimelineBuilder::Finish(std::optional<Time> from, std::o
     return std::move(m_timeline);
 }
 
-std::optional<Timeline> ReadTimeline(const LogLocation& log, const TimelineRequest& request)
+std::optional<Timeline> ReadTimeline(const LogLocation& log, const TimelineRequest& request,
+                                     std::vector<std::string>& notes)
 {
     const bool hasTimes = request.from || request.to;
     TimelineBuilder builder(hasTimes ? TimelineBuilder::Window::TIMES : TimelineBuilder::Window::START_UP);
@@ -369,8 +370,9 @@ std::optional<Timeline> ReadTimeline(const LogLocation& log, const TimelineReque
     LogReader reader(OpenLog(log, {std::nullopt, hasTimes ? 0 : request.server}));
     ReadAll(reader, attribution);
     std::optional<Timeline> timeline = builder.Finish(request.from, request.to);
+    notes = reader.Troubles();
     if (timeline) {
-        timeline->notes = reader.Troubles();
+        timeline->notes = notes;
     }
     return timeline;
 }

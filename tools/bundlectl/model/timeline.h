@@ -128,7 +128,9 @@ struct TimelineRequest {
 };
 
 /// Reads a log into a timeline. Empty when the log has no facts in the window.
-std::optional<Timeline> ReadTimeline(const LogLocation& log, const TimelineRequest& request);
+/// @param notes receives the notes of the timeline, also when the timeline is empty
+std::optional<Timeline> ReadTimeline(const LogLocation& log, const TimelineRequest& request,
+                                     std::vector<std::string>& notes);
 
 } // namespace Model
 

@@ -205,7 +205,8 @@ int Run(const Options& options, const Filter& filter)
         std::cerr << "bundlectl: there is no bundle \"" << filter.bundle << "\", and no record of one.\n";
         return EXIT_UNKNOWN_BUNDLE;
     }
-    return isGood ? EXIT_DONE : EXIT_FAILED;
+    const bool isUnread = reader.Counts().records == 0 && !reader.Troubles().empty();
+    return !isGood ? EXIT_FAILED : isUnread ? EXIT_UNREACHABLE : EXIT_DONE;
 }
 
 int ShowLog(const Options& options)

@@ -117,6 +117,14 @@ std::unique_ptr<Model::LogSource> Follow(const LogLocation& log)
     return Model::OpenLog(log, {Model::Now(), 0, true});
 }
 
+/// Only a file can be followed beyond its end. Returns the exit status.
+int EndOfLog(const LogReader& reader)
+{
+    Verbs::TellNotes(reader.Troubles());
+    std::cerr << "bundlectl: the log has ended, so no further launch can be recorded. Start the recorder again.\n";
+    return EXIT_UNREACHABLE;
+}
+
 // A signal may end it at any moment, because a launch is appended by one write.
 int Record(const Options& options)
 {
@@ -140,6 +148,9 @@ int Record(const Options& options)
     }
     while (!options.once && recorder.IsGood()) {
         ReadAll(reader, attribution);
+        if (log.kind != LogLocation::FILE && recorder.IsGood()) {
+            return EndOfLog(reader);
+        }
         std::this_thread::sleep_for(INTERVAL);
     }
     return recorder.Error() == 0 ? recorder.Status() : Failed(options.file, recorder.Error());

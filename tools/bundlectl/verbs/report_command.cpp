@@ -66,7 +66,8 @@ std::string Page(const Model::Snapshot& snapshot)
     if (installation.log.kind == Model::LogLocation::FILE || installation.log.kind == Model::LogLocation::JOURNAL) {
         Model::TimelineRequest request;
         request.server = installation.server ? installation.server->stat.pid : 0;
-        report.timeline = Model::ReadTimeline(installation.log, request);
+        std::vector<std::string> notes; // the same as the snapshot's
+        report.timeline = Model::ReadTimeline(installation.log, request, notes);
         report.errors = LastErrors(snapshot);
     }
     report.versions = Versions(snapshot);
@@ -76,6 +77,7 @@ std::string Page(const Model::Snapshot& snapshot)
 int WriteReport(const Options& options)
 {
     const auto snapshot = Model::TakeSnapshot(options.choice, Model::LogDepth::EVERYTHING);
+    Verbs::TellNotes(snapshot->notes);
     const std::string page = Page(*snapshot);
     if (options.file == "-") {
         return Verbs::Print(page, EXIT_DONE);

@@ -25,9 +25,12 @@ struct Options {
     bool json = false;
 };
 
+/// Reads the timeline, and prints what could not be read.
 std::optional<Timeline> Read(const Model::LogLocation& log, const TimelineRequest& request)
 {
-    std::optional<Timeline> timeline = ReadTimeline(log, request);
+    std::vector<std::string> notes;
+    std::optional<Timeline> timeline = ReadTimeline(log, request, notes);
+    Verbs::TellNotes(notes);
     if (!timeline) {
         std::cerr << "bundlectl: " << (log.path.empty() ? "the log" : Printable(log.path))
                   << " has no beginning of a start-up. Give an older log with --log, or times with --from.\n";
@@ -52,11 +55,7 @@ std::optional<Timeline> ReadOfServer(const Options& options)
     if (installation.log.kind == Model::LogLocation::NOWHERE) {
         return std::nullopt;
     }
-    std::optional<Timeline> timeline = Read(installation.log, request);
-    if (timeline) {
-        Verbs::TellNotes(timeline->notes);
-    }
-    return timeline;
+    return Read(installation.log, request);
 }
 
 int ShowTimeline(const Options& options)
@@ -85,7 +84,6 @@ int CompareLogs(const Options& options)
         if (!timeline) {
             return EXIT_UNREACHABLE;
         }
-        Verbs::TellNotes(timeline->notes);
         timelines.push_back(std::move(*timeline));
     }
     const Verbs::Comparison comparison = Verbs::Compare(timelines[0], timelines[1], Output::AskTerminal());
