@@ -102,15 +102,6 @@ TEST_F(Drilling, RemovesLibraries)
     }
 }
 
-TEST_F(Drilling, LeavesThreadsOut)
-{
-    bundles.Bundle("radio").ThreadMode().Library("tuner.so", "ReturnZero", TEST_LIBRARY).Write();
-    const Ended ended = Drill("radio", {"--only", "signal:SEGV"});
-    EXPECT_EQ(ended.status, 0) << ended.output << ended.errors;
-    EXPECT_TRUE(Tells(ended, "what ends it ends the server."));
-    EXPECT_TRUE(Tells(ended, "0 passed, 0 failed, 1 left out.\n"));
-}
-
 TEST_F(Drilling, SaysWhatIsWrongWithItsUse)
 {
     bundles.Bundle("radio").Item("tuner.sh", Sleep()).Write();

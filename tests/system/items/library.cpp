@@ -1,4 +1,5 @@
 // The entry functions of a library item, one for each way in which such a function can behave.
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -78,6 +79,12 @@ int LeaveDeadChild()
 int KeepChild()
 {
     return std::system("while :; do sleep 1; done") == 0 ? 0 : 1;
+}
+
+/// Opens a file and never closes it.
+int LeaveDescriptor()
+{
+    return ::open("/dev/null", O_RDONLY | O_CLOEXEC) < 0 ? 1 : 0;
 }
 
 /// Makes every later wait for a child fail in this process.

@@ -25,7 +25,10 @@ Drill::Drill(DrilledBundle& bundle, Settings settings, Sink sink)
 void Drill::Run()
 {
     for (const Exercise& exercise : m_settings.exercises) {
-        if (exercise.IsOfItem()) {
+        const bool endsItem = exercise.kind == Exercise::SIGNAL || exercise.kind == Exercise::STATUS;
+        if (endsItem && IsOfThreads()) {
+            Do(exercise, "", [this, &exercise](DrillResult& result) { EndServer(exercise, result); });
+        } else if (exercise.IsOfItem()) {
             DoToItems(exercise);
         } else if (exercise.kind == Exercise::LIBRARY) {
             RemoveLibraries(exercise);
@@ -50,17 +53,14 @@ void Drill::DoToItems(const Exercise& exercise)
         if (!m_settings.item.empty() && m_settings.item != item.name) {
             continue;
         }
-        if (item.isThread) {
-            DrillResult result;
-            result.item = item.name;
-            result.name = exercise.name;
-            result.LeaveOut("The item is a thread of the server: what ends it ends the server.");
-            m_sink(result);
-            continue;
-        }
         Do(exercise, item.name, [&](DrillResult& result) {
-            exercise.kind == Exercise::UNDISTURBED ? LeaveAlone(item.name, result)
-                                                   : EndItem(exercise, item.name, result);
+            if (exercise.kind != Exercise::UNDISTURBED) {
+                EndItem(exercise, item.name, result);
+            } else if (item.isThread) {
+                LeaveThreadAlone(item.name, result);
+            } else {
+                LeaveAlone(item.name, result);
+            }
         });
     }
 }
@@ -90,18 +90,21 @@ bool Drill::MakeUp()
            m_bundle.Restart(m_settings.patience + m_settings.patience);
 }
 
-Drill::Before Drill::TakeBefore() const
+Drill::Before Drill::TakeBefore()
 {
-    return {FindStrays(m_bundle.Server()), CountDescriptors(m_bundle.Server()), DataFiles(m_bundle.Path())};
+    return {FindStrays(m_bundle.Server()), CountDescriptors(m_bundle.Server()), DataFiles(m_bundle.Path()),
+            m_bundle.Look().items};
 }
 
 void Drill::Examine(const Before& before, DrillResult& result)
 {
     std::vector<Stray> strays;
+    std::vector<std::string> threads;
     for (int step = 0; step < STEPS; ++step) {
         strays = NewStrays(before.strays, FindStrays(m_bundle.Server()));
         result.filesDamaged = DamagedFiles(before.files, DataFiles(m_bundle.Path()));
-        if (strays.empty() && result.filesDamaged.empty()) {
+        threads = ThreadsLeft(before.items);
+        if (strays.empty() && result.filesDamaged.empty() && threads.empty()) {
             break;
         }
         m_bundle.Wait(STEP);
@@ -111,6 +114,9 @@ void Drill::Examine(const Before& before, DrillResult& result)
         result.Fail("It leaves a process behind: " + result.processesLeft.back() + ".");
     }
     EndStrays(strays);
+    for (const std::string& item : threads) {
+        result.Fail("The former thread of " + item + " goes on beside the new one: it cannot be cancelled.");
+    }
     for (const std::string& file : result.filesDamaged) {
         result.Fail("The file " + file + " has lost its content.");
     }

@@ -71,12 +71,13 @@ private:
         std::vector<Stray> strays;
         std::size_t serversDescriptors = 0;
         std::map<std::string, std::uintmax_t> files;
+        std::vector<Item> items;
     };
 
     void Do(const Exercise& exercise, const std::string& item, const Body& body);
     void DoToItems(const Exercise& exercise);
     bool MakeUp();
-    Before TakeBefore() const;
+    Before TakeBefore();
     void Examine(const Before& before, DrillResult& result);
     bool DataAreGood() const;
 
@@ -89,6 +90,16 @@ private:
     pid_t ExpectRelaunch(const Item& before, const Model::ItemEnd& end, DrillResult& result);
     void ExpectRest(const Item& before, const Model::ItemEnd& end, DrillResult& result);
     void CompareDescriptors(pid_t pid, std::size_t before, DrillResult& result);
+
+    // drill_threads.cpp
+    bool IsOfThreads();
+    void LeaveThreadAlone(const std::string& name, DrillResult& result);
+    /// What ends a thread of the server ends the server.
+    void EndServer(const Exercise& exercise, DrillResult& result);
+    /// Ends the server and starts it again. @return whether all items are up
+    bool RenewServer();
+    /// The items whose thread from before goes on beside the new one.
+    std::vector<std::string> ThreadsLeft(const std::vector<Item>& before);
 
     // drill_surroundings.cpp
     void SlowUpdate(DrillResult& result);

@@ -135,7 +135,7 @@ void Drill::KillOneMeanwhile(const std::string& when, const std::function<bool(c
     const auto item = std::find_if(before.items.begin(), before.items.end(),
                                    [](const Item& other) { return !other.isThread && other.pid > 0; });
     if (item == before.items.end()) {
-        return;
+        return; // nothing supervises threads
     }
     ::kill(item->pid, SIGKILL);
     if (m_bundle.WaitUntil([&](const Moment& now) { return isBack(now, *item); }, m_settings.patience)) {
@@ -159,7 +159,9 @@ void Drill::SlowUpdate(DrillResult& result)
         };
         KillOneMeanwhile("while update.sh took " + Model::SpanText(SLOWNESS), isBack, result);
         // The killed item is already renewed, so the comparison is with this moment.
-        if (!m_bundle.WaitForRenewal(m_bundle.Look(), SLOWNESS + m_settings.patience)) {
+        if (m_bundle.WaitForRenewal(m_bundle.Look(), SLOWNESS + m_settings.patience)) {
+            result.Pass("The bundle is up after the slow update.");
+        } else {
             result.Fail("The bundle is not up after a slow update.");
         }
     }
@@ -222,6 +224,11 @@ void Drill::RemoveLibrary(const std::string& library, DrillResult& result)
     ::utimensat(AT_FDCWD, m_bundle.Path().c_str(), nullptr, 0); // the server does not watch this file
     m_bundle.WaitForRenewal(before, NOTICE);
     result.Pass(TellDown(m_bundle.Look()));
+    if (IsOfThreads()) {
+        result.Pass("The server keeps what it has loaded, so it is started again.");
+        RenewServer();
+        result.Pass(TellDown(m_bundle.Look()));
+    }
     fs::rename(aside, file);
     if (m_bundle.Restart(m_settings.patience + m_settings.patience)) {
         result.Pass("With it back, all are up again.");
@@ -262,6 +269,11 @@ void Drill::FillLog(DrillResult& result)
         const std::set<pid_t> now = ChildrenOf(m_bundle.Server());
         return std::any_of(now.begin(), now.end(), [&children](pid_t child) { return children.count(child) == 0; });
     };
+    if (IsOfThreads()) {
+        ::utimensat(AT_FDCWD, m_bundle.Path().c_str(), nullptr, 0);
+        m_bundle.Wait(NOTICE);
+        result.Pass("The server goes on when the bundle is touched while the log's disk is full.");
+    }
     KillOneMeanwhile("while the log's disk was full", isBack, result);
     fs::remove(FILLER);
     m_bundle.Wait(LAUNCH);

@@ -28,13 +28,21 @@ DrilledBundle::Item ItemOf(const Model::ItemStatus& status)
     return item;
 }
 
-/// Whether each item runs in a new process.
+/// Whether each item has been started again.
 bool IsRenewed(const DrilledBundle::Moment& before, const DrilledBundle::Moment& now)
 {
     return now.isUp && std::all_of(now.items.begin(), now.items.end(), [&before](const DrilledBundle::Item& item) {
                const DrilledBundle::Item* const former = before.Find(item.name);
-               return item.isThread || former == nullptr || former->pid != item.pid;
+               // A thread that has ended has no number any more.
+               return former == nullptr ||
+                      (item.isThread ? former->launches != item.launches : former->pid != item.pid);
            });
+}
+
+/// The server opens its last descriptors after it has started the bundles.
+bool IsStarted(const Model::Snapshot& snapshot)
+{
+    return snapshot.server != nullptr && (snapshot.server->serving || snapshot.server->hasNoService);
 }
 
 } // namespace
@@ -44,6 +52,11 @@ const Model::ItemEnd* DrilledBundle::Item::EndOf(pid_t process) const
     const auto found =
         std::find_if(ends.rbegin(), ends.rend(), [process](const Model::ItemEnd& end) { return end.pid == process; });
     return found == ends.rend() ? nullptr : &*found;
+}
+
+bool DrilledBundle::Moment::IsOfThreads() const
+{
+    return std::any_of(items.begin(), items.end(), [](const Item& item) { return item.isThread; });
 }
 
 const DrilledBundle::Item* DrilledBundle::Moment::Find(const std::string& item) const
@@ -67,7 +80,8 @@ DrilledBundle::Moment DrilledBundle::Look()
             continue;
         }
         moment.state = Model::NameOf(bundle.state);
-        moment.isUp = bundle.state == Model::BundleState::ACTIVE && bundle.itemsUp == bundle.items.size();
+        moment.isUp =
+            bundle.state == Model::BundleState::ACTIVE && bundle.itemsUp == bundle.items.size() && IsStarted(*snapshot);
         for (const Model::ItemStatus& item : bundle.items) {
             moment.items.push_back(ItemOf(item));
         }
@@ -99,6 +113,22 @@ bool DrilledBundle::WaitUntil(const std::function<bool(const Moment&)>& conditio
 bool DrilledBundle::WaitForRenewal(const Moment& before, Milliseconds patience)
 {
     return WaitUntil([&before](const Moment& now) { return IsRenewed(before, now); }, patience);
+}
+
+std::string DrilledBundle::WaitForServersEnd(Milliseconds patience)
+{
+    constexpr Milliseconds step(20);
+    const Clock::time_point end = Clock::now() + patience;
+    while (m_server.TakeEnd().empty() && Clock::now() < end) {
+        Wait(step);
+    }
+    return m_server.TakeEnd();
+}
+
+bool DrilledBundle::StartServer(Milliseconds patience)
+{
+    m_server.Start();
+    return WaitUntil([](const Moment& now) { return now.isUp; }, patience);
 }
 
 // A bundle with a child that has just died cannot be stopped, so one try may not do.

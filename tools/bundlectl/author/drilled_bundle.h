@@ -45,10 +45,12 @@ public:
     /// The bundle's state at one moment.
     struct Moment {
         std::string state;
-        bool isUp = false; ///< Active with all items up
+        bool isUp = false; ///< Active with all items up, and the server's start is over
         bool runsScript = false;
         std::vector<Item> items;
 
+        /// Whether the items are threads of the server.
+        bool IsOfThreads() const;
         /// Null when the server knows no such item.
         const Item* Find(const std::string& item) const;
     };
@@ -66,8 +68,13 @@ public:
     bool WaitUntil(const std::function<bool(const Moment&)>& condition, Milliseconds patience);
     /// @throws DrillEnded
     void Wait(Milliseconds moment);
-    /// Waits until each item that is a process runs in a new process. @return whether all items are up then
+    /// Waits until each item has been started again. @return whether all items are up then
     bool WaitForRenewal(const Moment& before, Milliseconds patience);
+    /// Waits until the server has ended. @return how; empty: it has not
+    /// @throws DrillEnded the user has stopped the drill
+    std::string WaitForServersEnd(Milliseconds patience);
+    /// Starts the server again after its end. @return whether all items are up
+    bool StartServer(Milliseconds patience);
     /// Makes the server start its items once more. @return whether all are up
     bool Restart(Milliseconds patience);
 

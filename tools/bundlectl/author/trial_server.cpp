@@ -66,8 +66,15 @@ std::string MakeLog(const std::string& directory)
 } // namespace
 
 TrialServer::TrialServer(const ServerPrograms& programs, const std::string& collection, const std::string& directory)
-    : m_configuration(WriteConfiguration(directory, collection, programs.loaderDirectory)), m_log(MakeLog(directory))
+    : m_program(programs.server), m_configuration(WriteConfiguration(directory, collection, programs.loaderDirectory)),
+      m_log(MakeLog(directory))
 {
+    Start();
+}
+
+void TrialServer::Start()
+{
+    m_end.clear();
     const UniqueFd input = OpenOrThrow("/dev/null", O_RDONLY);
     const UniqueFd output = OpenOrThrow(m_log.c_str(), O_WRONLY | O_CREAT | O_APPEND);
     ::setenv("ZQ_LOG_FILE", m_log.c_str(), 1);
@@ -81,7 +88,7 @@ TrialServer::TrialServer(const ServerPrograms& programs, const std::string& coll
     arguments.push_back(nullptr);
     m_pid = ::fork();
     if (m_pid == 0) {
-        Become(programs.server.c_str(), arguments.data(), input.Get(), output.Get());
+        Become(m_program.c_str(), arguments.data(), input.Get(), output.Get());
     }
     if (m_pid < 0) {
         throw std::system_error(errno, std::generic_category(), "fork");

@@ -24,6 +24,10 @@ public:
     /// Ends the server, and then every other process.
     ~TrialServer();
 
+    /// Starts it again after its end, with the same log.
+    /// @throws std::system_error
+    void Start();
+
     pid_t Pid() const { return m_pid; }
     const std::string& Log() const { return m_log; }
 
@@ -34,6 +38,7 @@ public:
     std::unique_ptr<Model::Snapshot> Look() const;
 
 private:
+    const std::string m_program;
     const std::string m_configuration;
     const std::string m_log;
     pid_t m_pid = 0;
