@@ -47,7 +47,7 @@ int main(int argc, char **argv)
         fprintf(stderr, "usage: delete_and_hear NAME\n");
         return 2;
     }
-    /* Before the deletion, whose event would otherwise be lost. */
+    /* Opened first: after the deletion it would miss the event. */
     code = bundle_client_listener_open(&listener);
     if (code != BUNDLE_CLIENT_OK) {
         return failed("no events can be heard", code);

@@ -33,7 +33,7 @@ public:
     bool Register(const char* service, const bolt_server_ops* ops, void* arg);
 
     /// Runs until a signal ends the loop and its services, or until the time is over, which ends nothing. After a
-    /// signal a SIGTERM is pending on this thread, for a program that waits for one.
+    /// signal, SIGTERM is pending on the calling thread, because a program may wait for it next.
     /// @param milliseconds negative: no limit; 0: handles what is ready
     /// @return false when the loop fails, which ends it too, or has ended before
     bool Run(int milliseconds);
