@@ -266,3 +266,21 @@ TEST_F(TheHistory, KnowsAnUpdate)
     EXPECT_EQ(tuner.ends[0].then, ItemEnd::STOPPED);
     EXPECT_EQ(Bundle("radio").items.size(), 2U);
 }
+
+// The end of a removed item follows the new manifest in the log. Its launch may have been rotated away.
+TEST_F(TheHistory, DoesNotTakeARemovedItemForOneOfTheNewManifestWhenTheLogIsCut)
+{
+    collection.Bundle("radio").Copy("tuner", TEST_SLEEPER).Copy("clock", TEST_SLEEPER).Write();
+    ASSERT_TRUE(daemon.StartServing());
+    ASSERT_NE(daemon.WaitForItem("radio", "clock"), 0);
+    collection.Bundle("radio").Item("tuner").Copy("mixer", TEST_SLEEPER).Write();
+    ASSERT_TRUE(daemon.WaitForLog("bundle[radio] state changing[Starting] -> [Active]", 2));
+    ASSERT_TRUE(daemon.WaitForLog("normal stop radio.clock..."));
+    const std::string log = ReadFile(daemon.LogFile());
+    const std::size_t update = log.rfind('\n', log.find("dir item modified event happen.")) + 1;
+    WriteFile(daemon.LogFile(), log.substr(update));
+    EXPECT_TRUE(Item("radio", "tuner").isInManifest);
+    const ItemHistory clock = Item("radio", "clock");
+    EXPECT_EQ(clock.ends.size(), 1U);
+    EXPECT_FALSE(clock.isInManifest);
+}

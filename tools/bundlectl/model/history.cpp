@@ -44,6 +44,8 @@ ItemHistory& ItemOf(BundleHistory& bundle, const std::string& name)
     }
     bundle.items.emplace_back();
     bundle.items.back().name = name;
+    // The items of a manifest that the log has are known. So this one has been removed from it, and still ends.
+    bundle.items.back().isInManifest = !bundle.manifestRead;
     return bundle.items.back();
 }
 
@@ -194,6 +196,7 @@ void OnLaunched(ServerHistory& server, const Fact& fact)
     item.launchLine = fact.line;
     ++item.launches;
     if (fact.number == 0) {
+        item.isInManifest = true; // also when the record of the manifest's item is lost
         return;
     }
     ++item.relaunches;
