@@ -1,7 +1,9 @@
 // The daemon as process 1 of a process namespace, as in a container without an init process. The kernel drops signals
 // whose default action would end such a process.
+#include "common/unique_fd.h"
 #include "system/system_test.h"
 
+#include <fcntl.h>
 #include <sched.h>
 
 #include <cerrno>
@@ -25,8 +27,18 @@ protected:
         daemon.SetEnvironment("ASAN_OPTIONS", "detect_leaks=0");
         // During its start-up process 1 ends by exit, beside threads that run.
         daemon.SetEnvironment("TSAN_OPTIONS", "halt_on_error=1:report_thread_leaks=0");
+        ASSERT_TRUE(m_ownNamespace.IsOpen());
         if (::unshare(CLONE_NEWPID) != 0) { // the next child, and no other, is process 1
             GTEST_SKIP() << "no process namespace can be made: " << std::strerror(errno);
+        }
+    }
+
+    /// Children of the test belong to its own namespace again: the address sanitizer makes one to look for leaks at the
+    /// test's end.
+    void TearDown() override
+    {
+        if (!IsSkipped()) {
+            EXPECT_EQ(::setns(m_ownNamespace.Get(), CLONE_NEWPID), 0) << std::strerror(errno);
         }
     }
 
@@ -46,6 +58,9 @@ protected:
         EXPECT_EQ(end->status, status);
         EXPECT_TRUE(daemon.Descendants().empty());
     }
+
+private:
+    const Common::UniqueFd m_ownNamespace{::open("/proc/self/ns/pid", O_RDONLY | O_CLOEXEC)};
 };
 
 class AServerThatIsProcessOneAndGetsASignal : public AServerThatIsProcessOne,
