@@ -80,7 +80,7 @@ TEST_F(Drilling, SaysWhyABundleIsNotUpFromTheStart)
 TEST_F(Drilling, ExchangesTheBundleAndFillsTheLogsDisk)
 {
     bundles.Bundle("radio").Item("tuner.sh", Sleep()).Write();
-    const Ended ended = Drill("radio", {"--only", "exchange", "full-log"});
+    const Ended ended = Drill("radio", {"--only", "signal:KILL", "exchange", "full-log"});
     EXPECT_EQ(ended.status, 0) << ended.output << ended.errors;
     EXPECT_TRUE(Tells(ended, "It was exchanged by a copy, which was up after "));
     EXPECT_TRUE(Tells(ended, "tuner.sh was killed and run again while the log's disk was full. The log goes on"));

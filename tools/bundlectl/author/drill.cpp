@@ -74,6 +74,9 @@ void Drill::Do(const Exercise& exercise, const std::string& item, const Body& bo
     if (!MakeUp()) {
         result.Fail("The bundle is not up before it, and a restart does not help.");
     } else {
+        if (item.empty()) {
+            WaitForLaunches();
+        }
         const Before before = TakeBefore();
         body(result);
         Examine(before, result);
@@ -88,6 +91,19 @@ bool Drill::MakeUp()
     constexpr Milliseconds moment(200);
     return m_bundle.WaitUntil([](const Moment& now) { return now.isUp; }, moment) ||
            m_bundle.Restart(m_settings.patience + m_settings.patience);
+}
+
+/// During a launch, which takes a second, a bundle whose item has died cannot be stopped.
+void Drill::WaitForLaunches()
+{
+    constexpr Milliseconds launch(1500);
+    m_bundle.WaitUntil(
+        [launch](const Moment& now) {
+            return std::all_of(now.items.begin(), now.items.end(), [launch](const Item& item) {
+                return !item.since || Model::Now() - *item.since > launch;
+            });
+        },
+        launch + launch);
 }
 
 Drill::Before Drill::TakeBefore()

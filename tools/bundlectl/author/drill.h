@@ -77,6 +77,7 @@ private:
     void Do(const Exercise& exercise, const std::string& item, const Body& body);
     void DoToItems(const Exercise& exercise);
     bool MakeUp();
+    void WaitForLaunches();
     Before TakeBefore();
     void Examine(const Before& before, DrillResult& result);
     bool DataAreGood() const;
