@@ -193,6 +193,14 @@ TEST_F(Trying, FindsTheServerInThePath)
     EXPECT_EQ(ended.status, 0) << ended.errors;
 }
 
+TEST_F(Trying, SaysThatTheServerHasEnded)
+{
+    const Ended ended = RunToEnd(BUNDLECTL_PROGRAM, {"try", Radio(), "--server", "/bin/false"});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_TRUE(Tells(ended, "The server has ended by itself: status 1.\n"));
+    EXPECT_FALSE(Has(ended.output, "Way out")) << "a start of the installed server is none: " << ended.output;
+}
+
 TEST_F(Trying, PrintsJson)
 {
     bundles.Bundle("tv").Requires("screen").Item("tube.sh", "exit 3\n").Write();

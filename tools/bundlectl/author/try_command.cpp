@@ -140,8 +140,11 @@ Result Run(const Options& options, const TrialBundles& bundles, const ServerProg
     result.ended = result.serversEnd.empty() ? result.ended : "server";
     result.bundles = Judge(*server.Look(), bundles);
     result.isGood = result.serversEnd.empty() && (!options.span || std::string(result.ended) == "time");
-    for (const BundleVerdict& bundle : result.bundles) {
+    for (BundleVerdict& bundle : result.bundles) {
         result.isGood = result.isGood && bundle.isGood;
+        if (!result.serversEnd.empty()) {
+            bundle.reasons.clear(); // they tell how to start the installed server
+        }
     }
     return result;
 }
