@@ -42,3 +42,9 @@ std::string_view Nearest(std::string_view word, const std::vector<std::string_vi
     }
     return nearest;
 }
+
+std::string DidYouMean(std::string_view word, const std::vector<std::string_view>& known)
+{
+    const std::string nearest(Nearest(word, known));
+    return nearest.empty() ? nearest : " Did you mean \"" + nearest + "\"?";
+}

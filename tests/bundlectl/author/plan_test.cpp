@@ -169,6 +169,23 @@ TEST_F(APlan, FollowsADeletion)
     EXPECT_EQ(Run({"plan", collection.Path(), "--after", "mend", "x"}).status, 2);
 }
 
+TEST_F(APlan, SaysWhatIsWrongWithItsUse)
+{
+    collection.Bundle("radio").Write();
+    const Ended bundle = Run({"plan", collection.Path(), "--after", "delete", "rado"});
+    EXPECT_EQ(bundle.status, 3);
+    EXPECT_EQ(bundle.errors, "bundlectl: no bundle of this collection that loads has the name \"rado\". Did you mean "
+                             "\"radio\"?\n");
+    for (const char* const change : {"add", "update"}) {
+        const Ended missing = Run({"plan", collection.Path(), "--after", change, "/nowhere"});
+        EXPECT_EQ(missing.status, 2);
+        EXPECT_EQ(missing.errors, "bundlectl: /nowhere is no directory. Name the directory of the bundle.\n");
+    }
+    const Ended place = Run({"plan", "/nowhere"});
+    EXPECT_EQ(place.status, 2);
+    EXPECT_EQ(place.errors, "bundlectl: /nowhere is no directory. Name the directory of the bundles.\n");
+}
+
 TEST_F(APlan, FollowsAnUpdate)
 {
     using Words = std::vector<std::string>;

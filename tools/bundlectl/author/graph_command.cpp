@@ -4,6 +4,7 @@
 #include "graph.h"
 #include "output/json_writer.h"
 #include "printable.h"
+#include "suggestion.h"
 
 #include <algorithm>
 #include <csignal>
@@ -11,6 +12,8 @@
 #include <iostream>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace {
 
@@ -49,7 +52,7 @@ int Draw(const std::string& dot)
     // A missing program ends before it has read anything.
     std::signal(SIGPIPE, SIG_IGN);
     std::cout << std::flush;
-    FILE* const program = ::popen("exec dot -Tsvg", "w");
+    FILE* const program = ::popen("command -v dot > /dev/null || exit 127; exec dot -Tsvg", "w");
     if (program == nullptr) {
         std::cerr << "bundlectl: dot cannot be run.\n";
         return EXIT_FAILED;
@@ -64,16 +67,27 @@ int Draw(const std::string& dot)
     return status == 0 ? EXIT_DONE : EXIT_FAILED;
 }
 
+int TellUnknown(const Options& options)
+{
+    const Graph all = MakeGraph(options.collection, "");
+    std::vector<std::string_view> names;
+    for (const Node& node : all.nodes) {
+        names.emplace_back(node.name);
+    }
+    const std::string name = Printable(options.reverse);
+    std::cerr << "bundlectl: there is no bundle \"" << name << "\"." << DidYouMean(name, names) << '\n';
+    return EXIT_UNKNOWN_BUNDLE;
+}
+
 int RunGraph(const Options& options)
 {
     const Graph graph = MakeGraph(options.collection, Printable(options.reverse));
     if (!graph.trouble.empty()) {
-        std::cerr << "bundlectl: " << graph.trouble << '\n';
+        std::cerr << "bundlectl: " << graph.trouble << ". Name the directory of the bundles.\n";
         return EXIT_USAGE;
     }
     if (!options.reverse.empty() && graph.nodes.empty()) {
-        std::cerr << "bundlectl: there is no bundle \"" << Printable(options.reverse) << "\".\n";
-        return EXIT_UNKNOWN_BUNDLE;
+        return TellUnknown(options);
     }
     const std::string format = options.json ? "json" : options.format;
     if (format == "svg") {

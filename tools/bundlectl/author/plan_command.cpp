@@ -1,15 +1,20 @@
 #include "arguments.h"
 #include "command.h"
 #include "exit_status.h"
+#include "model/collection.h"
 #include "output/json_writer.h"
 #include "output/terminal.h"
 #include "plan.h"
 #include "printable.h"
+#include "suggestion.h"
+
+#include <sys/stat.h>
 
 #include <iostream>
 #include <iterator>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -95,6 +100,24 @@ int Refuse(int status, const std::string& text)
     return status;
 }
 
+bool IsDirectory(const std::string& path)
+{
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+int RefuseUnknown(const Options& options, const Change& change)
+{
+    const Model::Collection collection = Model::ReadCollection(options.collection, "/");
+    std::vector<std::string_view> names;
+    for (const Model::DeclaredBundle& bundle : collection.bundles) {
+        names.emplace_back(bundle.name);
+    }
+    const std::string name = Printable(change.subject);
+    return Refuse(EXIT_UNKNOWN_BUNDLE,
+                  "no bundle of this collection that loads has the name \"" + name + "\"." + DidYouMean(name, names));
+}
+
 int RunPlan(const Options& options)
 {
     Change change;
@@ -110,13 +133,19 @@ int RunPlan(const Options& options)
         }
         change.subject = options.after.back().substr(0, options.after.back().find_last_not_of('/') + 1);
     }
+    if (!IsDirectory(options.collection)) {
+        return Refuse(EXIT_USAGE,
+                      Printable(options.collection) + " is no directory. Name the directory of the bundles.");
+    }
+    if ((change.kind == Change::ADD || change.kind == Change::UPDATE) && !IsDirectory(change.subject)) {
+        return Refuse(EXIT_USAGE, Printable(change.subject) + " is no directory. Name the directory of the bundle.");
+    }
     const Plan plan = MakePlan(options.collection, change);
     if (!plan.trouble.empty()) {
         return Refuse(EXIT_USAGE, plan.trouble);
     }
     if (plan.isUnknownBundle) {
-        return Refuse(EXIT_UNKNOWN_BUNDLE, "the server would not know a bundle \"" + Printable(change.subject) +
-                                               "\": none of this collection that loads is called so");
+        return RefuseUnknown(options, change);
     }
     std::cout << (options.json ? Json(plan) : Text(plan, Output::AskTerminal())) << std::flush;
     return !std::cout.good() || !plan.steps.empty() ? EXIT_FAILED : EXIT_DONE;
