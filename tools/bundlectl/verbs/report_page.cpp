@@ -31,7 +31,7 @@ constexpr const char HEAD[] =
     ".wide{overflow-x:auto}table{border-collapse:collapse;width:100%}"
     "th,td{text-align:left;padding:6px 12px 6px 0;border-bottom:1px solid "
     "var(--line);vertical-align:top;overflow-wrap:anywhere}"
-    "th{color:var(--faint);font-weight:600}"
+    "th{color:var(--faint);font-weight:600;white-space:nowrap}td:first-child{min-width:9em}"
     "pre{background:var(--raised);padding:10px;font-size:13px;white-space:pre-wrap;overflow-wrap:anywhere}"
     ".finding{border-left:4px solid var(--line);padding:2px 12px;margin:10px 0}"
     ".finding.bad{border-color:var(--bad);color:inherit}.finding.warn{border-color:var(--warn);color:inherit}"
