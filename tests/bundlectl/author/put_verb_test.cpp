@@ -1,5 +1,6 @@
 // bundlectl put and the related verbs, without a server.
 #include "bundlectl/verb_test.h"
+#include "support/shell.h"
 
 #include <gtest/gtest.h>
 
@@ -191,7 +192,15 @@ TEST_F(PutVerb, RefusesWithNothingChanged)
 TEST_F(PutVerb, RefusesABundleWhoseRequirementIsNotThere)
 {
     source.Bundle("radio").Requires("tuner").Write();
-    EXPECT_EQ(Run({"put", source / "radio"}).status, 1);
+    const Ended refused = Run({"put", source / "radio"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.errors, "  BundleManifest.ini:4: a required bundle is missing. There is no bundle \"tuner\". Put "
+                              "the required bundle into the collection, or correct bundle_dependencies.\n"
+                              "bundlectl: the bundle would not run here. --force puts it all the same.\n");
+    const Ended json = Run({"put", source / "radio", "--json"});
+    EXPECT_EQ(json.status, 1);
+    EXPECT_TRUE(FollowsSchema(json.output));
+    EXPECT_TRUE(Tells(json, "\"details\":[\"BundleManifest.ini:4: "));
     source.Bundle("tuner").Write();
     EXPECT_EQ(Run({"put", source / "tuner"}).status, 0);
     EXPECT_EQ(Run({"put", source / "radio"}).status, 0);
@@ -244,8 +253,64 @@ TEST_F(PutVerb, RemovesFromTheDirectoryAndBringsBack)
     EXPECT_TRUE(FollowsSchema(removed.output));
     EXPECT_FALSE(Exists(At("radio")));
     EXPECT_EQ(Run({"remove", "radio"}).status, 3);
+    const Ended mistyped = Run({"remove", "pag"});
+    EXPECT_EQ(mistyped.status, 3);
+    EXPECT_TRUE(Has(mistyped.errors, "Did you mean \"page\"?")) << mistyped.errors;
     EXPECT_EQ(Run({"rollback", "radio"}).status, 0);
     EXPECT_TRUE(IsPresent("one"));
+}
+
+TEST_F(PutVerb, ListsVersionsWithoutWriting)
+{
+    ASSERT_EQ(Run({"put", Version("one")}).status, 0);
+    ASSERT_EQ(Run({"put", Version("two")}).status, 0);
+    const Ended listed = Run({"versions", "radio"});
+    EXPECT_EQ(listed.status, 0);
+    EXPECT_TRUE(Tells(listed, " ago ")) << "times are for people";
+    EXPECT_FALSE(Has(listed.output, "Z "));
+    const Ended json = Run({"versions", "radio", "--json"});
+    EXPECT_TRUE(FollowsSchema(json.output));
+    EXPECT_TRUE(Tells(json, "\"number\":1,\"in_force\":false"));
+    const Ended mistyped = Run({"versions", "rado"});
+    EXPECT_EQ(mistyped.status, 3);
+    EXPECT_TRUE(Has(mistyped.errors, "Did you mean \"radio\"?")) << mistyped.errors;
+
+    // A collection in which nothing was ever put, and beside which this user may write nothing.
+    const TemporaryDirectory other;
+    fs::create_directory(other / "bundles");
+    fs::copy(At("radio"), other / "bundles/radio", fs::copy_options::recursive);
+    const Ended present = RunPlain({"versions", "radio", "--collection", other / "bundles"});
+    EXPECT_EQ(present.status, 0) << present.errors;
+    EXPECT_TRUE(Tells(present, "2        yes"));
+    EXPECT_FALSE(Exists(other / ".bundles.bundlectl"));
+}
+
+TEST_F(PutVerb, SaysWhoMayDoIt)
+{
+    ASSERT_EQ(Run({"put", Version("one")}).status, 0);
+    ASSERT_EQ(Run({"put", Version("two")}).status, 0);
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root becomes another user";
+    }
+    fs::permissions(fs::path(Bundles()).parent_path(), fs::perms(0755));
+    RunShell("chmod -R a+rX " + Bundles() + " " + source.Path());
+    const auto asOther = [this](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {"--reuid=65534", "--regid=65534", "--clear-groups", BUNDLECTL_PROGRAM});
+        arguments.insert(arguments.end(), {"--collection", Bundles()});
+        return RunToEnd("/usr/bin/setpriv", arguments);
+    };
+    if (RunToEnd("/usr/bin/setpriv",
+                 {"--reuid=65534", "--regid=65534", "--clear-groups", BUNDLECTL_PROGRAM, "--version"})
+            .status != 0) {
+        GTEST_SKIP() << "other users may not read the build directory";
+    }
+    const Ended listed = asOther({"versions", "radio"});
+    EXPECT_EQ(listed.status, 0) << listed.errors;
+    EXPECT_TRUE(Tells(listed, "2        yes"));
+    EXPECT_TRUE(Has(listed.errors, "the kept versions in ")) << listed.errors;
+    const Ended put = asOther({"put", source / "radio"});
+    EXPECT_EQ(put.status, 1);
+    EXPECT_TRUE(Has(put.errors, "Run it as root, or as the user to whom the collection belongs.")) << put.errors;
 }
 
 TEST_F(PutVerb, WantsACollectionThatIsAFolder)

@@ -122,11 +122,9 @@ void Installer::RequireGood(const std::string& staged)
         }
     }
     if (!bundle.isRead || (result.HasErrors() && !m_options.force)) {
-        std::string text = "the bundle would not run here:";
-        for (const std::string& detail : m_report.details) {
-            text += "\n  " + detail;
-        }
-        throw Refusal(text + (bundle.isRead ? "\n  --force puts it all the same." : ""));
+        throw Refusal(std::string("the bundle would not run here.") +
+                          (bundle.isRead ? " --force puts it all the same." : ""),
+                      m_report.details);
     }
     m_former = FindPlaced(m_store.Collection(), m_name);
     m_directory = m_former ? m_former->directory : m_options.directory.empty() ? m_name : m_options.directory;

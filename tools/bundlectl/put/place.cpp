@@ -2,24 +2,33 @@
 
 #include "arguments.h"
 #include "lint/subject.h"
+#include "model/collection.h"
 #include "model/files.h"
 #include "model/log_time.h"
 #include "printable.h"
+#include "suggestion.h"
 
 #include <algorithm>
 #include <iostream>
+#include <string_view>
+#include <vector>
 
 namespace Put {
 
-void AddCommonOptions(Arguments& arguments, CommonOptions& options)
+void AddPlaceOptions(Arguments& arguments, CommonOptions& options)
 {
     arguments.Add({"--collection", "the collection, in place of the server's", "DIR"}, options.choice.collection);
     arguments.Add({"--config", "the configuration of the server that is meant", "FILE"}, options.choice.configuration);
     arguments.Add({"--log", "the log: a file, or journal[:UNIT]", "FILE"}, options.choice.log);
+    arguments.AddFlag("--json", "print JSON, for programs", options.json);
+}
+
+void AddCommonOptions(Arguments& arguments, CommonOptions& options)
+{
+    AddPlaceOptions(arguments, options);
     Argument wait{"--wait", "how long to wait for others, and then for the server", "TIME", FaultOfSpan};
     wait.standard = options.patience;
     arguments.Add(wait, options.patience);
-    arguments.AddFlag("--json", "print JSON, for programs", options.json);
 }
 
 std::chrono::milliseconds SpanOf(const std::string& text)
@@ -59,6 +68,16 @@ std::optional<Placed> FindPlaced(const std::string& collection, const std::strin
         }
     }
     return std::nullopt;
+}
+
+std::string SimilarName(const std::string& collection, const std::string& name)
+{
+    const Model::Collection found = Model::ReadCollection(collection, "/");
+    std::vector<std::string_view> names;
+    for (const Model::DeclaredBundle& bundle : found.bundles) {
+        names.emplace_back(bundle.name);
+    }
+    return DidYouMean(Printable(name), names);
 }
 
 StoreLock LockStore(const Store& store, const std::string& what, const CommonOptions& options)

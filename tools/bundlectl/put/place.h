@@ -12,13 +12,16 @@ class Arguments;
 
 namespace Put {
 
-/// The options that are common to the verbs that change a collection.
+/// The options that are common to the verbs that work on a collection.
 struct CommonOptions {
     Model::Choice choice;
     std::string patience = "30s"; ///< for the lock and for the server's verdict
     bool json = false;
 };
 
+/// Adds those that say where it is, and --json.
+void AddPlaceOptions(Arguments& arguments, CommonOptions& options);
+/// Adds all.
 void AddCommonOptions(Arguments& arguments, CommonOptions& options);
 
 /// "30s" as a span. The command line has checked it.
@@ -39,6 +42,9 @@ struct Placed {
 
 /// Empty when the collection has no bundle of that name.
 std::optional<Placed> FindPlaced(const std::string& collection, const std::string& name);
+
+/// " Did you mean \"radio\"?" if a bundle of the collection has a similar name, otherwise empty.
+std::string SimilarName(const std::string& collection, const std::string& name);
 
 /// Takes the lock. If it must wait, prints to standard error which program holds the lock.
 StoreLock LockStore(const Store& store, const std::string& what, const CommonOptions& options);

@@ -10,7 +10,7 @@ namespace {
 
 int RunPut(const Put::InstallOptions& options)
 {
-    const Put::Store store(Put::CollectionOf(options.common.choice));
+    const Put::Store store(Put::CollectionOf(options.common.choice), Put::Store::CHANGE);
     const Put::StoreLock lock = Put::LockStore(store, "put " + options.source, options.common);
     return Put::Installer(store, options).Put();
 }

@@ -84,7 +84,7 @@ int RemoveByRequest(const Options& options, const std::string& path, Report& rep
 
 int RunRemove(const Options& options)
 {
-    const Store store(CollectionOf(options.common.choice));
+    const Store store(CollectionOf(options.common.choice), Store::CHANGE);
     const StoreLock lock = LockStore(store, "remove " + options.name, options.common);
     Report report;
     report.verb = "remove";
@@ -92,8 +92,8 @@ int RunRemove(const Options& options)
     const auto placed = FindPlaced(store.Collection(), options.name);
     if (!placed) {
         report.outcome = "unknown-bundle";
-        report.text =
-            "there is no bundle \"" + Printable(options.name) + "\" in " + Printable(store.Collection()) + ".";
+        report.text = "there is no bundle \"" + Printable(options.name) + "\" in " + Printable(store.Collection()) +
+                      "." + SimilarName(store.Collection(), options.name);
         return Tell(report, EXIT_UNKNOWN_BUNDLE, options.common.json);
     }
     const std::vector<std::string> dependants = DependantsOf(store.Collection(), options.name);

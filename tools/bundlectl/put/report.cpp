@@ -14,7 +14,8 @@ namespace {
 std::string Json(const Report& report)
 {
     Output::JsonWriter json;
-    json.BeginOutput(report.verb, Model::Now()).Member("bundle", Printable(report.bundle));
+    json.BeginOutput(report.verb, Model::Now())
+        .Member("bundle", report.bundle.empty() ? std::nullopt : std::optional(Printable(report.bundle)));
     json.Member("outcome", report.outcome).Member("text", report.text).Member("version", report.version);
     json.Key("details").BeginArray();
     for (const std::string& detail : report.details) {

@@ -26,6 +26,7 @@ template <class Verb> int Guarded(const char* verb, const std::string& bundle, b
     } catch (const Refusal& refusal) {
         report.outcome = "refused";
         report.text = refusal.what();
+        report.details = refusal.Details();
         return Tell(report, EXIT_FAILED, json);
     }
 }

@@ -31,7 +31,9 @@ constexpr unsigned NO_REPLACE = 1;     // the kernel's RENAME_NOREPLACE
 [[noreturn]] void Fail(const std::string& text)
 {
     const int error = errno;
-    throw Refusal(text + ": " + std::strerror(error) + ".");
+    const bool isForbidden = error == EACCES || error == EPERM;
+    throw Refusal(text + ": " + std::strerror(error) + "." +
+                  (isForbidden ? " Run it as root, or as the user to whom the collection belongs." : ""));
 }
 
 void Rename(const std::string& from, const std::string& to, unsigned flags)
@@ -114,7 +116,7 @@ int NumberIn(const std::string& name)
 
 } // namespace
 
-Store::Store(const std::string& collection)
+Store::Store(const std::string& collection, Access access) : m_access(access)
 {
     struct stat status {};
     m_collection = Model::RealPath(collection);
@@ -123,18 +125,28 @@ Store::Store(const std::string& collection)
     }
     const std::size_t end = m_collection.rfind('/');
     const std::string parent = end == 0 ? "/" : m_collection.substr(0, end);
+    m_path = (parent == "/" ? "" : parent) + "/." + m_collection.substr(end + 1) + ".bundlectl";
+    if (access == READ) {
+        return;
+    }
     if (m_collection == "/" || DeviceOf(parent) != status.st_dev) {
         throw Refusal(
             "the collection " + Printable(m_collection) +
             " is a mount point, so nothing can lie beside it on the same file system. Let the collection be a "
             "folder of the mounted file system.");
     }
-    m_path = (parent == "/" ? "" : parent) + "/." + m_collection.substr(end + 1) + ".bundlectl";
     EnsureDirectory(m_path);
     EnsureDirectory(m_path + "/versions");
     if (DeviceOf(m_path) != status.st_dev) {
         throw Refusal(Printable(m_path) + " lies on another file system than the collection. Unmount or move it.");
     }
+}
+
+std::string Store::FaultOfReading() const
+{
+    const std::string versions = m_path + "/versions";
+    const bool isReadable = ::access(versions.c_str(), R_OK | X_OK) == 0 || errno == ENOENT;
+    return isReadable ? "" : "the kept versions in " + Printable(versions) + " cannot be read: " + std::strerror(errno);
 }
 
 StoreLock::StoreLock(const Store& store, const std::string& what, std::chrono::milliseconds patience,
@@ -175,7 +187,9 @@ Shelf::Shelf(const Store& store, const std::string& directory)
     if (directory.empty() || directory == "." || directory == ".." || directory.find('/') != std::string::npos) {
         throw Refusal("\"" + Printable(directory) + "\" is no name for a directory of the collection.");
     }
-    EnsureDirectory(m_path);
+    if (!store.IsForReading()) {
+        EnsureDirectory(m_path);
+    }
 }
 
 bool Shelf::HasTarget() const
@@ -187,9 +201,7 @@ void Shelf::Tidy()
 {
     RemoveTree(m_path + PART);
     if (ExistsAt(m_path + NEXT)) {
-        // A version that is not installed yet is later than the one in force. A replaced version is earlier.
-        const bool isInstalled = HasTarget() && ReadVersion(m_path + NEXT).number <= ReadVersion(m_target).number;
-        if (isInstalled) {
+        if (HasReplacedVersion()) {
             KeepDisplaced(m_path + NEXT);
         } else {
             RemoveTree(m_path + NEXT);
@@ -201,6 +213,12 @@ void Shelf::Tidy()
             KeepDisplaced(PathOf(number));
         }
     }
+}
+
+// A version that is not installed yet is later than the one in force. A replaced version is earlier.
+bool Shelf::HasReplacedVersion() const
+{
+    return ExistsAt(m_path + NEXT) && HasTarget() && ReadVersion(m_path + NEXT).number <= ReadVersion(m_target).number;
 }
 
 std::string Shelf::Begin()
@@ -319,8 +337,12 @@ std::vector<Version> Shelf::Versions() const
     for (const std::string& name : Model::ListDirectory(m_path).value_or(std::vector<std::string>())) {
         if (const int number = NumberIn(name); number != 0) {
             versions.push_back(ReadVersion(PathOf(number)));
-            versions.back().number = number;
+            // After an exchange that was not completed, the directory has the number of the other version.
+            versions.back().number = versions.back().number == 0 ? number : versions.back().number;
         }
+    }
+    if (HasReplacedVersion()) {
+        versions.push_back(ReadVersion(m_path + NEXT));
     }
     // A version in force without a number is later than all others.
     std::sort(versions.begin(), versions.end(), [](const Version& left, const Version& right) {

@@ -17,13 +17,20 @@ namespace Put {
 /// collection, so that the server does not see it.
 class Store {
 public:
-    /// Makes the directory if it is missing. @throws Refusal when it cannot be beside the collection
-    explicit Store(const std::string& collection);
+    /// READ writes nothing and needs no directory.
+    enum Access { READ, CHANGE };
+
+    /// To CHANGE, makes the directory if it is missing. @throws Refusal when it cannot be beside the collection
+    Store(const std::string& collection, Access access);
 
     const std::string& Collection() const { return m_collection; } ///< absolute, without links
     const std::string& Path() const { return m_path; }
+    bool IsForReading() const { return m_access == READ; }
+    /// Why the kept versions cannot be read; empty: they can, or there are none.
+    std::string FaultOfReading() const;
 
 private:
+    Access m_access;
     std::string m_collection;
     std::string m_path;
 };
@@ -58,13 +65,13 @@ struct Version {
 };
 
 /// The versions of one directory of a collection. Each stays complete if the process is killed at any moment. The
-/// caller holds the lock.
+/// caller holds the lock, unless it calls only Versions.
 class Shelf {
 public:
     /// @param directory the name in the collection
     Shelf(const Store& store, const std::string& directory);
 
-    /// Completes the unfinished work of a former process. Must be called first.
+    /// Completes the unfinished work of a former process. Must be called before any change.
     void Tidy();
 
     /// Makes an empty directory for a new version and returns its path.
@@ -91,6 +98,7 @@ public:
 
 private:
     std::string PathOf(int number) const { return m_path + "/" + std::to_string(number); }
+    bool HasReplacedVersion() const;
     int HighestNumber() const;
     int KeepDisplaced(const std::string& path);
     void MoveOrExchange(const std::string& version);

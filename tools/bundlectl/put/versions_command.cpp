@@ -5,6 +5,7 @@
 #include "output/json_writer.h"
 #include "output/table.h"
 #include "output/terminal.h"
+#include "output/times.h"
 #include "printable.h"
 #include "run.h"
 
@@ -38,13 +39,14 @@ std::string DirectoryOf(const Store& store, const std::string& name)
     return "";
 }
 
-int TellUnknown(const Options& options, const char* verb)
+int TellUnknown(const Options& options, const Store& store, const char* verb)
 {
     Report report;
     report.verb = verb;
     report.bundle = options.name;
     report.outcome = "unknown-bundle";
-    report.text = "there is no bundle \"" + Printable(options.name) + "\", and no version of one is kept.";
+    report.text = "there is no bundle \"" + Printable(options.name) + "\", and no version of one is kept." +
+                  SimilarName(store.Collection(), options.name);
     return Tell(report, EXIT_UNKNOWN_BUNDLE, options.common.json);
 }
 
@@ -56,6 +58,14 @@ void WriteVersion(Output::JsonWriter& json, const Version& version)
     json.Member("installed", version.installed.empty() ? std::nullopt : std::optional(version.installed));
     json.Member("from", version.from.empty() ? std::nullopt : std::optional(version.from));
     json.Member("path", version.path).End();
+}
+
+/// For people.
+std::string WhenInstalled(const Version& version)
+{
+    const Model::Time now = Model::Now();
+    const auto time = Model::ParseLogTime(version.installed);
+    return time ? Output::LocalTime(*time, now) + ", " + Output::Ago(*time, now) : "unknown";
 }
 
 int List(const Options& options, const std::vector<Version>& versions)
@@ -74,7 +84,7 @@ int List(const Options& options, const std::vector<Version>& versions)
     Output::Table table({"VERSION", "IN FORCE", "INSTALLED", "FROM"});
     for (const Version& version : versions) {
         table.Add({version.number == 0 ? "-" : std::to_string(version.number), version.isInForce ? "yes" : "",
-                   version.installed.empty() ? "unknown" : version.installed, version.from});
+                   WhenInstalled(version), version.from});
     }
     std::cout << table.Text(Output::AskTerminal()) << std::flush;
     return EXIT_DONE;
@@ -82,15 +92,16 @@ int List(const Options& options, const std::vector<Version>& versions)
 
 int RunVersions(const Options& options)
 {
-    const Store store(CollectionOf(options.common.choice));
-    const StoreLock lock = LockStore(store, "versions " + options.name, options.common);
+    const Store store(CollectionOf(options.common.choice), Store::READ);
+    const std::string fault = store.FaultOfReading();
+    if (!fault.empty()) {
+        std::cerr << "bundlectl: " << fault << ".\n";
+    }
     const std::string directory = DirectoryOf(store, options.name);
     if (directory.empty()) {
-        return TellUnknown(options, "versions");
+        return TellUnknown(options, store, "versions");
     }
-    Shelf shelf(store, directory);
-    shelf.Tidy();
-    return List(options, shelf.Versions());
+    return List(options, Shelf(store, directory).Versions());
 }
 
 /// The requested version; otherwise the latest kept version that is earlier than the one in force.
@@ -110,11 +121,11 @@ int ChooseVersion(const Options& options, const std::vector<Version>& versions)
 
 int RunRollback(const Options& options)
 {
-    const Store store(CollectionOf(options.common.choice));
+    const Store store(CollectionOf(options.common.choice), Store::CHANGE);
     const StoreLock lock = LockStore(store, "rollback " + options.name, options.common);
     const std::string directory = DirectoryOf(store, options.name);
     if (directory.empty()) {
-        return TellUnknown(options, "rollback");
+        return TellUnknown(options, store, "rollback");
     }
     Shelf shelf(store, directory);
     shelf.Tidy();
@@ -175,7 +186,7 @@ Action DefineRollback(Arguments& arguments)
 Action DefineVersions(Arguments& arguments)
 {
     const auto options = AddName(arguments);
-    AddCommonOptions(arguments, options->common);
+    AddPlaceOptions(arguments, options->common);
     return [options] {
         return Guarded("versions", options->name, options->common.json, [&] { return RunVersions(*options); });
     };
