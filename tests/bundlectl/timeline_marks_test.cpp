@@ -78,6 +78,24 @@ TEST_F(TimelineMarks, TellWhichStepsFailed)
     EXPECT_TRUE(Shows("early", "failure", "", ""));
 }
 
+// The first process of a bundle cannot be forked, so its start fails. A bundle that requires it then starts it after all.
+TEST_F(TimelineMarks, TellOfAFailedBundleThatIsNotUnloaded)
+{
+    const std::string refusal = Note("refusal");
+    Interpose("HOLD_AFTER", "2:failed to start bundle[base]");
+    daemon.SetEnvironment("REFUSE_FORK_WHEN", refusal);
+    WriteFile(refusal, "");
+    collection.Bundle("base").Copy("based", TEST_SLEEPER).Write();
+    collection.Bundle("radio").Requires("base").Write();
+    daemon.Start();
+    ASSERT_TRUE(daemon.WaitForLog("failed to start bundle[base] :Invalid argument: process[base.based] fork fail."));
+    std::filesystem::remove(refusal);
+    ASSERT_TRUE(daemon.WaitForLog("bundle server start running..."));
+    EXPECT_TRUE(Shows("base", "failure", "", "Invalid argument: process[base.based] fork fail."));
+    EXPECT_TRUE(Shows("base", "failure", "", "Invalid argument: bundle[base] already start can not be unloaded."));
+    EXPECT_TRUE(Tells(Run({"status"}), "base    Active"));
+}
+
 TEST_F(TimelineMarks, HaveASignEachInThePicture)
 {
     daemon.Configure("global.server_submodule_dir", LOADER_DIRECTORY);
