@@ -78,7 +78,8 @@ TEST_F(TimelineMarks, TellWhichStepsFailed)
     EXPECT_TRUE(Shows("early", "failure", "", ""));
 }
 
-// The first process of a bundle cannot be forked, so its start fails. A bundle that requires it then starts it after all.
+// The first process of a bundle cannot be forked, so its start fails. A bundle that requires it then starts it after
+// all.
 TEST_F(TimelineMarks, TellOfAFailedBundleThatIsNotUnloaded)
 {
     const std::string refusal = Note("refusal");
