@@ -22,12 +22,12 @@ namespace {
 
 std::string TellStatuses()
 {
-    std::string text = "exit status: ";
+    std::string text;
     for (const ExitStatusMeaning& meaning : EXIT_STATUSES) {
         text += std::to_string(meaning.status) + " " + meaning.meaning +
                 (&meaning == std::end(EXIT_STATUSES) - 1 ? "" : "; ");
     }
-    return text;
+    return Wrapped("exit status: ", text, 4);
 }
 
 std::string TellExamples(std::string examples)

@@ -165,7 +165,7 @@ std::string NameInHelp(const DeclaredArgument& declared)
 {
     const Argument& argument = declared.argument;
     std::string text = argument.names;
-    if (!declared.isFlag && *argument.type != '\0') {
+    if (!declared.isFlag && text != argument.type && *argument.type != '\0') {
         text += std::string(" ") + argument.type;
     }
     if (!argument.standard.empty()) {
@@ -191,7 +191,27 @@ std::string HelpLine(const std::string& name, const std::string& description)
     } else {
         line.append(column - line.size(), ' ');
     }
-    return line + description + "\n";
+    return Wrapped(line, description, column) + "\n";
+}
+
+std::string Wrapped(const std::string& begin, const std::string& text, std::size_t indent)
+{
+    constexpr std::size_t columns = 80;
+    std::string all = begin;
+    std::size_t used = begin.size() - (begin.rfind('\n') + 1); // in the last line
+    for (const std::string_view word : WordsOf(text)) {
+        const bool isFirst = all.empty() || all.back() == ' ';
+        if (!isFirst && used + 1 + word.size() > columns) {
+            all.append("\n").append(indent, ' ');
+            used = indent;
+        } else if (!isFirst) {
+            all += ' ';
+            ++used;
+        }
+        all += word;
+        used += word.size();
+    }
+    return all;
 }
 
 std::string TellArguments(const Arguments& arguments)

@@ -3,6 +3,7 @@
 
 #include "arguments.h"
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -24,5 +25,8 @@ std::string UsageOf(const Arguments& arguments);
 
 /// A line of a help text: a name with its description beside it or below.
 std::string HelpLine(const std::string& name, const std::string& description);
+
+/// The text behind a beginning, broken before column 80. Further lines are indented.
+std::string Wrapped(const std::string& begin, const std::string& text, std::size_t indent);
 
 #endif
