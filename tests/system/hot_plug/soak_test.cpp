@@ -82,5 +82,7 @@ TEST_F(ALongTimeOfChanges, LeavesMemoryDescriptorsAndThreadsWhereTheyWere)
     EXPECT_EQ(Added(), 7 * BUNDLES);
     EXPECT_EQ(Modified(), 7 * BUNDLES);
     EXPECT_EQ(Removed(), 7 * BUNDLES);
-    EXPECT_EQ(daemon.CountInLog("fail"), 0);
+    // The group of the child with the lowest number is unknown between its death and the end of its record. A launch in
+    // this moment logs that, and goes on.
+    EXPECT_EQ(daemon.CountInLog("fail"), daemon.CountInLog("setpgid pid "));
 }

@@ -289,7 +289,7 @@ TEST_P(AWriteOnAnOverlay, RaisesNothing)
         return;
     }
     Watch();
-    EXPECT_EQ(EventsOf(TheWay().command), Events{});
+    EXPECT_EQ(EventsBetweenTwoScans(TheWay().command), Events{});
     EXPECT_EQ(EventsOfDropping(), Events{});
 }
 
