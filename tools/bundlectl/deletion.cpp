@@ -153,19 +153,19 @@ DeletionResult TellNoAnswer(const Options& options, int code, int error)
 
 } // namespace
 
-DeletionResult DeleteBundle(const DeletionOrder& options)
+DeletionResult DeleteBundle(const DeletionOrder& order)
 {
     using Clock = std::chrono::steady_clock;
-    const Clock::time_point end = Clock::now() + options.timeout;
+    const Clock::time_point end = Clock::now() + order.timeout;
     pid_t server = 0;
     int code = bundle_client_server(MillisecondsUntil(end), &server);
     if (code != BUNDLE_CLIENT_OK) {
-        return TellNoAnswer(options, code, errno);
+        return TellNoAnswer(order, code, errno);
     }
-    const Check check = PrepareCheck(options, server);
-    std::string field = options.name;
+    const Check check = PrepareCheck(order, server);
+    std::string field = order.name;
     field.resize(NAME_FIELD_SIZE, '\0');
     unsigned status = 0;
     code = bundle_client_request(METHOD_DELETE_BUNDLE, field.data(), field.size(), MillisecondsUntil(end), &status);
-    return code == BUNDLE_CLIENT_OK ? TellAnswer(options, status, check) : TellNoAnswer(options, code, errno);
+    return code == BUNDLE_CLIENT_OK ? TellAnswer(order, status, check) : TellNoAnswer(order, code, errno);
 }

@@ -1,12 +1,12 @@
 #include "drill_report.h"
 
 #include "model/log_time.h"
+#include "output/format_text.h"
 #include "output/json_writer.h"
 #include "output/markup.h"
 #include "printable.h"
 
 #include <algorithm>
-#include <cstdio>
 
 namespace Trials {
 
@@ -30,9 +30,7 @@ constexpr OutcomeView VIEWS[] = {
 
 std::string Seconds(Model::Microseconds span)
 {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.3f", static_cast<double>(span.count()) / 1e6);
-    return text;
+    return Output::FormatText("%.3f", static_cast<double>(span.count()) / 1e6);
 }
 
 std::string Attribute(const char* name, const std::string& value)

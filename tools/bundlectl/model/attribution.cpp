@@ -44,12 +44,7 @@ AttributionHandler HandlerOf(EventKind kind)
 
 bool HasItem(const ServerContext::KnownBundle& bundle, std::string_view item)
 {
-    for (const std::string& name : bundle.items) {
-        if (name == item) {
-            return true;
-        }
-    }
-    return false;
+    return std::find(bundle.items.begin(), bundle.items.end(), item) != bundle.items.end();
 }
 
 /// Splits "bundle.item". Both names may contain points, so it searches for a bundle that has such an item.

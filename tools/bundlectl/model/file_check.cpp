@@ -86,12 +86,12 @@ Fault CheckMachine(const std::string& path, const ElfFile& file)
 
 Fault CheckProgram(const std::string& path)
 {
-    if (const Fault fault = CheckPermission(path)) {
+    if (Fault fault = CheckPermission(path)) {
         return fault;
     }
     const auto elf = ReadElf(path);
     if (elf) {
-        if (const Fault fault = CheckMachine(path, *elf)) {
+        if (Fault fault = CheckMachine(path, *elf)) {
             return fault;
         }
     }
@@ -152,7 +152,7 @@ Fault CheckLibrary(const std::string& path, const std::string& function)
         }
         return FaultOf(path, "is no library.", "Install the bundle anew.");
     }
-    if (const Fault fault = CheckMachine(path, *elf)) {
+    if (Fault fault = CheckMachine(path, *elf)) {
         return fault;
     }
     const std::string missing = MissingLibraries(path);
@@ -171,7 +171,7 @@ Fault CheckLibrary(const std::string& path, const std::string& function)
 Fault CheckItem(const DeclaredItem& item, bool isThread)
 {
     const ItemKind kind = SystemServer::KindOf(item.name);
-    if (const Fault fault = CheckPresence(item.file)) {
+    if (Fault fault = CheckPresence(item.file)) {
         return fault;
     }
     if (kind == ItemKind::LIBRARY) {

@@ -12,7 +12,6 @@ namespace Model {
 
 namespace {
 
-using std::chrono::duration_cast;
 using std::chrono::seconds;
 
 /// The number in so many digits from a place on; -1 when one of the characters is not a digit.

@@ -1,11 +1,9 @@
 #include "json_writer.h"
 
+#include "format_text.h"
 #include "times.h"
 
 #include "common/control_characters.h"
-
-#include <array>
-#include <cstdio>
 
 namespace Output {
 
@@ -32,9 +30,7 @@ void AppendEscaped(std::string& text, std::string_view unit)
     } else if (first == '"' || first == '\\') {
         (text += '\\') += first;
     } else if (unit.size() == 1 && Common::IsControl(first)) {
-        std::array<char, 8> escape{};
-        std::snprintf(escape.data(), escape.size(), "\\u%04x", Common::Byte(first));
-        text += escape.data();
+        text += FormatText("\\u%04x", Common::Byte(first));
     } else {
         text += unit;
     }
@@ -91,11 +87,9 @@ JsonWriter& JsonWriter::Value(Model::Time time)
 
 JsonWriter& JsonWriter::Value(Model::Microseconds span)
 {
-    std::array<char, 48> text{};
     const long long count = span.count();
-    std::snprintf(text.data(), text.size(), "%s%lld.%06lld", count < 0 ? "-" : "",
-                  (count < 0 ? -count : count) / 1'000'000, (count < 0 ? -count : count) % 1'000'000);
-    return Plain(text.data());
+    return Plain(FormatText("%s%lld.%06lld", count < 0 ? "-" : "", (count < 0 ? -count : count) / 1'000'000,
+                            (count < 0 ? -count : count) % 1'000'000));
 }
 
 JsonWriter& JsonWriter::BeginOutput(const char* verb, Model::Time taken)

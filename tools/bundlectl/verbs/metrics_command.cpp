@@ -1,12 +1,11 @@
 #include "command.h"
 #include "exit_status.h"
 #include "model/metrics.h"
+#include "output/format_text.h"
 #include "output/json_writer.h"
 #include "places.h"
 #include "replaced_file.h"
 
-#include <array>
-#include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
@@ -27,9 +26,7 @@ enum class Format { OPEN_METRICS, TEXT_FILE };
 
 std::string Number(double value)
 {
-    std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%.15g", value);
-    return text.data();
+    return Output::FormatText("%.15g", value);
 }
 
 // Names have no control characters, because they are as in the log.

@@ -30,6 +30,7 @@ std::vector<const BundleStatus*> Chosen(const std::vector<BundleStatus>& bundles
         return Verbs::FindByName(bundles, name);
     }
     std::vector<const BundleStatus*> all;
+    all.reserve(bundles.size());
     for (const BundleStatus& bundle : bundles) {
         all.push_back(&bundle);
     }

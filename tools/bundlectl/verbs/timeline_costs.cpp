@@ -1,11 +1,10 @@
 #include "timeline_costs.h"
 
+#include "output/format_text.h"
 #include "output/json_writer.h"
 #include "output/table.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <map>
 #include <optional>
 #include <vector>
@@ -22,9 +21,7 @@ namespace {
 
 std::string Seconds(Microseconds span, bool withSign = false)
 {
-    std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), withSign ? "%+.3f s" : "%.3f s", static_cast<double>(span.count()) / 1e6);
-    return text.data();
+    return Output::FormatText(withSign ? "%+.3f s" : "%.3f s", static_cast<double>(span.count()) / 1e6);
 }
 
 Microseconds ScriptTime(const TimelineBundle& bundle)
@@ -71,6 +68,7 @@ std::vector<Pair> PairUp(const Timeline& before, const Timeline& after)
         byName[bundle.name].after = bundle.cost;
     }
     std::vector<Pair> pairs;
+    pairs.reserve(byName.size());
     for (auto& [name, pair] : byName) {
         pairs.push_back({name, pair.before, pair.after});
     }

@@ -1,14 +1,12 @@
+#include "output/format_text.h"
 #include "output/markup.h"
 #include "output/times.h"
 #include "timeline_view.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 
 namespace Verbs {
 
-using Model::BundleState;
 using Model::Microseconds;
 using Model::Time;
 using Model::Timeline;
@@ -43,16 +41,12 @@ constexpr const char STYLE[] =
 
 std::string Seconds(Microseconds span)
 {
-    std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%.3f s", static_cast<double>(span.count()) / 1e6);
-    return text.data();
+    return Output::FormatText("%.3f s", static_cast<double>(span.count()) / 1e6);
 }
 
 std::string Number(double value)
 {
-    std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%.1f", value);
-    return text.data();
+    return Output::FormatText("%.1f", value);
 }
 
 class Svg {
@@ -139,8 +133,9 @@ private:
         for (const Model::TimelineScript& script : bundle.scripts) {
             DrawSpan(script.from, script.to, top + BAR, 4, "script", bundle.name + " " + script.name);
         }
+        const int middle = top + BAR / 2;
         for (const TimelineMark& mark : bundle.marks) {
-            DrawMark(NameOf(mark.kind), Place(mark.time), top + BAR / 2,
+            DrawMark(NameOf(mark.kind), Place(mark.time), middle,
                      std::string(NameOf(mark.kind)) + " " + mark.item + " " + mark.text);
         }
         Write(WIDTH - COSTS + 8, top + 12, "faint", Seconds(bundle.cost));

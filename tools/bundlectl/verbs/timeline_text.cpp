@@ -1,9 +1,9 @@
+#include "output/format_text.h"
 #include "output/times.h"
 #include "timeline_view.h"
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <vector>
 
 namespace Verbs {
@@ -119,9 +119,7 @@ private:
 
 std::string Seconds(Microseconds span, int digits = 3)
 {
-    std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%.*f", digits, static_cast<double>(span.count()) / 1e6);
-    return text.data();
+    return Output::FormatText("%.*f", digits, static_cast<double>(span.count()) / 1e6);
 }
 
 std::string Padded(std::string text, std::size_t width)

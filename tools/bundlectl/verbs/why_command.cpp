@@ -15,7 +15,6 @@
 namespace {
 
 using Model::BundleStatus;
-using Model::ItemEnd;
 using Model::Reason;
 using Model::Snapshot;
 using Model::ToldEnd;
