@@ -2,6 +2,7 @@
 #include "bundlectl/verb_test.h"
 
 #include "support/private_mnt.h"
+#include "support/process_info.h"
 
 #include <gtest/gtest.h>
 
@@ -81,6 +82,18 @@ TEST_F(OrphansVerb, EndsThemWithTermAndThoseThatIgnoreItWithKill)
     EXPECT_TRUE(Tells(ended, "\"fate\":\"TERM\""));
     EXPECT_TRUE(Tells(ended, "\"fate\":\"KILL\""));
     EXPECT_EQ(Orphans().status, 0);
+}
+
+TEST_F(OrphansVerb, ListsAnItemThatHasBecomeAnotherProgramByItsLaunchInTheLog)
+{
+    collection.Bundle("radio").Item("web.sh", "exec /bin/sleep 1000\n").Write();
+    Serve();
+    const pid_t pid = daemon.WaitForItem("radio", "web.sh");
+    ASSERT_TRUE(Eventually(std::chrono::seconds(20), [pid] { return ProcessOf::Executable(pid) == "/usr/bin/sleep"; }));
+    daemon.Stop(SIGKILL);
+    EXPECT_TRUE(Tells(Orphans(), std::to_string(pid) + "  radio   web.sh"));
+    EXPECT_TRUE(Tells(Orphans({"--end"}), "TERM"));
+    EXPECT_TRUE(Tells(Orphans(), "No process of a former server is left."));
 }
 
 TEST_F(OrphansVerb, LeavesAloneWhatAServerOfAnotherContainerHasLeft)

@@ -135,6 +135,8 @@ private:
     BundleProcess ChildOfServer(const ProcessStat& process) const;
     void FindWithoutParent(const ProcessStat& process);
     std::optional<Owner> OwnerByLaunch(const ProcessStat& process) const;
+    std::optional<Owner> OwnerByFormerLaunch(const ProcessStat& process) const;
+    std::optional<Owner> OwnerByLaunchOf(const ServerHistory& server, const ProcessStat& process) const;
     bool IsHandedOn(const ProcessStat& process) const;
     bool IsOfServer(const ProcessStat& process) const;
     bool IsOfService(const ProcessStat& process) const;
@@ -216,19 +218,10 @@ BundleProcess Search::ChildOfServer(const ProcessStat& process) const
 }
 
 // Compares pid and start time: the log has the time of a launch, which is just after the process's start.
-std::optional<Owner> Search::OwnerByLaunch(const ProcessStat& process) const
+std::optional<Owner> Search::OwnerByLaunchOf(const ServerHistory& server, const ProcessStat& process) const
 {
-    for (const RecordedLaunch& launch :
-         m_sources.recorded != nullptr ? *m_sources.recorded : std::vector<RecordedLaunch>()) {
-        if (launch.pid == process.pid && launch.startTicks == process.startTicks && launch.boot == BootId()) {
-            return Owner{launch.bundle, launch.item};
-        }
-    }
-    if (m_sources.history == nullptr) {
-        return std::nullopt;
-    }
     const Time started = m_sources.proc.StartTime(process);
-    for (const auto& [name, bundle] : m_sources.history->bundles) {
+    for (const auto& [name, bundle] : server.bundles) {
         for (const ItemHistory& item : bundle.items) {
             constexpr std::chrono::seconds tolerance(5);
             if (item.pid == process.pid && item.since && *item.since - started < tolerance &&
@@ -238,6 +231,28 @@ std::optional<Owner> Search::OwnerByLaunch(const ProcessStat& process) const
         }
     }
     return std::nullopt;
+}
+
+std::optional<Owner> Search::OwnerByLaunch(const ProcessStat& process) const
+{
+    for (const RecordedLaunch& launch :
+         m_sources.recorded != nullptr ? *m_sources.recorded : std::vector<RecordedLaunch>()) {
+        if (launch.pid == process.pid && launch.startTicks == process.startTicks && launch.boot == BootId()) {
+            return Owner{launch.bundle, launch.item};
+        }
+    }
+    return m_sources.history != nullptr ? OwnerByLaunchOf(*m_sources.history, process) : std::nullopt;
+}
+
+std::optional<Owner> Search::OwnerByFormerLaunch(const ProcessStat& process) const
+{
+    auto owner = OwnerByLaunch(process);
+    if (!owner && m_sources.all != nullptr) {
+        for (const auto& server : m_sources.all->Servers()) {
+            owner = owner ? owner : OwnerByLaunchOf(*server, process);
+        }
+    }
+    return owner;
 }
 
 // When a parent ends, the kernel gives its child to process 1 or to the next subreaper. A process that was started by
@@ -261,7 +276,7 @@ void Search::FindWithoutParent(const ProcessStat& process)
         found.bundle = owner->bundle;
         found.item = owner->item;
         found.isReplaced = owner->isReplaced;
-    } else if (const auto launched = OwnerByLaunch(process)) {
+    } else if (const auto launched = OwnerByFormerLaunch(process)) {
         found.bundle = launched->bundle;
         found.item = launched->item;
     } else {

@@ -44,7 +44,8 @@ struct ProcessSources {
     const ServerProcess* server = nullptr;              ///< null: none runs
     const std::vector<ServerProcess>* others = nullptr; ///< other servers, whose processes are ignored
     const Collection* collection = nullptr;
-    const ServerHistory* history = nullptr;
+    const ServerHistory* history = nullptr; ///< of the server
+    const History* all = nullptr;           ///< also of former servers
     const std::vector<RecordedLaunch>* recorded = nullptr;
     std::string base; ///< the directory for the server's relative paths
 };

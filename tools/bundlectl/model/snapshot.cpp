@@ -48,6 +48,7 @@ void ReadProcesses(Snapshot& snapshot, const std::vector<ServerProcess>& others,
     sources.others = &others;
     sources.collection = &snapshot.collection;
     sources.history = snapshot.server;
+    sources.all = &snapshot.history;
     sources.recorded = &recorded;
     sources.base = installation.base;
     snapshot.processes = FindProcesses(sources);
