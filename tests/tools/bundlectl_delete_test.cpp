@@ -31,7 +31,7 @@ namespace {
 
 std::mutex g_mutex;
 std::string g_request;           // the last request, header and content; guarded by g_mutex
-std::function<void()> g_removal; // the effect of a deletion; under g_mutex
+std::function<void()> g_removal; // the effect of a deletion; guarded by g_mutex while it runs, too
 
 void Remember(const lumo_message* msg, const void* content, int length)
 {
@@ -51,10 +51,12 @@ void SetRemoval(std::function<void()> removal)
     g_removal = std::move(removal);
 }
 
-std::function<void()> Removal()
+void RunRemoval()
 {
     const std::lock_guard<std::mutex> lock(g_mutex);
-    return g_removal;
+    if (g_removal) {
+        g_removal();
+    }
 }
 
 /// Answers with the status that belongs to the bundle's name.
@@ -73,9 +75,7 @@ void Answer(lumo_message* msg, bolt_connection* conn)
     if (name == "fatal") {
         throw std::runtime_error("closes the connection");
     }
-    if (const std::function<void()> removal = Removal()) {
-        removal();
-    }
+    RunRemoval();
     const auto status = statuses.find(name);
     if (status == statuses.end()) {
         return;

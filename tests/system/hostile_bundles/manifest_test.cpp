@@ -267,6 +267,15 @@ protected:
                                               [outcome](const auto& hostile) { return hostile.outcome == outcome; }));
     }
 
+    /// Once, or more often if the manifest is a link into /proc: the kernel renews the times of a file there when it
+    /// has forgotten it, and that is a change.
+    bool IsAsOftenAsChanged(const HostileManifest& hostile, int count) const
+    {
+        const std::string manifest = In(hostile.name) + "/BundleManifest.ini";
+        const bool isInProc = fs::is_symlink(manifest) && fs::read_symlink(manifest).native().rfind("/proc/", 0) == 0;
+        return isInProc ? count >= 1 : count == 1;
+    }
+
     Corpus m_corpus;
 };
 
@@ -325,7 +334,8 @@ TEST_F(AHostileManifest, ThatIsDroppedInFailsAlone)
         case Outcome::REFUSED:
             EXPECT_TRUE(hostile.detail.empty() || IsFollowed("exception info: [" + hostile.detail + "].",
                                                              "failed to load bundle from [" + In(hostile.name) + "]."));
-            EXPECT_EQ(daemon.CountInLog("failed to load bundle from [" + In(hostile.name) + "]."), 1);
+            EXPECT_TRUE(IsAsOftenAsChanged(
+                hostile, daemon.CountInLog("failed to load bundle from [" + In(hostile.name) + "].")));
             break;
         case Outcome::NO_ACTIVATOR:
             EXPECT_EQ(daemon.CountInLog("load bundle from [" + In(hostile.name) + "] fail."), 1);
