@@ -20,6 +20,16 @@ dpkg-buildpackage --build=binary --no-sign --no-check-builddeps > "$packages/log
 for name in bundle-server bundlectl-author bundlectl libbundle-client0 libbundle-client-dev bundle-server-doc; do
     [ "$(find "$packages" -name "${name}_*.deb" | wc -l)" -eq 1 ] || { echo "FAILED: there is no package $name"; exit 1; }
 done
+# programs PACKAGE: the programs in it that have verbs of bundlectl.
+programs() {
+    dpkg-deb --contents "$packages/$1"_*.deb | sed -n 's,.*/\(bundlectl[a-z-]*\)$,\1,p' | grep -vx 'bundlectl\|bundlectl-author/' | sort | xargs
+}
+[ "$(programs bundlectl-author)" = bundlectl-author ] || { echo "FAILED: bundlectl-author has: $(programs bundlectl-author)"; exit 1; }
+case " $(programs bundlectl) " in
+*" bundlectl-author "*) echo "FAILED: the authors' verbs are in the device's package: $(programs bundlectl)"; exit 1 ;;
+*" bundlectl-put "*) ;;
+*) echo "FAILED: the device's package lacks put: $(programs bundlectl)"; exit 1 ;;
+esac
 missing=$(grep 'exists in debian/tmp but is not installed' "$packages/log")
 [ -z "$missing" ] || { echo "FAILED: $missing"; exit 1; }
 twice=$(find "$packages" -name '*.deb' -exec sh -c 'dpkg-deb --contents "$1" | grep -v "^d"' sh {} \; | awk '{ print $6 }' | sort | uniq -d)

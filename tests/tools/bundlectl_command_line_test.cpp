@@ -97,6 +97,23 @@ TEST(Bundlectl, HelpsOnStandardOutput)
     }
 }
 
+TEST(Bundlectl, NamesThePackageOfAVerbThatIsNotInstalled)
+{
+    const TemporaryDirectory alone;
+    std::filesystem::copy_file(BUNDLECTL, alone / "bundlectl");
+    const std::pair<const char*, const char*> packages[] = {{"put", "bundlectl"},
+                                                            {"rollback", "bundlectl"},
+                                                            {"lint", "bundlectl-author"},
+                                                            {"new", "bundlectl-author"},
+                                                            {"drill", "bundlectl-author"}};
+    for (const auto& [verb, package] : packages) {
+        const Ended ended = RunToEnd(alone / "bundlectl", {verb, "x"});
+        EXPECT_EQ(ended.status, 1);
+        EXPECT_EQ(ended.errors, std::string("bundlectl: \"") + verb +
+                                    "\" is not installed on this machine: install the package " + package + ".\n");
+    }
+}
+
 TEST(Bundlectl, SuggestsAnotherMachineForAVerbThatIsNotInstalled)
 {
     const TemporaryDirectory alone;
@@ -104,7 +121,7 @@ TEST(Bundlectl, SuggestsAnotherMachineForAVerbThatIsNotInstalled)
     const Ended ended = RunToEnd(alone / "bundlectl", {"timeline"});
     EXPECT_EQ(ended.status, 1);
     EXPECT_EQ(ended.errors,
-              "bundlectl: \"timeline\" is not installed on this machine: fetch the log, and look at it on "
-              "another machine with --log FILE.\n");
+              "bundlectl: \"timeline\" is not installed on this machine: fetch the log, and read it with the package "
+              "bundlectl of another machine and --log FILE.\n");
     EXPECT_EQ(RunToEnd(alone / "bundlectl", {"--help"}).status, 0);
 }
