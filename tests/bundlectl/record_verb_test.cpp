@@ -89,3 +89,10 @@ TEST_F(RecordVerb, EndsWhenItsOutputIsNoLongerRead)
     EXPECT_EQ(ended.errors, "bundlectl: standard output takes no more.\n");
     EXPECT_EQ(Recorded().size(), 1U) << "what cannot be printed is written down all the same";
 }
+
+TEST_F(RecordVerb, SaysThatThereIsNothingToRecordWithoutAServer)
+{
+    const Ended ended = Run({"record", "--once", "--collection", collection.Path(), "--file", Note("launches")});
+    EXPECT_EQ(ended.status, 4);
+    EXPECT_TRUE(Has(ended.errors, "bundlectl: no bundle server runs.\n")) << ended.errors;
+}

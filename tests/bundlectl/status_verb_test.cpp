@@ -8,6 +8,7 @@
 #include <csignal>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -173,4 +174,22 @@ TEST_F(Status, HasNoColourAndNoControlCharacterWhereThereIsNoTerminal)
     const Ended ended = Run({"status"});
     EXPECT_EQ(ended.output.find('\x1b'), std::string::npos);
     EXPECT_TRUE(Tells(ended, "a\\033[31m"));
+}
+
+TEST_F(Status, SaysThatTheBundlesAreNotKnownAndNotThatThereAreNone)
+{
+    const std::string absent = Note("absent");
+    for (const char* const option : {"--collection", "--config"}) {
+        for (const std::vector<std::string>& verb :
+             {std::vector<std::string>{"status"}, {"status", "radio"}, {"why", "radio"}, {"orphans"}}) {
+            std::vector<std::string> arguments = verb;
+            arguments.insert(arguments.end(), {option, absent});
+            const Ended ended = Run(arguments);
+            EXPECT_EQ(ended.status, 4) << ended.output << ended.errors;
+            EXPECT_TRUE(Has(ended.errors, "bundlectl: The collection ")) << ended.errors;
+            EXPECT_TRUE(Has(ended.errors, absent)) << ended.errors;
+            EXPECT_FALSE(Has(ended.output, "There are no bundles")) << ended.output;
+            EXPECT_FALSE(Has(ended.errors, "there is no bundle")) << ended.errors;
+        }
+    }
 }

@@ -2,6 +2,7 @@
 
 #include "log_access.h"
 #include "log_reader.h"
+#include "printable.h"
 #include "recorder_file.h"
 
 #include <algorithm>
@@ -10,6 +11,23 @@
 namespace Model {
 
 namespace {
+
+void FindCollection(Snapshot& snapshot)
+{
+    const Installation& installation = snapshot.installation;
+    const std::string wayOut = " --collection DIR names it.";
+    if (installation.collection.empty()) {
+        snapshot.notes.push_back("The collection is not known: the configuration " +
+                                 Printable(installation.configuration) +
+                                 " cannot be read: " + installation.settings.trouble + "." + wayOut);
+        return;
+    }
+    snapshot.collection = ReadCollection(installation.collection, installation.base);
+    if (!snapshot.collection.trouble.empty()) {
+        snapshot.notes.push_back("The collection " + Printable(snapshot.collection.path) +
+                                 " cannot be read: " + snapshot.collection.trouble + "." + wayOut);
+    }
+}
 
 void ReadHistory(Snapshot& snapshot, LogDepth depth)
 {
@@ -65,9 +83,7 @@ std::unique_ptr<Snapshot> TakeSnapshot(const Choice& choice, LogDepth depth, con
     snapshot->taken = Now();
     snapshot->installation = FindInstallation(choice, proc);
     snapshot->notes = snapshot->installation.notes;
-    if (!snapshot->installation.collection.empty()) {
-        snapshot->collection = ReadCollection(snapshot->installation.collection, snapshot->installation.base);
-    }
+    FindCollection(*snapshot);
     ReadHistory(*snapshot, depth);
     ReadProcesses(*snapshot, snapshot->installation.others, proc);
     return snapshot;

@@ -25,6 +25,9 @@ struct Snapshot {
     std::vector<BundleProcess> processes;
     std::vector<ProcessStat> threads; ///< the server's threads
     std::vector<std::string> notes;   ///< sentences for people about what could not be read
+
+    /// Otherwise a note says why not.
+    bool IsCollectionRead() const { return !collection.path.empty() && collection.trouble.empty(); }
 };
 
 /// Which part of the log a snapshot needs.

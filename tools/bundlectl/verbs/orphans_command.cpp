@@ -88,10 +88,13 @@ bool HasEnded(const Orphan& orphan)
     return orphan.fate == "TERM" || orphan.fate == "KILL" || orphan.fate == "it has ended";
 }
 
-std::string Text(const std::vector<Orphan>& orphans, const Options& options, const Output::Terminal& terminal)
+std::string Text(const Model::Snapshot& snapshot, const std::vector<Orphan>& orphans, const Options& options,
+                 const Output::Terminal& terminal)
 {
     if (orphans.empty()) {
-        return "No process of a former server is left.\n";
+        return snapshot.IsCollectionRead()
+                   ? "No process of a former server is left.\n"
+                   : "No process of a former server was found. Without the collection, not all are recognised.\n";
     }
     const Model::Proc proc;
     Output::Table table({"PID", "BUNDLE", "ITEM", "AGE", "SOCKETS", options.end ? "ENDED BY" : "", "PROGRAM"});
@@ -138,6 +141,14 @@ std::string Json(const Model::Snapshot& snapshot, const std::vector<Orphan>& orp
     return json.Text();
 }
 
+int StatusOf(const Model::Snapshot& snapshot, const std::vector<Orphan>& orphans)
+{
+    if (!std::all_of(orphans.begin(), orphans.end(), HasEnded)) {
+        return EXIT_FAILED;
+    }
+    return snapshot.IsCollectionRead() ? EXIT_DONE : EXIT_UNREACHABLE;
+}
+
 int ShowOrphans(Options& options)
 {
     const Model::Proc proc;
@@ -151,8 +162,8 @@ int ShowOrphans(Options& options)
         End(orphans, options.grace, proc);
     }
     return Verbs::Print(options.json ? Json(*snapshot, orphans, options.end)
-                                     : Text(orphans, options, Output::AskTerminal()),
-                        std::all_of(orphans.begin(), orphans.end(), HasEnded) ? EXIT_DONE : EXIT_FAILED);
+                                     : Text(*snapshot, orphans, options, Output::AskTerminal()),
+                        StatusOf(*snapshot, orphans));
 }
 
 } // namespace

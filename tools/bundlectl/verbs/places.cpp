@@ -76,8 +76,12 @@ std::vector<const Model::BundleStatus*> FindByName(const std::vector<Model::Bund
     return found;
 }
 
-int TellUnknown(const std::string& name, const std::vector<Model::BundleStatus>& bundles)
+int TellUnknown(const std::string& name, const Model::Snapshot& snapshot,
+                const std::vector<Model::BundleStatus>& bundles)
 {
+    if (!snapshot.IsCollectionRead()) {
+        return EXIT_UNREACHABLE;
+    }
     std::vector<std::string_view> names;
     names.reserve(bundles.size());
     for (const Model::BundleStatus& bundle : bundles) {

@@ -31,8 +31,10 @@ int Print(const std::string& text, int status);
 std::vector<const Model::BundleStatus*> FindByName(const std::vector<Model::BundleStatus>& bundles,
                                                    const std::string& name);
 
-/// Prints to standard error that no bundle has this name. Returns the exit status.
-int TellUnknown(const std::string& name, const std::vector<Model::BundleStatus>& bundles);
+/// Prints to standard error that no bundle has this name. Prints nothing if the bundles are not known, because a note
+/// has said so. Returns the exit status.
+int TellUnknown(const std::string& name, const Model::Snapshot& snapshot,
+                const std::vector<Model::BundleStatus>& bundles);
 
 /// The last part of the path of a bundle's directory.
 std::string_view DirectoryName(const Model::BundleStatus& bundle);

@@ -142,8 +142,9 @@ int Record(const Options& options)
         attribution.Know(bundle.name, bundle.loggedPath, items);
     }
     recorder.RecordAll(*snapshot);
-    if (!options.once && log.kind == LogLocation::NOWHERE) {
+    if (options.once ? !snapshot->installation.server : log.kind == LogLocation::NOWHERE) {
         Verbs::TellNotes(snapshot->notes);
+        std::cerr << (options.once ? "bundlectl: no bundle server runs.\n" : "");
         return EXIT_UNREACHABLE;
     }
     while (!options.once && recorder.IsGood()) {

@@ -56,7 +56,7 @@ std::string TextOf(const Options& options, const Model::Snapshot& snapshot, cons
 
 int StatusOfAll(const Model::Snapshot& snapshot, const std::vector<const BundleStatus*>& chosen)
 {
-    if (!snapshot.installation.server) {
+    if (!snapshot.installation.server || !snapshot.IsCollectionRead()) {
         return EXIT_UNREACHABLE;
     }
     const bool isGood =
@@ -81,11 +81,11 @@ int ShowStatus(const Options& options)
     const auto snapshot = Model::TakeSnapshot(options.choice, Model::LogDepth::SERVER);
     const std::vector<BundleStatus> bundles = Model::StatusOf(*snapshot);
     const std::vector<const BundleStatus*> chosen = Chosen(bundles, options.name);
-    if (!options.json) {
+    if (!options.json || chosen.empty()) {
         Verbs::TellNotes(snapshot->notes);
     }
     if (!options.name.empty() && chosen.empty()) {
-        return Verbs::TellUnknown(options.name, bundles);
+        return Verbs::TellUnknown(options.name, *snapshot, bundles);
     }
     return Verbs::Print(TextOf(options, *snapshot, bundles, Output::AskTerminal()), StatusOfAll(*snapshot, chosen));
 }

@@ -198,6 +198,9 @@ std::string NameOfState(const BundleStatus& bundle)
 std::string StatusTable(const Snapshot& snapshot, const std::vector<BundleStatus>& bundles, const Terminal& terminal)
 {
     std::string text = ServerLine(snapshot);
+    if (bundles.empty() && !snapshot.IsCollectionRead()) {
+        return text;
+    }
     if (bundles.empty()) {
         return text + "There are no bundles in " + Output::Shown(terminal, snapshot.collection.path) + ".\n";
     }

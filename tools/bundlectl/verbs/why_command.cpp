@@ -139,11 +139,11 @@ int TellWhy(const Options& options)
     const auto snapshot = Model::TakeSnapshot(options.choice, Model::LogDepth::EVERYTHING);
     const std::vector<BundleStatus> bundles = Model::StatusOf(*snapshot);
     const std::vector<const BundleStatus*> chosen = Verbs::FindByName(bundles, options.name);
-    if (!options.json) {
+    if (!options.json || chosen.empty()) {
         Verbs::TellNotes(snapshot->notes);
     }
     if (chosen.empty()) {
-        return Verbs::TellUnknown(options.name, bundles);
+        return Verbs::TellUnknown(options.name, *snapshot, bundles);
     }
     const bool isGood =
         std::all_of(chosen.begin(), chosen.end(), [](const BundleStatus* bundle) { return bundle->IsHealthy(); });
