@@ -47,7 +47,6 @@ public:
 private:
     bool IsThere();
     void CheckProgram(const std::string& head, bool isElf);
-    void CheckInterpreter(const std::string& head);
 
     const Check& m_check;
     const SubjectItem& m_item;
@@ -97,7 +96,7 @@ void ItemCheck::Run()
     }
     if (elf) {
         CheckElf(m_check, m_item, *elf);
-        CheckInterpreter(elf->interpreter);
+        CheckInterpreterOf(m_check, m_item.file, elf->interpreter);
     }
 }
 
@@ -114,13 +113,8 @@ void ItemCheck::CheckProgram(const std::string& head, bool isElf)
     if (interpreter.empty()) {
         m_check.Add(ITEM_NO_PROGRAM, m_item.file, 1, "The file begins otherwise.");
     } else {
-        CheckInterpreter(interpreter);
+        CheckInterpreterOf(m_check, m_item.file, interpreter);
     }
-}
-
-void ItemCheck::CheckInterpreter(const std::string& interpreter)
-{
-    CheckInterpreterOf(m_check, m_item.file, interpreter);
 }
 
 } // namespace

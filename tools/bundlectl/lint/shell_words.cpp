@@ -63,11 +63,9 @@ void Splitter::Take()
     if ((c == '"' || c == '\'') && (m_quote == '\0' || m_quote == c)) {
         m_quote = m_quote == c ? '\0' : c;
         m_isWord = true;
-    } else if (m_quote != '\0') {
-        Add(c);
-    } else if (std::isspace(static_cast<unsigned char>(c)) != 0) {
+    } else if (m_quote == '\0' && std::isspace(static_cast<unsigned char>(c)) != 0) {
         Finish();
-    } else if (IsOperator(c)) {
+    } else if (m_quote == '\0' && IsOperator(c)) {
         TakeOperator(c);
     } else {
         Add(c);

@@ -99,7 +99,7 @@ std::string Sign(const Terminal& terminal, Mark mark)
 
 std::string Shown(const Terminal& terminal, std::string_view text)
 {
-    const std::string printable = Printable(text);
+    std::string printable = Printable(text);
     if (terminal.hasUtf8) {
         return printable;
     }

@@ -1,7 +1,8 @@
 #include "times.h"
 
+#include "format_text.h"
+
 #include <array>
-#include <cstdio>
 #include <ctime>
 
 namespace Output {
@@ -24,11 +25,9 @@ std::string Rfc3339(Model::Time time)
     const std::time_t seconds = std::chrono::system_clock::to_time_t(whole);
     std::tm utc{};
     ::gmtime_r(&seconds, &utc);
-    std::array<char, 16> fraction{};
-    std::snprintf(fraction.data(), fraction.size(), ".%06dZ", static_cast<int>((time - whole).count()));
     std::array<char, 64> text{};
     const std::size_t size = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &utc);
-    return std::string(text.data(), size) + fraction.data();
+    return std::string(text.data(), size) + FormatText(".%06dZ", static_cast<int>((time - whole).count()));
 }
 
 std::string LocalTime(Model::Time time, Model::Time now)
