@@ -58,7 +58,12 @@ TEST_F(LintOfItems, NameInterpretersThatThereAre)
     WriteFile(collection / "root/no/such/interpreter", "");
     options.sysroot = collection / "root";
     collection.Bundle("radio").Item("tunerd", "#!/no/such/interpreter -x\n").Write();
+    EXPECT_EQ(IdsOf("radio"), Found{"interpreter-not-executable"});
+    EXPECT_EQ(TextOf("interpreter-not-executable"), "It is /no/such/interpreter.");
+    ::chmod((collection / "root/no/such/interpreter").c_str(), 0755);
     EXPECT_EQ(IdsOf("radio"), Found{});
+    collection.Bundle("radio").Item("tunerd", "#!/no/such\n").Write();
+    EXPECT_EQ(IdsOf("radio"), Found{"interpreter-not-executable"}) << "a directory";
 }
 
 TEST_F(LintOfItems, LieInTheBundle)

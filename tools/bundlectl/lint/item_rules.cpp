@@ -32,6 +32,10 @@ constexpr Rule INTERPRETER_MISSING{
     "interpreter-missing", Severity::ERROR, "an interpreter is missing",
     "The program that the first line names does not exist there, so nothing can be executed.",
     "Install the interpreter, or name another one."};
+constexpr Rule INTERPRETER_NOT_EXECUTABLE{
+    "interpreter-not-executable", Severity::ERROR, "an interpreter may not be executed",
+    "The program that the first line names lacks the execute permission or is no file, so nothing can be executed.",
+    "Set the interpreter's permission with chmod +x, or name another one."};
 constexpr Rule ITEM_OUTSIDE{"item-outside-bundle", Severity::WARNING, "an item's name leads out of the bundle",
                             "What lies outside is not updated and not removed with the bundle.",
                             "Put the program below bin/."};
@@ -130,7 +134,11 @@ std::string InterpreterOf(const std::string& head)
 
 void CheckInterpreterOf(const Check& check, const std::string& file, const std::string& interpreter)
 {
-    if (interpreter.empty() || !check.sysroot.IsKnown() || check.sysroot.Has(interpreter)) {
+    if (interpreter.empty() || !check.sysroot.IsKnown() || check.sysroot.HasExecutable(interpreter)) {
+        return;
+    }
+    if (check.sysroot.Has(interpreter)) {
+        check.Add(INTERPRETER_NOT_EXECUTABLE, file, 1, "It is " + Printable(interpreter) + ".");
         return;
     }
     check.Add(INTERPRETER_MISSING, file, 1,
@@ -147,8 +155,9 @@ void CheckItems(const Check& check)
 
 Rules ItemRules()
 {
-    return {&ITEM_MISSING,        &ITEM_NO_FILE, &ITEM_NOT_EXECUTABLE, &ITEM_NO_PROGRAM,
-            &INTERPRETER_MISSING, &ITEM_OUTSIDE, &ITEM_NO_LIBRARY};
+    return {&ITEM_MISSING,    &ITEM_NO_FILE,        &ITEM_NOT_EXECUTABLE,
+            &ITEM_NO_PROGRAM, &INTERPRETER_MISSING, &INTERPRETER_NOT_EXECUTABLE,
+            &ITEM_OUTSIDE,    &ITEM_NO_LIBRARY};
 }
 
 } // namespace Lint

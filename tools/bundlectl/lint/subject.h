@@ -53,7 +53,8 @@ void CheckFiles(const Check& check);
 
 /// The interpreter that a script's first line names; empty: none.
 std::string InterpreterOf(const std::string& head);
-/// Adds a finding when the interpreter is missing in the file system in which the bundle will run.
+/// Adds a finding when the interpreter is missing, or may not be executed, in the file system in which the bundle will
+/// run.
 void CheckInterpreterOf(const Check& check, const std::string& file, const std::string& interpreter);
 
 /// Reads the manifest with the server's own code. If the server would refuse it, adds the reason to the report and

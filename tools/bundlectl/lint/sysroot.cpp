@@ -142,6 +142,13 @@ bool Sysroot::Has(const std::string& path) const
     return !Resolve(path).empty();
 }
 
+bool Sysroot::HasExecutable(const std::string& path) const
+{
+    constexpr mode_t anyone = 0111;
+    struct stat status {};
+    return ::stat(Resolve(path).c_str(), &status) == 0 && S_ISREG(status.st_mode) && (status.st_mode & anyone) != 0;
+}
+
 bool Sysroot::HasLibrary(const std::string& name, const std::vector<std::string>& directories) const
 {
     struct stat status {};

@@ -36,6 +36,8 @@ public:
     bool IsKnown() const { return m_isKnown; }
     /// Whether the file exists. Follows links inside the root.
     bool Has(const std::string& path) const;
+    /// Whether it is a file that some user may execute.
+    bool HasExecutable(const std::string& path) const;
     /// Whether a library of that name is in one of its own directories or in the given ones.
     bool HasLibrary(const std::string& name, const std::vector<std::string>& directories) const;
     /// The latest version that its C library offers; empty: unknown.
