@@ -46,7 +46,7 @@ def authors(programs, quick):
             if text not in output:
                 raise Missed(f"bundlectl {verb} does not tell of all bundles: {output[-300:]}")
             taken.append(time_taken)
-        rows.append(row(f"{count:,} bundles: {verb}", "ms", taken, None, MILLI, "1,000"))
+        rows.append(row(f"{count:,} bundles: {verb}", "ms", taken, None, MILLI, "1,000 ms"))
     return {"rows": rows, "note": "From the start of the program to its end."}
 
 
