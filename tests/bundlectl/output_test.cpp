@@ -2,6 +2,8 @@
 #include "output/json_writer.h"
 #include "output/table.h"
 
+#include "support/program.h"
+
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -63,6 +65,22 @@ TEST(ATable, IsCutAtTheEdgeOfATerminalOnly)
     table.Add({"radio", "it died again and again"});
     EXPECT_EQ(table.Text(NarrowScreen()), "NAME   WHY\nradio  it died \u2026\n");
     EXPECT_EQ(table.Text(Wide()), "NAME   WHY\nradio  it died again and again\n");
+}
+
+TEST(ATable, ShowsItsLastColumnBelowWhenTheTerminalIsTooNarrowForIt)
+{
+    Table table({"NAME", "PID", "WHY"}, Table::Last::BELOW);
+    table.Add({"radio", "1234", "it died again"});
+    table.Add({"clock", "7", ""});
+    table.Add({"lamp", "8", "it died again and again"});
+    EXPECT_EQ(table.Text(NarrowScreen()), "NAME   PID\n"
+                                          "radio  1234\n   it died again\n"
+                                          "clock  7\n"
+                                          "lamp   8\n   it died agai\u2026\n");
+    EXPECT_TRUE(Has(table.Text(Wide()), "radio  1234  it died again\n"));
+    Terminal wide = NarrowScreen();
+    wide.columns = 80;
+    EXPECT_TRUE(Has(table.Text(wide), "radio  1234  it died again\n"));
 }
 
 TEST(ATable, PaintsACellWithoutMovingItsNeighbours)

@@ -160,7 +160,7 @@ TEST_F(WhyReasons, NameTheStepThatTheServerIsAt)
     EXPECT_TRUE(Gives("stopping", "in-progress", "It is being stopped, since "));
     ::kill(tuner, SIGABRT);
     ASSERT_TRUE(daemon.WaitForLog("dying.tuner[" + std::to_string(tuner) + "] abnormal termination"));
-    EXPECT_TRUE(Gives("dying", "item-ended", "The item tuner ended with SIGABRT"));
+    EXPECT_TRUE(Gives("dying", "item-ended", " ago with SIGABRT"));
 }
 
 TEST_F(WhyReasons, SayThatTheServerRestartsABundleOrAnItem)

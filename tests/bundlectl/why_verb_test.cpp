@@ -37,7 +37,7 @@ TEST_F(Why, SaysSinceWhenABundleRuns)
     const Ended ended = Run({"why", "radio"});
     EXPECT_EQ(ended.status, 0) << ended.output;
     EXPECT_TRUE(Tells(ended, "radio is Active, 1 of 1 items up."));
-    EXPECT_TRUE(Tells(ended, "It runs, since "));
+    EXPECT_TRUE(Tells(ended, "It has run for "));
     const Ended evidence = Run({"why", "radio", "--evidence"});
     EXPECT_TRUE(Tells(evidence, "bundle[radio] state changing[Starting] -> [Active]"));
 }
@@ -104,8 +104,8 @@ TEST_F(Why, NamesAStatusThatAsksForNoRelaunch)
     Serve();
     ASSERT_TRUE(daemon.WaitForLog("does not need relaunch"));
     const Ended ended = Ask("radio");
-    EXPECT_TRUE(Tells(ended, "The item tuner.sh ended with status 1"));
-    EXPECT_TRUE(Tells(ended, "which asks for no relaunch."));
+    EXPECT_TRUE(Tells(ended, "The item tuner.sh ended "));
+    EXPECT_TRUE(Tells(ended, " ago with status 1, which asks for no relaunch."));
     EXPECT_TRUE(Tells(ended, "Last ends of its items:"));
     EXPECT_TRUE(Tells(Run({"why", "radio", "--evidence"}), "normal termination, exit status: 1."));
 }

@@ -82,7 +82,7 @@ void ItemInquiry::AddCrashLoop(const ItemStatus& item)
     Reason& reason =
         Add("crash-loop",
             "The item " + item.name + " dies again and again: " + often + " in the last hour" +
-                (last.empty() ? "" : ", the last end was " + last + " " + Ago(history.ends.back().time)) + ".",
+                (last.empty() ? "" : ", the last end was " + last + ", " + Ago(history.ends.back().time)) + ".",
             item.name + " crash loop" + (last.empty() ? "" : ", " + last),
             "Correct it. Or overwrite its file with a program that ends with status 0, then: bundlectl delete " +
                 m_bundle.name);
@@ -129,8 +129,7 @@ void ItemInquiry::AddExecution(const ItemStatus& item)
 
 void ItemInquiry::AddEnd(const ItemStatus& item, const ItemEnd& end)
 {
-    const std::string how = NameOfEnd(end) + " " + Ago(end.time);
-    std::string text = "The item " + item.name + " ended with " + how;
+    std::string text = "The item " + item.name + " ended " + Ago(end.time) + " with " + NameOfEnd(end);
     std::string remedy = Restart();
     if (end.then == ItemEnd::RESTS) {
         text += ", which asks for no relaunch.";

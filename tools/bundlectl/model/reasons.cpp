@@ -250,10 +250,9 @@ void Inquiry::AddHealth()
     if (!m_reasons.empty() || !m_bundle.IsHealthy()) {
         return;
     }
-    Reason& reason = Add(
-        "running",
-        "It runs" + (m_bundle.since ? ", since " + SpanText(m_snapshot.taken - *m_bundle.since) : std::string()) + ".",
-        "");
+    Reason& reason =
+        Add("running",
+            (m_bundle.since ? "It has run for " + SpanText(m_snapshot.taken - *m_bundle.since) : "It runs") + ".", "");
     if (m_bundle.history != nullptr) {
         reason.evidence = {m_bundle.history->stateLine};
     }

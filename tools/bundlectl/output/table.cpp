@@ -8,6 +8,7 @@ namespace {
 
 constexpr std::size_t GAP = 2;
 constexpr std::size_t NARROWEST = 8;
+constexpr std::size_t BELOW_INDENT = 3;
 
 void TrimEnd(std::string& line)
 {
@@ -16,9 +17,7 @@ void TrimEnd(std::string& line)
 
 } // namespace
 
-// If a line is too long, the widest column except the last is narrowed first. The last column holds the sentence and
-// keeps some room.
-std::vector<std::size_t> Table::Widths(const Terminal& terminal) const
+std::vector<std::size_t> Table::FullWidths() const
 {
     std::vector<std::size_t> widths(m_heads.size(), 0);
     for (const std::vector<Cell>& row : m_rows) {
@@ -29,8 +28,28 @@ std::vector<std::size_t> Table::Widths(const Terminal& terminal) const
     for (std::size_t i = 0; i < widths.size(); ++i) {
         widths[i] = widths[i] == 0 ? 0 : std::max(widths[i], WidthOf(m_heads[i]));
     }
+    return widths;
+}
+
+bool Table::IsLastBelow(const Terminal& terminal) const
+{
+    std::size_t used = 0;
+    for (const std::size_t width : FullWidths()) {
+        used += width == 0 ? 0 : width + (used == 0 ? 0 : GAP);
+    }
+    return m_last == Last::BELOW && terminal.isTerminal && used > terminal.columns;
+}
+
+// If a line is too long, the widest column except the last is narrowed first. The last column holds the sentence and
+// keeps some room.
+std::vector<std::size_t> Table::Widths(const Terminal& terminal) const
+{
+    std::vector<std::size_t> widths = FullWidths();
     if (!terminal.isTerminal || widths.size() < 2) {
         return widths;
+    }
+    if (IsLastBelow(terminal)) {
+        widths.back() = 0;
     }
     const auto last = widths.end() - 1;
     const std::size_t wanted = std::min<std::size_t>(*last, terminal.columns / 3);
@@ -41,7 +60,7 @@ std::vector<std::size_t> Table::Widths(const Terminal& terminal) const
         }
         const auto widest = std::max_element(widths.begin(), last);
         if (used <= terminal.columns || *widest <= NARROWEST) {
-            *last = terminal.columns > used - wanted ? terminal.columns - (used - wanted) : NARROWEST;
+            *last = *last == 0 ? 0 : terminal.columns > used - wanted ? terminal.columns - (used - wanted) : NARROWEST;
             return widths;
         }
         --*widest;
@@ -51,6 +70,7 @@ std::vector<std::size_t> Table::Widths(const Terminal& terminal) const
 std::string Table::Text(const Terminal& terminal) const
 {
     const std::vector<std::size_t> widths = Widths(terminal);
+    const bool isLastBelow = IsLastBelow(terminal);
     std::string text;
     const auto addLine = [&](const std::vector<Cell>& row) {
         std::string line;
@@ -74,6 +94,10 @@ std::string Table::Text(const Terminal& terminal) const
     addLine(heads);
     for (const std::vector<Cell>& row : m_rows) {
         addLine(row);
+        if (isLastBelow && row.size() == widths.size() && !row.back().text.empty()) {
+            const std::string shown = Fitted(terminal, row.back().text, terminal.columns - BELOW_INDENT);
+            text += std::string(BELOW_INDENT, ' ') + Paint(terminal, row.back().colour, shown) + "\n";
+        }
     }
     return text;
 }

@@ -9,7 +9,8 @@
 namespace Output {
 
 /// A table for people: columns as wide as necessary, with two blanks between them. On a terminal, the last column gets
-/// the rest of the line and is cut to it. When that leaves too little, the widest other column is narrowed first.
+/// the rest of the line and is cut to it. When that leaves too little, the widest other column is narrowed first, or
+/// the last column moves below.
 class Table {
 public:
     struct Cell {
@@ -20,7 +21,14 @@ public:
         Colour colour = Colour::NONE;
     };
 
-    explicit Table(std::vector<std::string> heads) : m_heads(std::move(heads)) {}
+    /// The place of the last column on a terminal that is too narrow.
+    enum class Last {
+        BESIDE,
+        BELOW, ///< on a line of its own below each row, without its head
+    };
+
+    explicit Table(std::vector<std::string> heads, Last last = Last::BESIDE) : m_heads(std::move(heads)), m_last(last)
+    {}
 
     /// @param row at most as many cells as heads
     void Add(std::vector<Cell> row) { m_rows.push_back(std::move(row)); }
@@ -30,8 +38,11 @@ public:
 
 private:
     std::vector<std::size_t> Widths(const Terminal& terminal) const;
+    std::vector<std::size_t> FullWidths() const;
+    bool IsLastBelow(const Terminal& terminal) const;
 
     std::vector<std::string> m_heads;
+    const Last m_last;
     std::vector<std::vector<Cell>> m_rows;
 };
 

@@ -46,7 +46,7 @@ std::string ServerLine(const Snapshot& snapshot)
         return "No bundle server runs.\n";
     }
     const Model::Microseconds runs = Model::Proc().Uptime(server->stat);
-    std::string line = "Server " + std::to_string(server->stat.pid) + " runs since " + Model::SpanText(runs);
+    std::string line = "Server " + std::to_string(server->stat.pid) + " has run for " + Model::SpanText(runs);
     if (snapshot.server != nullptr && !snapshot.server->ready && snapshot.server->isWhole) {
         line += " and is still starting";
     }
@@ -130,7 +130,7 @@ std::string LastEnd(const ItemStatus& item, Model::Time now)
         return {};
     }
     const Model::ItemEnd& end = item.history->ends.back();
-    return Model::NameOfEnd(end) + " " + Output::Ago(end.time, now);
+    return Model::NameOfEnd(end) + (end.isSignal ? " " : ", ") + Output::Ago(end.time, now);
 }
 
 std::string Field(const std::string& name, const std::string& value)
@@ -204,7 +204,7 @@ std::string StatusTable(const Snapshot& snapshot, const std::vector<BundleStatus
     if (bundles.empty()) {
         return text + "There are no bundles in " + Output::Shown(terminal, snapshot.collection.path) + ".\n";
     }
-    Table table({" ", "BUNDLE", "STATE", "MODE", "ITEMS", "RELAUNCHES/H", "FOR", "REASON"});
+    Table table({" ", "BUNDLE", "STATE", "MODE", "ITEMS", "RELAUNCHES/H", "FOR", "REASON"}, Table::Last::BELOW);
     for (const BundleStatus& bundle : bundles) {
         Terminal plain = terminal;
         plain.hasColour = false;
