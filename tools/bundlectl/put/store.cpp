@@ -223,7 +223,7 @@ bool Shelf::HasReplacedVersion() const
 
 std::string Shelf::Begin()
 {
-    const std::string path = m_path + PART;
+    std::string path = m_path + PART;
     if (::mkdir(path.c_str(), 0755) != 0 || ::chmod(path.c_str(), 0755) != 0) {
         Fail(Printable(path) + " cannot be made");
     }

@@ -137,8 +137,8 @@ Outcome Verdict::Wait(const Awaited& awaited, std::chrono::milliseconds patience
     const std::chrono::milliseconds pause(isJournal ? 1000 : 100);
     const Clock::time_point end = Clock::now() + patience;
     Model::Time since = m_since;
-    constexpr Clock::time_point NEVER = Clock::time_point::max();
-    Clock::time_point ripe = NEVER;
+    constexpr Clock::time_point never = Clock::time_point::max();
+    Clock::time_point ripe = never;
     for (;;) {
         Watch watch(awaited, m_installation.server ? m_installation.server->stat.pid : 0);
         if (m_installation.log.kind == Model::LogLocation::NOWHERE || !Read(m_installation, since, watch)) {
@@ -150,7 +150,7 @@ Outcome Verdict::Wait(const Awaited& awaited, std::chrono::milliseconds patience
         // directory counts as a change, so the server tries once more.
         if (watch.IsHeldByDeadItem() && now < end) {
             since = Model::Now();
-            ripe = NEVER;
+            ripe = never;
             if (::utimensat(AT_FDCWD, (m_installation.collection + "/" + awaited.directory).c_str(), nullptr, 0) == 0) {
                 continue;
             }
@@ -158,13 +158,13 @@ Outcome Verdict::Wait(const Awaited& awaited, std::chrono::milliseconds patience
         if (!watch.Failure().empty()) {
             return {Outcome::FAILED, watch.Failure()};
         }
-        if (watch.IsActive() && ripe == NEVER) {
+        if (watch.IsActive() && ripe == never) {
             ripe = now + soak;
         }
         if (now >= ripe) {
             return {Outcome::ACTIVE, ""};
         }
-        if (ripe == NEVER && now >= end) {
+        if (ripe == never && now >= end) {
             return {Outcome::NO_VERDICT,
                     "It has not become Active in time. A script can hold the server: bundlectl why tells which."};
         }
