@@ -24,7 +24,8 @@ struct ProgramPlace {
 /// One entry for each Program.
 constexpr ProgramPlace PROGRAMS[] = {
     {Program::BUNDLECTL, "bundlectl", "install the package bundlectl"},
-    {Program::ANALYSIS, "bundlectl-analysis", "fetch the log, and read it with the package bundlectl of another machine and --log FILE"},
+    {Program::ANALYSIS, "bundlectl-analysis",
+     "fetch the log, and read it with the package bundlectl of another machine and --log FILE"},
     {Program::PUT, "bundlectl-put", "install the package bundlectl"},
     {Program::AUTHOR, "bundlectl-author", "install the package bundlectl-author"},
 };
