@@ -19,7 +19,10 @@ std::string OnUser1(const std::string& reaction)
 
 TEST_F(Drilling, FindsDescriptorsThatBecomeMore)
 {
-    bundles.Bundle("radio").Item("tunerd", "#!/bin/bash\nwhile :; do exec {new}</dev/null; sleep 0.2; done\n").Write();
+    // It waits by a builtin command, because a busy machine may take a second to start a program.
+    const std::string wait = "read -r -t 0.1 -u \"$quiet\"";
+    const std::string leak = "exec {quiet}<> <(:)\nwhile :; do exec {new}< /dev/null; " + wait + "; done\n";
+    bundles.Bundle("radio").Item("tunerd", "#!/bin/bash\n" + leak).Write();
     const Ended ended = Drill("radio", {"--only", "undisturbed", "--json"});
     EXPECT_EQ(ended.status, 1) << ended.output << ended.errors;
     EXPECT_TRUE(Tells(ended, "They become more each second."));
@@ -37,7 +40,9 @@ TEST_F(Drilling, FindsDescriptorsThatTheProcessBeforeDidNotHave)
 
 TEST_F(Drilling, FindsThatAnItemEndsByItself)
 {
-    bundles.Bundle("radio").Item("tuner.sh", "sleep 3\nexit 3\n").Write();
+    // The drill begins when the server serves.
+    const std::string serves = "grep -q 'bundle server start running' \"$ZQ_LOG_FILE\"";
+    bundles.Bundle("radio").Item("tuner.sh", "until " + serves + "; do sleep 0.1; done\nsleep 2\nexit 3\n").Write();
     const Ended ended = Drill("radio", {"--only", "undisturbed"});
     EXPECT_EQ(ended.status, 1) << ended.output << ended.errors;
     EXPECT_TRUE(Tells(ended, "It ended by itself with status 3."));

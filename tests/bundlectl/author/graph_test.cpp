@@ -1,12 +1,17 @@
 // bundlectl graph.
 #include "bundlectl/verb_test.h"
 #include "support/collection_builder.h"
+#include "support/files.h"
 #include "support/program.h"
+#include "support/temporary_directory.h"
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -59,6 +64,18 @@ TEST_F(AGraph, IsWrittenForOtherPrograms)
     EXPECT_TRUE(Tells(mermaid, "flowchart LR\n    n0[\"1. base\"]\n"));
     EXPECT_TRUE(Tells(mermaid, " == circle ==> "));
     EXPECT_TRUE(FollowsSchema(Run({"--json"}).output));
+}
+
+TEST_F(AGraph, IsDrawnByGraphviz)
+{
+    const TemporaryDirectory programs;
+    WriteFile(programs / "dot", "#!/bin/sh\necho \"drawn $*\"\ncat\n");
+    fs::permissions(programs / "dot", fs::perms(0755));
+    const std::string dot = Run({"--format=dot"}).output;
+    const Ended ended = RunToEnd("/usr/bin/env", {"PATH=" + programs.Path().string() + ":/usr/bin:/bin",
+                                                  BUNDLECTL_PROGRAM, "graph", collection.Path(), "--format=svg"});
+    EXPECT_EQ(ended.status, 0) << ended.errors;
+    EXPECT_EQ(ended.output, "drawn -Tsvg\n" + dot);
 }
 
 TEST_F(AGraph, SaysWhatDrawsThePicture)
