@@ -226,12 +226,7 @@ TEST_F(Doctor, FindsACrashLoop)
 
 TEST_F(Doctor, FindsWhatAFormerServerHasLeftAndWhatRunsTwice)
 {
-    collection.Bundle("radio").Copy("tuner", TEST_SLEEPER).Write();
-    Serve();
-    ASSERT_NE(daemon.WaitForItem("radio", "tuner"), 0);
-    daemon.Stop(SIGKILL);
-    daemon.Start();
-    ASSERT_TRUE(daemon.WaitForLog("bundle server start running...", 2));
+    ServeAnItemTwice();
     EXPECT_TRUE(Has(About("orphans"), "bundlectl orphans --end"));
     EXPECT_TRUE(Has(About("runs-twice"), "tuner"));
 }

@@ -113,12 +113,7 @@ TEST_F(Status, MarksADirectoryThatHasGone)
 
 TEST_F(Status, MarksAnItemThatRunsTwice)
 {
-    collection.Bundle("radio").Copy("tuner", TEST_SLEEPER).Write();
-    Serve();
-    ASSERT_NE(daemon.WaitForItem("radio", "tuner"), 0);
-    daemon.Stop(SIGKILL);
-    daemon.Start();
-    ASSERT_TRUE(daemon.WaitForLog("bundle server start running...", 2));
+    ServeAnItemTwice();
     const Ended ended = Run({"status"});
     EXPECT_EQ(ended.status, 1);
     EXPECT_TRUE(Tells(ended, "tuner runs twice"));

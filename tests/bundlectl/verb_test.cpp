@@ -1,5 +1,17 @@
 #include "bundlectl/verb_test.h"
 
+#include <csignal>
+
+void VerbTest::ServeAnItemTwice()
+{
+    collection.Bundle("radio").Copy("tuner", TEST_SLEEPER).Write();
+    Serve();
+    ASSERT_NE(daemon.WaitForItem("radio", "tuner"), 0);
+    daemon.Stop(SIGKILL);
+    daemon.Start();
+    ASSERT_TRUE(daemon.WaitForLog("bundle server start running...", 2));
+}
+
 ::testing::AssertionResult FollowsSchema(const std::string& text)
 {
     return FollowsSchema(text, JSON_SCHEMA);

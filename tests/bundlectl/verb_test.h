@@ -14,6 +14,9 @@ public:
 
     /// Starts the daemon, and waits until it has started all bundles that can be started.
     void Serve() { ASSERT_TRUE(daemon.StartServing()); }
+
+    /// Kills a server and starts the next, so the item "tuner" of the bundle "radio" runs twice.
+    void ServeAnItemTwice();
 };
 
 /// Whether each line of a text follows the schema of bundlectl's output for programs.

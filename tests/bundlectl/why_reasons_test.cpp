@@ -215,12 +215,7 @@ TEST_F(WhyReasons, SayWhatIsKnownOfAnItemWithoutAProcessOrAThread)
 
 TEST_F(WhyReasons, NameAProgramThatWasReplacedAndAnItemThatRunsTwice)
 {
-    collection.Bundle("radio").Copy("tuner", TEST_SLEEPER).Write();
-    Serve();
-    ASSERT_NE(daemon.WaitForItem("radio", "tuner"), 0);
-    daemon.Stop(SIGKILL);
-    daemon.Start();
-    ASSERT_TRUE(daemon.WaitForLog("bundle server start running...", 2));
+    ServeAnItemTwice();
     EXPECT_TRUE(Gives("radio", "runs-twice", "The item tuner runs more than once: also as process "));
     HaltServer();
     std::filesystem::copy_file(collection / "radio/bin/tuner", Note("tuner"));
