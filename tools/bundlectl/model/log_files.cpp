@@ -19,7 +19,7 @@ namespace {
 
 using Common::UniqueFd;
 
-constexpr std::uint64_t PIECE = 64 * 1024;
+constexpr std::uint64_t PIECE = std::uint64_t{64} * 1024;
 
 bool TakeSuffix(std::string_view& text, std::string_view suffix)
 {
