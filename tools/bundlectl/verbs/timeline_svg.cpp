@@ -124,7 +124,7 @@ private:
     {
         constexpr std::size_t longest = 22;
         const Output::Terminal utf8{false, false, true};
-        const std::string name = (bundle.isInChain ? "* " : "") + Output::Fitted(utf8, bundle.name, longest);
+        const std::string name = (bundle.isInChain ? "* " : "") + Output::Fitted(utf8, NameToShow(bundle), longest);
         Write(8, top + 12, bundle.isInChain ? "chain" : "", name);
         for (const Model::TimelineState& state : bundle.states) {
             DrawSpan(state.from, state.to, top, BAR, Model::NameOf(state.state),

@@ -156,7 +156,8 @@ std::string Row(const TimelineBundle& bundle, const Scale& scale, std::size_t wi
     for (const TimelineMark& mark : bundle.marks) {
         bar.Draw(mark.time, mark.time, CellOf(mark.kind));
     }
-    const std::string name = Padded(Output::Fitted(terminal, Output::Shown(terminal, bundle.name), width), width);
+    const std::string name =
+        Padded(Output::Fitted(terminal, Output::Shown(terminal, NameToShow(bundle)), width), width);
     const std::string cost = Seconds(bundle.cost) + " s";
     return Output::Paint(terminal, bundle.isInChain ? Colour::STRONG : Colour::NONE,
                          (bundle.isInChain ? "* " : "  ") + name) +
@@ -201,6 +202,12 @@ std::string Legend(const Terminal& terminal)
 
 } // namespace
 
+std::string NameToShow(const Model::TimelineBundle& bundle)
+{
+    const bool isPath = bundle.name.compare(0, 1, "/") == 0;
+    return isPath ? bundle.name.substr(bundle.name.rfind('/') + 1) + "/" : bundle.name;
+}
+
 const char* NameOf(TimelineMark::Kind kind)
 {
     constexpr std::array<const char*, 5> names{"launch", "relaunch", "end", "death", "failure"};
@@ -211,7 +218,7 @@ std::string TimelineText(const Timeline& timeline, const Terminal& terminal)
 {
     std::size_t width = 6;
     for (const TimelineBundle& bundle : timeline.bundles) {
-        width = std::max(width, std::min(WIDEST_NAME, Output::WidthOf(bundle.name)));
+        width = std::max(width, std::min(WIDEST_NAME, Output::WidthOf(NameToShow(bundle))));
     }
     const std::size_t margin = width + 3;
     const std::size_t columns = std::max<std::size_t>(terminal.columns, 60) - margin - COST_WIDTH;
@@ -220,7 +227,7 @@ std::string TimelineText(const Timeline& timeline, const Terminal& terminal)
     for (const TimelineBundle& bundle : timeline.bundles) {
         text += Row(bundle, scale, width, terminal);
         if (bundle.omitted > 0) {
-            text += "  " + std::to_string(bundle.omitted) + " more of " + Output::Shown(terminal, bundle.name) +
+            text += "  " + std::to_string(bundle.omitted) + " more of " + Output::Shown(terminal, NameToShow(bundle)) +
                     " are left out.\n";
         }
     }

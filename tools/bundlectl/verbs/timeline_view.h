@@ -20,6 +20,10 @@ std::string TimelineJson(const Model::Timeline& timeline);
 /// For a trace viewer: the Trace Event Format.
 std::string TimelineTrace(const Model::Timeline& timeline);
 
+/// A bundle's name for people. A directory that was refused before its name was known has its own name and a "/", as in
+/// the status.
+std::string NameToShow(const Model::TimelineBundle& bundle);
+
 /// A word for a kind of mark: "launch", "relaunch", "end", "death", "failure".
 const char* NameOf(Model::TimelineMark::Kind kind);
 
