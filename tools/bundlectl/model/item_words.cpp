@@ -32,13 +32,7 @@ public:
 private:
     Reason& Add(const char* kind, std::string text, std::string brief, std::string remedy)
     {
-        Reason reason;
-        reason.kind = kind;
-        reason.text = std::move(text);
-        reason.brief = std::move(brief);
-        reason.remedy = std::move(remedy);
-        m_reasons.push_back(std::move(reason));
-        return m_reasons.back();
+        return AddReason(m_reasons, kind, std::move(text), std::move(brief), std::move(remedy));
     }
 
     std::string Ago(Time time) const { return SpanText(m_snapshot.taken - time) + " ago"; }

@@ -20,6 +20,10 @@ struct Reason {
     std::vector<std::string> evidence; ///< the records that prove it
 };
 
+/// Appends a reason. Returns it; valid until the next is appended.
+Reason& AddReason(std::vector<Reason>& reasons, const char* kind, std::string text, std::string brief,
+                  std::string remedy);
+
 /// "SIGSEGV", "signal 44", "status 3".
 std::string NameOfEnd(const ItemEnd& end);
 
