@@ -50,21 +50,21 @@ int Draw(const std::string& dot)
 {
     constexpr int notFound = 127;
     // A missing program ends before it has read anything.
-    std::signal(SIGPIPE, SIG_IGN);
+    static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
     std::cout << std::flush;
     FILE* const program = ::popen("command -v dot > /dev/null || exit 127; exec dot -Tsvg", "w");
     if (program == nullptr) {
         std::cerr << "bundlectl: dot cannot be run.\n";
         return EXIT_FAILED;
     }
-    std::fwrite(dot.data(), 1, dot.size(), program);
+    const bool isWritten = std::fwrite(dot.data(), 1, dot.size(), program) == dot.size();
     const int status = ::pclose(program);
     if (status != 0 && (status >> 8) == notFound) {
         std::cerr
             << "bundlectl: graphviz draws the picture, and it is not installed: install the package graphviz, or use "
                "--format=mermaid.\n";
     }
-    return status == 0 ? EXIT_DONE : EXIT_FAILED;
+    return status == 0 && isWritten ? EXIT_DONE : EXIT_FAILED;
 }
 
 int TellUnknown(const Options& options)
