@@ -43,7 +43,7 @@ same "options of the loader" "$(options_of_page dyn_lib_process_loader.8)" "$("$
 same "exit statuses of the loader" "$(items_of_section dyn_lib_process_loader.8 'EXIT STATUS')" \
     "$("$loader" -h | sed -n '/^exit status/,$p' | grep -oE '[0-9]+')"
 
-commands=$("$bundlectl" --help | sed -n '/^Commands:/,/^$/s/^  \([a-z]*\) .*/\1/p')
+commands=$("$bundlectl" --help | sed -n '/^Commands:/,/^$/s/^  \([a-z][a-z]*\) .*/\1/p')
 same "commands of bundlectl" "$(cat "$man"/bundlectl*.1 | sed -n 's/^\.It Cm \([a-z]*\).*/\1/p')" "$commands"
 same "options of bundlectl" "$(for page in "$man"/bundlectl*.1; do options_of_page "${page##*/}"; done)" \
     "$(for command in "" $commands; do "$bundlectl" ${command:+"$command"} --help; done | options_of_help)"
@@ -66,7 +66,7 @@ for command in $commands; do
         "$("$bundlectl" "$command" --help | sed -nE 's/^ +(-[^ =]+).*/\1/p' | grep -v '^-h,' | cut -d , -f 1)"
 done
 same "exit statuses of bundlectl" "$(items_of_section bundlectl.1 'EXIT STATUS')" \
-    "$("$bundlectl" --help | sed -n '/^exit status/s/[^0-9]\{1,\}/\n/gp' | sed '/^$/d')"
+    "$("$bundlectl" --help | sed -n '/^exit status/,$p' | grep -oE '[0-9]+')"
 
 sources=$root/system_server/bundle_server_module/src
 same "keys of the configuration" "$(keys bundle-server.ini.5)" \

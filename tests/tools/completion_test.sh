@@ -86,7 +86,7 @@ offers "bundlectl delete --collection bundles r" radio
 offers "bundlectl events --count "
 
 # The shell offers exactly the verbs and options of the help.
-verbs=$("$bundlectl" --help | sed -n '/^Commands:/,/^$/s/^  \([a-z]*\) .*/\1/p')
+verbs=$("$bundlectl" --help | sed -n '/^Commands:/,/^$/s/^  \([a-z][a-z]*\) .*/\1/p')
 [ -n "$verbs" ] || { echo "the help lists no verb"; status=1; }
 mapfile -t words <<< "$verbs"
 offers "bundlectl " "${words[@]}" --help --version
