@@ -82,6 +82,7 @@ void TrialServer::Start()
     // bundlectl recognises servers among the processes by this name, independent of the program's file name.
     std::vector<std::string> words{"bundle_server", "-f", m_configuration};
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) {
         arguments.push_back(word.data());
     }
