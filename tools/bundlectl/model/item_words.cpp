@@ -143,11 +143,11 @@ void ItemInquiry::AddEnd(const ItemStatus& item, const ItemEnd& end)
 
 void ItemInquiry::AddThread(const ItemStatus& item)
 {
-    const std::string failure = item.history != nullptr ? item.history->failure : std::string();
-    if (failure.empty()) {
+    if (item.history == nullptr || item.history->failure.empty()) {
         Add("thread-gone", "The item " + item.name + " has no thread.", item.name + " has no thread", Restart());
     } else {
-        Add("thread-failed", "The item " + item.name + " failed: " + failure, item.name + " failed", Restart())
+        Add("thread-failed", "The item " + item.name + " failed: " + item.history->failure, item.name + " failed",
+            Restart())
             .evidence = {item.history->launchLine};
     }
     AddFileFault(item);

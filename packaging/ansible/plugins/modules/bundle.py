@@ -262,7 +262,7 @@ class Bundle(object):
 
     def control(self, verb, arguments):
         """Runs bundlectl. Returns its JSON output and its status."""
-        command = [self.parameters["bundlectl"], verb, "--json", "--wait", self.parameters["wait"]]
+        command = [self.parameters["bundlectl"], verb, "--json"]
         if self.parameters["collection"]:
             command += ["--collection", self.collection]
         status, output, errors = self.module.run_command(command + arguments, expand_user_and_vars=False)
@@ -274,6 +274,10 @@ class Bundle(object):
                 **dict(self.result, outcome="failed")
             )
         return said, status
+
+    def change(self, verb, arguments):
+        """Runs a verb of bundlectl that changes the collection, and takes over what it says."""
+        self.take(*self.control(verb, ["--wait", self.parameters["wait"]] + arguments))
 
     def take(self, said, status):
         self.result["outcome"] = said.get("outcome", "")
@@ -361,7 +365,7 @@ class Bundle(object):
         arguments = ["--soak", self.parameters["soak"], "--keep", str(self.parameters["keep"])]
         if self.parameters["key"]:
             arguments += ["--key", self.parameters["key"]]
-        self.take(*self.control("put", arguments + [source]))
+        self.change("put", arguments + [source])
 
     def require_signature(self, source):
         """Does the same as put, which is not run in check mode."""
@@ -382,7 +386,7 @@ class Bundle(object):
         if self.module.check_mode:
             self.plan("delete", name)
             return
-        self.take(*self.control("remove", [name]))
+        self.change("remove", [name])
 
     def rolled_back(self):
         arguments = [self.parameters["name"]]
@@ -399,7 +403,7 @@ class Bundle(object):
             return
         if wanted is not None:
             arguments += ["--to", str(wanted)]
-        self.take(*self.control("rollback", ["--soak", self.parameters["soak"]] + arguments))
+        self.change("rollback", ["--soak", self.parameters["soak"]] + arguments)
 
 
 def main():
