@@ -16,7 +16,7 @@ using Output::Colour;
 constexpr std::size_t SECONDS_WIDTH = 8;
 constexpr std::size_t BUNDLE_WIDTH = 12;
 
-std::string Padded(std::string text, std::size_t width, bool toTheRight)
+std::string Padded(const std::string& text, std::size_t width, bool toTheRight)
 {
     const std::string blanks(width - std::min(width, Output::WidthOf(text)), ' ');
     return toTheRight ? blanks + text : text + blanks;
