@@ -11,7 +11,7 @@ std::string Truth(bool value)
     return value ? "true" : "false";
 }
 
-std::string ListOf(std::vector<pid_t> pids)
+std::string ListOf(const std::vector<pid_t>& pids)
 {
     std::string text;
     for (const pid_t pid : pids) {

@@ -44,7 +44,7 @@ std::string RecordAt(long long second, const std::string& message, int pid = 12)
     std::tm utc{};
     ::gmtime_r(&seconds, &utc);
     std::array<char, 64> text{};
-    std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S.000000Z", &utc);
+    EXPECT_NE(std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S.000000Z", &utc), 0U);
     const std::string number = std::to_string(pid);
     return std::string(text.data()) + " INFO 4 0 " + number + " " + number + " a.cpp:1 " + message + "\n";
 }

@@ -18,7 +18,7 @@ public:
     /// Reads the reasons for a faulty bundle.
     static Ended Ask(const std::string& bundle)
     {
-        const Ended ended = Run({"why", bundle});
+        Ended ended = Run({"why", bundle});
         EXPECT_EQ(ended.status, 1) << ended.output << ended.errors;
         EXPECT_TRUE(FollowsSchema(Run({"why", bundle, "--json"}).output));
         return ended;

@@ -31,6 +31,7 @@ bool ChangesFiles(const __ptrace_syscall_info& info)
 pid_t StartTraced(const std::vector<std::string>& arguments)
 {
     std::vector<char*> words;
+    words.reserve(arguments.size() + 1);
     for (const std::string& argument : arguments) {
         words.push_back(const_cast<char*>(argument.c_str()));
     }

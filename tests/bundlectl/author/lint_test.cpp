@@ -67,7 +67,7 @@ TEST_F(LintOfAManifest, MustBeReadable)
 
 TEST_F(LintOfAManifest, MustNotBeTooLong)
 {
-    EXPECT_EQ(IdsOfManifest(HEAD + std::string(1024 * 1024, ';')), Found{"manifest-too-long"});
+    EXPECT_EQ(IdsOfManifest(HEAD + std::string(std::size_t{1024} * 1024, ';')), Found{"manifest-too-long"});
     EXPECT_EQ(IdsOfManifest(HEAD + std::string(1024, ';')), Found{});
 }
 

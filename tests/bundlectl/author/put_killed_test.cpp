@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -64,7 +65,7 @@ public:
     /// Runs the command again and again, and kills it one stop later each time, until it ends by itself.
     /// @param prepare restores the state before the command
     void KillEverywhere(const std::vector<std::string>& arguments, const std::function<void()>& prepare,
-                        const std::string& before, const std::string& after)
+                        const std::string& before, const std::string& after) const
     {
         bool wasKilled = true;
         int kills = 0;
@@ -92,13 +93,11 @@ public:
 
     bool OnlyWholeVersionsAreKept() const
     {
-        for (const auto& entry : fs::directory_iterator(Store() + "/versions/radio")) {
-            if (!Exists(entry.path() / "BundleManifest.ini") || !Exists(entry.path() / "bin/tunerd") ||
-                !Exists(entry.path() / ".bundlectl")) {
-                return false;
-            }
-        }
-        return true;
+        const fs::directory_iterator versions(Store() + "/versions/radio");
+        return std::all_of(begin(versions), end(versions), [](const fs::directory_entry& entry) {
+            return Exists(entry.path() / "BundleManifest.ini") && Exists(entry.path() / "bin/tunerd") &&
+                   Exists(entry.path() / ".bundlectl");
+        });
     }
 
     void Clear() const
