@@ -26,14 +26,13 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using namespace std::chrono_literals;
 
 /// How long a connection to a server may wait before the process to wait for is checked again.
 constexpr int LONGEST_LOOK = 1000;
 
 struct Options {
     std::string condition;
-    std::chrono::seconds timeout = 30s;
+    std::chrono::seconds timeout{30};
     long server = 0; ///< 0: any server that serves
     bool json = false;
     BundleCondition bundles;
@@ -63,7 +62,7 @@ int TellWhoServes(const Options& options, pid_t server)
 /// The service's socket is bound only after all bundles have been started.
 int WaitForServing(const Options& options)
 {
-    constexpr auto interval = 100ms;
+    constexpr std::chrono::milliseconds interval(100);
     const Clock::time_point end = Clock::now() + options.timeout;
     for (;;) {
         const bool hasEnded = options.server != 0 && HasEnded(static_cast<pid_t>(options.server));

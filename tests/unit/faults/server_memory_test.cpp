@@ -191,7 +191,8 @@ TEST_F(WithoutMemoryTheServer, AnswersEachDeleteRequestOnce)
             ASSERT_EQ(sent.size(), 1U);
             const int status = sent[0].header.status;
             EXPECT_TRUE(status == 400 ? log.HasPart("fail") || log.HasPart("exception") : status == 200) << status;
-            EXPECT_EQ(Exists(Path()), status != 200);
+            // A removal whose launch is reported as failed may be running.
+            EXPECT_TRUE(Exists(Path()) == (status != 200) || log.HasPart("remove cmd exception"));
         });
 }
 

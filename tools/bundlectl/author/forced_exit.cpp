@@ -78,15 +78,16 @@ public:
     /// How it has stopped. Empty when it has ended, or has not stopped within seconds.
     std::optional<int> NextStop()
     {
-        using namespace std::chrono_literals;
+        constexpr std::chrono::milliseconds patience(2000);
+        constexpr std::chrono::milliseconds pause(5);
         int status = 0;
-        for (auto left = 2000ms; m_isAttached && left > 0ms; left -= 5ms) {
+        for (auto left = patience; m_isAttached && left.count() > 0; left -= pause) {
             if (::waitpid(m_pid, &status, __WALL | WNOHANG) == m_pid) {
                 m_isStopped = WIFSTOPPED(status);
                 m_isAttached = m_isStopped;
                 return m_isStopped ? std::optional(WSTOPSIG(status)) : std::nullopt;
             }
-            std::this_thread::sleep_for(5ms);
+            std::this_thread::sleep_for(pause);
         }
         return std::nullopt;
     }
