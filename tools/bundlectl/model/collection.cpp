@@ -134,7 +134,6 @@ void Reader::TakeManifest(const BundleManifest& manifest, DeclaredBundle& bundle
 void Reader::Resolve()
 {
     for (const auto& [name, index] : m_taken) {
-        DeclaredBundle& bundle = m_collection.bundles[index];
         const std::shared_ptr<Bundle>& loaded = m_loaded.at(name);
         if (loaded->GetCurState() != Bundle::BUNDLE_INSTALLED) {
             continue; // already resolved with a bundle that requires it
@@ -142,6 +141,7 @@ void Reader::Resolve()
         try {
             m_manager.ResolveBundle(loaded);
         } catch (const Poco::Exception& e) {
+            DeclaredBundle& bundle = m_collection.bundles[index];
             Verdict verdict = Verdict::REQUIRED_MISSING;
             FindObstacle(name, bundle.chain, verdict);
             Refuse(bundle, verdict, e.displayText());

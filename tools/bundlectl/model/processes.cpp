@@ -35,7 +35,7 @@ struct Owner {
 /// Finds the bundle and item of a process from its program.
 class Programs {
 public:
-    Programs(const ProcessSources& sources) : m_proc(sources.proc), m_base(sources.base)
+    explicit Programs(const ProcessSources& sources) : m_proc(sources.proc), m_base(sources.base)
     {
         if (sources.collection == nullptr) {
             return;

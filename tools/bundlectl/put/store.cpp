@@ -116,10 +116,9 @@ int NumberIn(const std::string& name)
 
 } // namespace
 
-Store::Store(const std::string& collection, Access access) : m_access(access)
+Store::Store(const std::string& collection, Access access) : m_access(access), m_collection(Model::RealPath(collection))
 {
     struct stat status {};
-    m_collection = Model::RealPath(collection);
     if (::stat(m_collection.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || m_collection.front() != '/') {
         throw Refusal("the collection " + Printable(collection) + " is no directory.");
     }
