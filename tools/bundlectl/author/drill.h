@@ -97,8 +97,8 @@ private:
     void LeaveThreadAlone(const std::string& name, DrillResult& result);
     /// What ends a thread of the server ends the server.
     void EndServer(const Exercise& exercise, DrillResult& result);
-    /// Ends the server and starts it again. @return whether all items are up
-    bool RenewServer();
+    /// Ends the server and starts it again.
+    void RenewServer();
     /// The items whose thread from before goes on beside the new one.
     std::vector<std::string> ThreadsLeft(const std::vector<Item>& before);
 

@@ -68,6 +68,12 @@ std::set<pid_t> ChildrenOf(pid_t server)
     return children;
 }
 
+bool IsAlive(pid_t pid)
+{
+    const auto stat = Model::Proc().Stat(pid);
+    return stat && stat->IsAlive();
+}
+
 std::size_t CountDescriptors(pid_t pid)
 {
     const auto descriptors = Model::Proc().Descriptors(pid);

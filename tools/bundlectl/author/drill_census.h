@@ -29,6 +29,9 @@ void EndStrays(const std::vector<Stray>& strays);
 /// The children of the server that have executed an item or a script.
 std::set<pid_t> ChildrenOf(pid_t server);
 
+/// Whether a process runs. One that is dead and not yet reaped does not.
+bool IsAlive(pid_t pid);
+
 /// The number of a process's open descriptors.
 std::size_t CountDescriptors(pid_t pid);
 

@@ -2,7 +2,6 @@
 #include "drill.h"
 #include "forced_exit.h"
 #include "model/end_name.h"
-#include "model/proc.h"
 
 #include <csignal>
 
@@ -13,12 +12,6 @@ namespace {
 std::string EndedWith(const Model::ItemEnd& end)
 {
     return "It ended with " + Model::NameOfEnd(end.isSignal, end.number);
-}
-
-bool IsAlive(pid_t pid)
-{
-    const auto stat = Model::Proc().Stat(pid);
-    return stat && stat->IsAlive();
 }
 
 } // namespace

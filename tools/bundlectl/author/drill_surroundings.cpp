@@ -272,7 +272,8 @@ void Drill::FillLog(DrillResult& result)
     if (IsOfThreads()) {
         ::utimensat(AT_FDCWD, m_bundle.Path().c_str(), nullptr, 0);
         m_bundle.Wait(NOTICE);
-        result.Pass("The server goes on when the bundle is touched while the log's disk is full.");
+        const std::string when = " when the bundle is touched while the log's disk is full.";
+        IsAlive(m_bundle.Server()) ? result.Pass("The server goes on" + when) : result.Fail("The server ends" + when);
     }
     KillOneMeanwhile("while the log's disk was full", isBack, result);
     fs::remove(FILLER);

@@ -67,7 +67,7 @@ void Drill::EndServer(const Exercise& exercise, DrillResult& result)
     }
 }
 
-bool Drill::RenewServer()
+void Drill::RenewServer()
 {
     constexpr Milliseconds toEnd(3000);
     ::kill(m_bundle.Server(), SIGTERM);
@@ -75,7 +75,7 @@ bool Drill::RenewServer()
         ::kill(m_bundle.Server(), SIGKILL);
         m_bundle.WaitForServersEnd(toEnd);
     }
-    return m_bundle.StartServer(m_settings.settle + toEnd);
+    m_bundle.StartServer(m_settings.settle + toEnd);
 }
 
 std::vector<std::string> Drill::ThreadsLeft(const std::vector<Item>& before)
